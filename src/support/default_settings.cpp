@@ -1,0 +1,166 @@
+#include "support/default_settings.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "support/logger.h"
+#include "support/paths.h"
+
+namespace pelmora {
+namespace {
+
+bool writeAll(int fd, const std::string& data) {
+  size_t done = 0;
+  while (done < data.size()) {
+    const ssize_t n = ::write(fd, data.data() + done, data.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+}  // namespace
+
+std::optional<nlohmann::json> parseSettingsText(const std::string& text) {
+  auto value = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
+  if (value.is_discarded() || !value.is_object()) return std::nullopt;
+  return value;
+}
+
+DefaultSettings& DefaultSettings::shared() {
+  static DefaultSettings* settings = new DefaultSettings(paths::configDir() / "defaults.json");
+  return *settings;
+}
+
+DefaultSettings::DefaultSettings(std::filesystem::path file) : m_file(std::move(file)) {}
+
+void DefaultSettings::ensureLoadedLocked() {
+  if (m_loaded) return;
+  m_loaded = true;
+  m_values = nlohmann::json::object();
+  std::ifstream in(m_file, std::ios::binary);
+  if (!in) return;  // no file yet: defaults
+  std::stringstream buffer;
+  buffer << in.rdbuf();
+  if (auto parsed = parseSettingsText(buffer.str())) {
+    m_values = std::move(*parsed);
+    return;
+  }
+  std::filesystem::path aside = m_file;
+  aside += ".corrupt";
+  std::error_code ec;
+  std::filesystem::rename(m_file, aside, ec);
+  Log("Settings file " + m_file.string() + " is not valid; moved aside to " + aside.string() +
+      " and starting from defaults.");
+}
+
+void DefaultSettings::reload() {
+  MutexLock lock(m_mutex);
+  m_loaded = false;
+  ensureLoadedLocked();
+}
+
+std::optional<nlohmann::json> DefaultSettings::loadValue(const std::string& key) {
+  MutexLock lock(m_mutex);
+  ensureLoadedLocked();
+  auto it = m_values.find(key);
+  if (it == m_values.end()) return std::nullopt;
+  return *it;
+}
+
+bool DefaultSettings::contains(const std::string& key) { return loadValue(key).has_value(); }
+
+bool DefaultSettings::loadBool(const std::string& key, bool def) {
+  auto v = loadValue(key);
+  if (v && v->is_boolean()) return v->get<bool>();
+  if (v && v->is_number_integer()) return v->get<int64_t>() != 0;
+  return def;
+}
+
+int64_t DefaultSettings::loadInt(const std::string& key, int64_t def) {
+  auto v = loadValue(key);
+  if (v && v->is_number_integer()) return v->get<int64_t>();
+  if (v && v->is_number_float()) {
+    const double d = v->get<double>();
+    if (d >= -9.2e18 && d <= 9.2e18) return static_cast<int64_t>(d);
+  }
+  return def;
+}
+
+double DefaultSettings::loadDouble(const std::string& key, double def) {
+  auto v = loadValue(key);
+  if (v && v->is_number()) return v->get<double>();
+  return def;
+}
+
+std::string DefaultSettings::loadString(const std::string& key, const std::string& def) {
+  auto v = loadValue(key);
+  if (v && v->is_string()) return v->get<std::string>();
+  return def;
+}
+
+nlohmann::json DefaultSettings::loadDict(const std::string& key, const nlohmann::json& def) {
+  auto v = loadValue(key);
+  if (v && v->is_object()) return *v;
+  return def;
+}
+
+void DefaultSettings::storeLocked(const std::string& key, nlohmann::json value) {
+  ensureLoadedLocked();
+  m_values[key] = std::move(value);
+  writeLocked();
+}
+
+void DefaultSettings::saveBool(const std::string& key, bool value) {
+  MutexLock lock(m_mutex);
+  storeLocked(key, value);
+}
+void DefaultSettings::saveInt(const std::string& key, int64_t value) {
+  MutexLock lock(m_mutex);
+  storeLocked(key, value);
+}
+void DefaultSettings::saveDouble(const std::string& key, double value) {
+  MutexLock lock(m_mutex);
+  storeLocked(key, value);
+}
+void DefaultSettings::saveString(const std::string& key, const std::string& value) {
+  MutexLock lock(m_mutex);
+  storeLocked(key, value);
+}
+void DefaultSettings::saveDict(const std::string& key, const nlohmann::json& value) {
+  MutexLock lock(m_mutex);
+  storeLocked(key, value);
+}
+
+void DefaultSettings::remove(const std::string& key) {
+  MutexLock lock(m_mutex);
+  ensureLoadedLocked();
+  if (m_values.erase(key) > 0) writeLocked();
+}
+
+void DefaultSettings::writeLocked() {
+  std::error_code ec;
+  std::filesystem::create_directories(m_file.parent_path(), ec);
+  std::filesystem::path temp = m_file;
+  temp += ".tmp";
+  const std::string text = m_values.dump(2) + "\n";
+  const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    Log("Could not write settings to " + temp.string() + ": " + std::strerror(errno) + ".");
+    return;
+  }
+  const bool ok = writeAll(fd, text) && ::fsync(fd) == 0;
+  ::close(fd);
+  if (!ok || ::rename(temp.c_str(), m_file.c_str()) != 0) {
+    Log("Could not write settings to " + m_file.string() + ": " + std::strerror(errno) + ".");
+    ::unlink(temp.c_str());
+  }
+}
+
+}  // namespace pelmora

@@ -1,0 +1,48 @@
+#include "support/paths.h"
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+namespace pelmora::paths {
+namespace {
+
+std::filesystem::path env(const char* name) {
+  const char* v = std::getenv(name);
+  return (v && *v) ? std::filesystem::path(v) : std::filesystem::path();
+}
+
+std::filesystem::path home() {
+  if (auto h = env("HOME"); !h.empty()) return h;
+  if (const passwd* pw = getpwuid(getuid())) return pw->pw_dir;
+  return "/tmp";
+}
+
+std::filesystem::path xdg(const char* var, const char* fallback) {
+  if (auto v = env(var); !v.empty() && v.is_absolute()) return v;
+  return home() / fallback;
+}
+
+}  // namespace
+
+std::filesystem::path configDir() {
+  if (auto v = env("PELMORA_CONFIG_DIR"); !v.empty()) return v;
+  return xdg("XDG_CONFIG_HOME", ".config") / "pelmora";
+}
+
+std::filesystem::path stateDir() {
+  if (auto v = env("PELMORA_STATE_DIR"); !v.empty()) return v;
+  return xdg("XDG_STATE_HOME", ".local/state") / "pelmora";
+}
+
+std::filesystem::path autostartDir() { return xdg("XDG_CONFIG_HOME", ".config") / "autostart"; }
+
+std::filesystem::path resourcesDir() {
+  if (auto v = env("PELMORA_RESOURCES_DIR"); !v.empty()) return v;
+  std::error_code ec;
+  if (std::filesystem::is_directory(PELMORA_DATA_DIR, ec)) return PELMORA_DATA_DIR;
+  return PELMORA_SOURCE_RESOURCES;
+}
+
+}  // namespace pelmora::paths

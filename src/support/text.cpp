@@ -1,0 +1,100 @@
+#include "support/text.h"
+
+#include <cctype>
+#include <charconv>
+
+namespace pelmora {
+
+std::string_view trim(std::string_view text) {
+  const auto is_space = [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; };
+  while (!text.empty() && is_space(text.front())) text.remove_prefix(1);
+  while (!text.empty() && is_space(text.back())) text.remove_suffix(1);
+  return text;
+}
+
+std::vector<std::string_view> split(std::string_view text, char separator, bool keep_empty) {
+  std::vector<std::string_view> parts;
+  size_t start = 0;
+  while (true) {
+    const size_t end = text.find(separator, start);
+    const std::string_view piece = text.substr(start, end == std::string_view::npos ? std::string_view::npos : end - start);
+    if (keep_empty || !piece.empty()) parts.push_back(piece);
+    if (end == std::string_view::npos) break;
+    start = end + 1;
+  }
+  return parts;
+}
+
+std::vector<std::string_view> splitWhitespace(std::string_view text) {
+  std::vector<std::string_view> parts;
+  size_t i = 0;
+  while (i < text.size()) {
+    while (i < text.size() && std::isspace(static_cast<unsigned char>(text[i]))) ++i;
+    const size_t start = i;
+    while (i < text.size() && !std::isspace(static_cast<unsigned char>(text[i]))) ++i;
+    if (i > start) parts.push_back(text.substr(start, i - start));
+  }
+  return parts;
+}
+
+std::optional<int64_t> parseInt64(std::string_view text) {
+  if (!text.empty() && text.front() == '+') text.remove_prefix(1);
+  int64_t value = 0;
+  auto [ptr, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (text.empty() || ec != std::errc() || ptr != text.data() + text.size()) return std::nullopt;
+  return value;
+}
+
+std::optional<uint64_t> parseUInt64(std::string_view text) {
+  uint64_t value = 0;
+  auto [ptr, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (text.empty() || ec != std::errc() || ptr != text.data() + text.size()) return std::nullopt;
+  return value;
+}
+
+std::optional<double> parseDouble(std::string_view text) {
+  if (!text.empty() && text.front() == '+') text.remove_prefix(1);
+  double value = 0;
+  auto [ptr, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (text.empty() || ec != std::errc() || ptr != text.data() + text.size()) return std::nullopt;
+  return value;
+}
+
+bool startsWith(std::string_view text, std::string_view prefix) {
+  return text.substr(0, prefix.size()) == prefix;
+}
+
+std::string toLower(std::string_view text) {
+  std::string out(text);
+  for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return out;
+}
+
+std::string toUpper(std::string_view text) {
+  std::string out(text);
+  for (char& c : out) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return out;
+}
+
+std::optional<std::vector<int>> parseCpuList(std::string_view text) {
+  std::vector<int> cpus;
+  text = trim(text);
+  if (text.empty()) return cpus;
+  for (std::string_view piece : split(text, ',')) {
+    const auto range = split(piece, '-');
+    if (range.size() == 1) {
+      auto n = parseInt64(range[0]);
+      if (!n || *n < 0 || *n > 65535) return std::nullopt;
+      cpus.push_back(static_cast<int>(*n));
+    } else if (range.size() == 2) {
+      auto a = parseInt64(range[0]), b = parseInt64(range[1]);
+      if (!a || !b || *a < 0 || *b < *a || *b > 65535) return std::nullopt;
+      for (int64_t i = *a; i <= *b; ++i) cpus.push_back(static_cast<int>(i));
+    } else {
+      return std::nullopt;
+    }
+  }
+  return cpus;
+}
+
+}  // namespace pelmora

@@ -1,0 +1,94 @@
+#include "support/timer_queue.h"
+
+#include <algorithm>
+
+namespace pelmora {
+
+TimerQueue::TimerQueue(std::string label, int64_t interval_us, std::function<void()> start_hook,
+                       std::function<void()> action)
+    : m_label(std::move(label)),
+      m_start_hook(std::move(start_hook)),
+      m_action(std::move(action)),
+      m_interval_us(std::max<int64_t>(interval_us, 1)) {}
+
+TimerQueue::~TimerQueue() { stop(); }
+
+bool TimerQueue::start(QoS qos) {
+  std::lock_guard lock(m_mutex);
+  if (m_running) return false;
+  m_running = true;
+  m_stop = false;
+  m_qos = qos;
+  m_qos_pending = true;
+  m_thread = std::thread([this] { threadMain(); });
+  return true;
+}
+
+void TimerQueue::stop() {
+  std::thread thread;
+  {
+    std::lock_guard lock(m_mutex);
+    if (!m_running) return;
+    m_stop = true;
+    thread = std::move(m_thread);
+  }
+  m_cv.notify_all();
+  if (thread.joinable()) thread.join();
+  std::lock_guard lock(m_mutex);
+  m_running = false;
+}
+
+bool TimerQueue::running() const {
+  std::lock_guard lock(m_mutex);
+  return m_running;
+}
+
+void TimerQueue::setPeriod_us(int64_t interval_us) {
+  {
+    std::lock_guard lock(m_mutex);
+    m_interval_us = std::max<int64_t>(interval_us, 1);
+    m_period_changed = true;
+  }
+  m_cv.notify_all();
+}
+
+int64_t TimerQueue::period_us() const {
+  std::lock_guard lock(m_mutex);
+  return m_interval_us;
+}
+
+void TimerQueue::setQoS(QoS qos) {
+  std::lock_guard lock(m_mutex);
+  m_qos = qos;
+  m_qos_pending = true;
+}
+
+void TimerQueue::threadMain() {
+  nameCurrentThread(m_label);
+  if (m_start_hook) m_start_hook();
+  using clock = std::chrono::steady_clock;
+  std::unique_lock lock(m_mutex);
+  auto next = clock::now() + std::chrono::microseconds(m_interval_us);
+  while (!m_stop) {
+    if (m_qos_pending) {
+      m_qos_pending = false;
+      applyQoSToCurrentThread(m_qos);
+    }
+    if (m_cv.wait_until(lock, next, [this] { return m_stop || m_period_changed; })) {
+      if (m_stop) break;
+      // A new period counts from now, so a shorter period takes effect at once.
+      m_period_changed = false;
+      next = clock::now() + std::chrono::microseconds(m_interval_us);
+      continue;
+    }
+    lock.unlock();
+    m_action();
+    lock.lock();
+    const auto period = std::chrono::microseconds(m_interval_us);
+    next += period;
+    // A tick that overran its period does not try to catch up with a burst.
+    if (const auto now = clock::now(); next < now) next = now + period;
+  }
+}
+
+}  // namespace pelmora

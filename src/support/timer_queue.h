@@ -1,0 +1,53 @@
+#pragma once
+// A repeating timer on a thread of its own: a start hook runs once on that thread, then the action
+// runs every period until stop(). The period may change while it runs (the sleeping thread wakes
+// and re-arms). stop() joins the thread, so it must not be called from the action itself.
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "support/thread_policy.h"
+
+namespace pelmora {
+
+class TimerQueue {
+ public:
+  TimerQueue(std::string label, int64_t interval_us, std::function<void()> start_hook,
+             std::function<void()> action);
+  ~TimerQueue();
+  TimerQueue(const TimerQueue&) = delete;
+  TimerQueue& operator=(const TimerQueue&) = delete;
+
+  // Starts the thread; false when it is already running.
+  bool start(QoS qos = QoS::defaultQoS);
+  void stop();
+  bool running() const;
+  void setPeriod_us(int64_t interval_us);
+  int64_t period_us() const;
+  // Applied by the timer thread before its next action.
+  void setQoS(QoS qos);
+  const std::string& label() const { return m_label; }
+
+ private:
+  void threadMain();
+
+  const std::string m_label;
+  std::function<void()> m_start_hook;
+  std::function<void()> m_action;
+
+  mutable std::mutex m_mutex;
+  std::condition_variable m_cv;
+  std::thread m_thread;
+  int64_t m_interval_us;
+  bool m_running = false;
+  bool m_stop = false;
+  bool m_period_changed = false;
+  bool m_qos_pending = false;
+  QoS m_qos = QoS::defaultQoS;
+};
+
+}  // namespace pelmora

@@ -1,0 +1,20 @@
+#pragma once
+// The seam between the helper client and whoever answers it: the daemon over its Unix socket, the
+// same handler code in-process when no daemon answers, or a fake in tests.
+#include <optional>
+
+#include "support/xpc_value.h"
+
+namespace pelmora {
+
+class XPCTransport {
+ public:
+  virtual ~XPCTransport() = default;
+  // One synchronous exchange. None when the peer could not be reached or its reply was malformed
+  // (the connection is then dropped and re-made at the next exchange; nothing is retried).
+  virtual std::optional<XPCDict> exchange(const XPCDict& request) = 0;
+  // A message that needs no reply.
+  virtual void sendOneWay(const XPCDict& message) = 0;
+};
+
+}  // namespace pelmora

@@ -1,0 +1,64 @@
+#include "support/main_queue.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+#include "support/broadcast.h"
+
+using namespace pelmora;
+
+TEST(MainQueue, JobsPostedFromAnotherThreadRunOnTheLoopThreadInOrder) {
+  std::vector<int> order;
+  std::thread::id ran_on;
+  std::thread poster([&] {
+    for (int i = 0; i < 3; ++i)
+      MainQueue::post([&, i] {
+        order.push_back(i);
+        ran_on = std::this_thread::get_id();
+      });
+  });
+  poster.join();
+  EXPECT_EQ(RunLoop::main().runUntilIdle(), 3);
+  EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));
+  EXPECT_EQ(ran_on, std::this_thread::get_id());
+}
+
+TEST(MainQueue, InstalledPosterReceivesJobs) {
+  std::vector<MainQueue::Job> captured;
+  MainQueue::install([&](MainQueue::Job job) { captured.push_back(std::move(job)); });
+  int ran = 0;
+  MainQueue::post([&] { ++ran; });
+  MainQueue::install(nullptr);
+  ASSERT_EQ(captured.size(), 1u);
+  EXPECT_EQ(RunLoop::main().runUntilIdle(), 0);
+  captured[0]();
+  EXPECT_EQ(ran, 1);
+}
+
+TEST(Broadcast, AsyncDeliveryWaitsForTheLoopAndListenersLeaveByKey) {
+  int a = 0, b = 0;
+  AddListener("pelmora.test", "A", [&](const std::string&) { ++a; });
+  AddListener("pelmora.test", "B", [&](const std::string&) { ++b; });
+  AddListener("pelmora.test", "B", [&](const std::string&) { b += 10; });  // replaces
+  Broadcast("pelmora.test");
+  EXPECT_EQ(a, 0);
+  RunLoop::main().runUntilIdle();
+  EXPECT_EQ(a, 1);
+  EXPECT_EQ(b, 10);
+  RemoveListener("pelmora.test", "A");
+  Broadcast("pelmora.test", /*async=*/false);
+  EXPECT_EQ(a, 1);
+  EXPECT_EQ(b, 20);
+  RemoveListener("pelmora.test", "B");
+  Broadcast("pelmora.other", false);
+}
+
+TEST(RunLoop, QuitFromAnotherThreadEndsRun) {
+  RunLoop loop;
+  std::thread t([&] { loop.post([&] { loop.quit(); }); });
+  loop.run();
+  t.join();
+  SUCCEED();
+}

@@ -1,0 +1,78 @@
+#include "support/timer_queue.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+using pelmora::QoS;
+using pelmora::TimerQueue;
+
+namespace {
+
+// Waits (bounded) until pred holds; the tests check behaviour, never timing.
+template <typename Pred>
+bool eventually(Pred pred, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+  const auto until = std::chrono::steady_clock::now() + limit;
+  while (!pred()) {
+    if (std::chrono::steady_clock::now() > until) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+TEST(TimerQueue, StartHookRunsOnceOnTheTimerThreadBeforeActions) {
+  std::atomic<int> hooks{0}, actions{0};
+  std::atomic<bool> hook_before_action{true};
+  std::thread::id hook_thread, action_thread;
+  TimerQueue timer(
+      "net.tandrel.pelmora.test", 1000,
+      [&] { hook_thread = std::this_thread::get_id(); ++hooks; },
+      [&] {
+        if (hooks == 0) hook_before_action = false;
+        action_thread = std::this_thread::get_id();
+        ++actions;
+      });
+  EXPECT_TRUE(timer.start(QoS::userInteractive));
+  EXPECT_FALSE(timer.start());  // already running
+  ASSERT_TRUE(eventually([&] { return actions >= 3; }));
+  timer.stop();
+  EXPECT_EQ(hooks, 1);
+  EXPECT_TRUE(hook_before_action);
+  EXPECT_EQ(hook_thread, action_thread);
+  EXPECT_NE(action_thread, std::this_thread::get_id());
+}
+
+TEST(TimerQueue, ShorteningThePeriodWhileRunningTakesEffectWithoutWaitingOutTheOldOne) {
+  std::atomic<int> actions{0};
+  TimerQueue timer("t", 3'600'000'000LL /* an hour */, nullptr, [&] { ++actions; });
+  timer.start();
+  timer.setPeriod_us(1000);
+  EXPECT_EQ(timer.period_us(), 1000);
+  EXPECT_TRUE(eventually([&] { return actions >= 2; }));
+  timer.setPeriod_us(3'600'000'000LL);
+  const int before = actions;
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_LE(actions - before, 1);  // at most one action was already under way
+  timer.stop();
+}
+
+TEST(TimerQueue, StopJoinsAndRestartRunsTheHookAgain) {
+  std::atomic<int> hooks{0}, actions{0};
+  TimerQueue timer("t", 1000, [&] { ++hooks; }, [&] { ++actions; });
+  timer.start();
+  ASSERT_TRUE(eventually([&] { return actions >= 1; }));
+  timer.stop();
+  EXPECT_FALSE(timer.running());
+  const int after_stop = actions;
+  std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_EQ(actions, after_stop);
+  EXPECT_TRUE(timer.start());
+  ASSERT_TRUE(eventually([&] { return actions > after_stop; }));
+  timer.stop();
+  EXPECT_EQ(hooks, 2);
+  timer.stop();  // a second stop is harmless
+}
+
+}  // namespace
