@@ -1,0 +1,79 @@
+#pragma once
+// Pelmora: the application's single client of the privileged helper. One operation per helper
+// request; each is one synchronous exchange made on the calling thread. Replies are checked exactly
+// as the wire protocol says, and failures are logged, never thrown. When no daemon answers, the same
+// requests are served in-process with the user's own rights.
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "support/kernel_records.h"
+#include "support/mutex.h"
+#include "support/unique_fd.h"
+#include "support/xpc_transport.h"
+
+namespace pelmora {
+
+class XPC;
+
+// The CPU settings window's controls that make up the boot-time settings text.
+struct BootControls {
+  bool hyper_threading = true;
+  bool prefer_physical = false;
+  bool throttle = true;
+  int cpu_count = 1;
+};
+
+class Pelmora {
+ public:
+  static Pelmora& shared();
+  // A client over the given transport (tests; tools that talk to a chosen socket).
+  explicit Pelmora(std::unique_ptr<XPCTransport> transport);
+  ~Pelmora();
+
+  // Fields stay as in `current` when the reply has no "cpuinfo".
+  cpu_numbers_t requestCpuInfo(cpu_numbers_t current = {});
+  bool isRunning(int cpu, bool default_value);
+  void setCpuCount(int count, bool hyper, bool prefer_physical);
+  void setThrottle(bool enable);
+  void setPriority(int32_t pid, int nice);
+  // The helper's "kill" reply: 0 for success; -1 when there was no answer.
+  int sendSignal(int32_t pid, int32_t signal);
+  std::optional<std::string> pidName(int32_t pid);
+  std::optional<proc_taskinfo> taskInfo(int32_t pid, bool via_helper);
+  std::optional<proc_taskallinfo> taskAllInfo(int32_t pid, bool via_helper);
+  std::optional<rusage_info_v3> rusage(int32_t pid, bool via_helper);
+  std::optional<std::map<int, std::string>> pidFiles(int32_t pid, bool via_helper);
+
+  struct PowerMetricsResult {
+    int status = -1;  // 0 is success
+    int32_t pid = -1;
+    UniqueFd fd;      // the read end of the tool's output; invalid on failure
+  };
+  PowerMetricsResult powerMetrics(int sample_interval_ms);
+
+  // Installs or removes the boot-time apply. Without controls (no settings window) it stops silently.
+  void applyBoot(bool install, const std::optional<BootControls>& controls);
+  // The settings text for the given controls, e.g. "-h on -p -t off -n 6".
+  static std::string bootSettingsText(const BootControls& controls, bool has_hardware_threads);
+
+  bool authorised();
+  // Stores the flag and broadcasts "net.tandrel.pelmora.authchanged".
+  void setAuthorised(bool authorised);
+  // Asks the daemon to authorise this connection (polkit); "OK" or the error text.
+  std::string authorize();
+  void deauthorize();
+  // One-way "quit" at the end of the program.
+  void quit();
+  // False when requests are being served in-process because no daemon answered.
+  bool viaDaemon();
+
+ private:
+  std::unique_ptr<XPC> m_xpc;
+  bool m_authorised = false;
+  Mutex m_mutex;  // guards m_authorised
+};
+
+}  // namespace pelmora
