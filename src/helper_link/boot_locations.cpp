@@ -1,0 +1,45 @@
+#include "helper_link/boot_locations.h"
+
+#include <cstdlib>
+#include <string>
+
+namespace pelmora {
+namespace fs = std::filesystem;
+
+namespace {
+
+fs::path underRoot(const char* root, const fs::path& absolute) {
+  if (!root || !*root) return absolute;
+  return fs::path(root) / absolute.relative_path();
+}
+
+}  // namespace
+
+BootLocations BootLocations::standard() {
+  const char* root = std::getenv("PELMORA_BOOT_ROOT");
+  BootLocations out;
+  out.support_dir = underRoot(root, "/var/lib/pelmora");
+  out.unit_file = underRoot(root, "/etc/systemd/system/net.tandrel.bootpelmora.service");
+  std::error_code ec;
+  out.resources_dir = fs::is_directory(PELMORA_LIBEXEC_DIR, ec) ? fs::path(PELMORA_LIBEXEC_DIR)
+                                                                 : fs::path(PELMORA_SOURCE_RESOURCES);
+  return out;
+}
+
+bool BootLocations::installed() const {
+  std::error_code ec;
+  // symlink_status: a dangling unit link still counts as something installed.
+  return fs::exists(fs::symlink_status(support_dir, ec)) || fs::exists(fs::symlink_status(unit_file, ec));
+}
+
+std::optional<BootLocations::Resources> BootLocations::resources() const {
+  std::error_code ec;
+  const fs::path dir = fs::absolute(resources_dir, ec);
+  if (ec) return std::nullopt;
+  Resources out{dir / "applyboot.sh", dir / "pelmora", dir / "net.tandrel.bootpelmora.service"};
+  for (const fs::path& p : {out.script, out.pelmora, out.unit})
+    if (!fs::is_regular_file(p, ec)) return std::nullopt;
+  return out;
+}
+
+}  // namespace pelmora

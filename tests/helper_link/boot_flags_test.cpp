@@ -1,0 +1,122 @@
+// The boot settings text, the hardware-thread check on sysfs trees, and the tool's flag parser
+// (which must read back every text the settings side writes).
+#include "helper_link/boot_flags.h"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+
+#include "temp_tree.h"
+
+namespace pelmora {
+namespace {
+
+// The daemon accepts only settings texts of this form.
+const std::regex kSettingsForm("(-h (on|off) )?(-p )?-t (on|off) -n [0-9]{1,4}");
+
+TEST(BootSettingsText, FlagsInOrderAndHyperOnlyWithHardwareThreads) {
+  struct Case {
+    BootControls controls;
+    bool threads;
+    const char* text;
+  };
+  const std::vector<Case> cases = {
+      {{true, true, false, 6}, true, "-h on -p -t off -n 6"},
+      {{false, false, true, 2}, true, "-h off -t on -n 2"},
+      {{true, false, true, 8}, false, "-t on -n 8"},
+      {{false, true, false, 1}, false, "-p -t off -n 1"},
+      {{true, true, true, 9999}, true, "-h on -p -t on -n 9999"},
+  };
+  for (const auto& c : cases) {
+    const std::string text = bootSettingsText(c.controls, c.threads);
+    EXPECT_EQ(text, c.text);
+    EXPECT_TRUE(std::regex_match(text, kSettingsForm)) << text;
+  }
+}
+
+TEST(BootSettingsText, ReadsBackThroughTheFlagParser) {
+  for (int mask = 0; mask < 16; ++mask) {
+    const BootControls controls{(mask & 1) != 0, (mask & 2) != 0, (mask & 4) != 0, 3 + mask};
+    const bool threads = (mask & 8) != 0;
+    const auto parsed = parseBootFlags(test::words(bootSettingsText(controls, threads)));
+    ASSERT_TRUE(parsed.flags) << parsed.error;
+    EXPECT_EQ(parsed.flags->cpu_count, controls.cpu_count);
+    EXPECT_EQ(parsed.flags->throttle, controls.throttle);
+    EXPECT_EQ(parsed.flags->prefer_physical, controls.prefer_physical);
+    EXPECT_EQ(parsed.flags->hyper_threading, threads ? std::optional<bool>(controls.hyper_threading) : std::nullopt);
+  }
+}
+
+TEST(HardwareThreads, FromThreadSiblingsLists) {
+  struct Case {
+    const char* name;
+    std::vector<std::pair<std::string, std::string>> files;
+    bool expected;
+  };
+  const std::string topo = "devices/system/cpu/";
+  const std::vector<Case> cases = {
+      {"single-thread cores", {{topo + "cpu0/topology/thread_siblings_list", "0\n"},
+                               {topo + "cpu1/topology/thread_siblings_list", "1\n"}}, false},
+      {"smt pairs", {{topo + "cpu0/topology/thread_siblings_list", "0,4\n"},
+                     {topo + "cpu4/topology/thread_siblings_list", "0,4\n"}}, true},
+      {"range form", {{topo + "cpu0/topology/thread_siblings_list", "0-1\n"}}, true},
+      // Only a late cpu has siblings: the others (and non-cpu entries) must not hide it.
+      {"late core", {{topo + "cpu0/topology/thread_siblings_list", "0\n"},
+                     {topo + "cpufreq/topology/thread_siblings_list", "0-7\n"},
+                     {topo + "cpu11/topology/thread_siblings_list", "10-11\n"}}, true},
+      {"only a non-cpu entry", {{topo + "cpuidle/topology/thread_siblings_list", "0-7\n"}}, false},
+      {"garbage", {{topo + "cpu0/topology/thread_siblings_list", "zero\n"}}, false},
+      {"no topology", {{topo + "cpu0/online", "1\n"}}, false},
+      {"no cpus at all", {}, false},
+  };
+  for (const auto& c : cases) {
+    test::TempTree tree;
+    for (const auto& [path, text] : c.files) tree.write(path, text);
+    EXPECT_EQ(hasHardwareThreads(SysRoot("/nonexistent", tree.path())), c.expected) << c.name;
+  }
+}
+
+TEST(BootFlagsParser, AcceptsAndRejects) {
+  struct Case {
+    const char* args;
+    bool ok;
+    std::optional<bool> hyper;
+    bool prefer;
+    std::optional<bool> throttle;
+    std::optional<int> count;
+  };
+  const std::vector<Case> cases = {
+      {"-t on -n 4", true, {}, false, true, 4},
+      {"-n 4 -t off", true, {}, false, false, 4},
+      {"-t off", true, {}, false, false, {}},
+      {"-n 1", true, {}, false, {}, 1},
+      {"-h off -p -t on -n 12", true, false, true, true, 12},
+      {"-t on -t off", true, {}, false, false, {}},  // the last one wins
+      {"", false, {}, false, {}, {}},
+      {"-t", false, {}, false, {}, {}},
+      {"-t yes", false, {}, false, {}, {}},
+      {"-n 0", false, {}, false, {}, {}},
+      {"-n -3", false, {}, false, {}, {}},
+      {"-n 10000", false, {}, false, {}, {}},
+      {"-n 4x", false, {}, false, {}, {}},
+      {"-h on", false, {}, false, {}, {}},  // which processors? needs -n
+      {"-p -t on", false, {}, false, {}, {}},
+      {"-x", false, {}, false, {}, {}},
+      {"-t on extra", false, {}, false, {}, {}},
+  };
+  for (const auto& c : cases) {
+    const auto parsed = parseBootFlags(test::words(c.args));
+    ASSERT_EQ(parsed.flags.has_value(), c.ok) << c.args << ": " << parsed.error;
+    if (!c.ok) {
+      EXPECT_FALSE(parsed.error.empty()) << c.args;
+      continue;
+    }
+    EXPECT_EQ(parsed.flags->hyper_threading, c.hyper) << c.args;
+    EXPECT_EQ(parsed.flags->prefer_physical, c.prefer) << c.args;
+    EXPECT_EQ(parsed.flags->throttle, c.throttle) << c.args;
+    EXPECT_EQ(parsed.flags->cpu_count, c.count) << c.args;
+  }
+}
+
+}  // namespace
+}  // namespace pelmora
