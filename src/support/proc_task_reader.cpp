@@ -1,0 +1,334 @@
+#include "support/proc_task_reader.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <ctime>
+
+#include "support/text.h"
+
+namespace pelmora {
+namespace {
+
+// The value after "Key:" on the line that starts with key, within text.
+std::optional<std::string_view> keyedValue(std::string_view text, std::string_view key) {
+  for (std::string_view line : split(text, '\n', false)) {
+    if (line.size() > key.size() && startsWith(line, key) && line[key.size()] == ':') {
+      return trim(line.substr(key.size() + 1));
+    }
+  }
+  return std::nullopt;
+}
+
+bool parseIdRow(std::string_view value, uint32_t out[4]) {
+  auto parts = splitWhitespace(value);
+  if (parts.size() != 4) return false;
+  for (size_t i = 0; i < 4; ++i) {
+    auto v = parseUInt64(parts[i]);
+    if (!v || *v > UINT32_MAX) return false;
+    out[i] = static_cast<uint32_t>(*v);
+  }
+  return true;
+}
+
+int32_t clamp32(uint64_t v) { return static_cast<int32_t>(std::min<uint64_t>(v, INT32_MAX)); }
+
+void copyName(char* out, size_t size, const std::string& name) {
+  std::memset(out, 0, size);
+  std::memcpy(out, name.data(), std::min(name.size(), size - 1));
+}
+
+std::optional<std::string> readLink(const std::string& path) {
+  char buffer[PATH_MAX];
+  const ssize_t n = ::readlink(path.c_str(), buffer, sizeof buffer);
+  if (n < 0) return std::nullopt;
+  return std::string(buffer, static_cast<size_t>(n));
+}
+
+std::string baseName(const std::string& path) {
+  std::string name = path;
+  // A replaced executable reads "/usr/bin/foo (deleted)".
+  constexpr std::string_view kDeleted = " (deleted)";
+  if (name.size() > kDeleted.size() && name.ends_with(kDeleted)) name.resize(name.size() - kDeleted.size());
+  const auto slash = name.rfind('/');
+  return slash == std::string::npos ? name : name.substr(slash + 1);
+}
+
+}  // namespace
+
+std::optional<ProcStat> parseProcStat(std::string_view text) {
+  // The command name sits in parentheses and may itself hold spaces and ')'.
+  const auto open = text.find('(');
+  const auto close = text.rfind(')');
+  if (open == std::string_view::npos || close == std::string_view::npos || close < open) return std::nullopt;
+  ProcStat s;
+  auto pid = parseInt64(trim(text.substr(0, open)));
+  if (!pid) return std::nullopt;
+  s.pid = static_cast<int>(*pid);
+  s.comm = std::string(text.substr(open + 1, close - open - 1));
+  auto f = splitWhitespace(text.substr(close + 1));
+  // f[0] is field 3 (state); field N is f[N - 3].
+  if (f.size() < 21 || f[0].size() != 1) return std::nullopt;
+  auto num = [&](int field) { return parseInt64(f[static_cast<size_t>(field - 3)]); };
+  auto unum = [&](int field) { return parseUInt64(f[static_cast<size_t>(field - 3)]); };
+  s.state = f[0][0];
+  auto ppid = num(4), pgrp = num(5), tty = num(7), tpgid = num(8), prio = num(18), nice = num(19),
+       threads = num(20);
+  auto flags = unum(9), minflt = unum(10), majflt = unum(12), ut = unum(14), st = unum(15), cut = unum(16),
+       cst = unum(17), start = unum(22), vsize = unum(23);
+  if (!ppid || !pgrp || !tty || !tpgid || !prio || !nice || !threads || !flags || !minflt || !majflt || !ut ||
+      !st || !cut || !cst || !start || !vsize) {
+    return std::nullopt;
+  }
+  s.ppid = static_cast<int>(*ppid);
+  s.pgrp = static_cast<int>(*pgrp);
+  s.tty_nr = static_cast<int>(*tty);
+  s.tpgid = static_cast<int>(*tpgid);
+  s.flags = static_cast<uint32_t>(*flags);
+  s.minflt = *minflt;
+  s.majflt = *majflt;
+  s.utime_ticks = *ut;
+  s.stime_ticks = *st;
+  s.cutime_ticks = *cut;
+  s.cstime_ticks = *cst;
+  s.priority = *prio;
+  s.nice = *nice;
+  s.num_threads = *threads;
+  s.starttime_ticks = *start;
+  s.vsize_bytes = *vsize;
+  return s;
+}
+
+std::optional<ProcStatus> parseProcStatus(std::string_view text) {
+  ProcStatus s;
+  auto name = keyedValue(text, "Name");
+  auto uid = keyedValue(text, "Uid");
+  auto gid = keyedValue(text, "Gid");
+  if (!name || !uid || !gid || !parseIdRow(*uid, s.uid) || !parseIdRow(*gid, s.gid)) return std::nullopt;
+  s.name = std::string(*name);
+  if (auto v = keyedValue(text, "Threads")) s.threads = parseInt64(*v).value_or(0);
+  if (auto v = keyedValue(text, "voluntary_ctxt_switches")) s.voluntary_ctxt_switches = parseUInt64(*v).value_or(0);
+  if (auto v = keyedValue(text, "nonvoluntary_ctxt_switches")) {
+    s.nonvoluntary_ctxt_switches = parseUInt64(*v).value_or(0);
+  }
+  return s;
+}
+
+std::optional<ProcStatm> parseProcStatm(std::string_view text) {
+  auto parts = splitWhitespace(text);
+  if (parts.size() < 2) return std::nullopt;
+  auto size = parseUInt64(parts[0]), resident = parseUInt64(parts[1]);
+  if (!size || !resident) return std::nullopt;
+  return ProcStatm{*size, *resident};
+}
+
+std::optional<ProcIo> parseProcIo(std::string_view text) {
+  auto read = keyedValue(text, "read_bytes");
+  auto write = keyedValue(text, "write_bytes");
+  if (!read || !write) return std::nullopt;
+  auto r = parseUInt64(*read), w = parseUInt64(*write);
+  if (!r || !w) return std::nullopt;
+  return ProcIo{*r, *w};
+}
+
+std::optional<uint64_t> parseBootTime(std::string_view text) {
+  for (std::string_view line : split(text, '\n', false)) {
+    auto parts = splitWhitespace(line);
+    if (parts.size() == 2 && parts[0] == "btime") return parseUInt64(parts[1]);
+  }
+  return std::nullopt;
+}
+
+uint64_t ticksToNs(uint64_t ticks, long clk_tck) {
+  if (clk_tck <= 0) return 0;
+  return static_cast<uint64_t>(static_cast<unsigned __int128>(ticks) * 1'000'000'000u / static_cast<uint64_t>(clk_tck));
+}
+
+CpuSplit splitCpuTime(uint64_t total_ns, uint64_t utime_ticks, uint64_t stime_ticks) {
+  const unsigned __int128 ticks = static_cast<unsigned __int128>(utime_ticks) + stime_ticks;
+  if (ticks == 0) return {total_ns, 0};
+  const auto user = static_cast<uint64_t>(static_cast<unsigned __int128>(total_ns) * utime_ticks / ticks);
+  return {user, total_ns - user};
+}
+
+proc_taskinfo makeTaskInfo(const ProcFacts& f) {
+  proc_taskinfo t{};
+  const CpuSplit cpu = splitCpuTime(f.cpu_total_ns, f.stat.utime_ticks, f.stat.stime_ticks);
+  t.pti_virtual_size = f.statm.size_pages * f.page_bytes;
+  t.pti_resident_size = f.statm.resident_pages * f.page_bytes;
+  t.pti_total_user = cpu.user_ns;
+  t.pti_total_system = cpu.system_ns;
+  // Linux keeps no cheap per-live-thread total apart from the process's own.
+  t.pti_threads_user = cpu.user_ns;
+  t.pti_threads_system = cpu.system_ns;
+  t.pti_faults = clamp32(f.stat.minflt + f.stat.majflt);
+  t.pti_pageins = clamp32(f.stat.majflt);
+  t.pti_csw = clamp32(f.status.voluntary_ctxt_switches + f.status.nonvoluntary_ctxt_switches);
+  t.pti_threadnum = static_cast<int32_t>(std::clamp<int64_t>(f.stat.num_threads, 0, INT32_MAX));
+  t.pti_numrunning = f.stat.state == 'R' ? 1 : 0;
+  t.pti_priority = static_cast<int32_t>(std::clamp<int64_t>(f.stat.priority, INT32_MIN, INT32_MAX));
+  return t;
+}
+
+proc_bsdinfo makeBsdInfo(const ProcFacts& f) {
+  proc_bsdinfo b{};
+  switch (f.stat.state) {
+    case 'R': b.pbi_status = 2; break;             // running
+    case 'T': case 't': b.pbi_status = 4; break;   // stopped
+    case 'Z': case 'X': b.pbi_status = 5; break;   // zombie
+    default: b.pbi_status = 3; break;              // sleeping
+  }
+  b.pbi_pid = static_cast<uint32_t>(f.stat.pid);
+  b.pbi_ppid = static_cast<uint32_t>(f.stat.ppid);
+  b.pbi_uid = f.status.uid[1];
+  b.pbi_gid = f.status.gid[1];
+  b.pbi_ruid = f.status.uid[0];
+  b.pbi_rgid = f.status.gid[0];
+  b.pbi_svuid = f.status.uid[2];
+  b.pbi_svgid = f.status.gid[2];
+  copyName(b.pbi_comm, sizeof b.pbi_comm, f.stat.comm);
+  copyName(b.pbi_name, sizeof b.pbi_name, f.exe_name.empty() ? f.stat.comm : f.exe_name);
+  b.pbi_nfiles = f.open_files;
+  b.pbi_pgid = static_cast<uint32_t>(f.stat.pgrp);
+  b.e_tdev = static_cast<uint32_t>(f.stat.tty_nr);
+  b.e_tpgid = static_cast<uint32_t>(f.stat.tpgid);
+  b.pbi_nice = static_cast<int32_t>(f.stat.nice);
+  const uint64_t since_boot_ns = ticksToNs(f.stat.starttime_ticks, f.clk_tck);
+  b.pbi_start_tvsec = f.boot_time_s + since_boot_ns / 1'000'000'000u;
+  b.pbi_start_tvusec = (since_boot_ns % 1'000'000'000u) / 1000u;
+  return b;
+}
+
+rusage_info_v3 makeRusage(const ProcFacts& f) {
+  rusage_info_v3 r{};
+  const CpuSplit cpu = splitCpuTime(f.cpu_total_ns, f.stat.utime_ticks, f.stat.stime_ticks);
+  r.ri_user_time = cpu.user_ns;
+  r.ri_system_time = cpu.system_ns;
+  r.ri_pkg_idle_wkups = f.idle_wakeups;
+  r.ri_pageins = f.stat.majflt;
+  r.ri_resident_size = f.statm.resident_pages * f.page_bytes;
+  r.ri_phys_footprint = r.ri_resident_size;
+  r.ri_proc_start_abstime = ticksToNs(f.stat.starttime_ticks, f.clk_tck);
+  r.ri_child_user_time = ticksToNs(f.stat.cutime_ticks, f.clk_tck);
+  r.ri_child_system_time = ticksToNs(f.stat.cstime_ticks, f.clk_tck);
+  r.ri_diskio_bytesread = f.io.read_bytes;
+  r.ri_diskio_byteswritten = f.io.write_bytes;
+  r.ri_billed_system_time = cpu.system_ns;
+  return r;
+}
+
+ProcTaskReader::ProcTaskReader(SysRoot root) : m_root(std::move(root)) {}
+
+std::string ProcTaskReader::procPath(pid_t pid, std::string_view leaf) const {
+  std::string relative = std::to_string(pid);
+  if (!leaf.empty()) {
+    relative += '/';
+    relative += leaf;
+  }
+  return m_root.proc(relative);
+}
+
+std::optional<ProcStat> ProcTaskReader::readStat(pid_t pid) const {
+  auto text = SysRoot::readFile(procPath(pid, "stat"));
+  return text ? parseProcStat(*text) : std::nullopt;
+}
+
+std::optional<ProcStatus> ProcTaskReader::readStatus(pid_t pid) const {
+  auto text = SysRoot::readFile(procPath(pid, "status"));
+  return text ? parseProcStatus(*text) : std::nullopt;
+}
+
+std::string ProcTaskReader::exeName(pid_t pid) const {
+  auto target = readLink(procPath(pid, "exe"));
+  return target ? baseName(*target) : std::string();
+}
+
+std::optional<ProcFacts> ProcTaskReader::gather(pid_t pid, int extras, int* error) const {
+  if (pid <= 0) {
+    if (error) *error = ESRCH;
+    return std::nullopt;
+  }
+  ProcFacts f;
+  auto stat = readStat(pid);
+  auto status = readStatus(pid);
+  auto statm_text = SysRoot::readFile(procPath(pid, "statm"));
+  auto statm = statm_text ? parseProcStatm(*statm_text) : std::nullopt;
+  if (!stat || !status || !statm) {
+    if (error) *error = ESRCH;
+    return std::nullopt;
+  }
+  f.stat = std::move(*stat);
+  f.status = std::move(*status);
+  f.statm = *statm;
+  f.clk_tck = ::sysconf(_SC_CLK_TCK);
+  f.page_bytes = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
+  f.cpu_total_ns = ticksToNs(f.stat.utime_ticks + f.stat.stime_ticks, f.clk_tck);
+  clockid_t clock;
+  timespec ts{};
+  // The process CPU clock is exact to the nanosecond and includes exited threads; it only describes
+  // the live system, so fixture trees keep the tick counts.
+  if (m_root.procRoot() == "/proc" && ::clock_getcpuclockid(pid, &clock) == 0 && ::clock_gettime(clock, &ts) == 0) {
+    f.cpu_total_ns = static_cast<uint64_t>(ts.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(ts.tv_nsec);
+  }
+  if (auto text = m_root.readProc("stat")) f.boot_time_s = parseBootTime(*text).value_or(0);
+  f.exe_name = exeName(pid);
+  if (extras & kIo) {
+    auto text = SysRoot::readFile(procPath(pid, "io"));
+    if (auto io = text ? parseProcIo(*text) : std::nullopt) f.io = *io;
+  }
+  if (extras & kWakeups) {
+    for (const std::string& tid : SysRoot::listDir(procPath(pid, "task"))) {
+      auto text = SysRoot::readFile(procPath(pid, "task/" + tid + "/status"));
+      if (auto s = text ? parseProcStatus(*text) : std::nullopt) f.idle_wakeups += s->voluntary_ctxt_switches;
+    }
+  }
+  if (extras & kFiles) f.open_files = static_cast<uint32_t>(SysRoot::listDir(procPath(pid, "fd")).size());
+  return f;
+}
+
+std::optional<proc_taskinfo> ProcTaskReader::taskInfo(pid_t pid, int* error) const {
+  auto f = gather(pid, kBasic, error);
+  if (!f) return std::nullopt;
+  return makeTaskInfo(*f);
+}
+
+std::optional<proc_taskallinfo> ProcTaskReader::taskAllInfo(pid_t pid, int* error) const {
+  auto f = gather(pid, kFiles, error);
+  if (!f) return std::nullopt;
+  return proc_taskallinfo{makeBsdInfo(*f), makeTaskInfo(*f)};
+}
+
+std::optional<rusage_info_v3> ProcTaskReader::rusage(pid_t pid, int* error) const {
+  auto f = gather(pid, kWakeups | kIo, error);
+  if (!f) return std::nullopt;
+  return makeRusage(*f);
+}
+
+std::optional<std::map<int, std::string>> ProcTaskReader::pidFiles(pid_t pid, int* error) const {
+  const std::string dir = procPath(pid, "fd");
+  if (::access(dir.c_str(), R_OK | X_OK) != 0) {
+    if (error) *error = errno == ENOENT ? ESRCH : errno;
+    return std::nullopt;
+  }
+  std::map<int, std::string> files;
+  for (const std::string& name : SysRoot::listDir(dir)) {
+    auto number = parseInt64(name);
+    auto target = readLink(dir + "/" + name);
+    if (number && *number >= 0 && *number <= INT_MAX && target) files[static_cast<int>(*number)] = *target;
+  }
+  return files;
+}
+
+std::optional<std::string> ProcTaskReader::pidName(pid_t pid) const {
+  if (pid <= 0) return std::nullopt;
+  std::string name = exeName(pid);
+  if (!name.empty()) return name;
+  auto comm = SysRoot::readFile(procPath(pid, "comm"));
+  if (!comm) return std::nullopt;
+  return std::string(trim(*comm));
+}
+
+}  // namespace pelmora

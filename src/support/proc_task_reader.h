@@ -1,0 +1,126 @@
+#pragma once
+// Fills the process records exchanged with the helper (proc_taskinfo, proc_taskallinfo,
+// rusage_info_v3) and the open-file map of a process from /proc. The daemon answers its queries
+// with it; a process may also read its own user's processes directly, without the daemon.
+// Parsing (text in, record out) and the arithmetic are pure functions, apart from the reader.
+#include <sys/types.h>
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "support/kernel_records.h"
+#include "support/sys_root.h"
+
+namespace pelmora {
+
+// /proc/PID/stat, by field.
+struct ProcStat {
+  int pid = 0;
+  std::string comm;
+  char state = '?';
+  int ppid = 0;
+  int pgrp = 0;
+  int tty_nr = 0;
+  int tpgid = 0;
+  uint32_t flags = 0;  // PF_* bits
+  uint64_t minflt = 0;
+  uint64_t majflt = 0;
+  uint64_t utime_ticks = 0;
+  uint64_t stime_ticks = 0;
+  uint64_t cutime_ticks = 0;
+  uint64_t cstime_ticks = 0;
+  int64_t priority = 0;
+  int64_t nice = 0;
+  int64_t num_threads = 0;
+  uint64_t starttime_ticks = 0;  // since boot
+  uint64_t vsize_bytes = 0;
+};
+
+// /proc/PID/status, by key.
+struct ProcStatus {
+  std::string name;
+  uint32_t uid[4] = {};  // real, effective, saved, file system
+  uint32_t gid[4] = {};
+  int64_t threads = 0;
+  uint64_t voluntary_ctxt_switches = 0;
+  uint64_t nonvoluntary_ctxt_switches = 0;
+};
+
+struct ProcStatm {
+  uint64_t size_pages = 0;
+  uint64_t resident_pages = 0;
+};
+
+struct ProcIo {
+  uint64_t read_bytes = 0;
+  uint64_t write_bytes = 0;
+};
+
+inline constexpr uint32_t kPFKthread = 0x00200000;
+
+std::optional<ProcStat> parseProcStat(std::string_view text);
+std::optional<ProcStatus> parseProcStatus(std::string_view text);
+std::optional<ProcStatm> parseProcStatm(std::string_view text);
+std::optional<ProcIo> parseProcIo(std::string_view text);
+// "btime" of /proc/stat: the boot time in seconds since the epoch.
+std::optional<uint64_t> parseBootTime(std::string_view proc_stat_text);
+
+// Arithmetic.
+uint64_t ticksToNs(uint64_t ticks, long clk_tck);
+struct CpuSplit {
+  uint64_t user_ns = 0;
+  uint64_t system_ns = 0;
+};
+// Splits a total CPU time by the ratio of the tick counts (all to user when both are zero).
+CpuSplit splitCpuTime(uint64_t total_ns, uint64_t utime_ticks, uint64_t stime_ticks);
+
+// Everything the records are made from, gathered by the reader.
+struct ProcFacts {
+  ProcStat stat;
+  ProcStatus status;
+  ProcStatm statm;
+  ProcIo io;                     // zero when /proc/PID/io is not readable
+  uint64_t cpu_total_ns = 0;     // from the process CPU clock (falls back to the tick counts)
+  uint64_t boot_time_s = 0;
+  long clk_tck = 100;
+  uint64_t page_bytes = 4096;
+  uint64_t idle_wakeups = 0;     // voluntary context switches over all threads
+  uint32_t open_files = 0;
+  std::string exe_name;          // base name of /proc/PID/exe, empty when unreadable
+};
+
+proc_taskinfo makeTaskInfo(const ProcFacts& facts);
+proc_bsdinfo makeBsdInfo(const ProcFacts& facts);
+rusage_info_v3 makeRusage(const ProcFacts& facts);
+
+class ProcTaskReader {
+ public:
+  explicit ProcTaskReader(SysRoot root = SysRoot::current());
+
+  // Each returns the record, or none with an errno value in *error (ESRCH when the process is gone,
+  // EACCES when its files cannot be read).
+  std::optional<proc_taskinfo> taskInfo(pid_t pid, int* error = nullptr) const;
+  std::optional<proc_taskallinfo> taskAllInfo(pid_t pid, int* error = nullptr) const;
+  std::optional<rusage_info_v3> rusage(pid_t pid, int* error = nullptr) const;
+  // Descriptor number to the path its link names.
+  std::optional<std::map<int, std::string>> pidFiles(pid_t pid, int* error = nullptr) const;
+  // The executable's base name, else the command name; none when the process is gone.
+  std::optional<std::string> pidName(pid_t pid) const;
+
+  std::optional<ProcStat> readStat(pid_t pid) const;
+  std::optional<ProcStatus> readStatus(pid_t pid) const;
+  // Base name of /proc/PID/exe; empty for kernel threads and unreadable links.
+  std::string exeName(pid_t pid) const;
+
+ private:
+  enum Extras { kBasic = 0, kWakeups = 1, kIo = 2, kFiles = 4 };
+  std::optional<ProcFacts> gather(pid_t pid, int extras, int* error) const;
+  std::string procPath(pid_t pid, std::string_view leaf) const;
+
+  SysRoot m_root;
+};
+
+}  // namespace pelmora

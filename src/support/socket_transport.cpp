@@ -1,0 +1,69 @@
+#include "support/socket_transport.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "support/xpc_socket.h"
+
+namespace pelmora {
+
+std::string SocketTransport::defaultPath() {
+  const char* env = std::getenv("PELMORA_HELPER_SOCKET");
+  return (env && *env) ? env : kDefaultSocketPath;
+}
+
+SocketTransport::SocketTransport(std::string path) : m_path(std::move(path)) {}
+
+bool SocketTransport::connectLocked() {
+  if (m_socket) return true;
+  sockaddr_un address{};
+  if (m_path.empty() || m_path.size() >= sizeof address.sun_path) return false;
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, m_path.data(), m_path.size());
+  UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!fd) return false;
+  int rc;
+  do {
+    rc = ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  } while (rc < 0 && errno == EINTR);
+  if (rc < 0) return false;
+  m_socket = std::move(fd);
+  return true;
+}
+
+std::optional<XPCDict> SocketTransport::exchange(const XPCDict& request) {
+  MutexLock lock(m_mutex);
+  if (!connectLocked()) return std::nullopt;
+  if (!xpcSendMessage(m_socket.get(), request)) {
+    m_socket.reset();
+    return std::nullopt;
+  }
+  auto reply = xpcReceiveMessage(m_socket.get());
+  if (!reply) m_socket.reset();
+  return reply;
+}
+
+void SocketTransport::sendOneWay(const XPCDict& message) {
+  MutexLock lock(m_mutex);
+  if (!connectLocked()) return;
+  xpcSendMessage(m_socket.get(), message);
+  // Nobody waits for an answer, so whatever the peer might still write would be read as the reply
+  // of the next exchange: start that one on a fresh connection.
+  m_socket.reset();
+}
+
+bool SocketTransport::connected() {
+  MutexLock lock(m_mutex);
+  return connectLocked();
+}
+
+void SocketTransport::disconnect() {
+  MutexLock lock(m_mutex);
+  m_socket.reset();
+}
+
+}  // namespace pelmora

@@ -1,0 +1,39 @@
+#pragma once
+// The helper transport over the daemon's Unix stream socket. It connects on first use; a connection
+// that breaks is dropped and made again at the next exchange (nothing is retried within one).
+// Safe to share between threads: exchanges are serialised.
+#include <string>
+
+#include "support/mutex.h"
+#include "support/unique_fd.h"
+#include "support/xpc_transport.h"
+
+namespace pelmora {
+
+class SocketTransport : public XPCTransport {
+ public:
+  static constexpr const char* kDefaultSocketPath = "/run/pelmora/helper.sock";
+  // $PELMORA_HELPER_SOCKET when set and not empty, else kDefaultSocketPath.
+  static std::string defaultPath();
+
+  explicit SocketTransport(std::string path = defaultPath());
+
+  std::optional<XPCDict> exchange(const XPCDict& request) override;
+  // Sends and then drops the connection, so no late answer can be taken for the next reply.
+  void sendOneWay(const XPCDict& message) override;
+
+  // Whether the daemon answers: connects when not connected yet and says whether that worked.
+  bool connected();
+  // Drops the connection (the daemon continues what this connection stopped).
+  void disconnect();
+  const std::string& path() const { return m_path; }
+
+ private:
+  bool connectLocked();
+
+  const std::string m_path;
+  Mutex m_mutex;
+  UniqueFd m_socket;
+};
+
+}  // namespace pelmora

@@ -1,0 +1,214 @@
+#include "support/xpc_codec.h"
+
+#include <limits>
+#include <nlohmann/json.hpp>
+
+namespace pelmora {
+namespace {
+
+using json = nlohmann::json;
+
+void setError(std::string* error, std::string text) {
+  if (error) *error = std::move(text);
+}
+
+// --- encoding ------------------------------------------------------------------------------------
+
+bool toJson(const XPCValue& value, int depth, std::vector<int>& fds, json& out, std::string* error);
+
+bool dictToJson(const XPCDict& dict, int depth, std::vector<int>& fds, json& out, std::string* error) {
+  if (depth > kXPCMaxDepth) {
+    setError(error, "message nested too deeply");
+    return false;
+  }
+  out = json::object();
+  for (const auto& [key, value] : dict) {
+    if (!toJson(value, depth, fds, out[key], error)) return false;
+  }
+  return true;
+}
+
+bool toJson(const XPCValue& value, int depth, std::vector<int>& fds, json& out, std::string* error) {
+  if (const int64_t* i = value.asInt()) {
+    out = *i;
+  } else if (const std::string* s = value.asString()) {
+    out = *s;
+  } else if (const XPCData* d = value.asData()) {
+    out = json::binary(*d);
+  } else if (const XPCArray* a = value.asArray()) {
+    if (depth + 1 > kXPCMaxDepth) {
+      setError(error, "message nested too deeply");
+      return false;
+    }
+    out = json::array();
+    for (const XPCValue& element : *a) {
+      out.push_back(json());
+      if (!toJson(element, depth + 1, fds, out.back(), error)) return false;
+    }
+  } else if (const XPCDict* m = value.asDict()) {
+    return dictToJson(*m, depth + 1, fds, out, error);
+  } else if (const XPCDescriptor* fd = value.asDescriptor()) {
+    if (fd->get() < 0 || fds.size() >= kXPCMaxDescriptors) {
+      setError(error, fd->get() < 0 ? "invalid descriptor" : "too many descriptors");
+      return false;
+    }
+    const auto index = static_cast<uint32_t>(fds.size());
+    fds.push_back(fd->get());
+    json::binary_t bytes({static_cast<uint8_t>(index), static_cast<uint8_t>(index >> 8),
+                          static_cast<uint8_t>(index >> 16), static_cast<uint8_t>(index >> 24)},
+                         kXPCDescriptorTag);
+    out = json::binary(std::move(bytes));
+  } else {
+    setError(error, "null value in message");
+    return false;
+  }
+  return true;
+}
+
+// --- decoding ------------------------------------------------------------------------------------
+
+// Walks the CBOR events before the tree is built, so that nesting is bounded (nlohmann's reader
+// recurses once per level) and every scalar is one of the accepted types.
+class ShapeCheck : public nlohmann::json_sax<json> {
+ public:
+  std::string reason;
+
+  bool null() override { return fail("null value"); }
+  bool boolean(bool) override { return fail("boolean value"); }
+  bool number_integer(number_integer_t) override { return top(); }
+  bool number_unsigned(number_unsigned_t v) override {
+    return v <= static_cast<uint64_t>(std::numeric_limits<int64_t>::max()) ? top() : fail("integer out of range");
+  }
+  bool number_float(number_float_t, const string_t&) override { return fail("floating-point value"); }
+  bool string(string_t&) override { return top(); }
+  bool binary(binary_t& b) override {
+    if (b.has_subtype() && (b.subtype() != kXPCDescriptorTag || b.size() != 4)) return fail("unknown tag");
+    return top();
+  }
+  bool start_object(std::size_t) override {
+    if (m_depth == 0 && m_seen_top) return fail("trailing value");
+    m_seen_top = true;
+    return ++m_depth <= kXPCMaxDepth || fail("message nested too deeply");
+  }
+  bool key(string_t&) override { return true; }
+  bool end_object() override { return --m_depth, true; }
+  bool start_array(std::size_t) override {
+    if (m_depth == 0) return fail("not a map");
+    return ++m_depth <= kXPCMaxDepth || fail("message nested too deeply");
+  }
+  bool end_array() override { return --m_depth, true; }
+  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception& e) override {
+    return fail(e.what());
+  }
+
+ private:
+  bool top() { return m_depth > 0 || fail("not a map"); }
+  bool fail(std::string why) {
+    if (reason.empty()) reason = std::move(why);
+    return false;
+  }
+  int m_depth = 0;
+  bool m_seen_top = false;
+};
+
+std::optional<XPCValue> fromJson(const json& j, std::vector<UniqueFd>& fds, std::string* error);
+
+std::optional<XPCDict> dictFromJson(const json& j, std::vector<UniqueFd>& fds, std::string* error) {
+  XPCDict dict;
+  for (const auto& [key, element] : j.items()) {
+    auto v = fromJson(element, fds, error);
+    if (!v) return std::nullopt;
+    dict.emplace(key, std::move(*v));
+  }
+  return dict;
+}
+
+std::optional<XPCValue> descriptorFromBinary(const json::binary_t& b, std::vector<UniqueFd>& fds,
+                                             std::string* error) {
+  const uint32_t index = uint32_t(b[0]) | uint32_t(b[1]) << 8 | uint32_t(b[2]) << 16 | uint32_t(b[3]) << 24;
+  if (index >= fds.size() || !fds[index].valid()) {
+    setError(error, "descriptor index without a descriptor");
+    return std::nullopt;
+  }
+  return XPCValue::descriptor(std::move(fds[index]));
+}
+
+std::optional<XPCValue> fromJson(const json& j, std::vector<UniqueFd>& fds, std::string* error) {
+  switch (j.type()) {
+    case json::value_t::number_integer:
+      return XPCValue(j.get<int64_t>());
+    case json::value_t::number_unsigned:
+      return XPCValue(static_cast<int64_t>(j.get<uint64_t>()));
+    case json::value_t::string:
+      return XPCValue(j.get<std::string>());
+    case json::value_t::binary: {
+      const auto& b = j.get_binary();
+      if (b.has_subtype()) return descriptorFromBinary(b, fds, error);
+      return XPCValue(XPCData(b.begin(), b.end()));
+    }
+    case json::value_t::array: {
+      XPCArray array;
+      array.reserve(j.size());
+      for (const json& element : j) {
+        auto v = fromJson(element, fds, error);
+        if (!v) return std::nullopt;
+        array.push_back(std::move(*v));
+      }
+      return XPCValue(std::move(array));
+    }
+    case json::value_t::object: {
+      auto dict = dictFromJson(j, fds, error);
+      if (!dict) return std::nullopt;
+      return XPCValue(std::move(*dict));
+    }
+    default:
+      setError(error, "unexpected value type");
+      return std::nullopt;
+  }
+}
+
+}  // namespace
+
+std::optional<XPCEncoded> xpcEncode(const XPCDict& message, std::string* error) {
+  XPCEncoded out;
+  json tree;
+  if (!dictToJson(message, 1, out.fds, tree, error)) return std::nullopt;
+  std::vector<uint8_t> body = json::to_cbor(tree);
+  if (body.size() > kXPCMaxFrameBytes) {
+    setError(error, "message larger than 1 MiB");
+    return std::nullopt;
+  }
+  const auto n = static_cast<uint32_t>(body.size());
+  out.frame = {static_cast<uint8_t>(n), static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(n >> 16),
+               static_cast<uint8_t>(n >> 24)};
+  out.frame.insert(out.frame.end(), body.begin(), body.end());
+  return out;
+}
+
+uint32_t xpcFrameLength(std::span<const uint8_t, kXPCLengthBytes> p) {
+  return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
+}
+
+std::optional<XPCDict> xpcDecode(std::span<const uint8_t> body, std::vector<UniqueFd>& fds, std::string* error) {
+  if (body.empty() || body.size() > kXPCMaxFrameBytes) {
+    setError(error, body.empty() ? "empty frame" : "frame larger than 1 MiB");
+    return std::nullopt;
+  }
+  ShapeCheck check;
+  // The public sax_parse takes no tag handler, so the reader is driven the way from_cbor drives it.
+  auto input = nlohmann::detail::input_adapter(body.data(), body.data() + body.size());
+  nlohmann::detail::binary_reader<json, decltype(input), ShapeCheck> reader(std::move(input),
+                                                                           json::input_format_t::cbor);
+  if (!reader.sax_parse(json::input_format_t::cbor, &check, true, json::cbor_tag_handler_t::store)) {
+    setError(error, check.reason.empty() ? "malformed frame" : check.reason);
+    return std::nullopt;
+  }
+  json tree = json::from_cbor(body.data(), body.data() + body.size(), true, false, json::cbor_tag_handler_t::store);
+  if (!tree.is_object()) {
+    setError(error, "not a map");
+    return std::nullopt;
+  }
+  return dictFromJson(tree, fds, error);
+}
+
+}  // namespace pelmora
