@@ -1,0 +1,186 @@
+#include "process_control/proc_settings.h"
+
+#include <cmath>
+
+#include "process_control/power_monitor.h"
+#include "support/broadcast.h"
+#include "support/default_settings.h"
+#include "support/logger.h"
+
+namespace pelmora {
+namespace {
+
+constexpr const char* kListenerKey = "pelmora.powersource.ProcSettings";
+constexpr const char* kLimitedKey = "limited";
+constexpr const char* kRenicedKey = "reniced";
+constexpr const char* kSaveLimitedKey = "save_limited";
+constexpr const char* kSaveRenicedKey = "save_reniced";
+
+std::optional<double> shareFromJson(const nlohmann::json& v) {
+  if (!v.is_number()) return std::nullopt;
+  const double share = v.get<double>();
+  if (!std::isfinite(share) || share <= 0.0) return std::nullopt;
+  return share;
+}
+
+std::optional<int> niceFromJson(const nlohmann::json& v) {
+  if (!v.is_number_integer()) return std::nullopt;
+  const int64_t nice = v.get<int64_t>();
+  if (nice < kLowestNice || nice > kHighestNice) return std::nullopt;
+  return static_cast<int>(nice);
+}
+
+template <typename Value, typename Convert>
+std::map<std::string, std::map<std::string, Value>> tableFromJson(const nlohmann::json& value,
+                                                                  Convert convert,
+                                                                  std::vector<std::string>* rejected) {
+  std::map<std::string, std::map<std::string, Value>> table;
+  auto reject = [&](const std::string& what) {
+    if (rejected) rejected->push_back(what);
+  };
+  if (!value.is_object()) return table;
+  for (const auto& [power, names] : value.items()) {
+    if (!names.is_object()) {
+      reject(power);
+      continue;
+    }
+    for (const auto& [name, v] : names.items()) {
+      if (auto typed = convert(v))
+        table[power][name] = *typed;
+      else
+        reject(power + "/" + name);
+    }
+  }
+  return table;
+}
+
+template <typename Table>
+nlohmann::json tableToJson(const Table& table) {
+  nlohmann::json out = nlohmann::json::object();
+  for (const auto& [power, names] : table)
+    for (const auto& [name, value] : names) out[power][name] = value;
+  return out;
+}
+
+template <typename Table, typename Value>
+std::optional<Value> lookup(const Table& table, const std::string& name, const std::string& power) {
+  auto source = table.find(power);
+  if (source == table.end()) return std::nullopt;
+  auto entry = source->second.find(name);
+  if (entry == source->second.end()) return std::nullopt;
+  return entry->second;
+}
+
+void logRejected(const char* key, const std::vector<std::string>& rejected) {
+  if (rejected.empty()) return;
+  std::string line = std::string("Saved \"") + key + "\" entries were malformed and are ignored:";
+  for (const auto& what : rejected) line += " " + what;
+  Log(line + ".");
+}
+
+}  // namespace
+
+LimitTable limitTableFromJson(const nlohmann::json& value, std::vector<std::string>* rejected) {
+  return tableFromJson<double>(value, shareFromJson, rejected);
+}
+
+PriorityTable priorityTableFromJson(const nlohmann::json& value, std::vector<std::string>* rejected) {
+  return tableFromJson<int>(value, niceFromJson, rejected);
+}
+
+nlohmann::json toJson(const LimitTable& table) { return tableToJson(table); }
+nlohmann::json toJson(const PriorityTable& table) { return tableToJson(table); }
+
+ProcSettings::ProcSettings() : ProcSettings(DefaultSettings::shared(), PowerMonitor::shared()) {}
+
+ProcSettings::ProcSettings(DefaultSettings& store, PowerMonitor& monitor)
+    : m_store(store), m_monitor(monitor) {
+  const std::string power = m_monitor.powerName();  // taken before our lock: no nesting
+  {
+    MutexLock lock(m_mutex);
+    m_power = power;
+    loadLocked();
+  }
+  AddListener(kPowerSourceBroadcast, kListenerKey, [this](const std::string&) { onPowerSourceChanged(); });
+}
+
+ProcSettings::~ProcSettings() { RemoveListener(kPowerSourceBroadcast, kListenerKey); }
+
+void ProcSettings::onPowerSourceChanged() {
+  const std::string power = m_monitor.powerName();
+  MutexLock lock(m_mutex);
+  m_power = power;
+}
+
+std::string ProcSettings::power() {
+  MutexLock lock(m_mutex);
+  return m_power;
+}
+
+std::optional<double> ProcSettings::limitFor(const std::string& name, const std::string& power) {
+  MutexLock lock(m_mutex);
+  return lookup<LimitTable, double>(m_limited_names, name, power);
+}
+
+void ProcSettings::setLimit(const std::string& name, const std::string& power, double share) {
+  MutexLock lock(m_mutex);
+  m_limited_names[power][name] = share;
+  saveLocked();
+}
+
+void ProcSettings::removeLimit(const std::string& name) {
+  MutexLock lock(m_mutex);
+  auto source = m_limited_names.find(m_power);
+  if (source != m_limited_names.end()) {
+    source->second.erase(name);
+    if (source->second.empty()) m_limited_names.erase(source);
+  }
+  saveLocked();
+}
+
+void ProcSettings::clearLimits() {
+  MutexLock lock(m_mutex);
+  m_limited_names.erase(m_power);
+  saveLocked();
+}
+
+std::optional<int> ProcSettings::priorityFor(const std::string& name, const std::string& power) {
+  MutexLock lock(m_mutex);
+  return lookup<PriorityTable, int>(m_reniced_names, name, power);
+}
+
+void ProcSettings::setPriority(const std::string& name, const std::string& power, int priority) {
+  MutexLock lock(m_mutex);
+  m_reniced_names[power][name] = priority;
+  saveLocked();
+}
+
+void ProcSettings::load() {
+  MutexLock lock(m_mutex);
+  loadLocked();
+}
+
+void ProcSettings::save() {
+  MutexLock lock(m_mutex);
+  saveLocked();
+}
+
+void ProcSettings::loadLocked() {
+  if (m_store.loadBool(kSaveLimitedKey, true)) {
+    std::vector<std::string> rejected;
+    m_limited_names = limitTableFromJson(m_store.loadDict(kLimitedKey), &rejected);
+    logRejected(kLimitedKey, rejected);
+  }
+  if (m_store.loadBool(kSaveRenicedKey, true)) {
+    std::vector<std::string> rejected;
+    m_reniced_names = priorityTableFromJson(m_store.loadDict(kRenicedKey), &rejected);
+    logRejected(kRenicedKey, rejected);
+  }
+}
+
+void ProcSettings::saveLocked() {
+  if (m_store.loadBool(kSaveLimitedKey, true)) m_store.saveDict(kLimitedKey, toJson(m_limited_names));
+  if (m_store.loadBool(kSaveRenicedKey, true)) m_store.saveDict(kRenicedKey, toJson(m_reniced_names));
+}
+
+}  // namespace pelmora
