@@ -1,0 +1,29 @@
+#pragma once
+// The 1-, 5- and 15-minute load averages (getloadavg) and the per-owner process counts.
+#include <cstdint>
+#include <sys/types.h>
+#include <vector>
+
+#include "sampling/sample_records.h"
+
+namespace pelmora {
+
+struct LoadCollector {
+  // All three values when getloadavg returned exactly 3, else zeros (never a partial reading).
+  static loadAverage fromValues(int returned, const double values[3]);
+  static loadAverage read();
+};
+
+// What the process table hands the sampler each tick: the owner of every process and how many run
+// under binary translation. Supplied by whoever owns the process table (it lives above sampling).
+struct ProcessCensus {
+  std::vector<uid_t> uids;
+  int64_t translated = 0;
+};
+
+struct ProcessCounter {
+  // Root first, so when Pelmora itself runs as root every root process counts as system.
+  static procstat count(const ProcessCensus& census, uid_t own_uid);
+};
+
+}  // namespace pelmora

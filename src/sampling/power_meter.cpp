@@ -1,0 +1,104 @@
+#include "sampling/power_meter.h"
+
+#include <cmath>
+
+#include "support/text.h"
+
+namespace pelmora {
+namespace {
+
+constexpr double kMicro = 1e-6;
+
+}  // namespace
+
+uint64_t PowerMeter::energyDelta_uj(uint64_t previous_uj, uint64_t current_uj, uint64_t max_range_uj) {
+  if (current_uj >= previous_uj) return current_uj - previous_uj;
+  if (max_range_uj == 0 || previous_uj > max_range_uj) return 0;
+  return (max_range_uj - previous_uj) + current_uj;
+}
+
+std::optional<double> PowerMeter::batteryPower_w(std::string_view status, std::optional<int64_t> power_now_uw,
+                                                 std::optional<int64_t> current_now_ua,
+                                                 std::optional<int64_t> voltage_now_uv) {
+  if (trim(status) != "Discharging") return std::nullopt;
+  // Some firmware reports the discharge current or power as a negative number.
+  auto magnitude = [](int64_t v) { return std::fabs(static_cast<double>(v)); };
+  if (power_now_uw) return magnitude(*power_now_uw) * kMicro;
+  if (current_now_ua && voltage_now_uv) return magnitude(*current_now_ua) * kMicro * magnitude(*voltage_now_uv) * kMicro;
+  return std::nullopt;
+}
+
+bool PowerMeter::isPackageZone(std::string_view name) {
+  if (!startsWith(name, "intel-rapl:")) return false;
+  return parseInt64(name.substr(11)).has_value();
+}
+
+std::optional<double> PowerMeter::raplWatts(const std::vector<RaplReading>& readings, int64_t now_us) {
+  std::map<std::string, uint64_t> current;
+  for (const auto& r : readings) current[r.zone] = r.energy_uj;
+  const bool comparable = !m_previous_uj.empty() && current.size() == m_previous_uj.size() && now_us > m_previous_us;
+  std::optional<double> watts;
+  if (comparable) {
+    uint64_t total_uj = 0;
+    bool same_zones = true;
+    for (const auto& r : readings) {
+      auto it = m_previous_uj.find(r.zone);
+      if (it == m_previous_uj.end()) {
+        same_zones = false;
+        break;
+      }
+      total_uj += energyDelta_uj(it->second, r.energy_uj, r.max_energy_range_uj);
+    }
+    // Microjoules per microsecond are watts.
+    if (same_zones) watts = static_cast<double>(total_uj) / static_cast<double>(now_us - m_previous_us);
+  }
+  m_previous_uj = std::move(current);
+  m_previous_us = now_us;
+  return watts;
+}
+
+std::vector<RaplReading> PowerMeter::readRapl(const SysRoot& root) {
+  std::vector<RaplReading> readings;
+  for (const std::string& zone : root.listSys("class/powercap")) {
+    if (!isPackageZone(zone)) continue;
+    const std::string base = "class/powercap/" + zone + "/";
+    auto energy = root.readSysInt(base + "energy_uj");
+    auto range = root.readSysInt(base + "max_energy_range_uj");
+    if (!energy || !range || *energy < 0 || *range < 0) continue;
+    readings.push_back(RaplReading{zone, static_cast<uint64_t>(*energy), static_cast<uint64_t>(*range)});
+  }
+  return readings;
+}
+
+std::optional<double> PowerMeter::readHwmon_w(const SysRoot& root) {
+  for (const std::string& hwmon : root.listSys("class/hwmon")) {
+    const std::string base = "class/hwmon/" + hwmon + "/";
+    auto uw = root.readSysInt(base + "power1_average");
+    if (!uw) uw = root.readSysInt(base + "power1_input");
+    if (uw && *uw >= 0) return static_cast<double>(*uw) * kMicro;
+  }
+  return std::nullopt;
+}
+
+std::optional<double> PowerMeter::readBattery_w(const SysRoot& root) {
+  for (const std::string& supply : root.listSys("class/power_supply")) {
+    const std::string base = "class/power_supply/" + supply + "/";
+    if (root.readSysTrimmed(base + "type") != "Battery") continue;
+    // A wireless mouse's battery has scope "Device"; only the machine's own counts.
+    if (root.readSysTrimmed(base + "scope") == "Device") continue;
+    auto watts = batteryPower_w(root.readSysTrimmed(base + "status").value_or(""), root.readSysInt(base + "power_now"),
+                                root.readSysInt(base + "current_now"), root.readSysInt(base + "voltage_now"));
+    if (watts) return watts;
+  }
+  return std::nullopt;
+}
+
+double PowerMeter::read_w(const SysRoot& root, int64_t now_us) {
+  const auto rapl = readRapl(root);
+  if (!rapl.empty()) return raplWatts(rapl, now_us).value_or(0.0);
+  m_previous_uj.clear();
+  if (auto watts = readHwmon_w(root)) return *watts;
+  return readBattery_w(root).value_or(0.0);
+}
+
+}  // namespace pelmora
