@@ -9,6 +9,9 @@
 #include <optional>
 #include <string>
 
+#include "helper_link/boot_flags.h"
+#include "helper_link/boot_locations.h"
+#include "helper_link/reply_checks.h"
 #include "support/kernel_records.h"
 #include "support/mutex.h"
 #include "support/unique_fd.h"
@@ -17,14 +20,6 @@
 namespace pelmora {
 
 class XPC;
-
-// The CPU settings window's controls that make up the boot-time settings text.
-struct BootControls {
-  bool hyper_threading = true;
-  bool prefer_physical = false;
-  bool throttle = true;
-  int cpu_count = 1;
-};
 
 class Pelmora {
  public:
@@ -36,9 +31,10 @@ class Pelmora {
   // Fields stay as in `current` when the reply has no "cpuinfo".
   cpu_numbers_t requestCpuInfo(cpu_numbers_t current = {});
   bool isRunning(int cpu, bool default_value);
-  void setCpuCount(int count, bool hyper, bool prefer_physical);
-  void setThrottle(bool enable);
-  void setPriority(int32_t pid, int nice);
+  // These three log a refusal; each returns true only when the helper said "OK".
+  bool setCpuCount(int count, bool hyper, bool prefer_physical);
+  bool setThrottle(bool enable);
+  bool setPriority(int32_t pid, int nice);
   // The helper's "kill" reply: 0 for success; -1 when there was no answer.
   int sendSignal(int32_t pid, int32_t signal);
   std::optional<std::string> pidName(int32_t pid);
@@ -47,22 +43,24 @@ class Pelmora {
   std::optional<rusage_info_v3> rusage(int32_t pid, bool via_helper);
   std::optional<std::map<int, std::string>> pidFiles(int32_t pid, bool via_helper);
 
-  struct PowerMetricsResult {
-    int status = -1;  // 0 is success
-    int32_t pid = -1;
-    UniqueFd fd;      // the read end of the tool's output; invalid on failure
-  };
+  // status 0 is success; pid -1 and an invalid fd (the read end of the tool's output) on failure.
+  using PowerMetricsResult = PowerMetricsReply;
   PowerMetricsResult powerMetrics(int sample_interval_ms);
 
   // Installs or removes the boot-time apply. Without controls (no settings window) it stops silently.
   void applyBoot(bool install, const std::optional<BootControls>& controls);
+  // The same against chosen locations (tests: an install root and a resources folder).
+  void applyBoot(bool install, const std::optional<BootControls>& controls, const BootLocations& where);
   // The settings text for the given controls, e.g. "-h on -p -t off -n 6".
-  static std::string bootSettingsText(const BootControls& controls, bool has_hardware_threads);
+  static std::string bootSettingsText(const BootControls& controls, bool has_hardware_threads) {
+    return pelmora::bootSettingsText(controls, has_hardware_threads);
+  }
 
   bool authorised();
   // Stores the flag and broadcasts "net.tandrel.pelmora.authchanged".
   void setAuthorised(bool authorised);
-  // Asks the daemon to authorise this connection (polkit); "OK" or the error text.
+  // Asks the daemon to authorise this connection (polkit); "OK" or the error text. It does not
+  // change the flag above: the caller does that with setAuthorised.
   std::string authorize();
   void deauthorize();
   // One-way "quit" at the end of the program.

@@ -1,0 +1,48 @@
+#pragma once
+// The helper transport that falls back to in-process service. Each exchange first asks whether the
+// daemon answers (a connect on its socket when not connected); if it does, the request goes there,
+// otherwise the same handler code serves it in this process with the user's own rights: monitoring
+// and the user's own processes keep working, privileged requests get the handler's refusal.
+//
+// A request that reached the daemon but got no reply (the connection broke mid-exchange) is not
+// served again in-process: nothing is retried within one exchange, and a command such as
+// "setcpucount" must not run twice. The next exchange connects again or falls back.
+//
+// The mode in force is logged once, and again whenever it changes.
+#include <functional>
+#include <memory>
+
+#include "support/mutex.h"
+#include "support/xpc_transport.h"
+
+namespace pelmora {
+
+class FallbackTransport : public XPCTransport {
+ public:
+  // daemon_answers: true when the daemon can be reached now (it may connect to find out).
+  FallbackTransport(std::unique_ptr<XPCTransport> daemon, std::function<bool()> daemon_answers,
+                    std::unique_ptr<XPCTransport> in_process);
+
+  std::optional<XPCDict> exchange(const XPCDict& request) override;
+  void sendOneWay(const XPCDict& message) override;
+
+  // False while requests are served in-process. Before the first exchange it asks the daemon.
+  bool viaDaemon();
+
+  static constexpr const char* kInProcessLine =
+      "Privileged helper not running: serving requests in-process with the user's rights.";
+  static constexpr const char* kDaemonLine = "Privileged helper answering: requests go to the daemon.";
+
+ private:
+  enum class Mode { kUnknown, kDaemon, kInProcess };
+  // Decides where the next request goes and logs a change of mode.
+  XPCTransport& route();
+
+  std::unique_ptr<XPCTransport> m_daemon;
+  std::function<bool()> m_daemon_answers;
+  std::unique_ptr<XPCTransport> m_in_process;
+  Mutex m_mutex;  // guards m_mode
+  Mode m_mode = Mode::kUnknown;
+};
+
+}  // namespace pelmora

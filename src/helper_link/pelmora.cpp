@@ -1,0 +1,237 @@
+#include "helper_link/pelmora.h"
+
+#include "helper_link/fallback_transport.h"
+#include "helper_link/helper_transport.h"
+#include "support/broadcast.h"
+#include "support/proc_task_reader.h"
+#include "support/xpc.h"
+
+namespace pelmora {
+namespace {
+
+constexpr const char* kServiceLabel = "net.tandrel.pelmorahelper";
+
+int64_t flag(bool value) { return value ? 1 : 0; }
+
+template <class Record>
+std::optional<Record> recordOf(const RecordReply<Record>& reply) {
+  return reply.status == 0 ? reply.record : std::nullopt;
+}
+
+}  // namespace
+
+Pelmora::Pelmora(std::unique_ptr<XPCTransport> transport)
+    : m_xpc(std::make_unique<XPC>(kServiceLabel, std::move(transport))) {}
+
+Pelmora::~Pelmora() = default;
+
+Pelmora& Pelmora::shared() {
+  static Pelmora* instance = new Pelmora(makeHelperTransport());  // never destroyed: threads may call late
+  return *instance;
+}
+
+cpu_numbers_t Pelmora::requestCpuInfo(cpu_numbers_t current) {
+  cpu_numbers_t result = current;
+  m_xpc->sendWithReply([](XPCDict& r) { r["requestcpuinfo"] = ""; },
+                       [&](const XPCDict& reply) { result = checkCpuInfoReply(reply, current); });
+  return result;
+}
+
+bool Pelmora::isRunning(int cpu, bool default_value) {
+  bool result = default_value;
+  m_xpc->sendWithReply(
+      [cpu](XPCDict& r) {
+        r["isrunning"] = "";
+        r["cpu"] = int64_t{cpu};
+      },
+      [&](const XPCDict& reply) { result = checkIsRunningReply(reply, default_value); });
+  return result;
+}
+
+bool Pelmora::setCpuCount(int count, bool hyper, bool prefer_physical) {
+  CommandOutcome outcome = CommandOutcome::kNoAnswer;
+  m_xpc->sendWithReply(
+      [=](XPCDict& r) {
+        r["setcpucount"] = "";
+        r["count"] = int64_t{count};
+        r["hyper"] = flag(hyper);
+        r["prefer_phys"] = flag(prefer_physical);
+      },
+      // The status comes back under "setcpu", not under the request's key.
+      [&](const XPCDict& reply) { outcome = checkSetCpuResponse(reply, "setcpu"); });
+  return outcome == CommandOutcome::kOk;
+}
+
+bool Pelmora::setThrottle(bool enable) {
+  CommandOutcome outcome = CommandOutcome::kNoAnswer;
+  m_xpc->sendWithReply(
+      [=](XPCDict& r) {
+        r["throttle"] = "";
+        r["enable"] = flag(enable);
+      },
+      [&](const XPCDict& reply) { outcome = checkThrottleReply(reply, enable); });
+  return outcome == CommandOutcome::kOk;
+}
+
+bool Pelmora::setPriority(int32_t pid, int nice) {
+  CommandOutcome outcome = CommandOutcome::kNoAnswer;
+  m_xpc->sendWithReply(
+      [=](XPCDict& r) {
+        r["setpriority"] = "";
+        r["pid"] = int64_t{pid};
+        r["priority"] = int64_t{nice};
+      },
+      // Shares the "setcpucount response: " routine on purpose.
+      [&](const XPCDict& reply) { outcome = checkSetCpuResponse(reply, "setpriority"); });
+  return outcome == CommandOutcome::kOk;
+}
+
+int Pelmora::sendSignal(int32_t pid, int32_t signal) {
+  int result = -1;
+  m_xpc->sendWithReply(
+      [=](XPCDict& r) {
+        r["kill"] = "kill";
+        r["pid"] = int64_t{pid};
+        r["signal"] = int64_t{signal};
+      },
+      [&](const XPCDict& reply) { result = checkKillReply(reply); });
+  return result;
+}
+
+std::optional<std::string> Pelmora::pidName(int32_t pid) {
+  std::optional<std::string> result;
+  m_xpc->sendWithReply(
+      [=](XPCDict& r) {
+        r["pidname"] = "pidname";
+        r["pid"] = int64_t{pid};
+      },
+      [&](const XPCDict& reply) { result = checkPidNameReply(reply); });
+  return result;
+}
+
+std::optional<proc_taskinfo> Pelmora::taskInfo(int32_t pid, bool via_helper) {
+  if (pid < 0) return std::nullopt;
+  if (!via_helper) return ProcTaskReader().taskInfo(pid);
+  std::optional<proc_taskinfo> result;
+  m_xpc->sendWithReply(
+      [=](XPCDict& r) {
+        r["taskinfo"] = "taskinfo";
+        r["pid"] = int64_t{pid};
+      },
+      [&](const XPCDict& reply) { result = recordOf(checkTaskInfoReply(reply)); });
+  return result;
+}
+
+std::optional<proc_taskallinfo> Pelmora::taskAllInfo(int32_t pid, bool via_helper) {
+  if (pid < 0) return std::nullopt;
+  if (!via_helper) return ProcTaskReader().taskAllInfo(pid);
+  std::optional<proc_taskallinfo> result;
+  m_xpc->sendWithReply(
+      [=](XPCDict& r) {
+        r["taskallinfo"] = "taskallinfo";
+        r["pid"] = int64_t{pid};
+      },
+      [&](const XPCDict& reply) { result = recordOf(checkTaskAllInfoReply(reply)); });
+  return result;
+}
+
+std::optional<rusage_info_v3> Pelmora::rusage(int32_t pid, bool via_helper) {
+  if (pid < 0) return std::nullopt;
+  if (!via_helper) return ProcTaskReader().rusage(pid);
+  std::optional<rusage_info_v3> result;
+  m_xpc->sendWithReply(
+      [=](XPCDict& r) {
+        r["rusage"] = "rusage";
+        r["pid"] = int64_t{pid};
+      },
+      [&](const XPCDict& reply) { result = recordOf(checkRusageReply(reply)); });
+  return result;
+}
+
+std::optional<std::map<int, std::string>> Pelmora::pidFiles(int32_t pid, bool via_helper) {
+  if (pid < 0) return std::nullopt;
+  std::optional<std::map<int, std::string>> result;
+  if (!via_helper) {
+    result = ProcTaskReader().pidFiles(pid);
+  } else {
+    m_xpc->sendWithReply(
+        [=](XPCDict& r) {
+          r["pidfiles"] = "pidfiles";
+          r["pid"] = int64_t{pid};
+        },
+        [&](const XPCDict& reply) {
+          PidFilesReply checked = checkPidFilesReply(reply);
+          if (checked.status == 0) result = std::move(checked.files);
+        });
+  }
+  if (result && result->empty()) return std::nullopt;
+  return result;
+}
+
+Pelmora::PowerMetricsResult Pelmora::powerMetrics(int sample_interval_ms) {
+  PowerMetricsResult result;
+  m_xpc->sendWithReply(
+      [=](XPCDict& r) {
+        r["powermetrics"] = "powermetrics";
+        r["sample_interval"] = int64_t{sample_interval_ms};
+      },
+      [&](const XPCDict& reply) { result = checkPowerMetricsReply(reply); });
+  return result;
+}
+
+void Pelmora::applyBoot(bool install, const std::optional<BootControls>& controls) {
+  applyBoot(install, controls, BootLocations::standard());
+}
+
+void Pelmora::applyBoot(bool install, const std::optional<BootControls>& controls, const BootLocations& where) {
+  if (!install && !where.installed()) return;
+  const auto resources = where.resources();
+  if (!resources || !controls) return;
+  const std::string settings = bootSettingsText(*controls, hasHardwareThreads(SysRoot::current()));
+  m_xpc->sendWithReply(
+      [&](XPCDict& r) {
+        r["applyboot"] = "";
+        r["install"] = install ? "install" : "uninstall";
+        r["script"] = resources->script.string();
+        r["pelmora"] = resources->pelmora.string();
+        r["plist"] = resources->unit.string();
+        r["settings"] = settings;
+      },
+      [&](const XPCDict& reply) { checkApplyBootReply(reply, install); });
+}
+
+bool Pelmora::authorised() {
+  MutexLock lock(m_mutex);
+  return m_authorised;
+}
+
+void Pelmora::setAuthorised(bool authorised) {
+  // The broadcast is posted with the lock held, so listeners see the flags in the order they were set.
+  MutexLock lock(m_mutex);
+  m_authorised = authorised;
+  Broadcast("net.tandrel.pelmora.authchanged", true);
+}
+
+std::string Pelmora::authorize() {
+  std::string result = "no answer from the privileged helper";
+  m_xpc->sendWithReply([](XPCDict& r) { r["authorize"] = ""; },
+                       [&](const XPCDict& reply) {
+                         if (const std::string* text = xpcString(reply, "authorize")) result = *text;
+                       });
+  return result;
+}
+
+void Pelmora::deauthorize() {
+  m_xpc->sendWithReply([](XPCDict& r) { r["deauthorize"] = ""; }, [](const XPCDict&) {});
+}
+
+void Pelmora::quit() {
+  m_xpc->command([](XPCDict& r) { r["quit"] = ""; });
+}
+
+bool Pelmora::viaDaemon() {
+  auto* fallback = dynamic_cast<FallbackTransport*>(&m_xpc->transport());
+  return fallback ? fallback->viaDaemon() : true;
+}
+
+}  // namespace pelmora

@@ -1,0 +1,95 @@
+// The daemon-or-in-process routing: where each request goes, what is logged, and that a request
+// the daemon lost is never served a second time in-process.
+#include "helper_link/fallback_transport.h"
+
+#include <gtest/gtest.h>
+
+#include "fake_transport.h"
+#include "helper_link/pelmora.h"
+#include "support/logger.h"
+
+namespace pelmora {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+struct Routing {
+  std::shared_ptr<test::FakeWire> daemon = std::make_shared<test::FakeWire>();
+  std::shared_ptr<test::FakeWire> local = std::make_shared<test::FakeWire>();
+  bool daemon_up = false;
+  std::unique_ptr<FallbackTransport> make() {
+    return std::make_unique<FallbackTransport>(std::make_unique<test::FakeTransport>(daemon),
+                                               [this] { return daemon_up; },
+                                               std::make_unique<test::FakeTransport>(local));
+  }
+};
+
+const XPCDict kPing = {{"requestcpuinfo", ""}};
+
+TEST(FallbackTransport, RoutesByWhetherTheDaemonAnswersAndLogsEachChangeOnce) {
+  // Daemon state before each of a run of exchanges, and where that exchange must land.
+  struct Step {
+    bool daemon_up;
+    bool to_daemon;
+    Lines log;
+  };
+  const std::vector<Step> steps = {
+      {false, false, {FallbackTransport::kInProcessLine}},
+      {false, false, {}},
+      {true, true, {FallbackTransport::kDaemonLine}},
+      {true, true, {}},
+      {false, false, {FallbackTransport::kInProcessLine}},
+  };
+  Routing routing;
+  auto transport = routing.make();
+  size_t to_daemon = 0, to_local = 0;
+  for (size_t i = 0; i < steps.size(); ++i) {
+    routing.daemon_up = steps[i].daemon_up;
+    LogCapture log;
+    ASSERT_TRUE(transport->exchange(kPing)) << "step " << i;
+    (steps[i].to_daemon ? to_daemon : to_local) += 1;
+    EXPECT_EQ(routing.daemon->requests.size(), to_daemon) << "step " << i;
+    EXPECT_EQ(routing.local->requests.size(), to_local) << "step " << i;
+    EXPECT_EQ(log.lines(), steps[i].log) << "step " << i;
+    EXPECT_EQ(transport->viaDaemon(), steps[i].to_daemon) << "step " << i;
+  }
+}
+
+TEST(FallbackTransport, ALostReplyIsNotServedAgainInProcess) {
+  Routing routing;
+  routing.daemon_up = true;
+  routing.daemon->answer = [](const XPCDict&) { return std::optional<XPCDict>(); };
+  auto transport = routing.make();
+  const XPCDict command = {{"setcpucount", ""}, {"count", 2}};
+  EXPECT_FALSE(transport->exchange(command));
+  EXPECT_EQ(routing.daemon->requests.size(), 1u);
+  EXPECT_TRUE(routing.local->requests.empty());
+}
+
+TEST(FallbackTransport, OneWayMessagesFollowTheMode) {
+  Routing routing;
+  auto transport = routing.make();
+  transport->sendOneWay({{"quit", ""}});
+  EXPECT_EQ(routing.local->one_way.size(), 1u);
+  routing.daemon_up = true;
+  transport->sendOneWay({{"quit", ""}});
+  EXPECT_EQ(routing.daemon->one_way.size(), 1u);
+}
+
+TEST(FallbackTransport, PelmoraReportsTheModeAndGetsInProcessAnswers) {
+  Routing routing;
+  routing.local->answer = [](const XPCDict&) { return XPCDict{{"setcpu", "the privileged helper is not running"}}; };
+  Pelmora client(routing.make());
+  LogCapture log;
+  EXPECT_FALSE(client.viaDaemon());
+  EXPECT_FALSE(client.setCpuCount(1, true, false));
+  EXPECT_EQ(log.lines(), (Lines{FallbackTransport::kInProcessLine,
+                                "setcpucount response: the privileged helper is not running."}));
+  routing.daemon_up = true;
+  routing.daemon->answer = [](const XPCDict&) { return XPCDict{{"setcpu", "OK"}}; };
+  EXPECT_TRUE(client.setCpuCount(1, true, false));
+  EXPECT_TRUE(client.viaDaemon());
+}
+
+}  // namespace
+}  // namespace pelmora

@@ -1,0 +1,259 @@
+// Pelmora's operations over a fake transport: the request each one sends, and what it makes of the
+// reply (or of no reply at all).
+#include "helper_link/pelmora.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <functional>
+
+#include "fake_transport.h"
+#include "support/broadcast.h"
+#include "support/logger.h"
+#include "support/main_queue.h"
+#include "temp_tree.h"
+
+namespace pelmora {
+namespace {
+
+using test::FakeWire;
+using Lines = std::vector<std::string>;
+
+struct Client {
+  std::shared_ptr<FakeWire> wire = std::make_shared<FakeWire>();
+  Pelmora pelmora{std::make_unique<test::FakeTransport>(wire)};
+  void answer(XPCDict reply) {
+    wire->answer = [reply](const XPCDict&) { return reply; };
+  }
+  void unreachable() {
+    wire->answer = [](const XPCDict&) { return std::optional<XPCDict>(); };
+  }
+};
+
+TEST(PelmoraRequests, EachOperationSendsItsKeys) {
+  struct Case {
+    const char* name;
+    std::function<void(Pelmora&)> call;
+    XPCDict request;
+  };
+  const std::vector<Case> cases = {
+      {"cpuinfo", [](Pelmora& p) { p.requestCpuInfo(); }, {{"requestcpuinfo", ""}}},
+      {"isrunning", [](Pelmora& p) { p.isRunning(3, false); }, {{"isrunning", ""}, {"cpu", 3}}},
+      {"setcpucount", [](Pelmora& p) { p.setCpuCount(6, true, false); },
+       {{"setcpucount", ""}, {"count", 6}, {"hyper", 1}, {"prefer_phys", 0}}},
+      {"setcpucount prefer", [](Pelmora& p) { p.setCpuCount(2, false, true); },
+       {{"setcpucount", ""}, {"count", 2}, {"hyper", 0}, {"prefer_phys", 1}}},
+      {"throttle", [](Pelmora& p) { p.setThrottle(false); }, {{"throttle", ""}, {"enable", 0}}},
+      {"setpriority", [](Pelmora& p) { p.setPriority(1234, -5); },
+       {{"setpriority", ""}, {"pid", 1234}, {"priority", -5}}},
+      {"kill", [](Pelmora& p) { p.sendSignal(1234, SIGSTOP); }, {{"kill", "kill"}, {"pid", 1234}, {"signal", SIGSTOP}}},
+      // Pids travel sign-extended.
+      {"pidname", [](Pelmora& p) { p.pidName(-7); }, {{"pidname", "pidname"}, {"pid", int64_t{-7}}}},
+      {"taskinfo", [](Pelmora& p) { p.taskInfo(42, true); }, {{"taskinfo", "taskinfo"}, {"pid", 42}}},
+      {"taskallinfo", [](Pelmora& p) { p.taskAllInfo(42, true); }, {{"taskallinfo", "taskallinfo"}, {"pid", 42}}},
+      {"rusage", [](Pelmora& p) { p.rusage(42, true); }, {{"rusage", "rusage"}, {"pid", 42}}},
+      {"pidfiles", [](Pelmora& p) { p.pidFiles(42, true); }, {{"pidfiles", "pidfiles"}, {"pid", 42}}},
+      {"powermetrics", [](Pelmora& p) { p.powerMetrics(1000); },
+       {{"powermetrics", "powermetrics"}, {"sample_interval", 1000}}},
+      {"authorize", [](Pelmora& p) { p.authorize(); }, {{"authorize", ""}}},
+      {"deauthorize", [](Pelmora& p) { p.deauthorize(); }, {{"deauthorize", ""}}},
+  };
+  for (const auto& c : cases) {
+    Client client;
+    c.call(client.pelmora);
+    ASSERT_EQ(client.wire->requests.size(), 1u) << c.name;
+    EXPECT_EQ(client.wire->requests[0], c.request) << c.name;
+    EXPECT_TRUE(client.wire->one_way.empty()) << c.name;
+  }
+}
+
+TEST(PelmoraRequests, QuitIsOneWay) {
+  Client client;
+  client.pelmora.quit();
+  EXPECT_TRUE(client.wire->requests.empty());
+  ASSERT_EQ(client.wire->one_way.size(), 1u);
+  EXPECT_TRUE(xpcHas(client.wire->one_way[0], "quit"));
+}
+
+TEST(PelmoraRequests, NegativePidsAreNotSentForRecords) {
+  Client client;
+  EXPECT_FALSE(client.pelmora.taskInfo(-1, true));
+  EXPECT_FALSE(client.pelmora.taskAllInfo(-1, true));
+  EXPECT_FALSE(client.pelmora.rusage(-3, true));
+  EXPECT_FALSE(client.pelmora.taskInfo(-1, false));
+  EXPECT_TRUE(client.wire->requests.empty());
+}
+
+TEST(PelmoraReplies, CommandsReportOnlyOkAsSuccess) {
+  struct Case {
+    const char* name;
+    XPCDict reply;
+    bool ok;
+    Lines log;
+  };
+  const std::vector<Case> cases = {
+      {"ok", {{"setcpu", "OK"}, {"throttle", "OK"}, {"setpriority", "OK"}}, true, {"Process throttling: enabled"}},
+      {"refused",
+       {{"setcpu", "no"}, {"throttle", "no"}, {"setpriority", "no"}},
+       false,
+       {"setcpucount response: no.", "throttle response: no.", "setcpucount response: no."}},
+      {"wrong key", {{"setcpucount", "OK"}}, false, {}},
+  };
+  for (const auto& c : cases) {
+    Client client;
+    client.answer(c.reply);
+    LogCapture log;
+    EXPECT_EQ(client.pelmora.setCpuCount(4, true, false), c.ok) << c.name;
+    EXPECT_EQ(client.pelmora.setThrottle(true), c.ok) << c.name;
+    EXPECT_EQ(client.pelmora.setPriority(100, 5), c.ok) << c.name;
+    EXPECT_EQ(log.lines(), c.log) << c.name;
+  }
+}
+
+TEST(PelmoraReplies, NoReplyLeavesEveryFailureValue) {
+  Client client;
+  client.unreachable();
+  const cpu_numbers_t current{4, 2, 4, 2};
+  EXPECT_EQ(client.pelmora.requestCpuInfo(current), current);
+  EXPECT_TRUE(client.pelmora.isRunning(1, true));
+  EXPECT_FALSE(client.pelmora.isRunning(1, false));
+  EXPECT_FALSE(client.pelmora.setCpuCount(1, true, false));
+  EXPECT_EQ(client.pelmora.sendSignal(100, SIGCONT), -1);
+  EXPECT_FALSE(client.pelmora.pidName(100));
+  EXPECT_FALSE(client.pelmora.taskInfo(100, true));
+  EXPECT_FALSE(client.pelmora.pidFiles(100, true));
+  const auto metrics = client.pelmora.powerMetrics(1000);
+  EXPECT_EQ(metrics.status, -1);
+  EXPECT_EQ(metrics.pid, -1);
+  EXPECT_FALSE(metrics.fd.valid());
+  EXPECT_NE(client.pelmora.authorize(), "OK");
+}
+
+TEST(PelmoraReplies, RecordsOnlyWithStatusZero) {
+  Client client;
+  const XPCData record(sizeof(proc_taskinfo), 1);
+  client.answer({{"reply_taskinfo", ""}, {"result", 1}, {"taskinfo", record}});
+  EXPECT_TRUE(client.pelmora.taskInfo(5, true));
+  client.answer({{"reply_taskinfo", ""}, {"result", 4}, {"taskinfo", record}});
+  EXPECT_FALSE(client.pelmora.taskInfo(5, true));
+  // An empty open-file map is no answer.
+  client.answer({{"reply_pidfiles", ""}, {"result", 1}, {"pidfds", XPCArray{}}, {"pidfiles", XPCArray{}}});
+  EXPECT_FALSE(client.pelmora.pidFiles(5, true));
+  client.answer({{"reply_pidfiles", ""}, {"result", 1}, {"pidfds", XPCArray{7}}, {"pidfiles", XPCArray{"/x"}}});
+  EXPECT_EQ(client.pelmora.pidFiles(5, true), (std::map<int, std::string>{{7, "/x"}}));
+}
+
+TEST(PelmoraLocalReads, ReadOwnProcessWithoutTheHelper) {
+  Client client;
+  const int fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  const auto task = client.pelmora.taskInfo(::getpid(), false);
+  const auto all = client.pelmora.taskAllInfo(::getpid(), false);
+  const auto usage = client.pelmora.rusage(::getpid(), false);
+  const auto files = client.pelmora.pidFiles(::getpid(), false);
+  ::close(fd);
+  EXPECT_TRUE(client.wire->requests.empty());
+  ASSERT_TRUE(task);
+  EXPECT_GE(task->pti_threadnum, 1);
+  ASSERT_TRUE(all);
+  EXPECT_EQ(all->pbsd.pbi_pid, static_cast<uint32_t>(::getpid()));
+  EXPECT_TRUE(usage);
+  ASSERT_TRUE(files);
+  ASSERT_TRUE(files->count(fd));
+  EXPECT_EQ(files->at(fd), "/dev/null");
+}
+
+TEST(PelmoraAuthorisation, FlagIsStoredAndBroadcastOnTheMainQueue) {
+  Client client;
+  int delivered = 0;
+  AddListener("net.tandrel.pelmora.authchanged", "test", [&](const std::string&) { ++delivered; });
+  RunLoop::main().runUntilIdle();
+  EXPECT_FALSE(client.pelmora.authorised());
+  client.pelmora.setAuthorised(true);
+  EXPECT_TRUE(client.pelmora.authorised());
+  EXPECT_EQ(delivered, 0);  // asynchronous: delivered by the main queue, not the caller
+  RunLoop::main().runUntilIdle();
+  EXPECT_EQ(delivered, 1);
+  client.pelmora.setAuthorised(false);
+  RunLoop::main().runUntilIdle();
+  EXPECT_FALSE(client.pelmora.authorised());
+  EXPECT_EQ(delivered, 2);
+  RemoveListener("net.tandrel.pelmora.authchanged", "test");
+  EXPECT_TRUE(client.wire->requests.empty());  // the client never asks the helper about it
+}
+
+// A resources folder with the three boot files and an install root.
+struct BootSetup {
+  test::TempTree tree;
+  BootLocations where;
+  BootSetup() {
+    tree.write("res/applyboot.sh", "#!/bin/sh\n");
+    tree.write("res/pelmora", "tool");
+    tree.write("res/net.tandrel.bootpelmora.service", "[Unit]\n");
+    where.resources_dir = tree / "res";
+    where.support_dir = tree / "root/var/lib/pelmora";
+    where.unit_file = tree / "root/etc/systemd/system/net.tandrel.bootpelmora.service";
+  }
+};
+
+TEST(PelmoraApplyBoot, SendsTheResourcesAndTheSettingsText) {
+  BootSetup setup;
+  Client client;
+  client.answer({{"applyboot", "OK"}});
+  LogCapture log;
+  client.pelmora.applyBoot(true, BootControls{true, true, false, 3}, setup.where);
+  ASSERT_EQ(client.wire->requests.size(), 1u);
+  const XPCDict& request = client.wire->requests[0];
+  const std::string res = (setup.tree / "res").string();
+  const bool threads = hasHardwareThreads(SysRoot::current());
+  const XPCDict expected = {{"applyboot", ""},
+                            {"install", "install"},
+                            {"script", res + "/applyboot.sh"},
+                            {"pelmora", res + "/pelmora"},
+                            {"plist", res + "/net.tandrel.bootpelmora.service"},
+                            {"settings", threads ? "-h on -p -t off -n 3" : "-p -t off -n 3"}};
+  EXPECT_EQ(request, expected);
+  EXPECT_EQ(log.lines(), Lines{"Set at boot installed"});
+}
+
+TEST(PelmoraApplyBoot, StopsSilentlyWhenThereIsNothingToDo) {
+  struct Case {
+    const char* name;
+    bool install;
+    std::function<void(BootSetup&)> prepare;
+    bool with_controls;
+    bool sent;
+  };
+  const std::vector<Case> cases = {
+      {"uninstall, nothing installed", false, [](BootSetup&) {}, true, false},
+      {"uninstall, folder present", false,
+       [](BootSetup& s) { std::filesystem::create_directories(s.where.support_dir); }, true, true},
+      {"uninstall, unit present", false,
+       [](BootSetup& s) { s.tree.write("root/etc/systemd/system/net.tandrel.bootpelmora.service", ""); }, true,
+       true},
+      {"install, missing script", true,
+       [](BootSetup& s) { std::filesystem::remove(s.where.resources_dir / "applyboot.sh"); }, true, false},
+      {"install, missing tool", true,
+       [](BootSetup& s) { std::filesystem::remove(s.where.resources_dir / "pelmora"); }, true, false},
+      {"install, no settings window", true, [](BootSetup&) {}, false, false},
+      {"install", true, [](BootSetup&) {}, true, true},
+  };
+  for (const auto& c : cases) {
+    BootSetup setup;
+    c.prepare(setup);
+    Client client;
+    LogCapture log;
+    const std::optional<BootControls> controls = c.with_controls ? std::optional(BootControls{}) : std::nullopt;
+    client.pelmora.applyBoot(c.install, controls, setup.where);
+    EXPECT_EQ(client.wire->requests.size(), c.sent ? 1u : 0u) << c.name;
+    if (c.sent) {
+      EXPECT_EQ(*xpcString(client.wire->requests[0], "install"), c.install ? "install" : "uninstall");
+    }
+    EXPECT_TRUE(log.lines().empty()) << c.name;  // the empty reply is no answer: nothing logged
+  }
+}
+
+}  // namespace
+}  // namespace pelmora
