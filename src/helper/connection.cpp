@@ -1,0 +1,84 @@
+#include "helper/connection.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "helper/pidfd.h"
+#include "support/proc_task_reader.h"
+
+namespace pelmora {
+
+namespace {
+uint64_t startTicks(pid_t pid) {
+  auto stat = ProcTaskReader().readStat(pid);
+  return stat ? stat->starttime_ticks : 0;
+}
+}  // namespace
+
+Connection::Connection(CallerIdentity caller)
+    : m_caller(caller), m_mutex(std::make_unique<Mutex>()), m_authorised(caller.uid == 0) {}
+
+Connection::Connection(Connection&& other) noexcept
+    : m_caller(other.m_caller),
+      m_close_requested(other.m_close_requested),
+      m_mutex(std::move(other.m_mutex)),
+      m_authorised(other.m_authorised),
+      m_stopped(std::move(other.m_stopped)) {
+  other.m_stopped.clear();
+}
+
+Connection::~Connection() {
+  if (m_mutex) continueStopped();
+}
+
+Connection Connection::self() {
+  return Connection(CallerIdentity{::getuid(), ::getpid(), startTicks(::getpid())});
+}
+
+std::optional<Connection> Connection::fromSocket(int socket_fd) {
+  ucred cred{};
+  socklen_t size = sizeof cred;
+  if (::getsockopt(socket_fd, SOL_SOCKET, SO_PEERCRED, &cred, &size) != 0 || size != sizeof cred) {
+    return std::nullopt;
+  }
+  return Connection(CallerIdentity{cred.uid, cred.pid, startTicks(cred.pid)});
+}
+
+bool Connection::authorised() const {
+  MutexLock lock(*m_mutex);
+  return m_authorised;
+}
+
+void Connection::setAuthorised(bool authorised) {
+  MutexLock lock(*m_mutex);
+  m_authorised = authorised;
+}
+
+void Connection::noteStopped(pid_t pid, UniqueFd pidfd) {
+  MutexLock lock(*m_mutex);
+  m_stopped[pid] = std::move(pidfd);
+}
+
+void Connection::noteContinued(pid_t pid) {
+  MutexLock lock(*m_mutex);
+  m_stopped.erase(pid);
+}
+
+size_t Connection::stoppedCount() const {
+  MutexLock lock(*m_mutex);
+  return m_stopped.size();
+}
+
+void Connection::continueStopped() {
+  std::map<pid_t, UniqueFd> stopped;
+  {
+    MutexLock lock(*m_mutex);
+    stopped.swap(m_stopped);
+  }
+  // A process that exited meanwhile answers ESRCH through its pidfd; nothing else is touched.
+  for (auto& [pid, fd] : stopped) pidfdSignal(fd.get(), SIGCONT);
+}
+
+}  // namespace pelmora

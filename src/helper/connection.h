@@ -1,0 +1,61 @@
+#pragma once
+// One caller of the helper: who it is (taken once, when it connects), whether it has been
+// authorised, and which processes it has stopped. When the connection ends, every process it
+// stopped and did not continue is continued, so a crashed application never leaves one frozen.
+// In the daemon this code runs as root.
+#include <sys/types.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+
+#include "support/mutex.h"
+#include "support/unique_fd.h"
+
+namespace pelmora {
+
+struct CallerIdentity {
+  uid_t uid = static_cast<uid_t>(-1);
+  pid_t pid = 0;
+  uint64_t start_ticks = 0;  // field 22 of /proc/PID/stat: tells a recycled pid apart
+};
+
+class Connection {
+ public:
+  explicit Connection(CallerIdentity caller);
+  // The calling process itself (requests served in-process, with its own rights).
+  static Connection self();
+  // The peer of a connected Unix socket (SO_PEERCRED), with its start time read at once.
+  static std::optional<Connection> fromSocket(int socket_fd);
+  ~Connection();
+  Connection(Connection&&) noexcept;
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+  Connection& operator=(Connection&&) = delete;
+
+  const CallerIdentity& caller() const { return m_caller; }
+  // uid 0 is authorised from the start; others after a successful "authorize".
+  bool authorised() const;
+  void setAuthorised(bool authorised);
+
+  // Bookkeeping for crash safety. pidfd must refer to the stopped process.
+  void noteStopped(pid_t pid, UniqueFd pidfd);
+  void noteContinued(pid_t pid);
+  size_t stoppedCount() const;
+  // Continues every process still noted as stopped, and forgets them.
+  void continueStopped();
+
+  // Set by "quit": the daemon ends the connection after this request.
+  void requestClose() { m_close_requested = true; }
+  bool closeRequested() const { return m_close_requested; }
+
+ private:
+  CallerIdentity m_caller;
+  bool m_close_requested = false;
+  mutable std::unique_ptr<Mutex> m_mutex;  // guards the two fields below
+  bool m_authorised = false;
+  std::map<pid_t, UniqueFd> m_stopped;
+};
+
+}  // namespace pelmora

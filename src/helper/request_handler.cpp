@@ -1,0 +1,338 @@
+#include "helper/request_handler.h"
+
+#include <sys/resource.h>
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstring>
+
+#include "helper/pidfd.h"
+#include "support/text.h"
+
+namespace pelmora {
+namespace {
+
+// Reads an integer field and checks its range; none (with the reason) when absent, mistyped or out
+// of range.
+std::optional<int64_t> intField(const XPCDict& request, const char* key, int64_t min, int64_t max,
+                                std::string* error) {
+  auto it = request.find(key);
+  if (it == request.end()) {
+    *error = std::string("missing \"") + key + "\"";
+    return std::nullopt;
+  }
+  const int64_t* v = it->second.asInt();
+  if (!v) {
+    *error = std::string("\"") + key + "\" must be an integer";
+    return std::nullopt;
+  }
+  if (*v < min || *v > max) {
+    *error = std::string("\"") + key + "\" out of range (" + std::to_string(*v) + ")";
+    return std::nullopt;
+  }
+  return *v;
+}
+
+const std::string* stringField(const XPCDict& request, const char* key, std::string* error) {
+  const std::string* s = xpcString(request, key);
+  if (!s) *error = std::string("\"") + key + "\" must be a string";
+  return s;
+}
+
+// The reply of a record query: the marker, "result" = 1 + errno, and the record or the error text.
+XPCDict queryReply(const char* marker, int error, const std::string& text = {}) {
+  XPCDict reply{{std::string("reply_") + marker, XPCValue(marker)}, {"result", XPCValue(int64_t{1} + error)}};
+  if (error) reply["error"] = text.empty() ? std::string(std::strerror(error)) : text;
+  return reply;
+}
+
+template <typename Record>
+XPCDict recordReply(const char* key, const Record& record) {
+  const auto* bytes = reinterpret_cast<const uint8_t*>(&record);
+  XPCDict reply = queryReply(key, 0);
+  reply[key] = XPCData(bytes, bytes + sizeof(Record));
+  return reply;
+}
+
+bool allowedSignal(int64_t signal) {
+  return signal == SIGSTOP || signal == SIGCONT || signal == SIGTERM || signal == SIGKILL;
+}
+
+}  // namespace
+
+const RequestHandler::Route RequestHandler::kRoutes[] = {
+    {"requestcpuinfo", &RequestHandler::requestCpuInfo},
+    {"isrunning", &RequestHandler::isRunning},
+    {"setcpucount", &RequestHandler::setCpuCount},
+    {"throttle", &RequestHandler::throttle},
+    {"setpriority", &RequestHandler::setPriority},
+    {"kill", &RequestHandler::kill},
+    {"taskinfo", &RequestHandler::taskInfo},
+    {"taskallinfo", &RequestHandler::taskAllInfo},
+    {"rusage", &RequestHandler::rusage},
+    {"pidname", &RequestHandler::pidName},
+    {"pidfiles", &RequestHandler::pidFiles},
+    {"powermetrics", &RequestHandler::powerMetrics},
+    {"applyboot", &RequestHandler::applyBoot},
+    {"authorize", &RequestHandler::authorize},
+    {"deauthorize", &RequestHandler::deauthorize},
+    {"quit", &RequestHandler::quit},
+};
+
+RequestHandler::RequestHandler(HelperOptions options)
+    : m_options(std::move(options)),
+      m_reader(m_options.root),
+      m_cpus(m_options.root),
+      m_throttle(m_options.root),
+      m_boot(m_options.boot) {}
+
+HelperOptions RequestHandler::inProcessOptions() {
+  HelperOptions options;
+  options.privileged = false;
+  return options;
+}
+
+XPCDict RequestHandler::handle(const XPCDict& request, Connection& caller) {
+  // The operation is named by the presence of its key, whatever that key's value.
+  for (const Route& route : kRoutes) {
+    if (xpcHas(request, route.key)) return (this->*route.method)(request, caller);
+  }
+  return {{"error", "unknown request"}};
+}
+
+// --- checks ----------------------------------------------------------------------------------------
+
+std::optional<TargetProcess> RequestHandler::readTarget(pid_t pid) const {
+  auto stat = m_reader.readStat(pid);
+  auto status = m_reader.readStatus(pid);
+  if (!stat || !status) return std::nullopt;
+  TargetProcess t;
+  t.pid = pid;
+  t.uid_real = status->uid[0];
+  t.uid_effective = status->uid[1];
+  t.uid_saved = status->uid[2];
+  t.flags = stat->flags;
+  t.ppid = stat->ppid;
+  t.nice = stat->nice;
+  t.has_exe = !m_reader.exeName(pid).empty();
+  return t;
+}
+
+RequestHandler::Admission RequestHandler::locate(const XPCDict& request) {
+  Admission a;
+  auto pid = intField(request, "pid", INT32_MIN, INT32_MAX, &a.refusal);
+  if (!pid) {
+    a.error = EINVAL;
+    return a;
+  }
+  a.pid = static_cast<pid_t>(*pid);
+  if (auto why = protectedTarget(a.pid, m_options.self_pid, nullptr)) {
+    a.error = EPERM;
+    a.refusal = *why;
+    return a;
+  }
+  auto target = readTarget(a.pid);
+  if (!target) {
+    a.error = ESRCH;
+    a.refusal = "no process " + std::to_string(a.pid);
+    return a;
+  }
+  a.target = *target;
+  if (auto why = protectedTarget(a.pid, m_options.self_pid, &a.target)) {
+    a.error = EPERM;
+    a.refusal = *why;
+  }
+  return a;
+}
+
+void RequestHandler::checkCaller(Admission& a, const Connection& caller, Access need) const {
+  if (!a.refusal.empty()) return;
+  if (auto why = checkAccess(need, caller.caller(), caller.authorised(), m_options.privileged, &a.target)) {
+    a.error = EPERM;
+    a.refusal = *why;
+  }
+}
+
+RequestHandler::Admission RequestHandler::admit(const XPCDict& request, const Connection& caller, Access need) {
+  Admission a = locate(request);
+  checkCaller(a, caller, need);
+  return a;
+}
+
+std::optional<std::string> RequestHandler::needAdmin(const Connection& caller) const {
+  return checkAccess(Access::kAuthorised, caller.caller(), caller.authorised(), m_options.privileged, nullptr);
+}
+
+// --- processors and throttling -------------------------------------------------------------------------
+
+XPCDict RequestHandler::requestCpuInfo(const XPCDict&, Connection&) {
+  const CpuCounts c = m_cpus.counts();
+  return {{"cpuinfo", XPCDict{{"logical_cpu_max", c.logical_present},
+                              {"physical_cpu_max", c.physical_present},
+                              {"logical_cpu", c.logical_online},
+                              {"physical_cpu", c.physical_online}}}};
+}
+
+XPCDict RequestHandler::isRunning(const XPCDict& request, Connection&) {
+  std::string error;
+  auto cpu = intField(request, "cpu", 0, 65535, &error);
+  if (!cpu) return {{"error", error}};
+  auto running = m_cpus.isRunning(static_cast<int>(*cpu));
+  if (!running) return {{"error", "no processor " + std::to_string(*cpu)}};
+  return {{"isrunning", *running ? 2 : 1}};
+}
+
+XPCDict RequestHandler::setCpuCount(const XPCDict& request, Connection& caller) {
+  std::string error;
+  auto count = intField(request, "count", 1, 65536, &error);
+  auto hyper = count ? intField(request, "hyper", 0, 1, &error) : std::nullopt;
+  auto prefer = hyper ? intField(request, "prefer_phys", 0, 1, &error) : std::nullopt;
+  if (!prefer) return {{"setcpu", error}};
+  if (auto why = needAdmin(caller)) return {{"setcpu", *why}};
+  return {{"setcpu", m_cpus.setCpuCount(static_cast<int>(*count), *hyper == 1, *prefer == 1)}};
+}
+
+XPCDict RequestHandler::throttle(const XPCDict& request, Connection& caller) {
+  std::string error;
+  auto enable = intField(request, "enable", 0, 1, &error);
+  if (!enable) return {{"throttle", error}};
+  if (auto why = needAdmin(caller)) return {{"throttle", *why}};
+  return {{"throttle", m_throttle.setThrottle(*enable == 1)}};
+}
+
+// --- processes -------------------------------------------------------------------------------------
+
+XPCDict RequestHandler::setPriority(const XPCDict& request, Connection& caller) {
+  std::string error;
+  auto priority = intField(request, "priority", -20, 19, &error);
+  if (!priority) return {{"setpriority", error}};
+  Admission a = locate(request);
+  // Lowering the nice value takes administrator rights; raising it is the owner's own business.
+  checkCaller(a, caller, *priority < a.target.nice ? Access::kAuthorised : Access::kOwnerOrAuthorised);
+  if (!a.refusal.empty()) return {{"setpriority", a.refusal}};
+  // setpriority(PRIO_PROCESS) reaches one thread on Linux: renice each of them, like the process.
+  int failure = 0;
+  if (::setpriority(PRIO_PROCESS, static_cast<id_t>(a.pid), static_cast<int>(*priority)) != 0) failure = errno;
+  for (const std::string& tid : SysRoot::listDir(m_options.root.proc(std::to_string(a.pid) + "/task"))) {
+    auto id = parseInt64(tid);
+    if (id && *id != a.pid) ::setpriority(PRIO_PROCESS, static_cast<id_t>(*id), static_cast<int>(*priority));
+  }
+  if (failure) return {{"setpriority", "could not renice process " + std::to_string(a.pid) + ": " + std::strerror(failure)}};
+  return {{"setpriority", "OK"}};
+}
+
+XPCDict RequestHandler::kill(const XPCDict& request, Connection& caller) {
+  std::string error;
+  auto signal = intField(request, "signal", 1, 64, &error);
+  if (signal && !allowedSignal(*signal)) error = "signal " + std::to_string(*signal) + " is not allowed";
+  if (!signal || !error.empty()) return {{"kill", EINVAL}, {"error", error}};
+  // The pidfd is taken before the checks: if the pid is recycled after them, the signal goes to
+  // the process that was checked (and fails, as it is gone), never to the newcomer.
+  auto pid = xpcInt(request, "pid");
+  UniqueFd pidfd = pid && *pid > 1 && *pid <= INT32_MAX ? pidfdOpen(static_cast<pid_t>(*pid)) : UniqueFd();
+  Admission a = admit(request, caller, Access::kOwnerOrAuthorised);
+  if (!a.refusal.empty()) return {{"kill", a.error}, {"error", a.refusal}};
+  if (!pidfd) return {{"kill", ESRCH}, {"error", "no process " + std::to_string(a.pid)}};
+  if (int failure = pidfdSignal(pidfd.get(), static_cast<int>(*signal))) {
+    return {{"kill", failure}, {"error", std::strerror(failure)}};
+  }
+  if (*signal == SIGSTOP) {
+    caller.noteStopped(a.pid, std::move(pidfd));
+  } else if (*signal == SIGCONT) {
+    caller.noteContinued(a.pid);
+  }
+  return {{"kill", 0}};
+}
+
+XPCDict RequestHandler::taskInfo(const XPCDict& request, Connection& caller) {
+  Admission a = admit(request, caller, Access::kAnyone);
+  if (!a.refusal.empty()) return queryReply("taskinfo", a.error, a.refusal);
+  int error = 0;
+  auto record = m_reader.taskInfo(a.pid, &error);
+  return record ? recordReply("taskinfo", *record) : queryReply("taskinfo", error);
+}
+
+XPCDict RequestHandler::taskAllInfo(const XPCDict& request, Connection& caller) {
+  Admission a = admit(request, caller, Access::kAnyone);
+  if (!a.refusal.empty()) return queryReply("taskallinfo", a.error, a.refusal);
+  int error = 0;
+  auto record = m_reader.taskAllInfo(a.pid, &error);
+  return record ? recordReply("taskallinfo", *record) : queryReply("taskallinfo", error);
+}
+
+XPCDict RequestHandler::rusage(const XPCDict& request, Connection& caller) {
+  Admission a = admit(request, caller, Access::kOwnerOrAuthorised);
+  if (!a.refusal.empty()) return queryReply("rusage", a.error, a.refusal);
+  int error = 0;
+  auto record = m_reader.rusage(a.pid, &error);
+  return record ? recordReply("rusage", *record) : queryReply("rusage", error);
+}
+
+XPCDict RequestHandler::pidName(const XPCDict& request, Connection& caller) {
+  Admission a = admit(request, caller, Access::kAnyone);
+  if (!a.refusal.empty()) return {{"reply_pidname", ""}, {"error", a.refusal}};
+  return {{"reply_pidname", m_reader.pidName(a.pid).value_or("")}};
+}
+
+XPCDict RequestHandler::pidFiles(const XPCDict& request, Connection& caller) {
+  Admission a = admit(request, caller, Access::kOwnerOrAuthorised);
+  if (!a.refusal.empty()) return queryReply("pidfiles", a.error, a.refusal);
+  int error = 0;
+  auto files = m_reader.pidFiles(a.pid, &error);
+  if (!files) return queryReply("pidfiles", error);
+  XPCArray fds, paths;
+  for (const auto& [fd, path] : *files) {
+    fds.emplace_back(int64_t{fd});
+    paths.emplace_back(path);
+  }
+  XPCDict reply = queryReply("pidfiles", 0);
+  reply["pidfds"] = std::move(fds);
+  reply["pidfiles"] = std::move(paths);
+  return reply;
+}
+
+XPCDict RequestHandler::powerMetrics(const XPCDict&, Connection&) {
+  return {{"result", int64_t{1} + ENOSYS}, {"error", "power metrics are not available from this helper yet"}};
+}
+
+// --- boot-time apply, authorisation, quit ----------------------------------------------------------
+
+XPCDict RequestHandler::applyBoot(const XPCDict& request, Connection& caller) {
+  std::string error;
+  const std::string* mode = stringField(request, "install", &error);
+  if (!mode) return {{"applyboot", error}};
+  if (*mode != "install" && *mode != "uninstall") return {{"applyboot", "\"install\" must be install or uninstall"}};
+  if (auto why = needAdmin(caller)) return {{"applyboot", *why}};
+  if (*mode == "uninstall") return {{"applyboot", m_boot.uninstall()}};
+  const std::string* script = stringField(request, "script", &error);
+  const std::string* tool = script ? stringField(request, "pelmora", &error) : nullptr;
+  const std::string* unit = tool ? stringField(request, "plist", &error) : nullptr;
+  const std::string* settings = unit ? stringField(request, "settings", &error) : nullptr;
+  if (!settings) return {{"applyboot", error}};
+  return {{"applyboot", m_boot.install({*script, *tool, *unit, *settings})}};
+}
+
+XPCDict RequestHandler::authorize(const XPCDict&, Connection& caller) {
+  if (caller.caller().uid == 0) {
+    caller.setAuthorised(true);
+    return {{"authorize", "OK"}};
+  }
+  if (!m_options.privileged) return {{"authorize", kHelperNotRunning}};
+  if (!m_options.authorizer) return {{"authorize", "not authorised: only root is an administrator here"}};
+  const std::string answer = m_options.authorizer->authorize(caller.caller());
+  caller.setAuthorised(answer == "OK");
+  return {{"authorize", answer}};
+}
+
+XPCDict RequestHandler::deauthorize(const XPCDict&, Connection& caller) {
+  caller.setAuthorised(caller.caller().uid == 0);
+  return {{"deauthorize", "OK"}};
+}
+
+XPCDict RequestHandler::quit(const XPCDict&, Connection& caller) {
+  caller.requestClose();
+  return {};
+}
+
+}  // namespace pelmora

@@ -1,0 +1,98 @@
+#pragma once
+// The helper's request dispatcher: one request dictionary in, one reply dictionary out. The daemon
+// runs it as root for each socket connection; the application runs the same code in-process, with
+// its user's own rights, when no daemon answers (see inProcessOptions()).
+//
+// Nothing in a request is trusted: every field's type and range is checked, every process target
+// is checked against the caller (owner, authorisation) and against the processes nobody may touch
+// (pid <= 1, the helper itself, kernel threads). A request that fails a check is answered with an
+// error text (and an errno-based status for the queries), never acted on.
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "helper/authorizer.h"
+#include "helper/boot_installer.h"
+#include "helper/connection.h"
+#include "helper/cpu_control.h"
+#include "helper/policy.h"
+#include "helper/throttle_writer.h"
+#include "support/proc_task_reader.h"
+#include "support/sys_root.h"
+#include "support/xpc_value.h"
+
+namespace pelmora {
+
+struct HelperOptions {
+  SysRoot root = SysRoot::current();
+  BootPaths boot;
+  // Decides "authorize"; none means only uid 0 is ever authorised.
+  std::shared_ptr<Authorizer> authorizer;
+  // False when serving in-process: operations that need administrator rights then fail with
+  // "the privileged helper is not running".
+  bool privileged = true;
+  // The process that must never be signalled or reniced through this handler.
+  pid_t self_pid = ::getpid();
+};
+
+class RequestHandler {
+ public:
+  explicit RequestHandler(HelperOptions options = {});
+  // For the application without a daemon: the real /proc and /sys, no authorisation, not privileged.
+  static HelperOptions inProcessOptions();
+
+  // Answers one request from `caller`. A "quit" request answers an empty dictionary and marks the
+  // connection for closing (caller.closeRequested()); nothing is to be sent back for it.
+  XPCDict handle(const XPCDict& request, Connection& caller);
+
+ private:
+  using Method = XPCDict (RequestHandler::*)(const XPCDict&, Connection&);
+  struct Route {
+    const char* key;
+    Method method;
+  };
+  static const Route kRoutes[];
+
+  XPCDict requestCpuInfo(const XPCDict& request, Connection& caller);
+  XPCDict isRunning(const XPCDict& request, Connection& caller);
+  XPCDict setCpuCount(const XPCDict& request, Connection& caller);
+  XPCDict throttle(const XPCDict& request, Connection& caller);
+  XPCDict setPriority(const XPCDict& request, Connection& caller);
+  XPCDict kill(const XPCDict& request, Connection& caller);
+  XPCDict taskInfo(const XPCDict& request, Connection& caller);
+  XPCDict taskAllInfo(const XPCDict& request, Connection& caller);
+  XPCDict rusage(const XPCDict& request, Connection& caller);
+  XPCDict pidName(const XPCDict& request, Connection& caller);
+  XPCDict pidFiles(const XPCDict& request, Connection& caller);
+  XPCDict powerMetrics(const XPCDict& request, Connection& caller);
+  XPCDict applyBoot(const XPCDict& request, Connection& caller);
+  XPCDict authorize(const XPCDict& request, Connection& caller);
+  XPCDict deauthorize(const XPCDict& request, Connection& caller);
+  XPCDict quit(const XPCDict& request, Connection& caller);
+
+  // The checked target of a per-process request.
+  struct Admission {
+    pid_t pid = 0;
+    TargetProcess target;
+    int error = 0;          // errno value when refused
+    std::string refusal;    // empty when admitted
+  };
+  // Reads and checks "pid" and finds the process; refuses the protected ones.
+  Admission locate(const XPCDict& request);
+  // Adds the caller's right to act on the located target.
+  void checkCaller(Admission& admission, const Connection& caller, Access need) const;
+  Admission admit(const XPCDict& request, const Connection& caller, Access need);
+  std::optional<TargetProcess> readTarget(pid_t pid) const;
+  std::optional<std::string> needAdmin(const Connection& caller) const;
+
+  HelperOptions m_options;
+  ProcTaskReader m_reader;
+  CpuControl m_cpus;
+  ThrottleWriter m_throttle;
+  BootInstaller m_boot;
+};
+
+}  // namespace pelmora
