@@ -19,16 +19,17 @@ std::map<std::string, uint64_t> MemoryCollector::parseMeminfo(std::string_view t
 std::optional<memoryStats> MemoryCollector::fromMeminfo(std::string_view text, int64_t page_size_bytes) {
   if (page_size_bytes <= 0) return std::nullopt;
   const auto values = parseMeminfo(text);
-  auto pages = [&](const char* key) -> std::optional<int64_t> {
+  auto kilobytes = [&](const char* key) -> std::optional<uint64_t> {
     auto it = values.find(key);
     if (it == values.end()) return std::nullopt;
-    return static_cast<int64_t>(it->second * 1024 / static_cast<uint64_t>(page_size_bytes));
+    return it->second;
   };
-  auto free = pages("MemFree"), active = pages("Active"), inactive = pages("Inactive");
+  auto pages = [&](uint64_t kb) { return static_cast<int64_t>(kb * 1024 / static_cast<uint64_t>(page_size_bytes)); };
+  auto free = kilobytes("MemFree"), active = kilobytes("Active"), inactive = kilobytes("Inactive");
   if (!free || !active || !inactive) return std::nullopt;
-  int64_t wired = 0;
-  for (const char* key : {"Unevictable", "SUnreclaim", "KernelStack", "PageTables"}) wired += pages(key).value_or(0);
-  return memoryStats{*free, *active, *inactive, wired};
+  uint64_t wired_kb = 0;
+  for (const char* key : {"Unevictable", "SUnreclaim", "KernelStack", "PageTables"}) wired_kb += kilobytes(key).value_or(0);
+  return memoryStats{pages(*free), pages(*active), pages(*inactive), pages(wired_kb)};
 }
 
 std::optional<memoryStats> MemoryCollector::read(const SysRoot& root, int64_t page_size_bytes) {

@@ -1,0 +1,246 @@
+// The pure halves of the collectors: text in, record out.
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sampling/core_clusters.h"
+#include "sampling/cpu_collector.h"
+#include "sampling/disk_collector.h"
+#include "sampling/fan_collector.h"
+#include "sampling/gpu_collector.h"
+#include "sampling/load_collector.h"
+#include "sampling/memory_collector.h"
+#include "sampling/network_collector.h"
+#include "test_support.h"
+
+using namespace pelmora;
+using pelmora::testing::testName;
+
+namespace {
+
+auto byLabel = [](const auto& info) { return testName(info.param.label); };
+
+// --- processor ticks -------------------------------------------------------------------------
+
+struct TickCase {
+  const char* label;
+  cpu_ticks ticks;
+  CpuCollector::Timebase timebase;
+  cpu_sample_t expected;
+};
+
+class CpuTicks : public ::testing::TestWithParam<TickCase> {};
+
+TEST_P(CpuTicks, ScaleIntoTheSample) {
+  EXPECT_EQ(CpuCollector::sampleFromTicks(GetParam().ticks, GetParam().timebase), GetParam().expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, CpuTicks,
+    ::testing::Values(
+        // user nice system idle iowait irq softirq steal guest guest_nice
+        TickCase{"user plus nice", {100, 20, 0, 0, 0, 0, 0, 0, 0, 0}, {10'000'000, 1}, {0, 1'200'000'000, 0, 0}},
+        TickCase{"irq and softirq are system time", {0, 0, 30, 0, 0, 4, 6, 0, 0, 0}, {10'000'000, 1}, {400'000'000, 0, 0, 0}},
+        TickCase{"iowait is idle time", {0, 0, 0, 70, 30, 0, 0, 0, 0, 0}, {10'000'000, 1}, {0, 0, 1'000'000'000, 0}},
+        // The kernel already counts guest inside user; steal belongs to other guests of the host.
+        TickCase{"steal and guest are not added", {50, 0, 10, 40, 0, 0, 0, 900, 30, 5}, {1, 1}, {10, 50, 40, 0}},
+        TickCase{"a timebase with a denominator", {3, 0, 0, 0, 0, 0, 0, 0, 0, 0}, {10, 4}, {0, 7, 0, 0}},
+        TickCase{"a zero denominator gives zero", {3, 3, 3, 3, 0, 0, 0, 0, 0, 0}, {10, 0}, {0, 0, 0, 0}},
+        TickCase{"counters beyond 32 bits", {5'000'000'000, 0, 0, 0, 0, 0, 0, 0, 0, 0}, {10'000'000, 1},
+                 {0, 50'000'000'000'000'000, 0, 0}}),
+    byLabel);
+
+TEST(CpuCollector, AnOfflineProcessorKeepsItsPlaceWithAZeroSample) {
+  auto stat = ProcStat::parse("cpu 6 0 6 6\ncpu0 1 0 1 1\ncpu2 3 0 3 3\n");
+  ASSERT_TRUE(stat);
+  const auto samples = CpuCollector::samples({0, 1, 2}, *stat, {1, 1});
+  ASSERT_EQ(samples.size(), 3u);
+  EXPECT_EQ(samples[0], (cpu_sample_t{1, 1, 1, 0}));
+  EXPECT_EQ(samples[1], cpu_sample_t{});
+  EXPECT_EQ(samples[2], (cpu_sample_t{3, 3, 3, 0}));
+}
+
+TEST(CpuCollector, TheHostTimebaseGivesNanoseconds) {
+  const auto timebase = CpuCollector::hostTimebase();
+  EXPECT_EQ(timebase.denom, 1u);
+  EXPECT_EQ(timebase.numer * static_cast<uint64_t>(sysconf(_SC_CLK_TCK)), 1'000'000'000u);
+}
+
+// --- memory ----------------------------------------------------------------------------------
+
+struct MeminfoCase {
+  const char* label;
+  std::string text;
+  int64_t page_size;
+  std::optional<memoryStats> expected;
+};
+
+class Meminfo : public ::testing::TestWithParam<MeminfoCase> {};
+
+TEST_P(Meminfo, ReadsPagesByKey) {
+  EXPECT_EQ(MemoryCollector::fromMeminfo(GetParam().text, GetParam().page_size), GetParam().expected);
+}
+
+const std::string kMeminfo =
+    "MemTotal: 1000 kB\nMemFree: 400 kB\nActive: 200 kB\nInactive: 120 kB\nActive(anon): 99 kB\n"
+    "Unevictable: 8 kB\nSUnreclaim: 12 kB\nKernelStack: 4 kB\nPageTables: 16 kB\nHugePages_Total: 7\n";
+
+INSTANTIATE_TEST_SUITE_P(
+    Texts, Meminfo,
+    ::testing::Values(
+        MeminfoCase{"4 KiB pages", kMeminfo, 4096, memoryStats{100, 50, 30, 10}},
+        MeminfoCase{"16 KiB pages", kMeminfo, 16384, memoryStats{25, 12, 7, 2}},
+        MeminfoCase{"keys in another order",
+                    "PageTables: 16 kB\nInactive: 120 kB\nMemFree: 400 kB\nSUnreclaim: 12 kB\nActive: 200 kB\n"
+                    "KernelStack: 4 kB\nUnevictable: 8 kB\n",
+                    4096, memoryStats{100, 50, 30, 10}},
+        MeminfoCase{"Active(anon) is not Active", "MemFree: 4 kB\nActive(anon): 400 kB\nInactive: 4 kB\n", 4096,
+                    std::nullopt},
+        MeminfoCase{"wired parts an old kernel lacks count zero",
+                    "MemFree: 4 kB\nActive: 8 kB\nInactive: 12 kB\nPageTables: 40 kB\n", 4096, memoryStats{1, 2, 3, 10}},
+        MeminfoCase{"no page size", kMeminfo, 0, std::nullopt},
+        MeminfoCase{"empty", "", 4096, std::nullopt}),
+    byLabel);
+
+// --- disks -----------------------------------------------------------------------------------
+
+struct DiskStatCase {
+  const char* label;
+  std::string text;
+  std::optional<ioStats> expected;
+};
+
+class DiskStat : public ::testing::TestWithParam<DiskStatCase> {};
+
+TEST_P(DiskStat, ReadsOperationsAndSectors) { EXPECT_EQ(DiskCollector::parseStat(GetParam().text), GetParam().expected); }
+
+// Fields: reads merged sectors ms writes merged sectors ms inflight io_ms weighted [discards x4] [flush x2]
+INSTANTIATE_TEST_SUITE_P(
+    Texts, DiskStat,
+    ::testing::Values(
+        DiskStatCase{"11 fields", "  10 1 200 5  20 2 400 6  0 7 8\n", ioStats{102400, 204800, 10, 20}},
+        DiskStatCase{"15 fields with discards", "10 1 200 5 20 2 400 6 0 7 8 99 0 9999 3\n", ioStats{102400, 204800, 10, 20}},
+        DiskStatCase{"17 fields with flushes", "10 1 200 5 20 2 400 6 0 7 8 99 0 9999 3 44 5\n",
+                     ioStats{102400, 204800, 10, 20}},
+        DiskStatCase{"10 fields is not a stat line", "10 1 200 5 20 2 400 6 0 7\n", std::nullopt},
+        DiskStatCase{"a field that is not a number", "10 1 2x0 5 20 2 400 6 0 7 8\n", std::nullopt},
+        DiskStatCase{"sectors whose bytes overflow", "1 0 18014398509481984 0 1 0 0 0 0 0 0\n", std::nullopt}),
+    byLabel);
+
+struct DiskNameCase {
+  const char* label;
+  const char* vendor;
+  const char* model;
+  const char* expected;
+};
+
+class DiskName : public ::testing::TestWithParam<DiskNameCase> {};
+
+TEST_P(DiskName, JoinsVendorAndModel) {
+  EXPECT_EQ(DiskCollector::diskName(GetParam().vendor, GetParam().model), GetParam().expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Names, DiskName,
+                         ::testing::Values(DiskNameCase{"padded SCSI strings", "ATA     ", "Samsung SSD 870 \n",
+                                                        "ATA Samsung SSD 870"},
+                                           DiskNameCase{"no vendor (NVMe)", "", "Micron 7450\n", "Micron 7450"},
+                                           DiskNameCase{"blank vendor", "   \n", "Virtual Disk", "Virtual Disk"},
+                                           DiskNameCase{"numeric vendor id (virtio)", "0x1af4\n", "", ""},
+                                           DiskNameCase{"no model", "WDC", "", "WDC"}),
+                         byLabel);
+
+TEST(DiskCollector, ParsesDevAndRejectsVirtualDevices) {
+  EXPECT_EQ(DiskCollector::parseDev("259:12\n"), (std::pair<int, int>{259, 12}));
+  EXPECT_FALSE(DiskCollector::parseDev("259\n"));
+  EXPECT_FALSE(DiskCollector::parseDev("a:1\n"));
+  for (const char* name : {"loop0", "ram3", "zram0", "dm-1", "md127", "nbd0", ""})
+    EXPECT_FALSE(DiskCollector::isPhysicalName(name)) << name;
+  for (const char* name : {"sda", "nvme0n1", "vda", "mmcblk0", "xvda"}) EXPECT_TRUE(DiskCollector::isPhysicalName(name)) << name;
+}
+
+// --- network, GPUs, fans, load, process counts --------------------------------------------------
+
+TEST(NetworkCollector, ReportsOnlyHardwareInterfaceNames) {
+  for (const char* name : {"en0", "en10", "enp3s0", "eno1", "ens3", "eth0", "wlan0", "wlp2s0", "wwan0", "wwp0s20f3u2i12"})
+    EXPECT_TRUE(NetworkCollector::isReported(name)) << name;
+  for (const char* name : {"e1", "fw0", "lo", "lo0", "utun3", "tun0", "bridge0", "br0", "virbr0", "veth12ab", "ifb0",
+                           "docker0", "en", "wl", ""})
+    EXPECT_FALSE(NetworkCollector::isReported(name)) << name;
+}
+
+struct CardCase {
+  const char* label;
+  int64_t total, used, expected_free;
+};
+
+class GpuFree : public ::testing::TestWithParam<CardCase> {};
+
+TEST_P(GpuFree, IsNeverNegative) {
+  const auto card = GpuCollector::makeCard("x", 50, GetParam().total, GetParam().used);
+  EXPECT_EQ(card.stats.freeVRAM, GetParam().expected_free);
+  EXPECT_EQ(card.stats.totalVRAM, GetParam().total);
+  EXPECT_EQ(card.stats.usedVRAM, GetParam().used);
+  EXPECT_TRUE(card.active);
+  EXPECT_EQ(card.stats.cpuWait, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Cards, GpuFree,
+                         ::testing::Values(CardCase{"partly used", 1000, 250, 750}, CardCase{"more used than allocated", 100, 150, 0},
+                                           CardCase{"nothing allocated", 0, 0, 0}),
+                         byLabel);
+
+TEST(GpuCollector, TellsCardsFromConnectorsAndReadsUevent) {
+  EXPECT_TRUE(GpuCollector::isCardName("card0"));
+  EXPECT_TRUE(GpuCollector::isCardName("card12"));
+  for (const char* name : {"card", "card0-eDP-1", "renderD128", "version"}) EXPECT_FALSE(GpuCollector::isCardName(name)) << name;
+  EXPECT_EQ(GpuCollector::ueventValue("DRIVER=amdgpu\nPCI_ID=1002:1636\n", "PCI_ID"), "1002:1636");
+  EXPECT_EQ(GpuCollector::ueventValue("PCI_DRIVER=x\n", "DRIVER"), std::nullopt);
+}
+
+TEST(FanCollector, FindsFanNumbersInNumericOrder) {
+  EXPECT_EQ(FanCollector::fanNumbers({"fan10_input", "fan2_input", "fan1_input", "fan1_min", "fan_input", "fanX_input",
+                                      "pwm1_enable", "name"}),
+            (std::vector<int>{1, 2, 10}));
+}
+
+TEST(LoadCollector, APartialReadingGivesZeros) {
+  const double values[3] = {1.5, 0.75, 0.25};
+  EXPECT_EQ(LoadCollector::fromValues(3, values), (loadAverage{1.5, 0.75, 0.25}));
+  for (int returned : {-1, 0, 1, 2}) EXPECT_EQ(LoadCollector::fromValues(returned, values), loadAverage{}) << returned;
+}
+
+TEST(ProcessCounter, RootComesBeforeTheOwnUser) {
+  const ProcessCensus census{{0, 1000, 1000, 0, 33, 1001, 0}, 2};
+  EXPECT_EQ(ProcessCounter::count(census, 1000), (procstat{2, 3, 2, 2}));
+  EXPECT_EQ(ProcessCounter::count(census, 0), (procstat{0, 3, 4, 2}));
+}
+
+// --- core clusters -------------------------------------------------------------------------
+
+struct CapacityCase {
+  const char* label;
+  std::vector<std::optional<int64_t>> capacities;
+  std::vector<std::string> expected;
+};
+
+class Capacities : public ::testing::TestWithParam<CapacityCase> {};
+
+TEST_P(Capacities, NameTheClusters) { EXPECT_EQ(CoreClusters::fromCapacities(GetParam().capacities), GetParam().expected); }
+
+INSTANTIATE_TEST_SUITE_P(
+    Machines, Capacities,
+    ::testing::Values(CapacityCase{"big little", {446, 446, 1024, 1024}, {"Efficiency", "Efficiency", "Performance", "Performance"}},
+                      CapacityCase{"three tiers", {160, 485, 1024}, {"Efficiency", "Efficiency", "Performance"}},
+                      CapacityCase{"all alike", {1024, 1024}, {"", ""}},
+                      CapacityCase{"unknown", {std::nullopt, std::nullopt}, {"", ""}},
+                      CapacityCase{"one unreadable", {512, std::nullopt, 1024}, {"Efficiency", "", "Performance"}}),
+    byLabel);
+
+TEST(CoreClusters, HybridListsNameEachPresentProcessor) {
+  EXPECT_EQ(CoreClusters::fromHybridLists({0, 1, 2, 3, 4}, {0, 1}, {2, 3}),
+            (std::vector<std::string>{"Performance", "Performance", "Efficiency", "Efficiency", ""}));
+}
+
+}  // namespace

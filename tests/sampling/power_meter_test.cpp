@@ -1,0 +1,138 @@
+#include "sampling/power_meter.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "test_support.h"
+
+using namespace pelmora;
+using pelmora::testing::testName;
+
+namespace {
+
+auto byLabel = [](const auto& info) { return testName(info.param.label); };
+
+struct DeltaCase {
+  const char* label;
+  uint64_t previous, current, max_range, expected;
+};
+
+class RaplDelta : public ::testing::TestWithParam<DeltaCase> {};
+
+TEST_P(RaplDelta, CountsAcrossTheWrap) {
+  const auto& c = GetParam();
+  EXPECT_EQ(PowerMeter::energyDelta_uj(c.previous, c.current, c.max_range), c.expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Readings, RaplDelta,
+                         ::testing::Values(DeltaCase{"forward", 100, 300, 1000, 200}, DeltaCase{"wrapped", 900, 100, 1000, 200},
+                                           DeltaCase{"unchanged", 500, 500, 1000, 0},
+                                           DeltaCase{"previous beyond the range", 2000, 100, 1000, 0},
+                                           DeltaCase{"no range known", 900, 100, 0, 0},
+                                           DeltaCase{"real package range", 262143000000, 1000000, 262143328850, 1328850}),
+                         byLabel);
+
+TEST(PowerMeter, RaplWattsAreEnergyOverTimeSummedOverPackages) {
+  PowerMeter meter;
+  const uint64_t range = 1'000'000'000;
+  EXPECT_EQ(meter.raplWatts({{"intel-rapl:0", 1000, range}, {"intel-rapl:1", 50, range}}, 1'000'000), std::nullopt);
+  // One second later: 3 J and 2 J.
+  EXPECT_DOUBLE_EQ(*meter.raplWatts({{"intel-rapl:0", 3'001'000, range}, {"intel-rapl:1", 2'000'050, range}}, 2'000'000), 5.0);
+  // Half a second later, package 0 wrapped after using 1 J in total.
+  EXPECT_DOUBLE_EQ(*meter.raplWatts({{"intel-rapl:0", 1000, range}, {"intel-rapl:1", 2'000'050, range}}, 2'500'000),
+                   (range - 3'001'000 + 1000) / 500'000.0);
+  // No time passed: nothing to divide by.
+  EXPECT_EQ(meter.raplWatts({{"intel-rapl:0", 2000, range}, {"intel-rapl:1", 2'000'050, range}}, 2'500'000), std::nullopt);
+  // A package that appeared restarts the measurement rather than mixing sets.
+  EXPECT_EQ(meter.raplWatts({{"intel-rapl:0", 3000, range}, {"intel-rapl:2", 7, range}}, 3'000'000), std::nullopt);
+  EXPECT_DOUBLE_EQ(*meter.raplWatts({{"intel-rapl:0", 1'003'000, range}, {"intel-rapl:2", 7, range}}, 4'000'000), 1.0);
+}
+
+struct BatteryCase {
+  const char* label;
+  const char* status;
+  std::optional<int64_t> power_uw, current_ua, voltage_uv;
+  std::optional<double> expected_w;
+};
+
+class Battery : public ::testing::TestWithParam<BatteryCase> {};
+
+TEST_P(Battery, PowerWhileDischarging) {
+  const auto& c = GetParam();
+  auto watts = PowerMeter::batteryPower_w(c.status, c.power_uw, c.current_ua, c.voltage_uv);
+  ASSERT_EQ(watts.has_value(), c.expected_w.has_value());
+  if (watts) {
+    EXPECT_NEAR(*watts, *c.expected_w, 1e-9);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Supplies, Battery,
+    ::testing::Values(BatteryCase{"power now", "Discharging\n", 12'500'000, std::nullopt, std::nullopt, 12.5},
+                      BatteryCase{"current times voltage", "Discharging", std::nullopt, 1'500'000, 11'000'000, 16.5},
+                      BatteryCase{"power wins over current", "Discharging", 7'000'000, 1'500'000, 11'000'000, 7.0},
+                      BatteryCase{"negative current", "Discharging", std::nullopt, -2'000'000, 10'000'000, 20.0},
+                      BatteryCase{"charging", "Charging", 12'500'000, std::nullopt, std::nullopt, std::nullopt},
+                      BatteryCase{"full", "Full", 0, std::nullopt, std::nullopt, std::nullopt},
+                      BatteryCase{"no readings", "Discharging", std::nullopt, 1'500'000, std::nullopt, std::nullopt}),
+    byLabel);
+
+TEST(PowerMeter, OnlyTopLevelRaplZonesArePackages) {
+  EXPECT_TRUE(PowerMeter::isPackageZone("intel-rapl:0"));
+  EXPECT_TRUE(PowerMeter::isPackageZone("intel-rapl:1"));
+  for (const char* zone : {"intel-rapl:0:0", "intel-rapl-mmio:0", "intel-rapl", "intel-rapl:", "dtpm"})
+    EXPECT_FALSE(PowerMeter::isPackageZone(zone)) << zone;
+}
+
+// The laptop fixture copied so a test can move the energy counter and take sources away.
+class LaptopPower : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    m_dir = std::filesystem::temp_directory_path() /
+            ("pelmora-power-" + std::to_string(getpid()) + "-" +
+             testName(::testing::UnitTest::GetInstance()->current_test_info()->name()));
+    std::filesystem::remove_all(m_dir);
+    std::filesystem::copy(pelmora::testing::fixtureDir("sampling-laptop"), m_dir, std::filesystem::copy_options::recursive);
+  }
+  void TearDown() override { std::filesystem::remove_all(m_dir); }
+  SysRoot root() const { return SysRoot((m_dir / "proc").string(), (m_dir / "sys").string()); }
+  void write(const std::string& relative, const std::string& text) { std::ofstream(m_dir / "sys" / relative) << text; }
+  void remove(const std::string& relative) { std::filesystem::remove_all(m_dir / "sys" / relative); }
+
+  std::filesystem::path m_dir;
+};
+
+TEST_F(LaptopPower, RaplIsPreferredAndMeasuredAcrossItsWrap) {
+  PowerMeter meter;
+  EXPECT_EQ(meter.read_w(root(), 1'000'000), 0.0);  // first reading only primes the meter
+  // 262143000000 -> wraps at 262143328850 -> 19671150: 20 J in two seconds.
+  write("class/powercap/intel-rapl:0/energy_uj", "19671150\n");
+  EXPECT_DOUBLE_EQ(meter.read_w(root(), 3'000'000), 10.0);
+}
+
+struct FallbackCase {
+  const char* label;
+  std::vector<std::string> removed;
+  double expected_w;
+};
+
+class LaptopFallback : public LaptopPower, public ::testing::WithParamInterface<FallbackCase> {};
+
+TEST_P(LaptopFallback, UsesTheNextSource) {
+  for (const auto& path : GetParam().removed) remove(path);
+  PowerMeter meter;
+  EXPECT_DOUBLE_EQ(meter.read_w(root(), 1'000'000), GetParam().expected_w);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Sources, LaptopFallback,
+    ::testing::Values(
+        // energy_uj is root-only since 5.10: a zone we cannot read does not count.
+        FallbackCase{"unreadable rapl then hwmon", {"class/powercap/intel-rapl:0/energy_uj"}, 8.0},
+        FallbackCase{"no hwmon power then battery", {"class/powercap", "class/hwmon/hwmon2"}, 12.5},
+        FallbackCase{"nothing at all", {"class/powercap", "class/hwmon", "class/power_supply"}, 0.0}),
+    byLabel);
+
+}  // namespace
