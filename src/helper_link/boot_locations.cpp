@@ -1,25 +1,12 @@
 #include "helper_link/boot_locations.h"
 
-#include <cstdlib>
-#include <string>
-
 namespace pelmora {
 namespace fs = std::filesystem;
 
-namespace {
-
-fs::path underRoot(const char* root, const fs::path& absolute) {
-  if (!root || !*root) return absolute;
-  return fs::path(root) / absolute.relative_path();
-}
-
-}  // namespace
-
 BootLocations BootLocations::standard() {
-  const char* root = std::getenv("PELMORA_BOOT_ROOT");
   BootLocations out;
-  out.support_dir = underRoot(root, "/var/lib/pelmora");
-  out.unit_file = underRoot(root, "/etc/systemd/system/net.tandrel.bootpelmora.service");
+  out.support_dir = "/var/lib/pelmora";
+  out.unit_file = "/etc/systemd/system/net.tandrel.bootpelmora.service";
   std::error_code ec;
   out.resources_dir = fs::is_directory(PELMORA_LIBEXEC_DIR, ec) ? fs::path(PELMORA_LIBEXEC_DIR)
                                                                  : fs::path(PELMORA_SOURCE_RESOURCES);

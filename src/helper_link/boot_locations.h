@@ -13,9 +13,8 @@ struct BootLocations {
   std::filesystem::path unit_file;      // /etc/systemd/system/net.tandrel.bootpelmora.service
   std::filesystem::path resources_dir;  // where applyboot.sh, pelmora and the unit come from
 
-  // The system's locations. $PELMORA_BOOT_ROOT, when set, is put in front of the two installed
-  // paths (a test root); the resources are the installed libexec folder when it exists, else the
-  // source tree's resources/.
+  // The system's locations; the resources are the installed libexec folder when it exists, else
+  // the source tree's resources/ (where the daemon, which accepts only installed files, refuses them).
   static BootLocations standard();
 
   // True when either installed path exists: only then is there anything to uninstall.

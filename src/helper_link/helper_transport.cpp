@@ -1,9 +1,16 @@
 #include "helper_link/helper_transport.h"
 
+#include "helper_link/fallback_transport.h"
+#include "helper_link/in_process_transport.h"
 #include "support/socket_transport.h"
 
 namespace pelmora {
 
-std::unique_ptr<XPCTransport> makeHelperTransport() { return std::make_unique<SocketTransport>(); }
+std::unique_ptr<XPCTransport> makeHelperTransport() {
+  auto socket = std::make_unique<SocketTransport>();
+  SocketTransport* daemon = socket.get();  // owned by the fallback transport, which outlives the probe
+  return std::make_unique<FallbackTransport>(std::move(socket), [daemon] { return daemon->connected(); },
+                                             std::make_unique<InProcessTransport>());
+}
 
 }  // namespace pelmora

@@ -1,6 +1,6 @@
 #pragma once
 // The transport of the shared helper client: the daemon's socket ($PELMORA_HELPER_SOCKET or
-// /run/pelmora/helper.sock).
+// /run/pelmora/helper.sock) while the daemon answers, the same handler code in-process otherwise.
 #include <memory>
 
 #include "support/xpc_transport.h"

@@ -34,8 +34,9 @@ class TempTree {
     std::ofstream(file) << text;
     return file;
   }
-  std::string read(const std::string& relative) const {
-    std::ifstream in(m_path / relative);
+  std::string read(const std::string& relative) const { return readFile(m_path / relative); }
+  static std::string readFile(const std::filesystem::path& file) {
+    std::ifstream in(file);
     return std::string(std::istreambuf_iterator<char>(in), {});
   }
 

@@ -1,0 +1,151 @@
+// The boot-time apply end to end: Pelmora composes the request, the helper's handler (in-process,
+// with its folders moved into a temporary root) checks and installs it, and the installed script
+// runs the installed tool with the saved settings. Also every refusal of a request that names
+// unacceptable resources.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <functional>
+
+#include "helper_link/in_process_transport.h"
+#include "helper_link/pelmora.h"
+#include "support/logger.h"
+#include "temp_tree.h"
+
+namespace pelmora {
+namespace {
+
+namespace fs = std::filesystem;
+using Lines = std::vector<std::string>;
+
+// The installed tool, replaced by a script that writes down the arguments it was given.
+constexpr const char* kRecordingTool = "#!/bin/sh\nprintf '%s\\n' \"$*\" > \"$(dirname \"$0\")/ran-with\"\n";
+
+struct BootRoot {
+  test::TempTree tree;
+  BootLocations where;
+  HelperOptions options = RequestHandler::inProcessOptions();
+
+  BootRoot() {
+    const fs::path res = tree / "libexec";
+    fs::create_directories(res);
+    fs::copy_file(fs::path(PELMORA_SOURCE_RESOURCES) / "applyboot.sh", res / "applyboot.sh");
+    fs::copy_file(fs::path(PELMORA_SOURCE_RESOURCES) / "net.tandrel.bootpelmora.service",
+                  res / "net.tandrel.bootpelmora.service");
+    tree.write("libexec/pelmora", kRecordingTool);
+    for (const char* name : {"applyboot.sh", "pelmora", "net.tandrel.bootpelmora.service"})
+      ::chmod((res / name).c_str(), 0755);
+    where.resources_dir = res;
+    where.support_dir = tree / "root/var/lib/pelmora";
+    where.unit_file = tree / "root/etc/systemd/system/net.tandrel.bootpelmora.service";
+    options.privileged = true;
+    options.boot.source_dir = res;
+    options.boot.state_dir = where.support_dir;
+    options.boot.unit_dir = where.unit_file.parent_path();
+  }
+  Pelmora client() { return Pelmora(std::make_unique<InProcessTransport>(options)); }
+};
+
+std::string settingsFor(const BootControls& controls) {
+  return bootSettingsText(controls, hasHardwareThreads(SysRoot::current()));
+}
+
+TEST(BootApply, InstallsRunsAndUninstalls) {
+  if (::geteuid() != 0) GTEST_SKIP() << "the handler accepts only root-owned resources";
+  BootRoot root;
+  Pelmora client = root.client();
+  const BootControls controls{true, true, false, 2};
+  LogCapture log;
+
+  client.applyBoot(true, controls, root.where);
+  EXPECT_EQ(log.lines(), Lines{"Set at boot installed"});
+  const fs::path state = root.where.support_dir;
+  EXPECT_EQ(test::TempTree::readFile(state / "settings"), settingsFor(controls) + "\n");
+  EXPECT_EQ(test::TempTree::readFile(state / "applyboot.sh"),
+            test::TempTree::readFile(root.where.resources_dir / "applyboot.sh"));
+  EXPECT_TRUE(fs::is_regular_file(root.where.unit_file));
+  const fs::path wants = root.where.unit_file.parent_path() / "multi-user.target.wants" / root.where.unit_file.filename();
+  EXPECT_TRUE(fs::is_regular_file(wants)) << "the unit is enabled for boot";
+
+  // What the boot service runs: the installed script hands the saved flags to the installed tool.
+  ASSERT_EQ(std::system((state / "applyboot.sh").c_str()), 0);
+  EXPECT_EQ(test::TempTree::readFile(state / "ran-with"), settingsFor(controls) + "\n");
+
+  client.applyBoot(false, controls, root.where);
+  EXPECT_EQ(log.lines(), (Lines{"Set at boot installed", "Set at boot uninstalled"}));
+  EXPECT_FALSE(fs::exists(root.where.unit_file));
+  EXPECT_FALSE(fs::exists(fs::symlink_status(wants)));
+  EXPECT_FALSE(fs::exists(state / "applyboot.sh"));
+  EXPECT_FALSE(fs::exists(state / "settings"));
+}
+
+TEST(BootApply, TheScriptRefusesATamperedSettingsFile) {
+  test::TempTree tree;
+  fs::copy_file(fs::path(PELMORA_SOURCE_RESOURCES) / "applyboot.sh", tree / "applyboot.sh");
+  tree.write("pelmora", kRecordingTool);
+  ::chmod((tree / "pelmora").c_str(), 0755);
+  ::chmod((tree / "applyboot.sh").c_str(), 0755);
+  tree.write("settings", "-t on -n 2; touch /tmp/x\n");
+  EXPECT_NE(std::system(((tree / "applyboot.sh").string() + " 2>/dev/null").c_str()), 0);
+  EXPECT_FALSE(fs::exists(tree / "ran-with"));
+}
+
+TEST(BootApply, RefusesUnacceptableResourcesAndChangesNothing) {
+  if (::geteuid() != 0) GTEST_SKIP() << "ownership checks need root to set up";
+  struct Case {
+    const char* name;
+    std::function<void(BootRoot&)> spoil;
+    BootControls controls;
+    const char* reason;  // part of the logged refusal
+  };
+  const BootControls ok{true, false, true, 2};
+  const std::vector<Case> cases = {
+      {"group-writable tool", [](BootRoot& r) { ::chmod((r.where.resources_dir / "pelmora").c_str(), 0775); }, ok,
+       "writable by others"},
+      {"not owned by root",
+       [](BootRoot& r) { ASSERT_EQ(::chown((r.where.resources_dir / "applyboot.sh").c_str(), 65534, 65534), 0); }, ok,
+       "not owned by root"},
+      {"symlinked script",
+       [](BootRoot& r) {
+         const fs::path script = r.where.resources_dir / "applyboot.sh";
+         fs::rename(script, r.tree / "real.sh");
+         fs::create_symlink(r.tree / "real.sh", script);
+       },
+       ok, "not a regular file"},
+      {"outside the installed folder",
+       [](BootRoot& r) {
+         fs::copy(r.where.resources_dir, r.tree / "elsewhere");
+         r.where.resources_dir = r.tree / "elsewhere";
+       },
+       ok, "is not in"},
+      {"settings out of form", [](BootRoot&) {}, BootControls{true, false, true, 10000}, "malformed settings text"},
+  };
+  for (const auto& c : cases) {
+    BootRoot root;
+    c.spoil(root);
+    Pelmora client = root.client();
+    LogCapture log;
+    client.applyBoot(true, c.controls, root.where);
+    const Lines lines = log.lines();
+    ASSERT_EQ(lines.size(), 1u) << c.name;
+    EXPECT_EQ(lines[0].rfind("applyboot response: ", 0), 0u) << c.name << ": " << lines[0];
+    EXPECT_NE(lines[0].find(c.reason), std::string::npos) << c.name << ": " << lines[0];
+    EXPECT_FALSE(root.where.installed()) << c.name;
+  }
+}
+
+TEST(BootApply, InProcessServiceRefusesOrdinaryUsers) {
+  BootRoot root;
+  root.options.privileged = false;  // as served in-process for a user
+  Pelmora client(std::make_unique<InProcessTransport>(
+      root.options, Connection(CallerIdentity{65534, ::getpid(), 0})));
+  LogCapture log;
+  client.applyBoot(true, BootControls{}, root.where);
+  EXPECT_EQ(log.lines(), Lines{"applyboot response: the privileged helper is not running."});
+  EXPECT_FALSE(root.where.installed());
+}
+
+}  // namespace
+}  // namespace pelmora
