@@ -54,10 +54,9 @@ bool toJson(const XPCValue& value, int depth, std::vector<int>& fds, json& out, 
     }
     const auto index = static_cast<uint32_t>(fds.size());
     fds.push_back(fd->get());
-    json::binary_t bytes({static_cast<uint8_t>(index), static_cast<uint8_t>(index >> 8),
-                          static_cast<uint8_t>(index >> 16), static_cast<uint8_t>(index >> 24)},
-                         kXPCDescriptorTag);
-    out = json::binary(std::move(bytes));
+    out = json::binary({static_cast<uint8_t>(index), static_cast<uint8_t>(index >> 8),
+                        static_cast<uint8_t>(index >> 16), static_cast<uint8_t>(index >> 24)},
+                       kXPCDescriptorTag);
   } else {
     setError(error, "null value in message");
     return false;

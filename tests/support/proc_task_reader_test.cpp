@@ -1,0 +1,170 @@
+#include "support/proc_task_reader.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <ctime>
+
+namespace pelmora {
+namespace {
+
+const SysRoot kFixture(PELMORA_FIXTURES "/proc-task", PELMORA_FIXTURES "/no-sys");
+
+TEST(ProcStatParser, ReadsFieldsAfterACommandNameWithParentheses) {
+  auto text = SysRoot::readFile(kFixture.proc("4242/stat"));
+  ASSERT_TRUE(text);
+  auto s = parseProcStat(*text);
+  ASSERT_TRUE(s);
+  EXPECT_EQ(s->pid, 4242);
+  EXPECT_EQ(s->comm, "my (odd) prog");
+  EXPECT_EQ(s->state, 'S');
+  EXPECT_EQ(s->ppid, 4200);
+  EXPECT_EQ(s->tty_nr, 34817);
+  EXPECT_EQ(s->flags, 4194560u);
+  EXPECT_EQ(s->minflt, 1500u);
+  EXPECT_EQ(s->majflt, 30u);
+  EXPECT_EQ(s->utime_ticks, 600u);
+  EXPECT_EQ(s->stime_ticks, 200u);
+  EXPECT_EQ(s->cutime_ticks, 40u);
+  EXPECT_EQ(s->nice, 5);
+  EXPECT_EQ(s->num_threads, 3);
+  EXPECT_EQ(s->starttime_ticks, 123456u);
+  EXPECT_EQ(s->vsize_bytes, 104857600u);
+}
+
+TEST(ProcStatParser, RejectsMalformedLines) {
+  const char* cases[] = {
+      "",
+      "12 cat R 1 2 3",                                             // no parentheses
+      "12 (cat R 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19",   // unclosed
+      "12 (cat) R 1 2 3 4 5",                                       // too few fields
+      "x (cat) R 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 5 100 10",   // pid not a number
+      "12 (cat) R 1 1 1 0 -1 0 0 0 0 0 zz 0 0 0 20 0 1 0 5 100 10", // utime not a number
+      "12 (cat) RS 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 5 100 10", // state not one letter
+  };
+  for (const char* text : cases) EXPECT_FALSE(parseProcStat(text)) << text;
+}
+
+TEST(ProcStatusParser, KeyedFieldsAndRequiredIds) {
+  auto s = parseProcStatus(*SysRoot::readFile(kFixture.proc("4242/status")));
+  ASSERT_TRUE(s);
+  EXPECT_EQ(s->name, "my (odd) prog");
+  EXPECT_EQ(s->uid[0], 1000u);
+  EXPECT_EQ(s->gid[1], 101u);
+  EXPECT_EQ(s->gid[2], 102u);
+  EXPECT_EQ(s->threads, 3);
+  EXPECT_EQ(s->voluntary_ctxt_switches, 70u);
+  EXPECT_EQ(s->nonvoluntary_ctxt_switches, 7u);
+  const char* bad[] = {
+      "Name:\tx\nGid:\t1\t1\t1\t1\n",              // no Uid
+      "Name:\tx\nUid:\t1\t1\t1\nGid:\t1\t1\t1\t1\n",  // three ids
+      "Name:\tx\nUid:\t1\t1\t-1\t1\nGid:\t1\t1\t1\t1\n",
+      "Uid:\t1\t1\t1\t1\nGid:\t1\t1\t1\t1\n",      // no Name
+  };
+  for (const char* text : bad) EXPECT_FALSE(parseProcStatus(text)) << text;
+}
+
+TEST(ProcTextParsers, StatmIoAndBootTime) {
+  EXPECT_EQ(parseProcStatm("25600 2560 500 10 0 1200 0\n")->resident_pages, 2560u);
+  EXPECT_FALSE(parseProcStatm("25600"));
+  EXPECT_FALSE(parseProcStatm("a b"));
+  auto io = parseProcIo(*SysRoot::readFile(kFixture.proc("4242/io")));
+  ASSERT_TRUE(io);
+  EXPECT_EQ(io->read_bytes, 4096000u);
+  EXPECT_EQ(io->write_bytes, 8192u);
+  EXPECT_FALSE(parseProcIo("rchar: 5\nwchar: 6\n"));
+  EXPECT_EQ(parseBootTime("cpu 1 2 3\nbtime 1700000000\n"), 1700000000u);
+  EXPECT_FALSE(parseBootTime("cpu 1 2 3\n"));
+}
+
+TEST(CpuTimeArithmetic, SplitsByTickRatioWithoutOverflow) {
+  const struct {
+    uint64_t total, utime, stime, user, system;
+  } cases[] = {
+      {1000, 3, 1, 750, 250},
+      {1000, 0, 0, 1000, 0},
+      {1000, 0, 7, 0, 1000},
+      {999, 1, 2, 333, 666},
+      {UINT64_MAX, UINT64_MAX / 2, UINT64_MAX / 2, UINT64_MAX / 2, UINT64_MAX - UINT64_MAX / 2},
+  };
+  for (const auto& c : cases) {
+    const CpuSplit s = splitCpuTime(c.total, c.utime, c.stime);
+    EXPECT_EQ(s.user_ns, c.user) << c.total << " " << c.utime << " " << c.stime;
+    EXPECT_EQ(s.system_ns, c.system);
+    EXPECT_EQ(s.user_ns + s.system_ns, c.total);
+  }
+  EXPECT_EQ(ticksToNs(250, 100), 2'500'000'000u);
+  EXPECT_EQ(ticksToNs(1, 0), 0u);
+  EXPECT_EQ(ticksToNs(UINT64_MAX / 100, 1000), UINT64_MAX / 100 * 1'000'000u);
+}
+
+TEST(ProcTaskReader, FillsRecordsFromAFixtureProcess) {
+  const ProcTaskReader reader(kFixture);
+  const long tck = ::sysconf(_SC_CLK_TCK);
+  const uint64_t page = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
+  auto all = reader.taskAllInfo(4242);
+  ASSERT_TRUE(all);
+  const proc_taskinfo& t = all->ptinfo;
+  EXPECT_EQ(t.pti_total_user, ticksToNs(600, tck));
+  EXPECT_EQ(t.pti_total_system, ticksToNs(200, tck));
+  EXPECT_EQ(t.pti_virtual_size, 25600 * page);
+  EXPECT_EQ(t.pti_resident_size, 2560 * page);
+  EXPECT_EQ(t.pti_threadnum, 3);
+  EXPECT_EQ(t.pti_faults, 1530);
+  EXPECT_EQ(t.pti_pageins, 30);
+  EXPECT_EQ(t.pti_csw, 77);
+  const proc_bsdinfo& b = all->pbsd;
+  EXPECT_EQ(b.pbi_pid, 4242u);
+  EXPECT_EQ(b.pbi_ppid, 4200u);
+  EXPECT_EQ(b.pbi_status, 3u);
+  EXPECT_EQ(b.pbi_ruid, 1000u);
+  EXPECT_EQ(b.pbi_gid, 101u);
+  EXPECT_EQ(b.pbi_rgid, 100u);
+  EXPECT_EQ(b.pbi_nice, 5);
+  EXPECT_STREQ(b.pbi_comm, "my (odd) prog");
+  EXPECT_STREQ(b.pbi_name, "my (odd) prog");
+  const uint64_t since_boot_ns = ticksToNs(123456, tck);
+  EXPECT_EQ(b.pbi_start_tvsec, 1700000000u + since_boot_ns / 1'000'000'000u);
+  EXPECT_EQ(b.pbi_start_tvusec, since_boot_ns % 1'000'000'000u / 1000u);
+
+  auto r = reader.rusage(4242);
+  ASSERT_TRUE(r);
+  EXPECT_EQ(r->ri_pkg_idle_wkups, 100u);  // 70 + 30 over both threads, not the process line's 70
+  EXPECT_EQ(r->ri_diskio_bytesread, 4096000u);
+  EXPECT_EQ(r->ri_diskio_byteswritten, 8192u);
+  EXPECT_EQ(r->ri_child_user_time, ticksToNs(40, tck));
+  EXPECT_EQ(r->ri_proc_start_abstime, since_boot_ns);
+  EXPECT_EQ(reader.pidName(4242), "my (odd) prog");
+}
+
+TEST(ProcTaskReader, MissingProcessesReportNoSuchProcess) {
+  const ProcTaskReader reader(kFixture);
+  for (pid_t pid : {0, -1, 4243, 99999}) {
+    int error = 0;
+    EXPECT_FALSE(reader.taskInfo(pid, &error)) << pid;
+    EXPECT_EQ(error, ESRCH) << pid;
+    EXPECT_FALSE(reader.pidName(pid)) << pid;
+  }
+}
+
+TEST(ProcTaskReader, LiveProcessUsesTheProcessCpuClock) {
+  const ProcTaskReader reader(SysRoot("/proc", "/sys"));
+  timespec before{};
+  ASSERT_EQ(::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &before), 0);
+  auto t = reader.taskInfo(::getpid());
+  ASSERT_TRUE(t);
+  const uint64_t before_ns = static_cast<uint64_t>(before.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(before.tv_nsec);
+  // The clock only moves forward, and ticks would round to whole 10 ms steps.
+  EXPECT_GE(t->pti_total_user + t->pti_total_system, before_ns);
+  EXPECT_GT(t->pti_resident_size, 0u);
+  auto files = reader.pidFiles(::getpid());
+  ASSERT_TRUE(files);
+  EXPECT_TRUE(files->count(0) || files->count(1) || files->count(2));
+  auto name = reader.pidName(::getpid());
+  ASSERT_TRUE(name);
+  EXPECT_EQ(*name, "pelmora_support_tests");
+}
+
+}  // namespace
+}  // namespace pelmora
