@@ -1,0 +1,22 @@
+#include "cli/commands.h"
+
+namespace pelmora::cli {
+
+const std::vector<Command>& commands() {
+  static const std::vector<Command> table = {
+      {"sample", "[--count N] [--json]",
+       "print one system sample a second (N samples, or until interrupted); --json prints whole samples",
+       runSampleCommand},
+  };
+  return table;
+}
+
+std::string usageText() {
+  std::string text = "usage:\n";
+  for (const auto& command : commands())
+    text += std::string("  pelmora ") + command.name + " " + command.usage + "\n      " + command.summary + "\n";
+  text += "  pelmora --help\n";
+  return text;
+}
+
+}  // namespace pelmora::cli
