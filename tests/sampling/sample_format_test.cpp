@@ -1,0 +1,129 @@
+#include "sampling/sample_format.h"
+
+#include <gtest/gtest.h>
+
+#include "sampling/gpu_collector.h"
+#include "test_support.h"
+
+using namespace pelmora;
+using pelmora::testing::testName;
+
+namespace {
+
+auto byLabel = [](const auto& info) { return testName(info.param.label); };
+
+struct BusyCase {
+  const char* label;
+  cpu_sample_t previous, current;
+  std::optional<double> expected;
+};
+
+class CpuBusy : public ::testing::TestWithParam<BusyCase> {};
+
+TEST_P(CpuBusy, ComesFromTheDifferences) {
+  const auto busy = SampleFormat::cpuBusyPercent({GetParam().previous}, {GetParam().current});
+  ASSERT_EQ(busy.size(), 1u);
+  EXPECT_EQ(busy[0], GetParam().expected);
+}
+
+// Fields: system, user, idle, frequency.
+INSTANTIATE_TEST_SUITE_P(Intervals, CpuBusy,
+                         ::testing::Values(BusyCase{"quarter busy", {100, 100, 100, 0}, {110, 115, 175, 0}, 25.0},
+                                           BusyCase{"all idle", {5, 5, 5, 0}, {5, 5, 105, 0}, 0.0},
+                                           BusyCase{"all busy", {0, 0, 9, 0}, {30, 70, 9, 0}, 100.0},
+                                           BusyCase{"nothing advanced", {7, 7, 7, 0}, {7, 7, 7, 0}, std::nullopt},
+                                           // Went offline in between: its counters read zero now.
+                                           BusyCase{"went offline", {7, 7, 7, 0}, {0, 0, 0, 0}, std::nullopt}),
+                         byLabel);
+
+TEST(SampleFormat, AProcessorWithoutAPreviousSampleHasNoBusyShare) {
+  const auto busy = SampleFormat::cpuBusyPercent({{0, 0, 0, 0}}, {{0, 10, 10, 0}, {0, 10, 10, 0}});
+  ASSERT_EQ(busy.size(), 2u);
+  EXPECT_EQ(busy[0], 50.0);
+  EXPECT_EQ(busy[1], std::nullopt);
+}
+
+struct RateCase {
+  const char* label;
+  int64_t previous, current, interval_us;
+  double expected;
+};
+
+class Rate : public ::testing::TestWithParam<RateCase> {};
+
+TEST_P(Rate, PerSecond) {
+  const auto& c = GetParam();
+  EXPECT_DOUBLE_EQ(SampleFormat::ratePerSecond(c.previous, c.current, c.interval_us), c.expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Counters, Rate,
+                         ::testing::Values(RateCase{"one second", 1000, 3048, 1'000'000, 2048.0},
+                                           RateCase{"half a second", 0, 500, 500'000, 1000.0},
+                                           RateCase{"counter reset", 5000, 100, 1'000'000, 0.0},
+                                           RateCase{"no time passed", 0, 100, 0, 0.0}),
+                         byLabel);
+
+TEST(SampleFormat, BytesUseBinaryUnits) {
+  EXPECT_EQ(SampleFormat::bytes(0), "0 B");
+  EXPECT_EQ(SampleFormat::bytes(1023), "1023 B");
+  EXPECT_EQ(SampleFormat::bytes(1536), "1.5 KiB");
+  EXPECT_EQ(SampleFormat::bytes(3.0 * 1024 * 1024 * 1024), "3.0 GiB");
+  EXPECT_EQ(SampleFormat::bytes(5.0 * 1024 * 1024 * 1024 * 1024 * 1024), "5120.0 TiB");
+}
+
+SampleSet sampleAt(int64_t step) {
+  SampleSet s;
+  s.cpu_stats = {{static_cast<uint64_t>(step) * 10, static_cast<uint64_t>(step) * 10, static_cast<uint64_t>(step) * 20, 0}};
+  s.dsk_stats = {{0, "sda", "ATA X", {step * 1024, 0, step, 0}}};
+  s.net_stats = {{"eth0", {step * 2048, step * 4096}}};
+  s.mem_stats = {256, 0, 0, 0};
+  s.load_avg = {1.5, 0.25, 0.125};
+  s.power_stats = {12.34, 0, 0};
+  s.fan_stats = {{true, 2400, 5000, 800}};
+  return s;
+}
+
+TEST(SampleFormat, LineShowsRatesOnlyOnceThereIsAPreviousSample) {
+  const int64_t page = 4096, total = 4 * 1024 * 1024;
+  const auto first = sampleAt(1), second = sampleAt(2);
+  EXPECT_EQ(SampleFormat::line(nullptr, first, 0, page, total),
+            "cpu -- | mem 3.0 MiB / 4.0 MiB | sda r -- w -- | eth0 in -- out -- | load 1.50 0.25 0.12 | power 12.3 W"
+            " | fans 2400 rpm (forced)");
+  EXPECT_EQ(SampleFormat::line(&first, second, 1'000'000, page, total),
+            "cpu 50% | mem 3.0 MiB / 4.0 MiB | sda r 1.0 KiB/s w 0 B/s | eth0 in 2.0 KiB/s out 4.0 KiB/s"
+            " | load 1.50 0.25 0.12 | power 12.3 W | fans 2400 rpm (forced)");
+}
+
+TEST(SampleFormat, ADeviceThatAppearedHasNoRateYet) {
+  const auto first = sampleAt(1);
+  auto second = sampleAt(2);
+  second.net_stats.push_back({"wlan0", {100, 100}});
+  second.gfx_cards.push_back(GpuCollector::makeCard("AMD GPU 1002:1636", 7, 10, 5));
+  second.fan_stats.clear();
+  const auto text = SampleFormat::line(&first, second, 1'000'000, 4096, 4 << 20);
+  EXPECT_NE(text.find("| wlan0 in -- out --"), std::string::npos) << text;
+  EXPECT_NE(text.find("| AMD GPU 1002:1636 7%"), std::string::npos) << text;
+  EXPECT_NE(text.find("| fans none"), std::string::npos) << text;
+}
+
+TEST(SampleFormat, JsonHoldsTheWholeSampleInItsOrder) {
+  auto sample = sampleAt(3);
+  sample.gfx_cards.push_back(GpuCollector::makeCard("card", 7, 100, 150));
+  sample.proc_stats = {4, 5, 6, 1};
+  const auto json = SampleFormat::toJson(sample);
+  std::vector<std::string> keys;
+  for (const auto& item : json.items()) keys.push_back(item.key());
+  EXPECT_EQ(keys, (std::vector<std::string>{"cpu_stats", "dsk_stats", "gfx_cards", "mem_stats", "io_stats", "proc_stats",
+                                            "net_stats", "load_avg", "power_stats", "fan_stats"}));
+  EXPECT_EQ(json["cpu_stats"][0]["totalIdleTime"], 60);
+  EXPECT_EQ(json["dsk_stats"][0]["stats"]["bytes_read"], 3072);
+  EXPECT_EQ(json["dsk_stats"][0]["name"], "ATA X");
+  EXPECT_EQ(json["gfx_cards"][0]["stats"]["freeVRAM"], 0);
+  EXPECT_EQ(json["net_stats"][0]["stats"]["bytes_out"], 12288);
+  EXPECT_EQ(json["proc_stats"]["other"], 6);
+  EXPECT_EQ(json["load_avg"]["fifteenMin"], 0.125);
+  EXPECT_EQ(json["fan_stats"][0]["forced"], true);
+  EXPECT_EQ(json["fan_stats"][0]["min"], 800);
+}
+
+}  // namespace
