@@ -1,0 +1,52 @@
+#pragma once
+// The privileged helper daemon. RUNS AS ROOT. It listens on a Unix stream socket (handed over by
+// systemd through LISTEN_FDS, or made by itself), serves each connection on a thread of its own with
+// the shared RequestHandler, and identifies each caller once with SO_PEERCRED. A connection that
+// sends a malformed frame is closed without an answer; the others go on. When a connection ends
+// for any reason, the processes it stopped are continued; the same happens to every connection
+// when the daemon is told to stop (SIGTERM, SIGINT).
+#include <condition_variable>
+#include <mutex>
+#include <set>
+#include <string>
+
+#include "helper/request_handler.h"
+#include "support/unique_fd.h"
+
+namespace pelmora {
+
+class HelperDaemon {
+ public:
+  // With socket_activated the daemon ends when its last connection closes (systemd starts it again
+  // at the next connection); otherwise it serves until stopped.
+  HelperDaemon(UniqueFd listen_socket, bool socket_activated, HelperOptions options);
+  ~HelperDaemon();
+
+  // The listening socket systemd passed (LISTEN_PID is us, LISTEN_FDS >= 1), or invalid.
+  static UniqueFd systemdSocket();
+  // Binds a new listening socket at path (replacing a stale one), mode 0666; invalid on failure.
+  static UniqueFd bindSocket(const std::string& path, std::string* error);
+
+  // Serves until stopped; returns the exit status.
+  int run();
+  // Ends run(): closes every connection (continuing what each stopped). Safe from a signal handler.
+  void stop();
+
+  static constexpr size_t kMaxConnections = 64;
+
+ private:
+  void serve(int socket_fd);
+  void connectionEnded(int socket_fd);
+
+  UniqueFd m_listen;
+  const bool m_socket_activated;
+  RequestHandler m_handler;
+  int m_wake[2] = {-1, -1};  // a byte here wakes run()
+
+  std::mutex m_mutex;
+  std::condition_variable m_idle;
+  std::set<int> m_active;  // sockets of live connections
+  bool m_served_any = false;
+};
+
+}  // namespace pelmora

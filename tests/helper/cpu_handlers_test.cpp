@@ -1,0 +1,225 @@
+// The processor and throttle requests against writable copies of fixture sysfs trees.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <set>
+
+#include "helper/request_handler.h"
+#include "helper/test_support.h"
+
+namespace pelmora {
+namespace {
+
+using testing::copyFixture;
+using testing::readTrimmed;
+using testing::TempDir;
+namespace fs = std::filesystem;
+
+class CpuHandlers : public ::testing::Test {
+ protected:
+  RequestHandler handlerFor(const std::string& fixture, bool privileged = true) {
+    m_sys = copyFixture(fixture, *m_dir);
+    HelperOptions options;
+    options.root = SysRoot("/proc", m_sys.string());
+    options.privileged = privileged;
+    return RequestHandler(options);
+  }
+  fs::path cpuFile(int cpu, const char* leaf = "online") const {
+    return m_sys / "devices/system/cpu" / ("cpu" + std::to_string(cpu)) / leaf;
+  }
+  // CPUs whose online file reads 1, among those that have one.
+  std::set<int> onlineFiles() const {
+    std::set<int> on;
+    for (int cpu = 0; cpu < 16; ++cpu) {
+      if (fs::exists(cpuFile(cpu)) && readTrimmed(cpuFile(cpu)) == "1") on.insert(cpu);
+    }
+    return on;
+  }
+  std::string smtControl() const { return readTrimmed(m_sys / "devices/system/cpu/smt/control"); }
+
+  std::unique_ptr<TempDir> m_dir = std::make_unique<TempDir>();
+  fs::path m_sys;
+  Connection m_root{CallerIdentity{0, 1234, 1}};
+  Connection m_user{CallerIdentity{1000, 1235, 1}};
+};
+
+XPCDict setCpuCount(int64_t count, int64_t hyper, int64_t prefer) {
+  return {{"setcpucount", ""}, {"count", count}, {"hyper", hyper}, {"prefer_phys", prefer}};
+}
+
+TEST_F(CpuHandlers, SetCpuCountWritesTheChosenOnlineFiles) {
+  const struct {
+    const char* fixture;
+    int count, hyper, prefer;
+    std::set<int> online;  // among CPUs with an online file
+    const char* smt;       // expected smt/control, "" when the tree has none
+    int64_t logical_online, physical_online;
+  } cases[] = {
+      {"cpu-smt-4c8t", 4, 1, 0, {1, 2, 3}, "on", 4, 4},
+      {"cpu-smt-4c8t", 8, 0, 0, {1, 2, 3}, "off", 4, 4},
+      {"cpu-smt-4c8t", 100, 1, 1, {1, 2, 3, 4, 5, 6, 7}, "on", 8, 4},
+      {"cpu-smt-4c8t", 1, 1, 0, {}, "on", 1, 1},
+      {"cpu-2pkg-adjacent", 4, 1, 1, {0, 2, 4, 6}, "on", 4, 4},
+      {"cpu-2pkg-adjacent", 3, 1, 0, {0, 1, 2}, "on", 3, 2},
+      {"cpu-2pkg-adjacent", 1, 1, 1, {0}, "on", 1, 1},
+      {"cpu-nosmt-4c", 10, 1, 0, {1, 2, 3}, "", 4, 4},
+      {"cpu-nosmt-4c", 2, 0, 1, {1}, "", 2, 2},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.fixture) + " count " + std::to_string(c.count));
+    m_dir = std::make_unique<TempDir>();  // a clean copy per case
+    RequestHandler handler = handlerFor(c.fixture);
+    XPCDict reply = handler.handle(setCpuCount(c.count, c.hyper, c.prefer), m_root);
+    ASSERT_TRUE(xpcString(reply, "setcpu"));
+    EXPECT_EQ(*xpcString(reply, "setcpu"), "OK");
+    EXPECT_FALSE(xpcHas(reply, "setcpucount"));
+    EXPECT_EQ(onlineFiles(), c.online);
+    if (*c.smt) {
+      EXPECT_EQ(smtControl(), c.smt);
+    }
+    const XPCDict info = handler.handle({{"requestcpuinfo", ""}}, m_root);
+    const XPCDict* counts = xpcDict(info, "cpuinfo");
+    ASSERT_TRUE(counts);
+    EXPECT_EQ(xpcInt(*counts, "logical_cpu"), c.logical_online);
+    EXPECT_EQ(xpcInt(*counts, "physical_cpu"), c.physical_online);
+  }
+}
+
+TEST_F(CpuHandlers, SiblingsComeBackAfterSmtWasSwitchedOff) {
+  RequestHandler handler = handlerFor("cpu-smt-4c8t");
+  ASSERT_EQ(*xpcString(handler.handle(setCpuCount(8, 0, 0), m_root), "setcpu"), "OK");
+  ASSERT_EQ(smtControl(), "off");
+  ASSERT_EQ(*xpcString(handler.handle(setCpuCount(8, 1, 0), m_root), "setcpu"), "OK");
+  EXPECT_EQ(smtControl(), "on");
+  EXPECT_EQ(onlineFiles(), (std::set<int>{1, 2, 3, 4, 5, 6, 7}));
+}
+
+TEST_F(CpuHandlers, OfflineCpusKeepTheTopologySeenWhileOnline) {
+  RequestHandler handler = handlerFor("cpu-2pkg-adjacent");
+  ASSERT_EQ(*xpcString(handler.handle(setCpuCount(2, 1, 0), m_root), "setcpu"), "OK");
+  // The kernel drops topology/ of an offline CPU; the handler has seen it already.
+  for (int cpu = 2; cpu < 8; ++cpu) fs::remove_all(cpuFile(cpu, "topology"));
+  const XPCDict info = handler.handle({{"requestcpuinfo", ""}}, m_root);
+  const XPCDict* counts = xpcDict(info, "cpuinfo");
+  ASSERT_TRUE(counts);
+  EXPECT_EQ(xpcInt(*counts, "logical_cpu_max"), 8);
+  EXPECT_EQ(xpcInt(*counts, "physical_cpu_max"), 4);
+  EXPECT_EQ(xpcInt(*counts, "logical_cpu"), 2);
+  EXPECT_EQ(xpcInt(*counts, "physical_cpu"), 1);
+}
+
+TEST_F(CpuHandlers, AFailingWriteRollsBackEveryChange) {
+  const struct {
+    const char* name;
+    std::vector<int> initially_off;
+    int count;
+    std::set<int> online_after;  // the initial state, restored
+  } cases[] = {
+      {"failing while switching off", {}, 2, {0, 1, 2, 3, 4, 5, 6, 7}},
+      {"failing after switching on", {1, 2}, 4, {0, 3, 4, 5, 6, 7}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    m_dir = std::make_unique<TempDir>();
+    RequestHandler handler = handlerFor("cpu-2pkg-adjacent");
+    for (int cpu : c.initially_off) testing::writeText(cpuFile(cpu), "0\n");
+    // cpu5's online file becomes a symlink, which the writer never follows: that write fails.
+    testing::writeText(cpuFile(5, "online-real"), "1\n");
+    fs::remove(cpuFile(5));
+    fs::create_symlink("online-real", cpuFile(5));
+    const std::string reply = *xpcString(handler.handle(setCpuCount(c.count, 1, 0), m_root), "setcpu");
+    EXPECT_NE(reply, "OK");
+    EXPECT_NE(reply.find("cpu5"), std::string::npos) << reply;
+    EXPECT_EQ(onlineFiles(), c.online_after);
+  }
+}
+
+TEST_F(CpuHandlers, BadArgumentsChangeNothing) {
+  const XPCDict cases[] = {
+      setCpuCount(0, 1, 0),  // would leave no CPU
+      setCpuCount(-1, 1, 0),
+      setCpuCount(4, 2, 0),
+      setCpuCount(4, 1, -1),
+      {{"setcpucount", ""}, {"count", "4"}, {"hyper", 1}, {"prefer_phys", 0}},
+      {{"setcpucount", ""}, {"count", 4}, {"hyper", 1}},
+      {{"setcpucount", ""}, {"count", XPCData{4}}, {"hyper", 1}, {"prefer_phys", 0}},
+  };
+  RequestHandler handler = handlerFor("cpu-2pkg-adjacent");
+  for (const XPCDict& request : cases) {
+    XPCDict reply = handler.handle(request, m_root);
+    ASSERT_TRUE(xpcString(reply, "setcpu"));
+    EXPECT_NE(*xpcString(reply, "setcpu"), "OK");
+    EXPECT_EQ(onlineFiles().size(), 8u);
+  }
+}
+
+TEST_F(CpuHandlers, IsRunningReadsTheOnlineFile) {
+  RequestHandler handler = handlerFor("cpu-nosmt-4c");
+  const struct {
+    XPCValue cpu;
+    std::optional<int64_t> answer;
+  } cases[] = {
+      {0, 2},          // no online file: always running
+      {1, 2},
+      {2, 1},
+      {3, 1},
+      {4, std::nullopt},  // not present
+      {-1, std::nullopt},
+      {"1", std::nullopt},
+      {XPCValue(), std::nullopt},
+  };
+  for (const auto& c : cases) {
+    XPCDict request{{"isrunning", ""}};
+    if (!c.cpu.isNull()) request["cpu"] = c.cpu;
+    XPCDict reply = handler.handle(request, m_user);
+    EXPECT_EQ(xpcInt(reply, "isrunning"), c.answer);
+    if (!c.answer) {
+      EXPECT_TRUE(xpcString(reply, "error"));
+    }
+  }
+}
+
+TEST_F(CpuHandlers, ProcessorChangesNeedAdministratorRights) {
+  const struct {
+    const char* name;
+    bool privileged;
+    const char* expected_prefix;
+  } cases[] = {
+      {"daemon, ordinary user", true, "not authorised"},
+      {"in-process, ordinary user", false, "the privileged helper is not running"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    m_dir = std::make_unique<TempDir>();
+    RequestHandler handler = handlerFor("cpu-smt-4c8t", c.privileged);
+    Connection& caller = m_user;
+    const std::string setcpu = *xpcString(handler.handle(setCpuCount(1, 1, 0), caller), "setcpu");
+    const std::string throttle = *xpcString(handler.handle({{"throttle", ""}, {"enable", 0}}, caller), "throttle");
+    EXPECT_TRUE(startsWith(setcpu, c.expected_prefix)) << setcpu;
+    EXPECT_TRUE(startsWith(throttle, c.expected_prefix)) << throttle;
+    EXPECT_EQ(onlineFiles().size(), 7u);
+    EXPECT_EQ(readTrimmed(m_sys / "block/sda/queue/wbt_lat_usec"), "2000");
+  }
+}
+
+TEST_F(CpuHandlers, ThrottleWritesEveryPhysicalDisk) {
+  RequestHandler handler = handlerFor("cpu-smt-4c8t");
+  const struct {
+    int64_t enable;
+    const char* value;
+  } cases[] = {{0, "0"}, {1, "-1"}};
+  for (const auto& c : cases) {
+    XPCDict reply = handler.handle({{"throttle", ""}, {"enable", c.enable}}, m_root);
+    EXPECT_EQ(*xpcString(reply, "throttle"), "OK");
+    EXPECT_EQ(readTrimmed(m_sys / "block/sda/queue/wbt_lat_usec"), c.value);
+    EXPECT_EQ(readTrimmed(m_sys / "block/nvme0n1/queue/wbt_lat_usec"), c.value);
+    EXPECT_EQ(readTrimmed(m_sys / "block/loop0/queue/wbt_lat_usec"), "2000");  // virtual: untouched
+  }
+  for (const XPCValue& bad : {XPCValue(2), XPCValue(-1), XPCValue("1")}) {
+    XPCDict reply = handler.handle({{"throttle", ""}, {"enable", bad}}, m_root);
+    EXPECT_NE(*xpcString(reply, "throttle"), "OK");
+  }
+}
+
+}  // namespace
+}  // namespace pelmora
