@@ -13,6 +13,9 @@ const std::vector<Command>& commands() {
 
 std::string usageText() {
   std::string text = "usage:\n";
+  text += "  pelmora [-h on|off] [-p] [-t on|off] [-n N]\n"
+          "      apply processor settings through the helper: hyper-threads, prefer physical cores,\n"
+          "      I/O throttling, number of enabled processors (what the boot service runs)\n";
   for (const auto& command : commands())
     text += std::string("  pelmora ") + command.name + " " + command.usage + "\n      " + command.summary + "\n";
   text += "  pelmora --help\n";

@@ -24,5 +24,7 @@ std::string usageText();
 
 // Declared here, defined in each command's own file.
 int runSampleCommand(const std::vector<std::string>& args);
+// The boot-time flags "-h on|off -p -t on|off -n N" (all of argv after the program name).
+int runBootFlagsCommand(const std::vector<std::string>& args);
 
 }  // namespace pelmora::cli

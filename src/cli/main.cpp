@@ -17,6 +17,9 @@ int main(int argc, char** argv) {
     std::fputs(usageText().c_str(), stdout);
     return kExitOk;
   }
+  // The boot-time flags come without a command name: "pelmora -t on -n 4".
+  if (name == "-h" || name == "-p" || name == "-t" || name == "-n")
+    return runBootFlagsCommand(std::vector<std::string>(argv + 1, argv + argc));
   for (const auto& command : commands()) {
     if (name == command.name) return command.run(std::vector<std::string>(argv + 2, argv + argc));
   }
