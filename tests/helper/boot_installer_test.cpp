@@ -1,0 +1,141 @@
+#include "helper/boot_installer.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "helper/request_handler.h"
+#include "helper/test_support.h"
+
+namespace pelmora {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::readTrimmed;
+using testing::TempDir;
+using testing::writeText;
+
+TEST(BootSettings, OnlyTheFlagFormIsAccepted) {
+  const struct {
+    const char* text;
+    bool valid;
+  } cases[] = {
+      {"-t on -n 4", true},
+      {"-h on -p -t off -n 6", true},
+      {"-h off -t on -n 1234", true},
+      {"-p -t on -n 0", true},
+      {"-t on -n 12345", false},
+      {"-n 4 -t on", false},
+      {"-h maybe -t on -n 4", false},
+      {"-t on -n 4; rm -rf /", false},
+      {"-t on -n 4\n-t on -n 4", false},
+      {" -t on -n 4", false},
+      {"-t on -n ", false},
+      {"", false},
+  };
+  for (const auto& c : cases) EXPECT_EQ(validBootSettings(c.text), c.valid) << c.text;
+}
+
+class BootInstall : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (::geteuid() != 0) GTEST_SKIP() << "the installer only accepts root-owned sources: run as root";
+    m_paths = {m_dir.path() / "libexec", m_dir.path() / "state", m_dir.path() / "units"};
+    fs::create_directories(m_paths.source_dir);
+    for (const char* name : {"applyboot.sh", "pelmora", kBootUnitName}) {
+      writeText(m_paths.source_dir / name, std::string("content of ") + name + "\n");
+      fs::permissions(m_paths.source_dir / name, fs::perms(0755));
+    }
+  }
+  BootRequest request(const std::string& settings = "-h on -p -t off -n 6") const {
+    return {(m_paths.source_dir / "applyboot.sh").string(), (m_paths.source_dir / "pelmora").string(),
+            (m_paths.source_dir / kBootUnitName).string(), settings};
+  }
+  bool nothingInstalled() const {
+    return !fs::exists(m_paths.state_dir / "applyboot.sh") && !fs::exists(m_paths.state_dir / "settings") &&
+           !fs::exists(m_paths.unit_dir / kBootUnitName);
+  }
+
+  TempDir m_dir;
+  BootPaths m_paths;
+};
+
+TEST_F(BootInstall, InstallsEnablesAndUninstalls) {
+  const BootInstaller installer(m_paths);
+  ASSERT_EQ(installer.install(request()), "OK");
+  EXPECT_EQ(readTrimmed(m_paths.state_dir / "applyboot.sh"), "content of applyboot.sh");
+  EXPECT_EQ(readTrimmed(m_paths.state_dir / "pelmora"), "content of pelmora");
+  EXPECT_EQ(readTrimmed(m_paths.state_dir / "settings"), "-h on -p -t off -n 6");
+  EXPECT_EQ(readTrimmed(m_paths.unit_dir / kBootUnitName), "content of net.tandrel.bootpelmora.service");
+  EXPECT_EQ(fs::status(m_paths.state_dir / "pelmora").permissions() & fs::perms::all, fs::perms(0755));
+  EXPECT_EQ(fs::status(m_paths.unit_dir / kBootUnitName).permissions() & fs::perms::all, fs::perms(0644));
+  const fs::path link = m_paths.unit_dir / "multi-user.target.wants" / kBootUnitName;
+  EXPECT_EQ(fs::read_symlink(link), fs::path("..") / kBootUnitName);
+  // Installing again replaces the settings.
+  ASSERT_EQ(installer.install(request("-t on -n 2")), "OK");
+  EXPECT_EQ(readTrimmed(m_paths.state_dir / "settings"), "-t on -n 2");
+  ASSERT_EQ(installer.uninstall(), "OK");
+  EXPECT_TRUE(nothingInstalled());
+  EXPECT_FALSE(fs::is_symlink(link));
+  EXPECT_EQ(installer.uninstall(), "OK");  // nothing left to remove is no error
+}
+
+TEST_F(BootInstall, RefusesUntrustedSourcesAndChangesNothing) {
+  const BootInstaller installer(m_paths);
+  const fs::path src = m_paths.source_dir;
+  writeText(m_dir.path() / "pelmora", "elsewhere\n");
+  fs::create_symlink(src / "pelmora", src / "pelmora-link");
+  writeText(src / "group-writable", "x\n");
+  fs::permissions(src / "group-writable", fs::perms(0775));
+  const struct {
+    const char* name;
+    std::function<void(BootRequest&)> change;
+  } cases[] = {
+      {"bad settings", [](BootRequest& r) { r.settings = "-t on -n 4; reboot"; }},
+      {"outside the folder", [&](BootRequest& r) { r.tool = (m_dir.path() / "pelmora").string(); }},
+      {"relative", [](BootRequest& r) { r.tool = "libexec/pelmora"; }},
+      {"dot-dot", [&](BootRequest& r) { r.tool = (src / ".." / "libexec" / "pelmora").string(); }},
+      {"wrong name", [&](BootRequest& r) { r.script = (src / "pelmora").string(); }},
+      {"symlink", [&](BootRequest& r) { r.tool = (src / "pelmora-link").string(); }},
+      {"missing", [&](BootRequest& r) { r.unit = (src / "nothing.service").string(); }},
+      {"group-writable", [&](BootRequest& r) { r.tool = (src / "group-writable").string(); }},
+  };
+  for (const auto& c : cases) {
+    BootRequest r = request();
+    c.change(r);
+    EXPECT_NE(installer.install(r), "OK") << c.name;
+    EXPECT_TRUE(nothingInstalled()) << c.name;
+  }
+  // The right name but writable by the group: refused by its mode.
+  fs::permissions(src / "pelmora", fs::perms(0775));
+  EXPECT_NE(installer.checkSource((src / "pelmora").string(), "pelmora").find("writable"), std::string::npos);
+  fs::permissions(src / "pelmora", fs::perms(0755));
+  ASSERT_EQ(::chown((src / "pelmora").c_str(), 65534, 65534), 0);
+  EXPECT_NE(installer.checkSource((src / "pelmora").string(), "pelmora").find("not owned by root"), std::string::npos);
+}
+
+TEST_F(BootInstall, TheRequestNeedsAdministratorRightsAndCheckedFields) {
+  HelperOptions options;
+  options.boot = m_paths;
+  RequestHandler handler(options);
+  Connection user(CallerIdentity{1000, 555, 1});
+  Connection root(CallerIdentity{0, 556, 1});
+  const BootRequest r = request();
+  const XPCDict good{{"applyboot", ""}, {"install", "install"}, {"script", r.script}, {"pelmora", r.tool},
+                     {"plist", r.unit}, {"settings", r.settings}};
+  EXPECT_TRUE(startsWith(*xpcString(handler.handle(good, user), "applyboot"), "not authorised"));
+  EXPECT_TRUE(nothingInstalled());
+  for (const auto& [key, value] : {std::pair<const char*, XPCValue>{"install", "reinstall"}, {"install", 1},
+                                   {"settings", 5}, {"script", XPCData{1}}}) {
+    XPCDict bad = good;
+    bad[key] = value;
+    EXPECT_NE(*xpcString(handler.handle(bad, root), "applyboot"), "OK") << key;
+    EXPECT_TRUE(nothingInstalled()) << key;
+  }
+  EXPECT_EQ(*xpcString(handler.handle(good, root), "applyboot"), "OK");
+  EXPECT_EQ(*xpcString(handler.handle({{"applyboot", ""}, {"install", "uninstall"}}, root), "applyboot"), "OK");
+  EXPECT_TRUE(nothingInstalled());
+}
+
+}  // namespace
+}  // namespace pelmora

@@ -1,0 +1,133 @@
+#pragma once
+// Runs the real helper daemon as a child on a temporary socket, and the small processes the daemon
+// tests act on. The daemon's sysfs is a writable fixture copy, so processor and throttle requests
+// never touch the machine; /proc is the real one.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "helper/test_support.h"
+#include "support/socket_transport.h"
+#include "support/sys_root.h"
+
+namespace pelmora::testing {
+
+// Polls cond every 10 ms, at most `tries` times. For readiness only, never as a measurement.
+inline bool eventually(const std::function<bool()>& cond, int tries = 1000) {
+  for (int i = 0; i < tries; ++i) {
+    if (cond()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return cond();
+}
+
+// The one-letter state of /proc/PID/stat ('?' when gone).
+inline char procState(pid_t pid) {
+  auto text = SysRoot::readFile("/proc/" + std::to_string(pid) + "/stat");
+  if (!text) return '?';
+  const auto close = text->rfind(')');
+  return close != std::string::npos && close + 2 < text->size() ? (*text)[close + 2] : '?';
+}
+
+// A child that sleeps until killed, optionally as another user.
+class Sleeper {
+ public:
+  explicit Sleeper(uid_t uid = 0) {
+    m_pid = ::fork();
+    if (m_pid == 0) {
+      if (uid != 0 && (::setgid(uid) != 0 || ::setuid(uid) != 0)) ::_exit(1);
+      for (;;) ::pause();
+    }
+    eventually([this] { return procState(m_pid) == 'S'; });
+  }
+  ~Sleeper() {
+    ::kill(m_pid, SIGKILL);
+    ::waitpid(m_pid, nullptr, 0);
+  }
+  Sleeper(const Sleeper&) = delete;
+  Sleeper& operator=(const Sleeper&) = delete;
+  pid_t pid() const { return m_pid; }
+
+ private:
+  pid_t m_pid = -1;
+};
+
+// Runs fn in a forked child as uid/gid 65534 (nobody); returns what fn returned ("" = all good).
+inline std::string asNobody(const std::function<std::string()>& fn) {
+  int fds[2];
+  if (::pipe(fds) != 0) return "pipe failed";
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::close(fds[0]);
+    std::string result = (::setgid(65534) == 0 && ::setuid(65534) == 0) ? fn() : "could not become nobody";
+    if (!result.empty()) [[maybe_unused]] auto n = ::write(fds[1], result.data(), result.size());
+    ::_exit(0);
+  }
+  ::close(fds[1]);
+  std::string out;
+  char buffer[512];
+  ssize_t n;
+  while ((n = ::read(fds[0], buffer, sizeof buffer)) > 0) out.append(buffer, static_cast<size_t>(n));
+  ::close(fds[0]);
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  if (!WIFEXITED(status)) out += " (child crashed)";
+  return out;
+}
+
+// A raw connection to a Unix socket path, for writing bytes the codec would never produce.
+inline UniqueFd rawConnect(const std::string& path) {
+  UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) return {};
+  return fd;
+}
+
+class HelperDaemonChild {
+ public:
+  HelperDaemonChild() {
+    m_sys = copyFixture("cpu-smt-4c8t", m_dir);
+    m_socket = (m_dir.path() / "helper.sock").string();
+    // Clients running as another user must reach the socket.
+    std::filesystem::permissions(m_dir.path(), std::filesystem::perms(0755));
+    m_pid = ::fork();
+    if (m_pid == 0) {
+      ::setenv("PELMORA_SYS_ROOT", m_sys.c_str(), 1);
+      const int null = ::open("/dev/null", O_WRONLY);
+      if (null >= 0 && !::getenv("PELMORA_TEST_DAEMON_LOG")) ::dup2(null, 2);
+      const std::string binary = std::string(PELMORA_BINARY_DIR) + "/src/helper/pelmora-helper";
+      ::execl(binary.c_str(), "pelmora-helper", "--foreground", "--socket", m_socket.c_str(), nullptr);
+      ::_exit(127);
+    }
+    m_ready = eventually([this] { return SocketTransport(m_socket).connected(); });
+  }
+  ~HelperDaemonChild() {
+    ::kill(m_pid, SIGTERM);
+    ::waitpid(m_pid, nullptr, 0);
+  }
+  bool ready() const { return m_ready; }
+  pid_t pid() const { return m_pid; }
+  const std::string& socket() const { return m_socket; }
+  const std::filesystem::path& sys() const { return m_sys; }
+  // Open descriptors of the daemon.
+  size_t openFds() const { return SysRoot::listDir("/proc/" + std::to_string(m_pid) + "/fd").size(); }
+
+ private:
+  TempDir m_dir;
+  std::filesystem::path m_sys;
+  std::string m_socket;
+  pid_t m_pid = -1;
+  bool m_ready = false;
+};
+
+}  // namespace pelmora::testing

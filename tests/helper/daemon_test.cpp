@@ -1,0 +1,338 @@
+// The real daemon, started as a child on a temporary socket and driven over the wire.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include <climits>
+#include <csignal>
+#include <cstring>
+
+#include "helper/daemon_harness.h"
+#include "support/kernel_records.h"
+#include "support/proc_task_reader.h"
+#include "support/xpc_codec.h"
+
+namespace pelmora {
+namespace {
+
+using namespace pelmora::testing;
+
+class HelperDaemonTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    if (::geteuid() == 0) s_daemon = new HelperDaemonChild();
+  }
+  static void TearDownTestSuite() {
+    delete s_daemon;
+    s_daemon = nullptr;
+  }
+  void SetUp() override {
+    if (!s_daemon) GTEST_SKIP() << "the daemon tests act as root and as another user: run as root";
+    ASSERT_TRUE(s_daemon->ready());
+  }
+  static XPCDict ask(const XPCDict& request) {
+    SocketTransport transport(s_daemon->socket());
+    return transport.exchange(request).value_or(XPCDict{{"no reply", 1}});
+  }
+
+  static HelperDaemonChild* s_daemon;
+};
+HelperDaemonChild* HelperDaemonTest::s_daemon = nullptr;
+
+size_t dataSize(const XPCDict& reply, const char* key) {
+  const XPCData* data = xpcData(reply, key);
+  return data ? data->size() : 0;
+}
+
+TEST_F(HelperDaemonTest, EveryRequestIsAnsweredInItsShape) {
+  Sleeper sleeper;
+  const int64_t pid = sleeper.pid();
+  const struct {
+    const char* name;
+    XPCDict request;
+    std::function<void(const XPCDict&)> check;
+  } cases[] = {
+      {"requestcpuinfo", {{"requestcpuinfo", ""}},
+       [](const XPCDict& r) {
+         const XPCDict* c = xpcDict(r, "cpuinfo");
+         ASSERT_TRUE(c);
+         EXPECT_EQ(xpcInt(*c, "logical_cpu_max"), 8);
+         EXPECT_EQ(xpcInt(*c, "physical_cpu_max"), 4);
+         EXPECT_TRUE(xpcInt(*c, "logical_cpu") && xpcInt(*c, "physical_cpu"));
+       }},
+      {"isrunning", {{"isrunning", ""}, {"cpu", 0}}, [](const XPCDict& r) { EXPECT_EQ(xpcInt(r, "isrunning"), 2); }},
+      {"setcpucount", {{"setcpucount", ""}, {"count", 8}, {"hyper", 1}, {"prefer_phys", 0}},
+       [](const XPCDict& r) { EXPECT_EQ(*xpcString(r, "setcpu"), "OK"); }},
+      {"throttle", {{"throttle", ""}, {"enable", 1}}, [](const XPCDict& r) { EXPECT_EQ(*xpcString(r, "throttle"), "OK"); }},
+      {"setpriority", {{"setpriority", ""}, {"pid", pid}, {"priority", 7}},
+       [&](const XPCDict& r) {
+         EXPECT_EQ(*xpcString(r, "setpriority"), "OK");
+         EXPECT_EQ(ProcTaskReader().readStat(sleeper.pid())->nice, 7);
+       }},
+      {"kill", {{"kill", "kill"}, {"pid", pid}, {"signal", SIGCONT}}, [](const XPCDict& r) { EXPECT_EQ(xpcInt(r, "kill"), 0); }},
+      {"taskinfo", {{"taskinfo", "taskinfo"}, {"pid", pid}},
+       [](const XPCDict& r) {
+         EXPECT_TRUE(xpcString(r, "reply_taskinfo"));
+         EXPECT_EQ(xpcInt(r, "result"), 1);
+         EXPECT_EQ(dataSize(r, "taskinfo"), 96u);
+       }},
+      {"taskallinfo", {{"taskallinfo", "taskallinfo"}, {"pid", pid}},
+       [&](const XPCDict& r) {
+         EXPECT_TRUE(xpcString(r, "reply_taskallinfo"));
+         EXPECT_EQ(xpcInt(r, "result"), 1);
+         ASSERT_EQ(dataSize(r, "taskallinfo"), 232u);
+         proc_taskallinfo info;
+         std::memcpy(&info, xpcData(r, "taskallinfo")->data(), sizeof info);
+         EXPECT_EQ(info.pbsd.pbi_pid, static_cast<uint32_t>(sleeper.pid()));
+         EXPECT_EQ(info.pbsd.pbi_ppid, static_cast<uint32_t>(::getpid()));
+       }},
+      {"rusage", {{"rusage", "rusage"}, {"pid", pid}},
+       [](const XPCDict& r) {
+         EXPECT_TRUE(xpcString(r, "reply_rusage"));
+         EXPECT_EQ(xpcInt(r, "result"), 1);
+         EXPECT_EQ(dataSize(r, "rusage"), 232u);
+       }},
+      {"pidname", {{"pidname", "pidname"}, {"pid", pid}},
+       [](const XPCDict& r) { EXPECT_EQ(*xpcString(r, "reply_pidname"), "pelmora_helper_tests"); }},
+      {"pidfiles", {{"pidfiles", "pidfiles"}, {"pid", pid}},
+       [](const XPCDict& r) {
+         EXPECT_TRUE(xpcString(r, "reply_pidfiles"));
+         EXPECT_EQ(xpcInt(r, "result"), 1);
+         const XPCArray* fds = xpcArray(r, "pidfds");
+         const XPCArray* paths = xpcArray(r, "pidfiles");
+         ASSERT_TRUE(fds && paths);
+         EXPECT_EQ(fds->size(), paths->size());
+         EXPECT_FALSE(fds->empty());
+       }},
+      {"powermetrics", {{"powermetrics", "powermetrics"}, {"sample_interval", 1000}},
+       [](const XPCDict& r) {
+         EXPECT_GT(xpcInt(r, "result").value_or(0), 1);
+         EXPECT_FALSE(xpcHas(r, "fd"));
+       }},
+      {"applyboot with a bad settings text", {{"applyboot", ""}, {"install", "install"}, {"script", "/x"},
+                                              {"pelmora", "/y"}, {"plist", "/z"}, {"settings", "-n 4"}},
+       [](const XPCDict& r) { EXPECT_EQ(*xpcString(r, "applyboot"), "malformed settings text"); }},
+      {"authorize", {{"authorize", ""}}, [](const XPCDict& r) { EXPECT_EQ(*xpcString(r, "authorize"), "OK"); }},
+      {"deauthorize", {{"deauthorize", ""}}, [](const XPCDict& r) { EXPECT_EQ(*xpcString(r, "deauthorize"), "OK"); }},
+      {"unknown", {{"frobnicate", ""}}, [](const XPCDict& r) { EXPECT_TRUE(xpcString(r, "error")); }},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    c.check(ask(c.request));
+  }
+}
+
+TEST_F(HelperDaemonTest, QuitEndsTheConnectionWithoutAReply) {
+  UniqueFd fd = rawConnect(s_daemon->socket());
+  ASSERT_TRUE(fd);
+  auto frame = xpcEncode({{"quit", ""}});
+  ASSERT_EQ(::write(fd.get(), frame->frame.data(), frame->frame.size()), static_cast<ssize_t>(frame->frame.size()));
+  char byte;
+  EXPECT_EQ(::read(fd.get(), &byte, 1), 0);
+  EXPECT_EQ(*xpcString(ask({{"authorize", ""}}), "authorize"), "OK");  // the daemon serves on
+}
+
+TEST_F(HelperDaemonTest, OrdinaryUsersAreRefusedWhatTheyLack) {
+  Sleeper root_process;
+  Sleeper own_process(65534);
+  const int64_t root_pid = root_process.pid(), own_pid = own_process.pid();
+  const std::string socket = s_daemon->socket();
+  const std::string failures = asNobody([&]() -> std::string {
+    SocketTransport transport(socket);
+    std::string out;
+    auto text = [&](const XPCDict& request, const char* key) {
+      auto reply = transport.exchange(request);
+      const std::string* s = reply ? xpcString(*reply, key) : nullptr;
+      return s ? *s : std::string("<none>");
+    };
+    auto integer = [&](const XPCDict& request, const char* key) {
+      auto reply = transport.exchange(request);
+      return reply ? xpcInt(*reply, key).value_or(-999) : -999;
+    };
+    auto expectPrefix = [&](const std::string& got, const char* prefix, const char* what) {
+      if (!startsWith(got, prefix)) out += std::string(what) + ": " + got + "\n";
+    };
+    auto expectEq = [&](int64_t got, int64_t want, const char* what) {
+      if (got != want) out += std::string(what) + ": " + std::to_string(got) + "\n";
+    };
+    expectPrefix(text({{"setcpucount", ""}, {"count", 1}, {"hyper", 1}, {"prefer_phys", 0}}, "setcpu"),
+                 "not authorised", "setcpucount");
+    expectPrefix(text({{"throttle", ""}, {"enable", 0}}, "throttle"), "not authorised", "throttle");
+    expectPrefix(text({{"applyboot", ""}, {"install", "uninstall"}}, "applyboot"), "not authorised", "applyboot");
+    expectPrefix(text({{"setpriority", ""}, {"pid", root_pid}, {"priority", 10}}, "setpriority"), "not authorised",
+                 "renice another user's process");
+    expectPrefix(text({{"setpriority", ""}, {"pid", own_pid}, {"priority", -5}}, "setpriority"), "not authorised",
+                 "lower the nice value of an own process");
+    expectEq(integer({{"kill", "kill"}, {"pid", root_pid}, {"signal", SIGSTOP}}, "kill"), EPERM, "stop another user's");
+    expectEq(integer({{"rusage", "rusage"}, {"pid", root_pid}}, "result"), 1 + EPERM, "rusage of another user's");
+    expectEq(integer({{"pidfiles", "pidfiles"}, {"pid", root_pid}}, "result"), 1 + EPERM, "pidfiles of another user's");
+    if (text({{"authorize", ""}}, "authorize") == "OK") out += "authorize: granted to nobody\n";
+    // What an ordinary user may do.
+    expectEq(integer({{"taskinfo", "taskinfo"}, {"pid", root_pid}}, "result"), 1, "taskinfo of another user's");
+    expectEq(integer({{"kill", "kill"}, {"pid", own_pid}, {"signal", SIGSTOP}}, "kill"), 0, "stop own");
+    expectEq(integer({{"kill", "kill"}, {"pid", own_pid}, {"signal", SIGCONT}}, "kill"), 0, "continue own");
+    expectPrefix(text({{"setpriority", ""}, {"pid", own_pid}, {"priority", 10}}, "setpriority"), "OK", "raise own nice");
+    expectEq(integer({{"rusage", "rusage"}, {"pid", own_pid}}, "result"), 1, "rusage of own");
+    return out;
+  });
+  EXPECT_EQ(failures, "");
+  EXPECT_EQ(procState(root_process.pid()), 'S');
+  EXPECT_EQ(readTrimmed(s_daemon->sys() / "devices/system/cpu/cpu7/online"), "1");
+}
+
+pid_t someKernelThread() {
+  for (const std::string& name : SysRoot::listDir("/proc")) {
+    auto pid = parseInt64(name);
+    if (!pid || *pid <= 2) continue;
+    auto stat = ProcTaskReader().readStat(static_cast<pid_t>(*pid));
+    if (stat && (stat->flags & kPFKthread)) return static_cast<pid_t>(*pid);
+  }
+  return 0;
+}
+
+TEST_F(HelperDaemonTest, ProtectedTargetsAndBadFieldsAreRefused) {
+  Sleeper sleeper;
+  const pid_t kthread = someKernelThread();
+  const struct {
+    const char* name;
+    XPCValue pid;
+    XPCValue signal;
+  } cases[] = {
+      {"pid 0", 0, SIGSTOP},
+      {"negative pid", -1, SIGSTOP},
+      {"init", 1, SIGSTOP},
+      {"kthreadd", 2, SIGSTOP},
+      {"a kernel thread", kthread ? kthread : 2, SIGSTOP},
+      {"the daemon", s_daemon->pid(), SIGSTOP},
+      {"pid beyond 32 bits", int64_t{1} << 33, SIGSTOP},
+      {"pid as text", std::to_string(sleeper.pid()), SIGSTOP},
+      {"pid as data", XPCData{1, 2}, SIGSTOP},
+      {"missing pid", XPCValue(), SIGSTOP},
+      {"a signal not on the list", sleeper.pid(), SIGSEGV},
+      {"signal 0", sleeper.pid(), 0},
+      {"signal as text", sleeper.pid(), "19"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    XPCDict request{{"kill", "kill"}, {"signal", c.signal}};
+    if (!c.pid.isNull()) request["pid"] = c.pid;
+    XPCDict reply = ask(request);
+    EXPECT_NE(xpcInt(reply, "kill").value_or(0), 0);
+    EXPECT_TRUE(xpcString(reply, "error"));
+    // The same targets cannot be reniced or read either.
+    XPCDict renice{{"setpriority", ""}, {"priority", 19}};
+    if (!c.pid.isNull()) renice["pid"] = c.pid;
+    if (c.signal == XPCValue(SIGSTOP)) {
+      EXPECT_NE(*xpcString(ask(renice), "setpriority"), "OK");
+    }
+  }
+  EXPECT_EQ(procState(sleeper.pid()), 'S');
+  EXPECT_NE(procState(s_daemon->pid()), 'T');
+  EXPECT_GT(xpcInt(ask({{"taskinfo", "taskinfo"}, {"pid", 1}}), "result").value_or(0), 1);
+}
+
+TEST_F(HelperDaemonTest, StopsAndContinuesARealProcess) {
+  Sleeper sleeper;
+  SocketTransport transport(s_daemon->socket());
+  auto signal = [&](int number) {
+    return xpcInt(transport.exchange({{"kill", "kill"}, {"pid", int64_t{sleeper.pid()}}, {"signal", number}}).value(),
+                  "kill");
+  };
+  EXPECT_EQ(signal(SIGSTOP), 0);
+  EXPECT_TRUE(eventually([&] { return procState(sleeper.pid()) == 'T'; }));
+  EXPECT_EQ(signal(SIGCONT), 0);
+  EXPECT_TRUE(eventually([&] { return procState(sleeper.pid()) == 'S'; }));
+}
+
+TEST_F(HelperDaemonTest, ProcessesStoppedByALostClientRunAgain) {
+  const struct {
+    const char* name;
+    bool send_quit;
+  } cases[] = {{"client dies", false}, {"client quits", true}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Sleeper sleeper;
+    const pid_t target = sleeper.pid();
+    const pid_t client = ::fork();
+    if (client == 0) {
+      SocketTransport transport(s_daemon->socket());
+      auto reply = transport.exchange({{"kill", "kill"}, {"pid", int64_t{target}}, {"signal", SIGSTOP}});
+      if (!reply || xpcInt(*reply, "kill") != 0 || !eventually([&] { return procState(target) == 'T'; })) ::_exit(1);
+      if (c.send_quit) transport.sendOneWay({{"quit", ""}});
+      ::_exit(0);  // the connection goes with the process; nobody continues the target
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(client, &status, 0), client);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_TRUE(eventually([&] { return procState(target) == 'S'; })) << procState(target);
+  }
+}
+
+std::vector<uint8_t> framed(std::vector<uint8_t> body) {
+  const auto n = static_cast<uint32_t>(body.size());
+  std::vector<uint8_t> out(kXPCLengthBytes + body.size());
+  for (size_t i = 0; i < kXPCLengthBytes; ++i) out[i] = static_cast<uint8_t>(n >> (8 * i));
+  for (size_t i = 0; i < body.size(); ++i) out[kXPCLengthBytes + i] = body[i];
+  return out;
+}
+
+TEST_F(HelperDaemonTest, BadFramesCloseOnlyTheirConnection) {
+  const std::vector<uint8_t> good = xpcEncode({{"requestcpuinfo", ""}})->frame;
+  std::vector<uint8_t> deep = {0xA1, 0x61, 'a', 0xA1, 0x61, 'b', 0xA1, 0x61, 'c', 0xA1, 0x61, 'd', 0xA1, 0x61, 'e', 0x01};
+  const struct {
+    const char* name;
+    std::vector<uint8_t> bytes;
+    bool then_hang_up;  // a truncated frame only ends when the client stops writing
+  } cases[] = {
+      {"truncated", std::vector<uint8_t>(good.begin(), good.end() - 4), true},
+      {"oversized", {0x01, 0x00, 0x20, 0x00}, false},
+      {"zero length", {0, 0, 0, 0}, false},
+      {"not a map", framed({0x82, 0x01, 0x02}), false},
+      {"deep nesting", framed(deep), false},
+      {"float", framed({0xA1, 0x63, 'p', 'i', 'd', 0xFB, 0x3F, 0xF8, 0, 0, 0, 0, 0, 0}), false},
+      {"boolean", framed({0xA1, 0x61, 'x', 0xF5}), false},
+      {"unknown tag", framed({0xA1, 0x61, 'x', 0xD8, 0x20, 0x41, 0x00}), false},
+      {"descriptor without descriptor", framed({0xA1, 0x61, 'x', 0xD9, 0x0F, 0xD0, 0x44, 0, 0, 0, 0}), false},
+      {"garbage", framed({0xFF, 0xFE, 0xFD}), false},
+  };
+  SocketTransport bystander(s_daemon->socket());
+  ASSERT_TRUE(bystander.exchange({{"requestcpuinfo", ""}}));
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    UniqueFd fd = rawConnect(s_daemon->socket());
+    ASSERT_TRUE(fd);
+    timeval limit{30, 0};  // a daemon that kept the connection would otherwise hang the test
+    ::setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    ASSERT_EQ(::write(fd.get(), c.bytes.data(), c.bytes.size()), static_cast<ssize_t>(c.bytes.size()));
+    if (c.then_hang_up) ::shutdown(fd.get(), SHUT_WR);
+    char byte;
+    EXPECT_EQ(::read(fd.get(), &byte, 1), 0);  // closed, no answer
+    EXPECT_TRUE(bystander.exchange({{"requestcpuinfo", ""}}));
+  }
+  // A well-formed frame with a mistyped field is answered with an error and the connection stays.
+  auto reply = bystander.exchange({{"taskinfo", "taskinfo"}, {"pid", "twelve"}});
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(xpcInt(*reply, "result"), 1 + EINVAL);
+  EXPECT_TRUE(bystander.exchange({{"requestcpuinfo", ""}}));
+}
+
+TEST_F(HelperDaemonTest, ManyConnectionsLeaveNoDescriptorBehind) {
+  const size_t before = s_daemon->openFds();
+  const std::vector<uint8_t> garbage = framed({0xFF});
+  for (int i = 0; i < 300; ++i) {
+    if (i % 3 == 0) {
+      SocketTransport transport(s_daemon->socket());
+      ASSERT_TRUE(transport.exchange({{"pidfiles", "pidfiles"}, {"pid", int64_t{::getpid()}}}));
+    } else {
+      UniqueFd fd = rawConnect(s_daemon->socket());
+      ASSERT_TRUE(fd);
+      if (i % 3 == 1) {
+        ASSERT_EQ(::write(fd.get(), garbage.data(), garbage.size()), 5);
+      }
+    }
+  }
+  EXPECT_TRUE(eventually([&] { return s_daemon->openFds() == before; })) << s_daemon->openFds() << " vs " << before;
+}
+
+}  // namespace
+}  // namespace pelmora
