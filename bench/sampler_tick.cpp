@@ -35,7 +35,7 @@ std::vector<std::string> tickFiles() {
   };
   for (const auto& disk : root.listSys("block"))
     if (pelmora::DiskCollector::isPhysicalName(disk))
-        for (const char* f : {"/dev", "/stat", "/hidden", "/device/vendor", "/device/model"}) add(root.sys("block/" + disk + f));
+      for (const char* f : {"/dev", "/stat", "/hidden", "/device/vendor", "/device/model"}) add(root.sys("block/" + disk + f));
   for (const auto& intf : root.listSys("class/net"))
     if (pelmora::NetworkCollector::isReported(intf))
       for (const char* f : {"/statistics/rx_bytes", "/statistics/tx_bytes"}) add(root.sys("class/net/" + intf + f));
