@@ -4,12 +4,9 @@
 // refusal for an ordinary user, and its misuse.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <cstring>
 
 #include "helper_link/fallback_transport.h"
 #include "temp_tree.h"
@@ -22,18 +19,13 @@ namespace fs = std::filesystem;
 const std::string kTool = std::string(PELMORA_BINARY_DIR) + "/src/cli/pelmora";
 const std::string kDaemon = std::string(PELMORA_BINARY_DIR) + "/src/helper/pelmora-helper";
 
-struct ToolRun {
-  int exit_code = -1;
-  std::string err;  // stderr
-};
-
-// Runs a program with extra environment, optionally as another user, and collects its stderr.
-ToolRun runProgram(const std::vector<std::string>& argv, const std::vector<std::string>& env, uid_t uid = 0) {
-  int err[2];
-  if (::pipe2(err, O_CLOEXEC) != 0) return {};
+// Starts a program with extra environment, optionally as another user; its stderr is *err.
+pid_t spawn(const std::vector<std::string>& argv, const std::vector<std::string>& env, uid_t uid, int* err) {
+  int pipe_fds[2];
+  if (::pipe2(pipe_fds, O_CLOEXEC) != 0) return -1;
   const pid_t child = ::fork();
   if (child == 0) {
-    ::dup2(err[1], 2);
+    ::dup2(pipe_fds[1], 2);
     for (const auto& e : env) ::putenv(const_cast<char*>(e.c_str()));
     if (uid != 0 && (::setgid(uid) != 0 || ::setuid(uid) != 0)) ::_exit(125);
     std::vector<char*> args;
@@ -42,54 +34,58 @@ ToolRun runProgram(const std::vector<std::string>& argv, const std::vector<std::
     ::execv(args[0], args.data());
     ::_exit(126);
   }
-  ::close(err[1]);
-  ToolRun run;
+  ::close(pipe_fds[1]);
+  *err = pipe_fds[0];
+  return child;
+}
+
+// Reads until `until` has been seen (empty: until the end).
+std::string readUntil(int fd, const std::string& until = {}) {
+  std::string out;
   char buffer[4096];
   ssize_t n;
-  while ((n = ::read(err[0], buffer, sizeof buffer)) > 0) run.err.append(buffer, static_cast<size_t>(n));
-  ::close(err[0]);
+  while ((until.empty() || out.find(until) == std::string::npos) && (n = ::read(fd, buffer, sizeof buffer)) > 0)
+    out.append(buffer, static_cast<size_t>(n));
+  return out;
+}
+
+struct ToolRun {
+  int exit_code = -1;
+  std::string err;
+};
+
+ToolRun runTool(const std::vector<std::string>& flags, const std::vector<std::string>& env, uid_t uid = 0) {
+  std::vector<std::string> argv = {kTool};
+  argv.insert(argv.end(), flags.begin(), flags.end());
+  int err = -1;
+  const pid_t child = spawn(argv, env, uid, &err);
+  ToolRun run;
+  run.err = readUntil(err);
+  ::close(err);
   int status = 0;
   ::waitpid(child, &status, 0);
   run.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return run;
 }
 
-// The daemon in the foreground on a socket of its own, until the fixture ends.
+// The daemon in the foreground on a socket of its own, until the test ends.
 class DaemonChild {
  public:
-  DaemonChild(const std::string& socket, const std::vector<std::string>& env) {
-    int err[2];
-    if (::pipe2(err, O_CLOEXEC) != 0) return;
-    m_pid = ::fork();
-    if (m_pid == 0) {
-      ::dup2(err[1], 2);
-      for (const auto& e : env) ::putenv(const_cast<char*>(e.c_str()));
-      ::execl(kDaemon.c_str(), kDaemon.c_str(), "--foreground", "--socket", socket.c_str(), nullptr);
-      ::_exit(126);
-    }
-    ::close(err[1]);
-    m_err = err[0];
-    // It says so once its socket listens; wait for that line (or for it to die).
-    std::string said;
-    char buffer[512];
-    ssize_t n;
-    while (said.find("serving on") == std::string::npos && (n = ::read(m_err, buffer, sizeof buffer)) > 0)
-      said.append(buffer, static_cast<size_t>(n));
-    m_ready = said.find("serving on") != std::string::npos;
-  }
+  DaemonChild(const std::string& socket, const std::vector<std::string>& env)
+      : m_pid(spawn({kDaemon, "--foreground", "--socket", socket}, env, 0, &m_err)),
+        // It says so once its socket listens.
+        m_ready(readUntil(m_err, "serving on").find("serving on") != std::string::npos) {}
   ~DaemonChild() {
-    if (m_pid > 0) {
-      ::kill(m_pid, SIGTERM);
-      ::waitpid(m_pid, nullptr, 0);
-    }
-    if (m_err >= 0) ::close(m_err);
+    ::kill(m_pid, SIGTERM);
+    ::waitpid(m_pid, nullptr, 0);
+    ::close(m_err);
   }
   bool ready() const { return m_ready; }
 
  private:
-  pid_t m_pid = -1;
   int m_err = -1;
-  bool m_ready = false;
+  pid_t m_pid;
+  bool m_ready;
 };
 
 // A writable machine: four CPUs (cpu0 without an online file, as on x86; cpu2 and cpu3 offline)
@@ -144,9 +140,7 @@ TEST(BootFlagsTool, AppliesThroughTheDaemon) {
   DaemonChild daemon(socket, machine.env(socket));
   ASSERT_TRUE(daemon.ready());
   for (const auto& step : steps) {
-    std::vector<std::string> argv = {kTool};
-    for (const auto& w : test::words(step.flags)) argv.push_back(w);
-    const ToolRun run = runProgram(argv, machine.env(socket));
+    const ToolRun run = runTool(test::words(step.flags), machine.env(socket));
     EXPECT_EQ(run.exit_code, step.exit_code) << step.flags << "\n" << run.err;
     EXPECT_EQ(machine.online(), step.online) << step.flags;
     EXPECT_EQ(machine.wbt(), step.wbt) << step.flags;
@@ -164,7 +158,7 @@ TEST(BootFlagsTool, RefusedForAnOrdinaryUserWithTheHelpersReason) {
   const std::string socket = (machine.tree / "helper.sock").string();
   DaemonChild daemon(socket, machine.env(socket));
   ASSERT_TRUE(daemon.ready());
-  const ToolRun run = runProgram({kTool, "-t", "off", "-n", "4"}, machine.env(socket), 65534);
+  const ToolRun run = runTool({"-t", "off", "-n", "4"}, machine.env(socket), 65534);
   EXPECT_EQ(run.exit_code, 1) << run.err;
   EXPECT_TRUE(contains(run.err, "setcpucount response: not authorised")) << run.err;
   EXPECT_TRUE(contains(run.err, "throttle response: not authorised")) << run.err;
@@ -175,7 +169,7 @@ TEST(BootFlagsTool, RefusedForAnOrdinaryUserWithTheHelpersReason) {
 TEST(BootFlagsTool, AppliesDirectlyAsRootWithoutADaemon) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root may apply without the daemon";
   Machine machine;
-  const ToolRun run = runProgram({kTool, "-t", "off", "-n", "3"}, machine.env((machine.tree / "no.sock").string()));
+  const ToolRun run = runTool({"-t", "off", "-n", "3"}, machine.env((machine.tree / "no.sock").string()));
   EXPECT_EQ(run.exit_code, 0) << run.err;
   EXPECT_TRUE(contains(run.err, FallbackTransport::kInProcessLine)) << run.err;
   EXPECT_EQ(machine.online(), "110");
@@ -185,7 +179,7 @@ TEST(BootFlagsTool, AppliesDirectlyAsRootWithoutADaemon) {
 TEST(BootFlagsTool, WithoutADaemonAnOrdinaryUserIsToldSo) {
   Machine machine;
   const ToolRun run =
-      runProgram({kTool, "-n", "4"}, machine.env((machine.tree / "no.sock").string()), ::geteuid() == 0 ? 65534 : 0);
+      runTool({"-n", "4"}, machine.env((machine.tree / "no.sock").string()), ::geteuid() == 0 ? 65534 : 0);
   EXPECT_EQ(run.exit_code, 1) << run.err;
   EXPECT_TRUE(contains(run.err, "setcpucount response: the privileged helper is not running.")) << run.err;
   EXPECT_EQ(machine.online(), "100");

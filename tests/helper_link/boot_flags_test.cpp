@@ -48,30 +48,25 @@ TEST(BootSettingsText, ReadsBackThroughTheFlagParser) {
 }
 
 TEST(HardwareThreads, FromThreadSiblingsLists) {
+  const std::string fixtures = PELMORA_FIXTURES;
+  EXPECT_TRUE(hasHardwareThreads(SysRoot("/nonexistent", fixtures + "/cpu-smt-4c8t")));
+  EXPECT_FALSE(hasHardwareThreads(SysRoot("/nonexistent", fixtures + "/cpu-nosmt-4c")));
+  EXPECT_FALSE(hasHardwareThreads(SysRoot("/nonexistent", fixtures + "/no-such-machine")));
   struct Case {
     const char* name;
-    std::vector<std::pair<std::string, std::string>> files;
+    std::vector<std::pair<std::string, std::string>> lists;  // cpu directory -> thread_siblings_list
     bool expected;
   };
-  const std::string topo = "devices/system/cpu/";
   const std::vector<Case> cases = {
-      {"single-thread cores", {{topo + "cpu0/topology/thread_siblings_list", "0\n"},
-                               {topo + "cpu1/topology/thread_siblings_list", "1\n"}}, false},
-      {"smt pairs", {{topo + "cpu0/topology/thread_siblings_list", "0,4\n"},
-                     {topo + "cpu4/topology/thread_siblings_list", "0,4\n"}}, true},
-      {"range form", {{topo + "cpu0/topology/thread_siblings_list", "0-1\n"}}, true},
-      // Only a late cpu has siblings: the others (and non-cpu entries) must not hide it.
-      {"late core", {{topo + "cpu0/topology/thread_siblings_list", "0\n"},
-                     {topo + "cpufreq/topology/thread_siblings_list", "0-7\n"},
-                     {topo + "cpu11/topology/thread_siblings_list", "10-11\n"}}, true},
-      {"only a non-cpu entry", {{topo + "cpuidle/topology/thread_siblings_list", "0-7\n"}}, false},
-      {"garbage", {{topo + "cpu0/topology/thread_siblings_list", "zero\n"}}, false},
-      {"no topology", {{topo + "cpu0/online", "1\n"}}, false},
-      {"no cpus at all", {}, false},
+      {"range form", {{"cpu0", "0-1"}}, true},
+      // Only a late cpu has siblings; the entries that are not CPUs must not count.
+      {"late core", {{"cpu0", "0"}, {"cpufreq", "0-7"}, {"cpu11", "10-11"}}, true},
+      {"only a non-cpu entry", {{"cpuidle", "0-7"}}, false},
+      {"garbage", {{"cpu0", "zero"}}, false},
   };
   for (const auto& c : cases) {
     test::TempTree tree;
-    for (const auto& [path, text] : c.files) tree.write(path, text);
+    for (const auto& [dir, list] : c.lists) tree.write("devices/system/cpu/" + dir + "/topology/thread_siblings_list", list + "\n");
     EXPECT_EQ(hasHardwareThreads(SysRoot("/nonexistent", tree.path())), c.expected) << c.name;
   }
 }
