@@ -1,0 +1,210 @@
+#include "graphs/views/graph_view.h"
+
+#include <QLocale>
+#include <QMouseEvent>
+#include <QPainter>
+#include <QPainterPath>
+
+#include "graphs/value_formatter.h"
+#include "graphs/views/graph_legend.h"
+#include "graphs/views/graph_popover.h"
+#include "support/default_settings.h"
+
+namespace pelmora {
+namespace {
+
+DefaultSettings* g_store = nullptr;
+
+constexpr double kCornerRadius = 10.0;
+constexpr double kLabelPointSize = 10.0;
+constexpr double kLabelInset = 2.0;
+const QColor kGridGray(142, 142, 147);
+
+}  // namespace
+
+QColor toQColor(const GraphColor& c) { return QColor(c.r, c.g, c.b, c.a); }
+
+GraphColor fromQColor(const QColor& color) {
+  const QColor rgb = color.toRgb();
+  return {static_cast<uint8_t>(rgb.red()), static_cast<uint8_t>(rgb.green()), static_cast<uint8_t>(rgb.blue()),
+          static_cast<uint8_t>(rgb.alpha())};
+}
+
+GraphView::GraphView(GraphClass graph, QWidget* parent) : QWidget(parent), m_graph(graph) {
+  setCursor(Qt::PointingHandCursor);  // every graph looks clickable
+  setMinimumSize(1, 1);
+}
+
+GraphView::~GraphView() {
+  if (m_popover) m_popover->disconnect(this);
+  delete m_popover;  // owns the legend
+}
+
+GraphLegend* GraphView::legend() const { return m_legend; }
+GraphPopover* GraphView::popover() const { return m_popover; }
+
+void GraphView::setSettingsStore(DefaultSettings* store) { g_store = store; }
+
+DefaultSettings& GraphView::settingsStore() { return g_store ? *g_store : DefaultSettings::shared(); }
+
+void GraphView::setLabel(const QString& label) {
+  m_label = label;
+  redraw();
+}
+
+void GraphView::setLabelFont(const QFont& font) {
+  m_font = font;
+  redraw();
+}
+
+void GraphView::setDisplayDock(bool dock) {
+  m_display_dock = dock;
+  redraw();
+}
+
+void GraphView::showEvent(QShowEvent* event) {
+  QWidget::showEvent(event);
+  GraphPalette::load(m_graph, settingsStore());  // another view of the class may have saved a colour
+}
+
+QColor GraphView::backgroundColor() const {
+  const auto& s = GraphSwitches::current();
+  if (s.radio_dark) return QColor(30, 30, 30);
+  if (s.radio_light) return QColor(Qt::white);
+  return palette().color(QPalette::Base);
+}
+
+QColor GraphView::textColor() const {
+  const auto& s = GraphSwitches::current();
+  if (s.radio_dark) return QColor(235, 235, 235);
+  if (s.radio_light) return QColor(Qt::black);
+  return palette().color(QPalette::Text);
+}
+
+void GraphView::paintEvent(QPaintEvent* event) {
+  QPainter painter(this);
+  painter.save();
+  // The frame, not the bounds: in the live icon the view sits at the origin, where both agree.
+  QPainterPath rounded;
+  rounded.addRoundedRect(isWindow() ? QRectF(rect()) : QRectF(geometry()), kCornerRadius, kCornerRadius);
+  if (m_display_dock) {
+    painter.setRenderHint(QPainter::Antialiasing, true);
+    painter.setClipPath(rounded);
+  }
+  painter.fillRect(event->rect(), backgroundColor());
+  if (drawsContent(width(), height())) {
+    painter.setRenderHint(QPainter::Antialiasing, true);
+    drawGrid(painter);
+    drawGraph(painter);
+    drawLabel(painter);
+    if (m_display_dock) {
+      painter.setPen(QPen(textColor(), 1.0));
+      painter.setBrush(Qt::NoBrush);
+      painter.drawPath(rounded);
+    }
+  }
+  painter.restore();
+}
+
+void GraphView::drawGrid(QPainter& painter) {
+  const double h = height();
+  const auto lines = gridLines(width(), h, GraphSwitches::current().grid());
+  if (lines.empty()) return;
+  QPainterPath path;
+  for (const auto& line : lines) {
+    path.moveTo(line.from.x, h - line.from.y);
+    path.lineTo(line.to.x, h - line.to.y);
+  }
+  QPen pen(kGridGray, 1.0);
+  pen.setDashPattern({kGridDashOn, kGridDashOff});
+  painter.strokePath(path, pen);
+}
+
+void GraphView::plot(QPainter& painter, size_t series, size_t count, bool may_fill, double fill_factor,
+                     const std::function<double(size_t)>& value) {
+  const auto& colors = GraphPalette::colors(m_graph);
+  const GraphColor color = series < colors.size() ? colors[series] : system_colors::gray;
+  const double h = height();
+  const SeriesPath path = plotSeries(width(), h, count, value);
+  auto toPath = [h](const std::vector<GraphPoint>& points, bool close) {
+    QPainterPath p;
+    p.moveTo(points.front().x, h - points.front().y);
+    for (size_t k = 1; k < points.size(); ++k) p.lineTo(points[k].x, h - points[k].y);
+    if (close) p.closeSubpath();
+    return p;
+  };
+  painter.strokePath(toPath(path.stroke, false), QPen(toQColor(color), 1.0));
+  if (may_fill && GraphSwitches::current().fill_graph)
+    painter.fillPath(toPath(path.fill, true), toQColor(adjustColourAndAlpha(color, fill_factor)));
+}
+
+void GraphView::drawLabel(QPainter& painter) {
+  const QString text = labelText();
+  if (text.isEmpty()) return;
+  QFont font = m_font.value_or(this->font());
+  font.setPointSizeF(kLabelPointSize);
+  painter.setFont(font);
+  painter.setPen(textColor());
+  const QRectF room(kLabelInset, kLabelInset, width() - kLabelInset, height() - kLabelInset);
+  const QRectF size = painter.boundingRect(room, Qt::AlignLeft | Qt::AlignTop, text);
+  painter.save();
+  painter.setClipRect(room);  // long captions are cut, not wrapped
+  painter.drawText(QRectF(kLabelInset, kLabelInset, size.width(), size.height()), Qt::AlignLeft | Qt::AlignTop, text);
+  painter.restore();
+}
+
+void GraphView::mousePressEvent(QMouseEvent* event) {
+  if (!rect().contains(event->position().toPoint())) return;
+  openLegend();
+}
+
+void GraphView::openLegend() {
+  if (!m_legend) {
+    auto* legend = new GraphLegend();
+    m_popover = new GraphPopover(tr("Legend"), legend, this);
+    m_legend = legend;
+    connect(m_popover, &GraphPopover::closed, this, [this](GraphPopover* p) { legendClosed(p); });
+  }
+  updateLegend();
+  if (m_popover->isVisible()) return;
+  m_popover->showNextTo(this);
+}
+
+void GraphView::legendClosed(GraphPopover* popover) {
+  if (popover != m_popover || !m_legend) return;
+  m_popover->disconnect(this);
+  m_popover->deleteLater();
+  m_popover = nullptr;
+  m_legend = nullptr;
+}
+
+void GraphView::setUpLegend(const QString& title, const QStringList& labels) {
+  QList<QColor> colors;
+  for (const auto& c : GraphPalette::colors(m_graph)) colors.append(toQColor(c));
+  const GraphClass graph = m_graph;
+  QPointer<GraphView> self(this);
+  m_legend->setUp(title, labels, colors, [graph, self](int index, const QColor& color) {
+    GraphPalette::setColor(graph, index, fromQColor(color), settingsStore());
+    if (self) self->redraw();
+  });
+}
+
+namespace {
+// The user's decimal separator, without thousands grouping (a caption is not a ledger).
+QLocale numberLocale() {
+  QLocale locale;
+  locale.setNumberOptions(QLocale::OmitGroupSeparator);
+  return locale;
+}
+}  // namespace
+
+QString GraphView::number(double value, int decimals) { return numberLocale().toString(value, 'f', decimals); }
+
+QString GraphView::formatted(double value, int base, int decimals, const QString& unit) {
+  const std::string text = formatValue(value, base, decimals, unit.toStdString(), [](double v, int d) {
+    return numberLocale().toString(v, 'f', d).toStdString();
+  });
+  return QString::fromStdString(text);
+}
+
+}  // namespace pelmora

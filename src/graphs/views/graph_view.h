@@ -1,0 +1,92 @@
+#pragma once
+// The base of every time-series graph: background, dashed grids, the series drawn by the subclass,
+// the label with its current values, the rounded frame when shown as the live icon, the pointing-hand
+// cursor and the legend that pops up on a click. A view has no timers: its owner hands it the whole
+// history (the subclass's update) and it repaints. Painting reads no settings but the graph
+// preferences' switches (GraphSwitches::current()) and builds every path afresh. Main thread only.
+#include <QFont>
+#include <QPointer>
+#include <QString>
+#include <QStringList>
+#include <QWidget>
+
+#include <functional>
+#include <optional>
+
+#include "graphs/graph_geometry.h"
+#include "graphs/graph_palette.h"
+#include "graphs/graph_switches.h"
+
+class QPainter;
+
+namespace pelmora {
+
+class DefaultSettings;
+class GraphLegend;
+class GraphPopover;
+
+QColor toQColor(const GraphColor& color);
+GraphColor fromQColor(const QColor& color);
+
+class GraphView : public QWidget {
+  Q_OBJECT
+ public:
+  static constexpr double WIDTH = kColumnWidth;
+
+  GraphView(GraphClass graph, QWidget* parent = nullptr);
+  ~GraphView() override;
+
+  void setLabel(const QString& label);
+  const QString& label() const { return m_label; }
+  void setLabelFont(const QFont& font);
+  void setDisplayDock(bool dock);
+  bool displayDock() const { return m_display_dock; }
+  GraphClass graphClass() const { return m_graph; }
+
+  // The caption as drawn: the label followed by the current values.
+  QString labelText() const { return m_label + currentText(); }
+  GraphLegend* legend() const;
+  GraphPopover* popover() const;
+  // What a click does: builds the legend when there is none, refreshes it and shows it.
+  void openLegend();
+
+  // Where colours are saved (the user's settings unless a test says otherwise).
+  static void setSettingsStore(DefaultSettings* store);
+  static DefaultSettings& settingsStore();
+
+ protected:
+  virtual void updateLegend() {}
+  virtual void drawGraph(QPainter& painter) { (void)painter; }
+  virtual QString currentText() const { return {}; }
+  virtual void legendClosed(GraphPopover* popover);
+
+  // Plots one series: value(i) is entry i as a fraction of full scale, the newest at the right edge.
+  void plot(QPainter& painter, size_t series, size_t count, bool may_fill, double fill_factor,
+            const std::function<double(size_t)>& value);
+  // Fills the legend with the class's colours and a closure that stores and saves a new one.
+  void setUpLegend(const QString& title, const QStringList& labels);
+  // A number in the user's locale, and a value scaled to a unit prefix.
+  static QString number(double value, int decimals);
+  static QString formatted(double value, int base, int decimals, const QString& unit);
+  // Asks for a repaint (the subclasses' update hides QWidget::update).
+  void redraw() { QWidget::update(); }
+
+  void paintEvent(QPaintEvent* event) override;
+  void mousePressEvent(QMouseEvent* event) override;
+  void showEvent(QShowEvent* event) override;
+
+ private:
+  void drawGrid(QPainter& painter);
+  void drawLabel(QPainter& painter);
+  QColor backgroundColor() const;
+  QColor textColor() const;
+
+  const GraphClass m_graph;
+  QPointer<GraphPopover> m_popover;
+  QPointer<GraphLegend> m_legend;
+  QString m_label;
+  std::optional<QFont> m_font;
+  bool m_display_dock = false;
+};
+
+}  // namespace pelmora

@@ -1,0 +1,274 @@
+// Rendered graph widgets, checked by pixel where the drawing is what matters.
+#ifdef PELMORA_HAVE_GRAPHS_QT
+#include <QApplication>
+#include <QCheckBox>
+#include <QComboBox>
+#include <QRadioButton>
+#include <QSpinBox>
+#include <QImage>
+#include <QLabel>
+#include <QLocale>
+#include <QMouseEvent>
+#include <QPushButton>
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <tuple>
+
+#include "graphs/views/graph_legend.h"
+#include "graphs/views/graph_popover.h"
+#include "graphs/views/graph_view_cpu.h"
+#include "graphs/views/graph_view_load.h"
+#include "graphs/views/graph_view_net.h"
+#include "graphs/views/preferences_graph.h"
+#include "support/default_settings.h"
+
+namespace fs = std::filesystem;
+using namespace pelmora;
+
+namespace {
+
+QApplication& app() {
+  static int argc = 1;
+  static char name[] = "pelmora_graphs_tests";
+  static char* argv[] = {name, nullptr};
+  if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
+  static auto* application = new QApplication(argc, argv);
+  return *application;
+}
+
+bool near(QColor a, QColor b, int tolerance = 12) {
+  return std::abs(a.red() - b.red()) <= tolerance && std::abs(a.green() - b.green()) <= tolerance &&
+         std::abs(a.blue() - b.blue()) <= tolerance;
+}
+
+class GraphWidgetTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    app();
+    QLocale::setDefault(QLocale::c());
+    file = fs::temp_directory_path() / ("pelmora-graphview-" + std::to_string(::getpid()) + "-" +
+                                        ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".json");
+    fs::remove(file);
+    store = std::make_unique<DefaultSettings>(file);
+    GraphView::setSettingsStore(store.get());
+    for (GraphClass g : kAllGraphClasses) GraphPalette::colors(g) = GraphPalette::defaults(g);
+    GraphSwitches::current() = GraphSwitches{};
+    GraphSwitches::current().radio_default = false;
+    GraphSwitches::current().radio_light = true;  // a white background whatever the platform theme
+  }
+  void TearDown() override {
+    GraphView::setSettingsStore(nullptr);
+    GraphSwitches::current() = GraphSwitches{};
+    fs::remove(file);
+  }
+  // Half busy (a quarter user, a quarter system) for every column.
+  static std::vector<cpu_sample_t> halfBusy(size_t samples) {
+    std::vector<cpu_sample_t> h;
+    for (uint64_t i = 0; i < samples; ++i) h.push_back({i * 10, i * 10, i * 20, 1000.0 + double(i)});
+    return h;
+  }
+  fs::path file;
+  std::unique_ptr<DefaultSettings> store;
+};
+
+TEST_F(GraphWidgetTest, SeriesColourAtTheRightEdgeAndTheFillFollowsItsSwitch) {
+  const QColor green = toQColor(system_colors::green);
+  for (bool fill : {true, false}) {
+    SCOPED_TRACE(fill ? "fill on" : "fill off");
+    GraphSwitches::current().fill_graph = fill;
+    GraphViewCPU view;
+    view.resize(100, 50);
+    view.update(halfBusy(80), true);
+    const QImage image = view.grab().toImage();
+    // H - 1 = 49: busy 0.5 lies at y = 24.5 from the bottom, the centre of row 25 from the top; system
+    // 0.25 at y = 12.25, mostly on row 37.
+    EXPECT_TRUE(near(image.pixelColor(95, 25), green)) << image.pixelColor(95, 25).name().toStdString();
+    const QColor system = image.pixelColor(95, 37);
+    EXPECT_TRUE(system.red() > 200 && system.green() < 150 && system.blue() < 150) << system.name().toStdString();
+    const QColor between = image.pixelColor(95, 31), below = image.pixelColor(95, 45), above = image.pixelColor(95, 15);
+    EXPECT_EQ(above, QColor(Qt::white));
+    if (fill) {
+      EXPECT_NE(between, QColor(Qt::white));
+      EXPECT_GT(between.green(), between.blue());  // the lightened green of the busy band
+      EXPECT_GT(below.red(), below.blue());        // the system band, over the busy one
+    } else {
+      EXPECT_EQ(between, QColor(Qt::white));
+      EXPECT_EQ(below, QColor(Qt::white));
+    }
+  }
+}
+
+TEST_F(GraphWidgetTest, TheLiveIconIsClippedToARoundedFrameAndOutlined) {
+  for (bool dock : {false, true}) {
+    SCOPED_TRACE(dock ? "live icon" : "window");
+    GraphViewLoad view;
+    QPalette palette = view.palette();
+    palette.setColor(QPalette::Window, Qt::magenta);  // what shows where the graph does not paint
+    view.setPalette(palette);
+    view.setDisplayDock(dock);
+    view.resize(80, 60);
+    const QImage image = view.grab().toImage();
+    const QColor corner = image.pixelColor(0, 0), edge = image.pixelColor(40, 0), inside = image.pixelColor(40, 30);
+    EXPECT_EQ(inside, QColor(Qt::white));
+    if (dock) {
+      EXPECT_EQ(corner, QColor(Qt::magenta));
+      EXPECT_LT(edge.lightness(), 128);  // the outline in the text colour
+    } else {
+      EXPECT_EQ(corner, QColor(Qt::white));
+      EXPECT_EQ(edge, QColor(Qt::white));
+    }
+  }
+}
+
+TEST_F(GraphWidgetTest, GridsAreDrawnUnderTheSeriesOnlyWhenSwitchedOn) {
+  GraphSwitches::current().show_current = false;  // no anti-aliased text to count as grey
+  GraphViewLoad view;
+  view.resize(60, 40);
+  auto greyPixels = [&] {
+    const QImage image = view.grab().toImage();
+    int count = 0;
+    for (int x = 0; x < image.width(); ++x)
+      for (int y = 0; y < image.height(); ++y)
+        if (near(image.pixelColor(x, y), QColor(142, 142, 147), 30)) ++count;
+    return count;
+  };
+  EXPECT_EQ(greyPixels(), 0);
+  GraphSwitches::current().show_scale_grid = true;
+  EXPECT_GT(greyPixels(), 0);
+  GraphSwitches::current().scale_grid = 0;
+  EXPECT_EQ(greyPixels(), 0);
+}
+
+TEST_F(GraphWidgetTest, CurrentValueTexts) {
+  GraphViewCPU core, total;
+  core.setLabel("Util(%): 3 CPU");
+  total.setLabel("System CPU:(%)");
+  core.update(halfBusy(3), false);
+  total.update(halfBusy(3), true);
+  EXPECT_EQ(core.labelText(), "Util(%): 3 CPU\nCurrent: 50.0%\nFrequency (MHz): 1001.0");  // one sample behind
+  EXPECT_EQ(total.labelText(), "System CPU:(%)\nCurrent: 50.0%");
+  GraphSwitches::current().show_current = false;
+  EXPECT_EQ(core.labelText(), "Util(%): 3 CPU");
+
+  GraphSwitches::current().show_current = true;
+  GraphViewNet net;
+  net.resize(100, 40);
+  net.update({{0, 0}, {1000, 250}, {3000, 500}});
+  EXPECT_DOUBLE_EQ(net.maxBps(), 2000);
+  EXPECT_EQ(net.labelText(), "\nIn: 16.0 kbits per second\nOut: 2.0 kbits per second\nPeak: 16.0 kbits per second");
+
+  GraphViewLoad load;
+  load.resize(100, 40);
+  load.update(std::vector<loadAverage>(72, loadAverage{1, 2, 4}));
+  EXPECT_EQ(load.loadAvg().size(), 51u);
+  EXPECT_EQ(load.labelText(), "\n1 Min: 1.00  5 Min: 2.00  15 Min: 4.00\nPeak: 4.00");
+}
+
+TEST_F(GraphWidgetTest, OneLegendPerClickUntilItClosesAndColoursAreSavedUnderTheClassKey) {
+  GraphViewCPU view;
+  view.resize(100, 50);
+  view.show();
+  QMouseEvent click(QEvent::MouseButtonPress, QPointF(10, 10), view.mapToGlobal(QPointF(10, 10)), Qt::LeftButton,
+                    Qt::LeftButton, Qt::NoModifier);
+  QApplication::sendEvent(&view, &click);
+  GraphPopover* first = view.popover();
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(first->title(), "Legend");
+  QApplication::sendEvent(&view, &click);
+  EXPECT_EQ(view.popover(), first);
+
+  GraphLegend* legend = view.legend();
+  EXPECT_EQ(legend->title(), "CPU Utilisation (%)");
+  EXPECT_EQ(legend->label(1)->text(), "System:");
+  EXPECT_TRUE(legend->label(1)->isVisibleTo(legend));
+  EXPECT_FALSE(legend->label(2)->isVisibleTo(legend));
+  EXPECT_EQ(legend->color(0), toQColor(system_colors::green));
+
+  legend->colorChanged(legend->colorButton(1), QColor(1, 2, 3));
+  EXPECT_EQ(store->loadValue("cpu_colors"), (nlohmann::json{"#34C759FF", "#010203FF"}));
+  QPushButton stranger;
+  legend->colorChanged(&stranger, QColor(9, 9, 9));
+  EXPECT_EQ(GraphPalette::colors(GraphClass::cpu)[1], (GraphColor{1, 2, 3, 255}));
+
+  first->hide();  // the user clicked elsewhere
+  EXPECT_EQ(view.popover(), nullptr);
+  EXPECT_EQ(view.legend(), nullptr);
+  QApplication::sendEvent(&view, &click);
+  ASSERT_NE(view.legend(), nullptr);
+  EXPECT_EQ(view.legend()->color(1), QColor(1, 2, 3));  // the next legend shows the saved colour
+  view.popover()->hide();
+}
+
+TEST_F(GraphWidgetTest, LegendRows) {
+  struct Case {
+    QStringList labels;
+    int shown;
+  } cases[] = {{{}, 0}, {{"a"}, 1}, {{"a", "b", "c", "d"}, 4}, {{"a", "b", "c", "d", "e"}, 4}};
+  for (const auto& c : cases) {
+    GraphLegend legend;
+    std::vector<int> indices;
+    legend.setUp("Title", c.labels, {Qt::red, Qt::green, Qt::blue, Qt::black, Qt::white},
+                 [&](int i, const QColor&) { indices.push_back(i); });
+    int shown = 0;
+    for (int row = 0; row < GraphLegend::kRows; ++row) {
+      const bool visible = legend.label(row)->isVisibleTo(&legend);
+      EXPECT_EQ(visible, legend.colorButton(row)->isVisibleTo(&legend));
+      shown += visible;
+    }
+    EXPECT_EQ(shown, c.shown) << c.labels.size();
+    legend.colorChanged(legend.colorButton(3), Qt::cyan);
+    legend.colorChanged(&legend, Qt::cyan);
+    EXPECT_EQ(indices, (std::vector<int>{3, -1}));
+  }
+}
+
+TEST_F(GraphWidgetTest, PreferencesPaneDefaultsDependentControlsAndRestore) {
+  PreferencesGraph pane(*store);
+  EXPECT_EQ(pane.controlValues(), GraphSwitches{});
+  EXPECT_EQ(GraphSwitches::current(), GraphSwitches{});
+  EXPECT_EQ(pane.m_time_grid->value(), 30);
+  EXPECT_EQ(pane.m_time_grid->maximum(), 3600);
+  EXPECT_EQ(pane.m_scale_grid->minimum(), 0);
+  EXPECT_FALSE(pane.m_time_grid->isEnabled());
+  EXPECT_TRUE(pane.m_freq_sample_interval->isEnabled());
+
+  std::vector<std::tuple<bool, int, int>> sampling;
+  int window = 0;
+  QObject::connect(&pane, &PreferencesGraph::frequencySamplingChanged,
+                   [&](bool use, int interval_s, int sample_ms) { sampling.emplace_back(use, interval_s, sample_ms); });
+  QObject::connect(&pane, &PreferencesGraph::graphSettingsChanged, [&] { ++window; });
+  pane.m_show_cpu_frequency->setChecked(false);
+  ASSERT_EQ(sampling.size(), 1u);
+  EXPECT_EQ(sampling[0], std::make_tuple(false, 5, 500));
+  EXPECT_EQ(window, 1);
+  EXPECT_FALSE(pane.m_freq_sample_interval->isEnabled());
+  EXPECT_FALSE(pane.m_freq_sample_unit->isEnabled());
+  EXPECT_FALSE(store->loadBool("graph_show_cpu_frequency", true));
+
+  pane.m_radio_dark->setChecked(true);
+  EXPECT_EQ(window, 2);  // one step for the choice, none for the button that went off
+  EXPECT_TRUE(store->loadBool("graph_radio_dark", false));
+  EXPECT_FALSE(store->loadBool("graph_radio_default", true));
+  pane.m_update_interval->setCurrentIndex(0);
+  EXPECT_EQ(sampling.back(), std::make_tuple(false, 1, 500));
+  pane.m_show_time_grid->setChecked(true);
+  EXPECT_TRUE(pane.m_time_grid->isEnabled());
+  EXPECT_TRUE(GraphSwitches::current().show_time_grid);
+
+  GraphPalette::setColor(GraphClass::power, 0, {1, 1, 1, 255}, *store);
+  pane.restoreDefaults();
+  EXPECT_TRUE(pane.m_radio_default->isChecked());
+  EXPECT_TRUE(pane.m_show_cpu_frequency->isChecked());
+  EXPECT_EQ(pane.m_update_interval->currentIndex(), 2);
+  EXPECT_EQ(pane.m_time_grid->value(), 60);  // the stepper's own default
+  EXPECT_EQ(sampling.back(), std::make_tuple(true, 5, 500));
+  EXPECT_EQ(GraphPalette::colors(GraphClass::power), GraphPalette::defaults(GraphClass::power));
+  for (GraphClass g : kAllGraphClasses) EXPECT_TRUE(store->contains(GraphPalette::key(g)));
+  EXPECT_EQ(store->loadInt("graph_time_grid", 0), 60);
+}
+
+}  // namespace
+#endif
