@@ -1,0 +1,271 @@
+#include "process_control/cpu_limiter.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "helper_link/pelmora.h"
+#include "process_control/nettop_parser.h"
+#include "process_control/power_monitor.h"
+#include "process_control/proc_settings.h"
+#include "support/broadcast.h"
+#include "support/default_settings.h"
+#include "support/execute.h"
+#include "support/logger.h"
+#include "support/thread_policy.h"
+#include "support/timer_queue.h"
+
+namespace pelmora {
+namespace {
+
+constexpr const char* kTimerLabel = "net.tandrel.pelmora.timer";
+constexpr const char* kPrefsListener = "net.tandrel.pelmora.prefschanged.CPULimiter";
+
+std::string findNettop(const std::string& configured) {
+  if (!configured.empty()) return configured;
+  if (const char* env = std::getenv("PELMORA_NETTOP"); env && *env) return env;
+  std::error_code ec;
+  const auto self = std::filesystem::read_symlink("/proc/self/exe", ec).parent_path();
+  for (const auto& candidate : {self / "pelmora-nettop", self / "../nettop/pelmora-nettop",
+                                std::filesystem::path(PELMORA_LIBEXEC_DIR) / "pelmora-nettop"}) {
+    if (::access(candidate.c_str(), X_OK) == 0) return candidate.lexically_normal().string();
+  }
+  return {};
+}
+
+}  // namespace
+
+CPULimiter& CPULimiter::shared() {
+  static CPULimiter* limiter =
+      new CPULimiter(Pelmora::shared(), SysRoot::current(), DefaultSettings::shared(), &PowerMonitor::shared(), {});
+  return *limiter;
+}
+
+CPULimiter::CPULimiter(Pelmora& helper, SysRoot root, DefaultSettings& settings, Options options)
+    : CPULimiter(helper, std::move(root), settings, nullptr, std::move(options)) {}
+
+CPULimiter::CPULimiter(Pelmora& helper, SysRoot root, DefaultSettings& settings, PowerMonitor* monitor,
+                       Options options)
+    : m_helper(helper),
+      m_root(std::move(root)),
+      m_settings(settings),
+      m_options(std::move(options)),
+      m_energy(m_root),
+      m_uid(getuid()),
+      m_proclist(m_root),
+      m_journal(m_options.journal_dir.empty() ? StopJournal::defaultDir() : m_options.journal_dir, m_root) {
+  if (!monitor) {
+    PowerMonitor::Options manual;
+    manual.use_device_monitor = false;
+    m_own_monitor = std::make_unique<PowerMonitor>(m_root, manual);
+    monitor = m_own_monitor.get();
+  }
+  m_proc_settings = std::make_unique<ProcSettings>(m_settings, *monitor);
+  // Processes a previous run left stopped when it died without continuing them.
+  m_journal.recover();
+  m_processes_update_interval =
+      std::clamp<int64_t>(m_settings.loadInt("UPDATE_PROCESSES", kDefaultProcessesInterval_ms), 100, 3'600'000);
+  if (auto sample = readMachineSample()) m_usage_sample = *sample;
+  m_usePIDControl = m_settings.loadBool("PID_use_pidcontroller", false);
+  m_kp = m_settings.loadDouble("PID_proportional", 0.5);
+  m_ki = m_settings.loadDouble("PID_integral", 0.25);
+  m_kd = m_settings.loadDouble("PID_derivative", 0.0125);
+  m_timer = std::make_unique<TimerQueue>(
+      kTimerLabel, tickIntervalLocked() * 1000, [] { makeCurrentThreadTimeConstraint(); }, [this] { tick(); });
+}
+
+CPULimiter::~CPULimiter() {
+  if (m_listening) RemoveListener(kPrefsChangedBroadcast, kPrefsListener);
+  stop();
+  m_timer->stop();
+  // Nobody is left to continue them: never leave a process stopped behind us.
+  continueAll();
+}
+
+bool CPULimiter::start() {
+  if (!m_timer->start(QoS::userInteractive)) return false;
+  AddListener(kPrefsChangedBroadcast, kPrefsListener, [this](const std::string&) { loadPIDSettings(); });
+  m_listening = true;
+  loadPIDSettings();
+  m_timer->setQoS(QoS::userInteractive);
+  startNettop();
+  return true;
+}
+
+void CPULimiter::startNettop() {
+  {
+    MutexLock lock(m_mutex);
+    if (m_nettop) return;
+    m_nettop_buffer.clear();
+  }
+  const std::string path = findNettop(m_options.nettop_path);
+  if (path.empty()) {
+    Log("pelmora-nettop not found; network rates stay 0.");
+    return;
+  }
+  // Started outside the lock and from this (ordinary) thread: a deadline thread may not fork.
+  auto child = Execute::readPipe(path, QoS::utility, {}, {}, [this](std::string_view chunk) {
+    if (!chunk.empty()) handleNettopChunk(chunk);
+  });
+  MutexLock lock(m_mutex);
+  if (!m_nettop) m_nettop = std::move(child);
+}
+
+void CPULimiter::stop() {
+  std::unique_ptr<Execute> child;
+  {
+    MutexLock lock(m_mutex);
+    child = std::move(m_nettop);
+    m_nettop_buffer.clear();
+  }
+  // Terminated without the lock: its reader may be waiting for it.
+  if (child) child->terminate();
+}
+
+void CPULimiter::stopTimer() {
+  if (m_listening) {
+    RemoveListener(kPrefsChangedBroadcast, kPrefsListener);
+    m_listening = false;
+  }
+  m_timer->stop();
+}
+
+bool CPULimiter::nettopRunning() {
+  MutexLock lock(m_mutex);
+  return m_nettop && !m_nettop->finished();
+}
+
+void CPULimiter::handleNettopChunk(std::string_view chunk) {
+  MutexLock lock(m_mutex);
+  const double time_constant_s = static_cast<double>(m_processes_update_interval) * 0.001;
+  for (const auto& sample : feedNettopChunk(m_nettop_buffer, chunk))
+    recordNettopSample(m_netuse, sample, time_constant_s);
+}
+
+std::map<int32_t, netUsage> CPULimiter::netUse() {
+  MutexLock lock(m_mutex);
+  return m_netuse;
+}
+
+int64_t CPULimiter::processesUpdateInterval() {
+  MutexLock lock(m_mutex);
+  return m_processes_update_interval;
+}
+
+void CPULimiter::setProcessesUpdateInterval(int64_t interval_ms) {
+  MutexLock lock(m_mutex);
+  if (interval_ms < 1 || interval_ms == m_processes_update_interval) return;
+  m_processes_update_interval = interval_ms;
+  saveProcessesIntervalLocked();
+  setTimerPeriodLocked();
+}
+
+void CPULimiter::saveProcessesIntervalLocked() { m_settings.saveInt("UPDATE_PROCESSES", m_processes_update_interval); }
+
+int64_t CPULimiter::tickInterval() {
+  MutexLock lock(m_mutex);
+  return tickIntervalLocked();
+}
+
+int64_t CPULimiter::tickIntervalLocked() const {
+  if (m_pids.empty()) return m_processes_update_interval;
+  return std::min({m_limiter_update_interval, m_adjuster_interval, m_processes_update_interval});
+}
+
+void CPULimiter::setTimerPeriodLocked() {
+  const int64_t period_us = tickIntervalLocked() * 1000;
+  if (m_timer->period_us() != period_us) m_timer->setPeriod_us(period_us);
+}
+
+int64_t CPULimiter::limiterInterval() {
+  MutexLock lock(m_mutex);
+  return m_limiter_update_interval;
+}
+
+int64_t CPULimiter::adjusterInterval() {
+  MutexLock lock(m_mutex);
+  return m_adjuster_interval;
+}
+
+// The timer fires every tick interval, a little late at times. Each step is due when its interval
+// has passed less half a timer period, so that a step whose interval equals the period runs at every
+// tick instead of skipping one whenever the previous tick ran late.
+bool CPULimiter::due(const Timeval& last, int64_t interval_ms, const Timeval& now) const {
+  return last.elapsedUntil(now) >= interval_ms * 1000 - tickIntervalLocked() * 500;
+}
+
+void CPULimiter::tick() {
+  MutexLock lock(m_mutex);
+  if (Timeval now; due(m_limiter_lasttime, m_limiter_update_interval, now)) {
+    m_limiter_lasttime = now;
+    limiterTickLocked();
+  }
+  if (Timeval now; due(m_monitor_lasttime, m_processes_update_interval, now)) {
+    m_monitor_lasttime = now;
+    refreshLocked();
+    updateMachineSplitLocked();
+  }
+  if (Timeval now; due(m_adjuster_lasttime, m_adjuster_interval, now)) {
+    m_adjuster_lasttime = now;
+    adjusterRunLocked();
+  }
+  setTimerPeriodLocked();
+}
+
+void CPULimiter::refresh() {
+  MutexLock lock(m_mutex);
+  refreshLocked();
+}
+
+std::optional<procinfo> CPULimiter::rowFor(int32_t pid) {
+  MutexLock lock(m_mutex);
+  auto it = m_processes.find(pid);
+  if (it == m_processes.end()) return std::nullopt;
+  return it->second;
+}
+
+std::map<int32_t, procinfo> CPULimiter::processes() {
+  MutexLock lock(m_mutex);
+  return m_processes;
+}
+
+usageInfo CPULimiter::usage() {
+  MutexLock lock(m_mutex);
+  return m_usage_info;
+}
+
+rwInfo CPULimiter::diskRates() {
+  MutexLock lock(m_mutex);
+  return m_rw_info;
+}
+
+int CPULimiter::translatedCount() {
+  MutexLock lock(m_mutex);
+  return m_translated_count;
+}
+
+ProcessCounts CPULimiter::processCounts(uint32_t my_uid) {
+  MutexLock lock(m_mutex);
+  ProcessCounts counts;
+  for (const auto& [pid, row] : m_processes) {
+    // Root first: when Pelmora itself runs as root, root's processes count as the system's.
+    if (row.uid == 0)
+      ++counts.system;
+    else if (row.uid == my_uid)
+      ++counts.user;
+    else
+      ++counts.other;
+  }
+  counts.translated = m_translated_count;
+  return counts;
+}
+
+void CPULimiter::setLimitFrontmost(bool limit_frontmost) {
+  {
+    MutexLock lock(m_mutex);
+    m_limit_frontmost = limit_frontmost;
+  }
+  refresh();
+}
+
+}  // namespace pelmora

@@ -1,0 +1,183 @@
+#pragma once
+// CPULimiter owns the system's view of its processes: the process table with per-second rates, the
+// whole machine's processor split and disk rates, per-process network use (from pelmora-nettop),
+// and the duty-cycle limiter with its adjuster, which hold chosen processes to a share of one
+// processor by stopping (SIGSTOP) and continuing (SIGCONT) them. Every per-process query, signal and
+// priority change goes through the helper client, so other users' processes are seen and limited
+// when the daemon runs; without it the client answers in-process with the user's own rights.
+//
+// Threads: one timer thread ("net.tandrel.pelmora.timer") runs the limiter tick, the table refresh
+// and the adjuster, each at its own interval, under m_mutex; nettop output arrives on its reader
+// thread and is parsed under m_mutex; the application calls the public operations from the main
+// thread. Lock order: m_mutex before the locks of ProcSettings and PowerMonitor.
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "process_control/pid_info.h"
+#include "process_control/pm_energy.h"
+#include "process_control/procinfo.h"
+#include "process_control/stop_journal.h"
+#include "support/kernel_records.h"
+#include "support/mutex.h"
+#include "support/process_list.h"
+#include "support/sys_root.h"
+#include "support/timeval.h"
+
+namespace pelmora {
+
+class DefaultSettings;
+class Execute;
+class Pelmora;
+class PowerMonitor;
+class ProcSettings;
+class TimerQueue;
+
+inline constexpr const char* kProcessesUpdatedBroadcast = "net.tandrel.pelmora.processesupdated";
+inline constexpr const char* kPrefsChangedBroadcast = "net.tandrel.pelmora.prefschanged";
+inline constexpr int64_t kDefaultLimiterInterval_ms = 30;
+inline constexpr int64_t kDefaultAdjusterInterval_ms = 500;
+inline constexpr int64_t kDefaultProcessesInterval_ms = 5000;
+
+// Process counts by owner, for the sampler.
+struct ProcessCounts {
+  int64_t user = 0;
+  int64_t system = 0;
+  int64_t other = 0;
+  int64_t translated = 0;
+};
+
+class CPULimiter {
+ public:
+  struct Options {
+    std::string nettop_path;         // empty: found next to this program or in the libexec folder
+    std::filesystem::path journal_dir;  // empty: the state folder's "held"
+  };
+
+  // The application's instance: the shared helper client, settings and power monitor.
+  static CPULimiter& shared();
+  // Tests and tools: an explicit helper client, /proc root and settings store. Its power-source
+  // lists follow a power monitor of its own that is not monitoring.
+  CPULimiter(Pelmora& helper, SysRoot root, DefaultSettings& settings, Options options = {});
+  ~CPULimiter();
+  CPULimiter(const CPULimiter&) = delete;
+  CPULimiter& operator=(const CPULimiter&) = delete;
+
+  // Starts the timer, the settings listener and the network tool; false when already started.
+  bool start();
+  // Stops the network tool (the timer keeps running; limits stay in force).
+  void stop();
+  // Stops the timer too (quit, tests). Call continueAll() as well to release held processes.
+  void stopTimer();
+
+  int64_t processesUpdateInterval();
+  void setProcessesUpdateInterval(int64_t interval_ms);
+  int64_t tickInterval();
+
+  // Rebuilds the table now (normally the timer does it).
+  void refresh();
+  // The timer's action: limiter tick, refresh and adjuster, each when its interval has passed.
+  void tick();
+
+  std::optional<procinfo> rowFor(int32_t pid);
+  std::map<int32_t, procinfo> processes();
+  usageInfo usage();
+  rwInfo diskRates();
+  int translatedCount();
+  ProcessCounts processCounts(uint32_t my_uid);
+
+  // The mutex the caller of setLimit() must hold.
+  Mutex& mutex() { return m_mutex; }
+  // Limits `pid` to `share` of one processor. The caller holds mutex().
+  void setLimit(int32_t pid, double share);
+  void clearLimit(int32_t pid);
+  void clearAllLimits();
+  void continueAll();
+  std::optional<double> limitFor(int32_t pid);
+  std::map<int32_t, pidInfo> limits();
+  std::map<int32_t, adjustInfo> adjustments();
+  void setLimitFrontmost(bool limit_frontmost);
+
+  // Re-reads the PID settings and intervals (also on "net.tandrel.pelmora.prefschanged").
+  void loadPIDSettings();
+  // Sets the priority (nice, -20..20) of a process in the table and remembers it by name.
+  void renice(int32_t pid, int priority);
+
+  // Network tool output (its reader thread; tests feed it directly).
+  void handleNettopChunk(std::string_view chunk);
+  std::map<int32_t, netUsage> netUse();
+  bool nettopRunning();
+
+  ProcSettings& procSettings() { return *m_proc_settings; }
+  int64_t limiterInterval();
+  int64_t adjusterInterval();
+
+ private:
+  CPULimiter(Pelmora& helper, SysRoot root, DefaultSettings& settings, PowerMonitor* monitor, Options options);
+
+  // cpu_limiter.cpp
+  void setTimerPeriodLocked();
+  int64_t tickIntervalLocked() const;
+  bool due(const Timeval& last, int64_t interval_ms, const Timeval& now) const;
+  void startNettop();
+  void saveProcessesIntervalLocked();
+  // cpu_limiter_refresh.cpp
+  void refreshLocked();
+  bool refreshOne(int32_t pid, const std::map<int32_t, bool>& awake, const Timeval& now,
+                  std::map<int32_t, procinfo>& table, rwInfo& totals);
+  void fillNewRow(procinfo& row, int32_t pid, const proc_taskallinfo& info);
+  void applySavedSettingsLocked(const procinfo& row);
+  void updateMachineSplitLocked();
+  std::optional<machine_cpu_sample> readMachineSample() const;
+  // cpu_limiter_limits.cpp
+  void limiterTickLocked();
+  void removeLimitLocked(int32_t pid);
+  std::optional<int64_t> measureCPU_us(int32_t pid);
+  bool sendSignalLocked(int32_t pid, int signal);
+  void saveLimitNameLocked(int32_t pid, std::optional<double> share);
+  // cpu_limiter_adjuster.cpp
+  void adjusterRunLocked();
+  void reniceLocked(int32_t pid, int priority);
+
+  Pelmora& m_helper;
+  SysRoot m_root;
+  DefaultSettings& m_settings;
+  Options m_options;
+  std::unique_ptr<PowerMonitor> m_own_monitor;
+
+  int64_t m_limiter_update_interval = kDefaultLimiterInterval_ms;
+  int64_t m_processes_update_interval = kDefaultProcessesInterval_ms;
+  int64_t m_adjuster_interval = kDefaultAdjusterInterval_ms;
+  std::unique_ptr<TimerQueue> m_timer;
+  Timeval m_limiter_lasttime;
+  Timeval m_monitor_lasttime;
+  Timeval m_adjuster_lasttime;
+  machine_cpu_sample m_usage_sample;
+  usageInfo m_usage_info;
+  rwInfo m_rw_info;
+  PMEnergy m_energy;
+  std::map<int32_t, pidInfo> m_pids;
+  std::map<int32_t, procinfo> m_processes;
+  std::unique_ptr<ProcSettings> m_proc_settings;
+  std::map<int32_t, adjustInfo> m_adjustments;
+  std::unique_ptr<Execute> m_nettop;
+  std::string m_nettop_buffer;
+  std::map<int32_t, netUsage> m_netuse;
+  bool m_limit_frontmost = false;
+  uint32_t m_uid;
+  int m_translated_count = 0;
+  bool m_usePIDControl = false;
+  double m_kp = 0.5;
+  double m_ki = 0.25;
+  double m_kd = 0.0125;
+  ProcessList m_proclist;
+  StopJournal m_journal;
+  bool m_listening = false;
+  Mutex m_mutex;
+};
+
+}  // namespace pelmora

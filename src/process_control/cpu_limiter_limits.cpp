@@ -1,0 +1,127 @@
+// The duty-cycle limiter: set, clear and remove limits, and the limiter tick.
+#include <csignal>
+
+#include "helper_link/pelmora.h"
+#include "process_control/cpu_limiter.h"
+#include "process_control/limiter_math.h"
+#include "process_control/proc_settings.h"
+#include "support/pid.h"
+
+namespace pelmora {
+
+std::optional<int64_t> CPULimiter::measureCPU_us(int32_t pid) {
+  const auto info = m_helper.taskInfo(pid, true);
+  if (!info) return std::nullopt;
+  // Nanoseconds over every thread, exited ones included; kept exact until the final division.
+  return static_cast<int64_t>((info->pti_total_user + info->pti_total_system) / 1000);
+}
+
+bool CPULimiter::sendSignalLocked(int32_t pid, int signal) { return m_helper.sendSignal(pid, signal) == 0; }
+
+void CPULimiter::setLimit(int32_t pid, double share) {
+  const bool was_empty = m_pids.empty();
+  pidInfo record;
+  if (auto it = m_pids.find(pid); it != m_pids.end()) {
+    record = it->second;
+  } else {
+    record.pid = pid;
+    record.stopTime = Timeval();
+    record.totalCPU = measureCPU_us(pid).value_or(0);
+    m_journal.hold(pid);
+  }
+  record.cpuLimit = share;
+  record.creditQuantum = creditQuantumFor(share, m_limiter_update_interval);
+  record.frontmost = PID(pid, m_root).isFrontmost();
+  m_pids[pid] = record;
+  saveLimitNameLocked(pid, share);
+  if (was_empty) setTimerPeriodLocked();
+}
+
+// Records (share) or forgets (none) the limit under the process's name for the current power source.
+void CPULimiter::saveLimitNameLocked(int32_t pid, std::optional<double> share) {
+  auto row = m_processes.find(pid);
+  if (row == m_processes.end() || row->second.name.empty()) return;
+  if (share)
+    m_proc_settings->setLimit(row->second.name, m_proc_settings->power(), *share);
+  else
+    m_proc_settings->removeLimit(row->second.name);
+  saveProcessesIntervalLocked();
+}
+
+void CPULimiter::removeLimitLocked(int32_t pid) {
+  auto it = m_pids.find(pid);
+  if (it == m_pids.end()) return;
+  sendSignalLocked(pid, SIGCONT);  // whether or not we think it is stopped
+  m_pids.erase(it);
+  m_journal.forget(pid);
+  if (m_pids.empty()) setTimerPeriodLocked();
+}
+
+void CPULimiter::clearLimit(int32_t pid) {
+  MutexLock lock(m_mutex);
+  removeLimitLocked(pid);
+  saveLimitNameLocked(pid, std::nullopt);
+}
+
+void CPULimiter::clearAllLimits() {
+  MutexLock lock(m_mutex);
+  m_proc_settings->clearLimits();
+  const auto pids = m_pids;
+  for (const auto& [pid, record] : pids) {
+    if (!sendSignalLocked(pid, SIGCONT)) removeLimitLocked(pid);
+  }
+  m_pids.clear();
+  m_journal.forgetAll();
+  saveProcessesIntervalLocked();
+  setTimerPeriodLocked();
+}
+
+void CPULimiter::continueAll() {
+  MutexLock lock(m_mutex);
+  const auto pids = m_pids;
+  for (const auto& [pid, record] : pids) {
+    if (!sendSignalLocked(pid, SIGCONT)) removeLimitLocked(pid);
+  }
+}
+
+std::optional<double> CPULimiter::limitFor(int32_t pid) {
+  MutexLock lock(m_mutex);
+  auto it = m_pids.find(pid);
+  if (it == m_pids.end()) return std::nullopt;
+  return it->second.cpuLimit;
+}
+
+std::map<int32_t, pidInfo> CPULimiter::limits() {
+  MutexLock lock(m_mutex);
+  return m_pids;
+}
+
+void CPULimiter::limiterTickLocked() {
+  const Timeval now;
+  const auto old = m_pids;
+  std::map<int32_t, pidInfo> next;
+  for (const auto& [pid, record] : old) {
+    if (record.pid < 0) continue;
+    int64_t total = record.totalCPU;
+    if (!record.stopped) {
+      const auto measured = measureCPU_us(pid);
+      if (!measured) {
+        m_journal.forget(pid);  // gone: nothing to continue
+        continue;
+      }
+      total = *measured;
+    }
+    const LimiterStep step = limiterStep(record, total, m_limit_frontmost, now);
+    bool ok = true;
+    if (step.signal == LimiterSignal::stop) ok = sendSignalLocked(pid, SIGSTOP);
+    if (step.signal == LimiterSignal::resume) ok = sendSignalLocked(pid, SIGCONT);
+    if (!ok) {
+      removeLimitLocked(pid);
+      continue;
+    }
+    next[pid] = step.record;
+  }
+  m_pids = std::move(next);
+}
+
+}  // namespace pelmora

@@ -1,0 +1,165 @@
+// The process-table refresh and the whole machine's processor split.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "helper_link/pelmora.h"
+#include "process_control/cpu_limiter.h"
+#include "process_control/proc_settings.h"
+#include "process_control/process_rates.h"
+#include "support/broadcast.h"
+#include "support/logger.h"
+#include "support/pid.h"
+#include "support/power_assertion.h"
+#include "support/proc_stat.h"
+#include "support/sys_attr.h"
+
+namespace pelmora {
+namespace {
+
+int64_t cpuTime_us(const proc_taskinfo& t) {
+  // The helper's records are in nanoseconds (timebase 1/1).
+  uint64_t ns = 0;
+  if (__builtin_add_overflow(t.pti_total_user, t.pti_total_system, &ns) || ns / 1000 > INT64_MAX) {
+    std::fprintf(stderr, "pelmora: processor time overflowed\n");
+    std::abort();
+  }
+  return static_cast<int64_t>(ns / 1000);
+}
+
+int64_t checkedSize(uint64_t value) {
+  if (value > static_cast<uint64_t>(INT64_MAX)) {
+    std::fprintf(stderr, "pelmora: process size out of range\n");
+    std::abort();
+  }
+  return static_cast<int64_t>(value);
+}
+
+}  // namespace
+
+void CPULimiter::refreshLocked() {
+  std::map<int32_t, procinfo> table;
+  const Timeval now;
+  m_translated_count = 0;
+  const auto awake = PowerAssertion::assertions();
+  rwInfo totals;
+  const bool walked = m_proclist.iterate([&](int32_t pid) {
+    if (pid < 0) {
+      Log("proclist.iterate failed");
+      return;
+    }
+    refreshOne(pid, awake, now, table, totals);
+  });
+  if (!walked) Log("proclist.iterate failed");
+  m_translated_count = m_proclist.translatedCount();
+  std::erase_if(m_netuse, [&](const auto& entry) { return !table.count(entry.first); });
+  m_rw_info = totals;
+  m_processes = std::move(table);
+  Broadcast(kProcessesUpdatedBroadcast, true);
+}
+
+bool CPULimiter::refreshOne(int32_t pid, const std::map<int32_t, bool>& awake, const Timeval& now,
+                            std::map<int32_t, procinfo>& table, rwInfo& totals) {
+  const auto info = m_helper.taskAllInfo(pid, true);
+  if (!info) {
+    Log("procinfo_taskallinfo failed");
+    return false;
+  }
+  const auto old = m_processes.find(pid);
+  const bool is_new = old == m_processes.end();
+  procinfo row;
+  if (!is_new) {
+    row = old->second;
+  } else {
+    row.update = now;
+    auto name = m_helper.pidName(pid);
+    if (!name) {
+      Log("procinfo_pidname failed");
+      return false;
+    }
+    row.name = *name;
+    fillNewRow(row, pid, *info);
+  }
+  row.totalCPU = cpuTime_us(info->ptinfo);
+  auto a = awake.find(pid);
+  row.preventSleep = a != awake.end() && a->second;
+  row.kind = m_proclist.kind(pid);
+  row.threads = info->ptinfo.pti_threadnum;
+  row.memVirtual = checkedSize(info->ptinfo.pti_virtual_size);
+  row.memRes = checkedSize(info->ptinfo.pti_resident_size);
+  if (const auto usage = m_helper.rusage(pid, true)) {
+    row.totalIdleWakeups = usage->ri_pkg_idle_wkups;
+    row.totalBytesRead = usage->ri_diskio_bytesread;
+    row.totalBytesWrite = usage->ri_diskio_byteswritten;
+  }
+  if (auto lim = m_pids.find(pid); lim != m_pids.end()) {
+    lim->second.uid = row.uid;
+    lim->second.frontmost = PID(pid, m_root).isFrontmost();
+    row.totalTimeStopped = lim->second.totalTimeStopped;
+  }
+  if (auto net = m_netuse.find(pid); net != m_netuse.end()) {
+    row.netReadPerSec = net->second.rx_rate.current();
+    row.netWritePerSec = net->second.tx_rate.current();
+  }
+  if (is_new) {
+    applySavedSettingsLocked(row);
+  } else {
+    updateProcessRates(row, old->second, now, m_processes_update_interval);
+    totals.readPerSec += row.readPerSec.current();
+    totals.writePerSec += row.writePerSec.current();
+    m_energy.energyImpact(row);
+  }
+  row.update = now;
+  table[pid] = std::move(row);
+  return true;
+}
+
+void CPULimiter::fillNewRow(procinfo& row, int32_t pid, const proc_taskallinfo& info) {
+  row.pid = pid;
+  row.uid = info.pbsd.pbi_uid;
+  row.user = SysAttr::username(row.uid);
+  row.bundlePath = PID(pid, m_root).bundlePath();
+  row.startTime = info.pbsd.pbi_start_tvsec * 1'000'000'000ULL + info.pbsd.pbi_start_tvusec * 1000ULL;
+}
+
+void CPULimiter::applySavedSettingsLocked(const procinfo& row) {
+  const std::string power = m_proc_settings->power();
+  if (auto share = m_proc_settings->limitFor(row.name, power)) {
+    // The new row is not in the table yet, so setLimit does not write the saved list again.
+    setLimit(row.pid, *share);
+  }
+  if (auto priority = m_proc_settings->priorityFor(row.name, power)) m_helper.setPriority(row.pid, *priority);
+}
+
+std::optional<machine_cpu_sample> CPULimiter::readMachineSample() const {
+  const auto text = m_root.readProc("stat");
+  if (!text) return std::nullopt;
+  const auto stat = ProcStat::parse(*text);
+  if (!stat || !stat->total) return std::nullopt;
+  const long hz = sysconf(_SC_CLK_TCK);
+  const uint64_t ns_per_tick = hz > 0 ? 1'000'000'000ULL / static_cast<uint64_t>(hz) : 0;
+  const cpu_ticks& t = *stat->total;
+  machine_cpu_sample s;
+  s.totalSystemTime = (t.system + t.irq + t.softirq) * ns_per_tick;
+  s.totalUserTime = (t.user + t.nice) * ns_per_tick;
+  s.totalIdleTime = (t.idle + t.iowait) * ns_per_tick;
+  return s;
+}
+
+void CPULimiter::updateMachineSplitLocked() {
+  const auto sample = readMachineSample();
+  if (!sample) return;
+  const auto total = [](const machine_cpu_sample& s) { return s.totalSystemTime + s.totalUserTime + s.totalIdleTime; };
+  const uint64_t new_total = total(*sample), old_total = total(m_usage_sample);
+  if (new_total != old_total) {
+    const auto delta = [](uint64_t now, uint64_t before) { return static_cast<double>(now) - static_cast<double>(before); };
+    const double d = delta(new_total, old_total);
+    m_usage_info.system = delta(sample->totalSystemTime, m_usage_sample.totalSystemTime) / d;
+    m_usage_info.user = delta(sample->totalUserTime, m_usage_sample.totalUserTime) / d;
+    m_usage_info.idle = delta(sample->totalIdleTime, m_usage_sample.totalIdleTime) / d;
+  }
+  m_usage_sample = *sample;
+}
+
+}  // namespace pelmora

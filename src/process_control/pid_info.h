@@ -1,0 +1,30 @@
+#pragma once
+// The records of a limited process (the duty cycle's state) and of its adjuster.
+#include <cstdint>
+
+#include "support/timeval.h"
+
+namespace pelmora {
+
+struct pidInfo {
+  int32_t pid = -1;
+  uint32_t uid = 0;
+  bool frontmost = false;
+  double cpuLimit = 0.0;       // share of one processor
+  double creditQuantum = 0.0;  // us of processor time granted per limiter tick
+  int64_t totalCPU = 0;        // us at the last tick
+  bool stopped = false;
+  int64_t totalTimeStopped = 0;  // us
+  Timeval stopTime;
+  double credit = 0.0;  // us still allowed; never above creditQuantum
+};
+
+struct adjustInfo {
+  int64_t cpu = 0;      // the process's totalCPU (us) at the last adjustment
+  int64_t stopped = 0;  // its totalTimeStopped (us) at the last adjustment
+  double sumOffset = 0.0;   // integral of the error, share x seconds
+  double prevOffset = 0.0;  // the error at the last adjustment
+  Timeval update;
+};
+
+}  // namespace pelmora

@@ -1,0 +1,70 @@
+#include "support/pid.h"
+
+#include <unistd.h>
+
+#include <array>
+
+#include "support/mutex.h"
+#include "support/text.h"
+
+namespace pelmora {
+namespace {
+
+struct ProviderSlot {
+  Mutex mutex;
+  PID::FrontmostProvider provider;
+};
+
+ProviderSlot& slot() {
+  static ProviderSlot* s = new ProviderSlot();
+  return *s;
+}
+
+}  // namespace
+
+std::optional<int> niceFromStat(std::string_view stat) {
+  const auto close = stat.rfind(')');
+  if (close == std::string_view::npos) return std::nullopt;
+  const auto fields = splitWhitespace(stat.substr(close + 1));
+  // Field 19 of the whole line is the 17th after the command (state is the 1st).
+  if (fields.size() < 17) return std::nullopt;
+  const auto nice = parseInt64(fields[16]);
+  if (!nice || *nice < -20 || *nice > 19) return std::nullopt;
+  return static_cast<int>(*nice);
+}
+
+void PID::setFrontmostProvider(FrontmostProvider provider) {
+  MutexLock lock(slot().mutex);
+  slot().provider = std::move(provider);
+}
+
+PID::PID(int32_t pid, const SysRoot& root) : m_pid(pid), m_root(root) {}
+
+bool PID::isFrontmost() const {
+  FrontmostProvider provider;
+  {
+    MutexLock lock(slot().mutex);
+    provider = slot().provider;
+  }
+  if (!provider) return false;
+  const auto front = provider();
+  return front && *front == m_pid;
+}
+
+std::string PID::bundlePath() const {
+  if (m_pid < 0) return {};
+  std::array<char, 4096> buffer{};
+  const std::string link = m_root.proc(std::to_string(m_pid) + "/exe");
+  const ssize_t n = ::readlink(link.c_str(), buffer.data(), buffer.size() - 1);
+  if (n <= 0) return {};
+  return std::string(buffer.data(), static_cast<size_t>(n));
+}
+
+std::optional<int> PID::priority() const {
+  if (m_pid < 0) return std::nullopt;
+  const auto stat = m_root.readProc(std::to_string(m_pid) + "/stat");
+  if (!stat) return std::nullopt;
+  return niceFromStat(*stat);
+}
+
+}  // namespace pelmora

@@ -1,0 +1,38 @@
+#pragma once
+// Facts about one process: its executable ("bundle") path, its current priority (nice value) and
+// whether it is the frontmost application. Which window is in front is only known to the desktop
+// application; it installs a provider, and until it does (or when the provider does not know) no
+// process is frontmost.
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "support/sys_root.h"
+
+namespace pelmora {
+
+// The nice value (field 19) of a /proc/PID/stat text; none when malformed.
+std::optional<int> niceFromStat(std::string_view stat_text);
+
+class PID {
+ public:
+  // Returns the process identifier of the frontmost application, or none when unknown.
+  using FrontmostProvider = std::function<std::optional<int32_t>()>;
+  static void setFrontmostProvider(FrontmostProvider provider);
+
+  explicit PID(int32_t pid, const SysRoot& root = SysRoot::current());
+
+  bool isFrontmost() const;
+  // The executable's path; empty for kernel threads and processes we may not look at.
+  std::string bundlePath() const;
+  // The nice value (-20..19); none when the process cannot be read.
+  std::optional<int> priority() const;
+
+ private:
+  int32_t m_pid;
+  const SysRoot& m_root;
+};
+
+}  // namespace pelmora

@@ -1,0 +1,84 @@
+// The pelmora-nettop line format and the rates made from it.
+#include "process_control/nettop_parser.h"
+
+#include <gtest/gtest.h>
+
+namespace pelmora {
+namespace {
+
+TEST(NettopLine, LabelsAndFields) {
+  struct Case {
+    const char* line;
+    std::optional<NettopSample> expected;
+  };
+  const Case cases[] = {
+      {"12:00:00.5,firefox.4242,,,1000,200", NettopSample{4242, 1000, 200}},
+      {"t, Web Content.1.2.77 ,,,5,6", NettopSample{77, 5, 6}},   // dots and spaces in the name
+      {"t,python3.11.900,,,0,0,extra", NettopSample{900, 0, 0}},  // more fields are fine
+      {"t,name.12,,,7,8\r", NettopSample{12, 7, 8}},
+      {"t,nodot,,,1,2", std::nullopt},
+      {"t,name.,,,1,2", std::nullopt},
+      {"t,name.x1,,,1,2", std::nullopt},
+      {"t,name.99999999999,,,1,2", std::nullopt},  // not a 32-bit pid
+      {"t,   ,,,1,2", std::nullopt},
+      {"t,name.5,,,1", std::nullopt},  // five fields
+      {"t,name.5,,,abc,2", std::nullopt},
+      {"t,name.5,,,1,2x", std::nullopt},
+      {"", std::nullopt},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.line);
+    EXPECT_EQ(parseNettopLine(c.line), c.expected);
+  }
+}
+
+TEST(NettopLine, ChunksSplitAnywhereYieldEachLineOnceWhenItEnds) {
+  const std::string output = "t,a.1,,,10,20\nt,b b.2,,,30,40\nbad line\nt,c.3,,,50,60\nt,d.4,,,1";
+  const std::vector<NettopSample> complete = {{1, 10, 20}, {2, 30, 40}, {3, 50, 60}};
+  for (size_t cut1 = 0; cut1 <= output.size(); cut1 += 3) {
+    for (size_t cut2 = cut1; cut2 <= output.size(); cut2 += 7) {
+      std::string buffer;
+      std::vector<NettopSample> got;
+      for (auto piece : {output.substr(0, cut1), output.substr(cut1, cut2 - cut1), output.substr(cut2)}) {
+        for (auto& s : feedNettopChunk(buffer, piece)) got.push_back(s);
+      }
+      ASSERT_EQ(got, complete) << "cuts " << cut1 << "," << cut2;
+      EXPECT_EQ(buffer, "t,d.4,,,1");  // the unfinished line waits for the next chunk
+    }
+  }
+}
+
+TEST(NettopRates, BitsPerSecondNeverNegativeNewProcessesStartAtZero) {
+  std::map<int32_t, netUsage> table;
+  const double tau = 0.0;  // no smoothing: the rate is the last sample
+  recordNettopSample(table, {5, 1000, 500}, tau);
+  EXPECT_EQ(table[5].rx_rate.current(), 0.0);
+  EXPECT_EQ(table[5].tx_rate.current(), 0.0);
+  struct Step {
+    int64_t rx, tx;
+    double rx_bits, tx_bits;
+  };
+  const Step steps[] = {
+      {1500, 500, 4000, 0},   // 500 B in, nothing out
+      {1500, 600, 0, 800},
+      {100, 50, 0, 0},        // the connection table restarted: no negative rate
+      {300, 150, 1600, 800},  // and counting goes on from the new values
+  };
+  for (const auto& s : steps) {
+    recordNettopSample(table, {5, s.rx, s.tx}, tau);
+    EXPECT_DOUBLE_EQ(table[5].rx_rate.current(), s.rx_bits);
+    EXPECT_DOUBLE_EQ(table[5].tx_rate.current(), s.tx_bits);
+    EXPECT_EQ(table[5].rx_bytes, s.rx);
+  }
+}
+
+TEST(NettopRates, SmoothedWithTheGivenTimeConstantOverOneSecondSteps) {
+  std::map<int32_t, netUsage> table;
+  recordNettopSample(table, {1, 0, 0}, 5.0);
+  recordNettopSample(table, {1, 1000, 0}, 5.0);
+  const double alpha = 1.0 - std::exp(-1.0 / 5.0);
+  EXPECT_NEAR(table[1].rx_rate.current(), alpha * 8000.0, 1e-9);
+}
+
+}  // namespace
+}  // namespace pelmora

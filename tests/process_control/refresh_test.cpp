@@ -1,0 +1,250 @@
+// The process-table refresh against a simulated helper and a fake clock.
+#include <gtest/gtest.h>
+
+#include "process_control/cpu_limiter.h"
+#include "process_control/power_monitor.h"
+#include "process_control/proc_settings.h"
+#include "sim_helper.h"
+#include "support/broadcast.h"
+#include "support/logger.h"
+#include "support/main_queue.h"
+#include "support/timeval.h"
+
+namespace pelmora {
+namespace {
+
+using test::SimProcess;
+
+struct Table {
+  FakeClock clock;
+  test::SimRoot dir;
+  std::shared_ptr<test::SimWire> wire = std::make_shared<test::SimWire>();
+  Pelmora helper{std::make_unique<test::SimTransport>(wire)};
+  DefaultSettings settings{dir.settingsFile()};
+  std::unique_ptr<CPULimiter> limiter;
+
+  Table() { RunLoop::main().runUntilIdle(); }
+  ~Table() { limiter.reset(); RunLoop::main().runUntilIdle(); }
+  CPULimiter& make() {
+    CPULimiter::Options options;
+    options.journal_dir = dir.journalDir();
+    limiter = std::make_unique<CPULimiter>(helper, dir.root(), settings, options);
+    return *limiter;
+  }
+  void add(int32_t pid, SimProcess p) {
+    dir.addProcess(pid);
+    wire->procs[pid] = p;
+  }
+  void gone(int32_t pid) {
+    dir.removeProcess(pid);
+    wire->procs.erase(pid);
+  }
+};
+
+TEST(Refresh, FirstSightingHasNoRatesSecondHasRatesOverTheRealInterval) {
+  Table t;
+  auto& limiter = t.make();
+  t.add(100, {.name = "worker", .uid = 1000, .cpu_ns = 5'000'000'000, .wakeups = 10, .read_bytes = 1000,
+              .write_bytes = 2000});
+  limiter.refresh();
+  auto first = limiter.rowFor(100);
+  ASSERT_TRUE(first);
+  EXPECT_EQ(first->name, "worker");
+  EXPECT_EQ(first->uid, 1000u);
+  EXPECT_EQ(first->totalCPU, 5'000'000);
+  EXPECT_EQ(first->startTime, 1'700'000'000'250'000'000ULL);
+  EXPECT_EQ(first->pctCPU, 0.0);
+  EXPECT_EQ(first->idleWakeupsPerSec, 0.0);
+  EXPECT_EQ(first->readPerSec.current(), 0.0);
+  EXPECT_EQ(first->energyImpact, 0.0);
+
+  // 2 s later: half a processor, 5 wake-ups/s, 500 B/s read, 1000 B/s written.
+  t.clock.advance_us(2'000'000);
+  auto& p = t.wire->procs[100];
+  p.cpu_ns += 1'000'000'000;
+  p.wakeups += 10;
+  p.read_bytes += 1000;
+  p.write_bytes += 2000;
+  limiter.refresh();
+  auto second = limiter.rowFor(100);
+  ASSERT_TRUE(second);
+  EXPECT_DOUBLE_EQ(second->pctCPU, 0.5);
+  EXPECT_DOUBLE_EQ(second->idleWakeupsPerSec, 5.0);
+  // Smoothing starts from 0 with a time constant of 0.5 s over a 2 s step.
+  EXPECT_GT(second->readPerSec.current(), 450.0);
+  EXPECT_LE(second->readPerSec.current(), 500.0);
+  EXPECT_DOUBLE_EQ(second->readPerSec.last_sample, 500.0);
+  EXPECT_DOUBLE_EQ(second->writePerSec.last_sample, 1000.0);
+  EXPECT_DOUBLE_EQ(limiter.diskRates().readPerSec, second->readPerSec.current());
+  EXPECT_GT(second->energyImpact, 0.0);
+  EXPECT_EQ(second->update.microseconds(), t.clock.now_us());
+}
+
+TEST(Refresh, CountersGoingBackwardsGiveZeroRates) {
+  struct Case {
+    const char* what;
+    void (*rewind)(SimProcess&);
+    double (*rate)(const procinfo&);
+  };
+  const Case cases[] = {
+      {"cpu", [](SimProcess& p) { p.cpu_ns = 0; }, [](const procinfo& r) { return r.pctCPU; }},
+      {"wake-ups", [](SimProcess& p) { p.wakeups = 1; }, [](const procinfo& r) { return r.idleWakeupsPerSec; }},
+      {"read", [](SimProcess& p) { p.read_bytes = 0; }, [](const procinfo& r) { return r.readPerSec.last_sample; }},
+      {"write", [](SimProcess& p) { p.write_bytes = 5; },
+       [](const procinfo& r) { return r.writePerSec.last_sample; }},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    Table t;
+    auto& limiter = t.make();
+    t.add(7, {.cpu_ns = 9'000'000'000, .wakeups = 900, .read_bytes = 90'000, .write_bytes = 90'000});
+    limiter.refresh();
+    t.clock.advance_us(1'000'000);
+    c.rewind(t.wire->procs[7]);
+    limiter.refresh();
+    auto row = limiter.rowFor(7);
+    ASSERT_TRUE(row);
+    EXPECT_EQ(c.rate(*row), 0.0);
+  }
+}
+
+TEST(Refresh, UnreadableProcessesDropOutWithTheirLogLine) {
+  struct Case {
+    const char* what;
+    void (*breakIt)(SimProcess&);
+    const char* line;
+    bool stays;
+  };
+  const Case cases[] = {
+      {"exited between walk and query", [](SimProcess& p) { p.taskallinfo_fails = true; },
+       "procinfo_taskallinfo failed", false},
+      {"no name", [](SimProcess& p) { p.pidname_fails = true; }, "procinfo_pidname failed", false},
+      {"resource usage refused", [](SimProcess& p) { p.rusage_fails = true; }, nullptr, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    Table t;
+    auto& limiter = t.make();
+    t.add(1, {.name = "init", .uid = 0});
+    t.add(2, {.name = "victim", .wakeups = 50});
+    c.breakIt(t.wire->procs[2]);
+    LogCapture log;
+    limiter.refresh();
+    EXPECT_TRUE(limiter.rowFor(1));
+    EXPECT_EQ(limiter.rowFor(2).has_value(), c.stays);
+    if (c.line) {
+      EXPECT_TRUE(log.contains(c.line));
+    }
+    if (c.stays) {
+      EXPECT_EQ(limiter.rowFor(2)->totalIdleWakeups, 0u);  // left as it was
+    }
+  }
+}
+
+TEST(Refresh, FailedResourceUsageKeepsThePreviousTotals) {
+  Table t;
+  auto& limiter = t.make();
+  t.add(3, {.wakeups = 40, .read_bytes = 4000});
+  limiter.refresh();
+  t.wire->procs[3].rusage_fails = true;
+  t.wire->procs[3].wakeups = 99;
+  t.clock.advance_us(1'000'000);
+  limiter.refresh();
+  EXPECT_EQ(limiter.rowFor(3)->totalIdleWakeups, 40u);
+  EXPECT_EQ(limiter.rowFor(3)->totalBytesRead, 4000u);
+  EXPECT_EQ(limiter.rowFor(3)->idleWakeupsPerSec, 0.0);
+}
+
+TEST(Refresh, ProcessExitingPrunesItsNetworkEntry) {
+  Table t;
+  auto& limiter = t.make();
+  t.add(10, {.name = "web"});
+  t.add(11, {.name = "mail"});
+  limiter.refresh();
+  limiter.handleNettopChunk("10:00:00.1,web.10,,,1000,100\n10:00:00.1,mail.11,,,10,1\n");
+  limiter.handleNettopChunk("10:00:01.1,web.10,,,2000,300\n10:00:01.1,mail.11,,,20,2\n");
+  ASSERT_EQ(limiter.netUse().size(), 2u);
+  // 11 exits after the walk saw it: the query fails.
+  t.wire->procs[11].taskallinfo_fails = true;
+  t.clock.advance_us(1'000'000);
+  limiter.refresh();
+  EXPECT_FALSE(limiter.rowFor(11));
+  const auto net = limiter.netUse();
+  EXPECT_EQ(net.count(11), 0u);
+  ASSERT_EQ(net.count(10), 1u);
+  const auto row = limiter.rowFor(10);
+  EXPECT_DOUBLE_EQ(row->netReadPerSec, net.at(10).rx_rate.current());
+  EXPECT_GT(row->netReadPerSec, 0.0);
+  EXPECT_GT(row->netWritePerSec, 0.0);
+}
+
+TEST(Refresh, NewProcessGetsItsSavedLimitAndPriority) {
+  Table t;
+  auto& limiter = t.make();
+  limiter.procSettings().setLimit("encoder", kACPowerName, 0.25);
+  limiter.procSettings().setPriority("encoder", kACPowerName, 7);
+  limiter.procSettings().setLimit("other", kBatteryPowerName, 0.5);
+  t.add(20, {.name = "encoder"});
+  t.add(21, {.name = "other"});
+  limiter.refresh();
+  const auto limits = limiter.limits();
+  ASSERT_EQ(limits.count(20), 1u);
+  EXPECT_DOUBLE_EQ(limits.at(20).cpuLimit, 0.25);
+  EXPECT_DOUBLE_EQ(limits.at(20).creditQuantum, 7500.0);
+  EXPECT_EQ(limits.count(21), 0u);  // saved for battery only
+  EXPECT_EQ(t.wire->priorities, (std::vector<std::pair<int32_t, int64_t>>{{20, 7}}));
+  // Only at the first sighting.
+  t.clock.advance_us(1'000'000);
+  limiter.refresh();
+  EXPECT_EQ(t.wire->priorities.size(), 1u);
+  EXPECT_EQ(limiter.tickInterval(), 30);
+}
+
+TEST(Refresh, BroadcastsAfterEachRefreshAndCountsOwners) {
+  Table t;
+  auto& limiter = t.make();
+  const uint32_t me = 1000;
+  t.add(1, {.uid = 0});
+  t.add(2, {.uid = me});
+  t.add(3, {.uid = me});
+  t.add(4, {.uid = 33});
+  int updates = 0;
+  AddListener(kProcessesUpdatedBroadcast, "test", [&](const std::string&) { ++updates; });
+  limiter.refresh();
+  limiter.refresh();
+  RunLoop::main().runUntilIdle();
+  RemoveListener(kProcessesUpdatedBroadcast, "test");
+  EXPECT_EQ(updates, 2);
+  const auto counts = limiter.processCounts(me);
+  EXPECT_EQ(counts.system, 1);
+  EXPECT_EQ(counts.user, 2);
+  EXPECT_EQ(counts.other, 1);
+  // Running as root, root's processes are the system's.
+  EXPECT_EQ(limiter.processCounts(0).system, 1);
+  EXPECT_EQ(limiter.processCounts(0).other, 3);
+}
+
+TEST(Refresh, TimerRefreshesAtItsIntervalAndKeepsTheFastPeriodWhileLimiting) {
+  Table t;
+  auto& limiter = t.make();
+  t.add(5, {.name = "busy"});
+  limiter.tick();  // nothing due yet
+  EXPECT_FALSE(limiter.rowFor(5));
+  t.clock.advance_us(5'000'000);
+  limiter.tick();
+  EXPECT_TRUE(limiter.rowFor(5));
+  EXPECT_EQ(limiter.tickInterval(), 5000);
+  {
+    MutexLock lock(limiter.mutex());
+    limiter.setLimit(5, 0.5);
+  }
+  EXPECT_EQ(limiter.tickInterval(), 30);
+  limiter.setProcessesUpdateInterval(2000);
+  EXPECT_EQ(limiter.tickInterval(), 30);
+  EXPECT_EQ(t.settings.loadInt("UPDATE_PROCESSES", 0), 2000);
+  limiter.clearLimit(5);
+  EXPECT_EQ(limiter.tickInterval(), 2000);
+}
+
+}  // namespace
+}  // namespace pelmora
