@@ -79,7 +79,7 @@ class PrintingClient : public SystemStatsClient {
   bool m_failed = false;
 };
 
-// Waits for SIGINT or SIGTERM (blocked everywhere) and quits the main loop.
+// Waits for SIGINT or SIGTERM (blocked everywhere) and has the main loop quit.
 class SignalWaiter {
  public:
   SignalWaiter() {
@@ -98,7 +98,8 @@ class SignalWaiter {
   void waitLoop() {
     const timespec poll{0, 100'000'000};
     while (!m_done) {
-      if (sigtimedwait(&m_signals, nullptr, &poll) > 0) RunLoop::main().quit();
+      // Posted rather than called: run() clears a quit that arrives before it starts.
+      if (sigtimedwait(&m_signals, nullptr, &poll) > 0) MainQueue::post([] { RunLoop::main().quit(); });
     }
   }
   sigset_t m_signals{};
