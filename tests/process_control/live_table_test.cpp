@@ -1,0 +1,132 @@
+// The process table over the real /proc, served in-process, with the real pelmora-nettop: a child
+// that reads and writes a file and moves bytes over a loopback TCP pair shows disk and network
+// rates on the second refresh.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+#include <vector>
+
+#include "helper_link/in_process_transport.h"
+#include "helper_link/pelmora.h"
+#include "process_control/cpu_limiter.h"
+#include "sim_helper.h"
+
+namespace pelmora {
+namespace {
+
+template <typename Pred>
+bool eventually(Pred pred) {
+  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!pred()) {
+    if (std::chrono::steady_clock::now() > until) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return true;
+}
+
+// Runs in the forked child: only system calls, no allocation.
+[[noreturn]] void churn(const char* file, int tx, int rx, char* buffer, size_t size) {
+  for (;;) {
+    const int fd = ::open(file, O_RDWR | O_CREAT | O_TRUNC, 0600);
+    if (fd >= 0) {
+      if (::write(fd, buffer, size) > 0) ::fdatasync(fd);
+      ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);  // so the read goes to the disk
+      if (::pread(fd, buffer, size, 0) < 0) _exit(3);
+      ::close(fd);
+    }
+    if (::send(tx, buffer, 65536, 0) < 0) _exit(4);
+    for (size_t got = 0; got < 65536;) {
+      const ssize_t n = ::recv(rx, buffer, 65536 - got, 0);
+      if (n <= 0) _exit(5);
+      got += static_cast<size_t>(n);
+    }
+    const timespec pause{0, 50'000'000};
+    ::nanosleep(&pause, nullptr);
+  }
+}
+
+struct TcpPair {
+  int tx = -1, rx = -1;
+  TcpPair() {
+    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    if (::bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || ::listen(listener, 1) != 0 ||
+        ::getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
+      std::abort();
+    tx = ::socket(AF_INET, SOCK_STREAM, 0);
+    if (::connect(tx, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) std::abort();
+    rx = ::accept(listener, nullptr, nullptr);
+    ::close(listener);
+  }
+  ~TcpPair() {
+    ::close(tx);
+    ::close(rx);
+  }
+};
+
+TEST(LiveTable, ChildShowsDiskAndNetworkRatesOnTheSecondRefresh) {
+  test::SimRoot dir;
+  const std::string file = (dir.dir() / "churn.bin").string();
+  std::vector<char> buffer(1 << 20, 'p');
+  pid_t child;
+  {
+    TcpPair pair;
+    child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) churn(file.c_str(), pair.tx, pair.rx, buffer.data(), buffer.size());
+  }
+  Pelmora helper(std::make_unique<InProcessTransport>());
+  DefaultSettings settings(dir.settingsFile());
+  CPULimiter::Options options;
+  options.nettop_path = std::string(PELMORA_BINARY_DIR) + "/src/nettop/pelmora-nettop";
+  options.journal_dir = dir.journalDir();
+  CPULimiter limiter(helper, SysRoot::current(), settings, options);
+  ASSERT_TRUE(limiter.start());
+  EXPECT_TRUE(limiter.nettopRunning());
+
+  limiter.refresh();
+  const auto first = limiter.rowFor(child);
+  ASSERT_TRUE(first);
+  EXPECT_EQ(first->readPerSec.current(), 0.0);
+  EXPECT_EQ(first->pctCPU, 0.0);
+  EXPECT_FALSE(first->name.empty());
+  EXPECT_EQ(first->uid, getuid());
+  // Two lines of the tool give the first network rate.
+  EXPECT_TRUE(eventually([&] {
+    const auto net = limiter.netUse();
+    auto it = net.find(child);
+    return it != net.end() && it->second.rx_rate.current() > 0 && it->second.tx_rate.current() > 0;
+  }));
+  limiter.refresh();
+  const auto second = limiter.rowFor(child);
+  ASSERT_TRUE(second);
+  EXPECT_GT(second->readPerSec.current(), 0.0);
+  EXPECT_GT(second->writePerSec.current(), 0.0);
+  EXPECT_GT(second->netReadPerSec, 0.0);
+  EXPECT_GT(second->netWritePerSec, 0.0);
+  EXPECT_GT(second->pctCPU, 0.0);
+  EXPECT_GT(second->energyImpact, 0.0);
+  EXPECT_GE(limiter.diskRates().writePerSec, second->writePerSec.current());
+#if defined(__x86_64__)
+  EXPECT_EQ(second->kind, "x86_64");
+#endif
+
+  limiter.stop();
+  EXPECT_FALSE(limiter.nettopRunning());
+  ::kill(child, SIGKILL);
+  ::waitpid(child, nullptr, 0);
+}
+
+}  // namespace
+}  // namespace pelmora
