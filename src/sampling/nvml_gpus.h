@@ -10,9 +10,39 @@
 
 namespace pelmora {
 
+// The few NVML types we touch, laid out as the driver's ABI has them.
+namespace nvml {
+using Return = int;  // nvmlReturn_t; 0 is success
+using Device = struct Device_st*;
+struct Utilization {
+  unsigned int gpu;     // percent
+  unsigned int memory;  // percent
+};
+struct Memory {
+  unsigned long long total;  // bytes
+  unsigned long long free;
+  unsigned long long used;
+};
+constexpr Return kSuccess = 0;
+
+// The entry points, bound by dlsym (or supplied by a test).
+struct Api {
+  Return (*init)() = nullptr;              // nvmlInit_v2
+  Return (*shutdown)() = nullptr;          // nvmlShutdown
+  Return (*count)(unsigned int*) = nullptr;  // nvmlDeviceGetCount_v2
+  Return (*handle)(unsigned int, Device*) = nullptr;  // nvmlDeviceGetHandleByIndex_v2
+  Return (*name)(Device, char*, unsigned int) = nullptr;  // nvmlDeviceGetName
+  Return (*utilization)(Device, Utilization*) = nullptr;  // nvmlDeviceGetUtilizationRates
+  Return (*memory)(Device, Memory*) = nullptr;  // nvmlDeviceGetMemoryInfo
+};
+}  // namespace nvml
+
 class NvmlGpus {
  public:
+  // Loads the driver's library at the first read.
   NvmlGpus() = default;
+  // Uses the given entry points instead (tests); init is called at the first read as usual.
+  explicit NvmlGpus(const nvml::Api& api);
   ~NvmlGpus();
   NvmlGpus(const NvmlGpus&) = delete;
   NvmlGpus& operator=(const NvmlGpus&) = delete;
@@ -22,13 +52,14 @@ class NvmlGpus {
   std::vector<graphicsCard> read();
 
  private:
-  struct Api;
   bool loadLocked();
+  bool initLocked();
 
   Mutex m_mutex;
   bool m_tried = false;
+  bool m_ready = false;
   void* m_library = nullptr;
-  Api* m_api = nullptr;
+  nvml::Api m_api;
 };
 
 }  // namespace pelmora

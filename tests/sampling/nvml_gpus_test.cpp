@@ -1,0 +1,87 @@
+// NVML's read loop over a fake driver: which cards are reported, how they are named and converted.
+#include "sampling/nvml_gpus.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "sampling/gpu_collector.h"
+
+using namespace pelmora;
+
+namespace {
+
+// A fake driver with three cards: 0 is complete, 1 cannot report its utilisation, 2 has no name.
+struct FakeDriver {
+  static inline nvml::Return init_result = nvml::kSuccess;
+  static inline nvml::Return count_result = nvml::kSuccess;
+  static inline int inits = 0;
+  static inline int shutdowns = 0;
+
+  static void reset() {
+    init_result = count_result = nvml::kSuccess;
+    inits = shutdowns = 0;
+  }
+  static nvml::Device device(unsigned i) { return reinterpret_cast<nvml::Device>(static_cast<uintptr_t>(i + 1)); }
+  static unsigned index(nvml::Device d) { return static_cast<unsigned>(reinterpret_cast<uintptr_t>(d) - 1); }
+
+  static nvml::Api api() {
+    nvml::Api a;
+    a.init = [] { return ++inits, init_result; };
+    a.shutdown = [] { return ++shutdowns, nvml::kSuccess; };
+    a.count = [](unsigned* n) { return *n = 3, count_result; };
+    a.handle = [](unsigned i, nvml::Device* d) { return *d = device(i), nvml::kSuccess; };
+    a.name = [](nvml::Device d, char* out, unsigned length) -> nvml::Return {
+      if (index(d) == 2) return 3;  // not supported
+      std::strncpy(out, "NVIDIA GeForce RTX 3060", length);
+      return nvml::kSuccess;
+    };
+    a.utilization = [](nvml::Device d, nvml::Utilization* u) -> nvml::Return {
+      if (index(d) == 1) return 3;
+      *u = {41, 10};
+      return nvml::kSuccess;
+    };
+    a.memory = [](nvml::Device, nvml::Memory* m) {
+      *m = {12ull << 30, 8ull << 30, 4ull << 30};
+      return nvml::kSuccess;
+    };
+    return a;
+  }
+};
+
+class Nvml : public ::testing::Test {
+ protected:
+  void SetUp() override { FakeDriver::reset(); }
+};
+
+TEST_F(Nvml, ReportsReadableCardsAndNamesTheNamelessByIndex) {
+  {
+    NvmlGpus gpus(FakeDriver::api());
+    const auto cards = gpus.read();
+    const int64_t total = 12LL << 30, used = 4LL << 30;
+    EXPECT_EQ(cards, (std::vector<graphicsCard>{GpuCollector::makeCard("NVIDIA GeForce RTX 3060", 41, total, used),
+                                                GpuCollector::makeCard("NVIDIA GPU 2", 41, total, used)}));
+    EXPECT_EQ(gpus.read().size(), 2u);
+    EXPECT_EQ(FakeDriver::inits, 1);
+  }
+  EXPECT_EQ(FakeDriver::shutdowns, 1);
+}
+
+TEST_F(Nvml, ADriverThatRefusesIsAskedOnceAndNeverShutDown) {
+  FakeDriver::init_result = 9;  // driver not loaded
+  {
+    NvmlGpus gpus(FakeDriver::api());
+    EXPECT_TRUE(gpus.read().empty());
+    EXPECT_TRUE(gpus.read().empty());
+    EXPECT_EQ(FakeDriver::inits, 1);
+  }
+  EXPECT_EQ(FakeDriver::shutdowns, 0);
+}
+
+TEST_F(Nvml, AFailedCountGivesNoCards) {
+  FakeDriver::count_result = 999;
+  NvmlGpus gpus(FakeDriver::api());
+  EXPECT_TRUE(gpus.read().empty());
+}
+
+}  // namespace
