@@ -1,0 +1,240 @@
+// The limiter, adjuster and renice inside CPULimiter, against a simulated helper whose processes run
+// only while not stopped, and a fake clock: every request and signal is observable.
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <fstream>
+
+#include "process_control/cpu_limiter.h"
+#include "process_control/power_monitor.h"
+#include "process_control/proc_settings.h"
+#include "sim_helper.h"
+#include "support/logger.h"
+#include "support/main_queue.h"
+#include "support/pid.h"
+
+namespace pelmora {
+namespace {
+
+using Signals = std::vector<std::pair<int32_t, int64_t>>;
+
+struct Rig {
+  FakeClock clock;
+  test::SimRoot dir;
+  std::shared_ptr<test::SimWire> wire = std::make_shared<test::SimWire>();
+  Pelmora helper{std::make_unique<test::SimTransport>(wire)};
+  DefaultSettings settings{dir.settingsFile()};
+  std::unique_ptr<CPULimiter> limiter;
+
+  Rig() {
+    CPULimiter::Options options;
+    options.journal_dir = dir.journalDir();
+    limiter = std::make_unique<CPULimiter>(helper, dir.root(), settings, options);
+  }
+  ~Rig() {
+    limiter.reset();
+    RunLoop::main().runUntilIdle();
+  }
+  void add(int32_t pid, const std::string& name) {
+    dir.addProcess(pid);
+    wire->procs[pid].name = name;
+  }
+  void limit(int32_t pid, double share) {
+    MutexLock lock(limiter->mutex());
+    limiter->setLimit(pid, share);
+  }
+  // One 30 ms tick of a busy process (demand in processors).
+  void step(double demand = 1.0) {
+    clock.advance_us(30'000);
+    wire->run(30'000, demand);
+    limiter->tick();
+  }
+  bool stopped(int32_t pid) { return wire->procs[pid].stopped; }
+};
+
+TEST(Limiter, DutyCycleSendsTheRealStopAndContinueSignals) {
+  Rig r;
+  r.add(50, "spin");
+  r.limit(50, 0.5);
+  EXPECT_EQ(r.limiter->tickInterval(), 30);
+  for (int i = 0; i < 40; ++i) r.step();
+  ASSERT_FALSE(r.wire->signals.empty());
+  EXPECT_EQ(r.wire->signals.front(), std::make_pair(50, int64_t{SIGSTOP}));
+  for (auto& [pid, sig] : r.wire->signals) EXPECT_TRUE(sig == SIGSTOP || sig == SIGCONT) << sig;
+  // Stops and continues alternate: never two stops without a continue between.
+  for (size_t i = 1; i < r.wire->signals.size(); ++i)
+    EXPECT_NE(r.wire->signals[i].second, r.wire->signals[i - 1].second);
+  // A stopped process costs no helper round trip: one "taskinfo" per running tick only.
+  int taskinfos = 0;
+  for (auto& req : r.wire->requests) taskinfos += req.count("taskinfo") && !req.count("taskallinfo");
+  EXPECT_LT(taskinfos, 40);
+  const auto rec = r.limiter->limits().at(50);
+  EXPECT_GT(rec.totalTimeStopped, 0);
+  EXPECT_NEAR(static_cast<double>(r.wire->procs[50].cpu_ns) / 1000.0 / (40 * 30'000.0), 0.5, 0.05);
+}
+
+TEST(Limiter, ClearingEndsTheLimitEveryWay) {
+  struct Case {
+    const char* what;
+    void (*clear)(Rig&);
+    bool forgets_records;
+    bool forgets_saved_names;
+  };
+  const Case cases[] = {
+      {"clear limit", [](Rig& r) { r.limiter->clearLimit(60); r.limiter->clearLimit(61); }, true, true},
+      {"clear all limits", [](Rig& r) { r.limiter->clearAllLimits(); }, true, true},
+      {"continue all", [](Rig& r) { r.limiter->continueAll(); }, false, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    Rig r;
+    r.add(60, "alpha");
+    r.add(61, "beta");
+    r.limiter->refresh();  // names known: the limits are saved under them
+    r.limit(60, 0.25);
+    r.limit(61, 0.25);
+    EXPECT_EQ(r.limiter->procSettings().limitFor("alpha", kACPowerName), 0.25);
+    for (int i = 0; i < 3; ++i) r.step();
+    ASSERT_TRUE(r.stopped(60) && r.stopped(61));
+    c.clear(r);
+    EXPECT_FALSE(r.stopped(60));
+    EXPECT_FALSE(r.stopped(61));
+    EXPECT_EQ(r.limiter->limits().empty(), c.forgets_records);
+    EXPECT_EQ(!r.limiter->procSettings().limitFor("alpha", kACPowerName), c.forgets_saved_names);
+    EXPECT_EQ(r.limiter->tickInterval(), c.forgets_records ? 5000 : 30);
+  }
+}
+
+TEST(Limiter, ContinueAllKeepsStaleStoppedRecordsThatResumeWithARedundantContinue) {
+  Rig r;
+  r.add(70, "gamma");
+  r.limit(70, 0.5);
+  r.step();
+  ASSERT_TRUE(r.stopped(70));
+  r.limiter->continueAll();
+  ASSERT_FALSE(r.stopped(70));
+  EXPECT_TRUE(r.limiter->limits().at(70).stopped);
+  const size_t signals = r.wire->signals.size();
+  r.step();  // debt -15 000 + 15 000 = 0: still "stopped", nothing sent, not measured
+  EXPECT_EQ(r.wire->signals.size(), signals);
+  r.step();  // credit positive: the (redundant) continue
+  EXPECT_EQ(r.wire->signals.back(), std::make_pair(70, int64_t{SIGCONT}));
+  // What it used meanwhile is charged at the next measurement: it is stopped again at once.
+  r.step();
+  EXPECT_TRUE(r.stopped(70));
+}
+
+TEST(Limiter, HelperFailuresRemoveTheLimit) {
+  struct Case {
+    const char* what;
+    bool taskinfo_fails, kill_fails;
+    Signals expected;
+  };
+  const Case cases[] = {
+      {"process gone: dropped silently", true, false, {}},
+      {"stop refused: continued once more and dropped", false, true, {{80, SIGSTOP}, {80, SIGCONT}}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    Rig r;
+    r.add(80, "delta");
+    r.limit(80, 0.5);
+    r.wire->procs[80].taskinfo_fails = c.taskinfo_fails;
+    r.wire->procs[80].kill_fails = c.kill_fails;
+    r.step();
+    r.step();
+    EXPECT_TRUE(r.limiter->limits().empty());
+    EXPECT_EQ(r.wire->signals, c.expected);
+    EXPECT_EQ(r.limiter->tickInterval(), 5000);
+  }
+}
+
+TEST(Limiter, FrontmostIsNeverHeldUnlessAllowed) {
+  Rig r;
+  r.add(90, "editor");
+  r.limit(90, 0.5);
+  r.step();
+  ASSERT_TRUE(r.stopped(90));
+  const double credit = r.limiter->limits().at(90).credit;
+  PID::setFrontmostProvider([] { return std::optional<int32_t>(90); });
+  r.limiter->refresh();  // the table refresh brings the frontmost state
+  r.step();
+  EXPECT_FALSE(r.stopped(90));
+  for (int i = 0; i < 5; ++i) r.step();
+  EXPECT_FALSE(r.stopped(90));
+  EXPECT_EQ(r.limiter->limits().at(90).credit, credit);  // not refilled while in front
+  r.limiter->setLimitFrontmost(true);
+  r.step();
+  EXPECT_TRUE(r.stopped(90));
+  PID::setFrontmostProvider(nullptr);
+}
+
+TEST(Limiter, IntervalSettingsRescaleQuantaAndTheTimer) {
+  struct Case {
+    int64_t limiter_ms, adjuster_ms;
+    int64_t expect_limiter_ms, expect_tick_ms;
+  };
+  const Case cases[] = {
+      {60, 500, 60, 60},
+      {1000, 200, 1000, 200},
+      {5000, 500, 1000, 500},  // outside 1...1000: clamped, and said so in the log
+      {30, 50, 30, 30},        // adjuster below 100: clamped to 100
+  };
+  for (const auto& c : cases) {
+    Rig r;
+    r.add(5, "eps");
+    r.limit(5, 0.5);
+    r.settings.saveInt("limiter_sample_interval", c.limiter_ms);
+    r.settings.saveInt("adjuster_sample_interval", c.adjuster_ms);
+    r.limiter->loadPIDSettings();
+    EXPECT_EQ(r.limiter->limiterInterval(), c.expect_limiter_ms);
+    EXPECT_EQ(r.limiter->tickInterval(), c.expect_tick_ms);
+    EXPECT_DOUBLE_EQ(r.limiter->limits().at(5).creditQuantum, 0.5 * c.expect_limiter_ms * 1000);
+  }
+}
+
+TEST(Limiter, AdjusterRunsEveryHalfSecondAndKeepsStateOnlyForLimitedProcesses) {
+  Rig r;
+  r.add(11, "zeta");
+  r.limit(11, 0.5);
+  // The first run only starts its state; the second adjusts.
+  for (int i = 0; i < 40; ++i) r.step(0.2);  // uses 0.2 of a processor at most
+  const auto adjustments = r.limiter->adjustments();
+  ASSERT_EQ(adjustments.count(11), 1u);
+  // Below its target, so the budget grew, up to twice the nominal quantum.
+  EXPECT_GT(r.limiter->limits().at(11).creditQuantum, 15000.0);
+  EXPECT_LE(r.limiter->limits().at(11).creditQuantum, 30000.0);
+  r.limiter->clearLimit(11);
+  r.clock.advance_us(600'000);
+  r.limiter->tick();
+  EXPECT_TRUE(r.limiter->adjustments().empty());
+}
+
+TEST(Renice, BoundsAndTheTable) {
+  Rig r;
+  r.add(33, "nicer");
+  std::ofstream(r.dir.dir() / "proc/33/stat") << "33 (nicer) S 1 33 33 0 -1 4194304 0 0 0 0 0 0 0 0 20 5 1 0 9 0 0";
+  r.add(34, "unseen");
+  r.limiter->refresh();
+  r.dir.addProcess(35);  // appears after the refresh: not in the table
+  struct Case {
+    int32_t pid;
+    int priority;
+    bool sent;
+  };
+  const Case cases[] = {
+      {33, 21, false}, {33, -21, false},  // out of range
+      {33, 5, false},                      // already its priority
+      {35, 3, false},                      // not in the table
+      {33, -20, true}, {33, 20, true},
+  };
+  for (const auto& c : cases) {
+    const size_t before = r.wire->priorities.size();
+    r.limiter->renice(c.pid, c.priority);
+    EXPECT_EQ(r.wire->priorities.size() - before, c.sent ? 1u : 0u) << c.pid << " " << c.priority;
+  }
+  EXPECT_EQ(r.limiter->procSettings().priorityFor("nicer", kACPowerName), 20);
+}
+
+}  // namespace
+}  // namespace pelmora
