@@ -166,15 +166,24 @@ void ProcSettings::save() {
 }
 
 void ProcSettings::loadLocked() {
+  // A stored value that is not a dictionary at all leaves the lists as they are (empty at creation).
   if (m_store.loadBool(kSaveLimitedKey, true)) {
-    std::vector<std::string> rejected;
-    m_limited_names = limitTableFromJson(m_store.loadDict(kLimitedKey), &rejected);
-    logRejected(kLimitedKey, rejected);
+    if (auto stored = m_store.loadValue(kLimitedKey); stored && stored->is_object()) {
+      std::vector<std::string> rejected;
+      m_limited_names = limitTableFromJson(*stored, &rejected);
+      logRejected(kLimitedKey, rejected);
+    } else if (stored) {
+      Log("Saved \"limited\" is not a dictionary and is ignored.");
+    }
   }
   if (m_store.loadBool(kSaveRenicedKey, true)) {
-    std::vector<std::string> rejected;
-    m_reniced_names = priorityTableFromJson(m_store.loadDict(kRenicedKey), &rejected);
-    logRejected(kRenicedKey, rejected);
+    if (auto stored = m_store.loadValue(kRenicedKey); stored && stored->is_object()) {
+      std::vector<std::string> rejected;
+      m_reniced_names = priorityTableFromJson(*stored, &rejected);
+      logRejected(kRenicedKey, rejected);
+    } else if (stored) {
+      Log("Saved \"reniced\" is not a dictionary and is ignored.");
+    }
   }
 }
 

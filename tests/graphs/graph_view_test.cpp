@@ -20,9 +20,11 @@
 #include "graphs/views/graph_legend.h"
 #include "graphs/views/graph_popover.h"
 #include "graphs/views/graph_view_cpu.h"
+#include "graphs/views/graph_view_io.h"
 #include "graphs/views/graph_view_load.h"
 #include "graphs/views/graph_view_net.h"
 #include "graphs/views/preferences_graph.h"
+#include "graphs/views/text_display.h"
 #include "support/default_settings.h"
 
 namespace fs = std::filesystem;
@@ -203,6 +205,38 @@ TEST_F(GraphWidgetTest, OneLegendPerClickUntilItClosesAndColoursAreSavedUnderThe
   ASSERT_NE(view.legend(), nullptr);
   EXPECT_EQ(view.legend()->color(1), QColor(1, 2, 3));  // the next legend shows the saved colour
   view.popover()->hide();
+}
+
+TEST_F(GraphWidgetTest, TheInterfaceAndVolumesPopoversLiveBesideTheLegend) {
+  GraphViewNet net;
+  net.setInterface("lo");
+  GraphViewIO disk;
+  struct Case {
+    GraphView* view;
+    std::function<GraphPopover*()> second;
+    const char* title;
+  } cases[] = {{&net, [&] { return net.ifconfigPopover(); }, "ifconfig"},
+               {&disk, [&] { return disk.volumesPopover(); }, "Volumes"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.title);
+    c.view->resize(100, 50);
+    c.view->show();
+    QMouseEvent right(QEvent::MouseButtonPress, QPointF(5, 5), c.view->mapToGlobal(QPointF(5, 5)), Qt::RightButton,
+                      Qt::RightButton, Qt::NoModifier);
+    QApplication::sendEvent(c.view, &right);
+    c.view->openLegend();
+    GraphPopover* second = c.second();
+    ASSERT_NE(second, nullptr);
+    EXPECT_EQ(second->title(), c.title);
+    EXPECT_FALSE(static_cast<TextDisplay*>(second->content())->toPlainText().isEmpty());
+    ASSERT_NE(c.view->popover(), nullptr);
+    EXPECT_NE(c.view->popover(), second);
+    second->hide();  // closing the text drops only the text
+    EXPECT_EQ(c.second(), nullptr);
+    EXPECT_NE(c.view->legend(), nullptr);
+    c.view->popover()->hide();
+    EXPECT_EQ(c.view->legend(), nullptr);
+  }
 }
 
 TEST_F(GraphWidgetTest, LegendRows) {

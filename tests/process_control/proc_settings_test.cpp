@@ -9,6 +9,7 @@
 #include "process_control/power_monitor.h"
 #include "support/broadcast.h"
 #include "support/default_settings.h"
+#include "support/logger.h"
 #include "support/main_queue.h"
 
 namespace fs = std::filesystem;
@@ -107,7 +108,9 @@ TEST_F(ProcSettingsTest, MalformedSavedDataGivesEmptyListsAndIsReplacedOnSave) {
     write(text);
     DefaultSettings store(file());
     PowerMonitor monitor(root());
+    LogCapture log;
     ProcSettings settings(store, monitor);
+    EXPECT_FALSE(log.lines().empty());  // the user's data was dropped: say so
     EXPECT_EQ(settings.limitFor("yes", "AC Power"), std::nullopt);
     EXPECT_EQ(settings.priorityFor("make", "AC Power"), std::nullopt);
     settings.setPriority("make", "AC Power", -5);
@@ -138,6 +141,20 @@ TEST(ProcSettingsTables, ConversionKeepsGoodEntriesAndNamesTheBadOnes) {
     EXPECT_EQ(priorities, c.priorities);
     EXPECT_EQ(rejected.size(), c.rejected);
   }
+}
+
+TEST_F(ProcSettingsTest, ReloadingMalformedDataKeepsWhatIsInMemory) {
+  DefaultSettings store(file());
+  PowerMonitor monitor(root());
+  ProcSettings settings(store, monitor);
+  settings.setLimit("yes", "AC Power", 0.5);
+  store.saveDict("limited", "garbage");
+  settings.load();
+  EXPECT_EQ(settings.limitFor("yes", "AC Power"), 0.5);
+  store.saveDict("limited", {{"Battery Power", {{"make", 0.25}}}});
+  settings.load();
+  EXPECT_EQ(settings.limitFor("yes", "AC Power"), std::nullopt);
+  EXPECT_EQ(settings.limitFor("make", "Battery Power"), 0.25);
 }
 
 TEST_F(ProcSettingsTest, FollowsTheDetectedSourceButNotTheManualSwitch) {
