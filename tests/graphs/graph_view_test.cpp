@@ -20,9 +20,14 @@
 #include "graphs/views/graph_legend.h"
 #include "graphs/views/graph_popover.h"
 #include "graphs/views/graph_view_cpu.h"
+#include "graphs/views/graph_view_fan.h"
+#include "graphs/views/graph_view_gfx.h"
 #include "graphs/views/graph_view_io.h"
 #include "graphs/views/graph_view_load.h"
+#include "graphs/views/graph_view_mem.h"
 #include "graphs/views/graph_view_net.h"
+#include "graphs/views/graph_view_power.h"
+#include "graphs/views/graph_view_proc.h"
 #include "graphs/views/preferences_graph.h"
 #include "graphs/views/text_display.h"
 #include "support/default_settings.h"
@@ -170,6 +175,37 @@ TEST_F(GraphWidgetTest, CurrentValueTexts) {
   load.update(std::vector<loadAverage>(72, loadAverage{1, 2, 4}));
   EXPECT_EQ(load.loadAvg().size(), 51u);
   EXPECT_EQ(load.labelText(), "\n1 Min: 1.00  5 Min: 2.00  15 Min: 4.00\nPeak: 4.00");
+}
+
+TEST_F(GraphWidgetTest, EveryClassCaptionsItsNewestValuesAndNothingWhenSwitchedOff) {
+  GraphViewMEM mem;
+  GraphViewGFX gfx;
+  GraphViewIO io;
+  GraphViewProc proc;
+  GraphViewPower power;
+  GraphViewFan fan;
+  const std::vector<GraphView*> views = {&mem, &gfx, &io, &proc, &power, &fan};
+  for (GraphView* view : views) {
+    view->resize(100, 40);
+    view->setLabel("L");
+  }
+  mem.update({{1, 1, 1, 1}, {256, 128, 0, 128}}, 4096);  // half of 2 MiB free
+  gfx.update({{2048, 1024, 1024, 0, 37}});
+  io.update({{0, 0, 0, 0}, {0, 0, 1500, 500}, {0, 0, 2000, 1500}});
+  proc.update({{10, 20, 5, 1}, {12, 25, 3, 0}});
+  power.update({{12.5, 5, 1}, {8.25, 3, 1}});
+  fan.update({{false, 3000, 6000, 1200}, {true, 4500, 6000, 1200}});
+  const char* expected[] = {
+      "L\nFree: 1.0 MiBytes",
+      "L\nFree: 1.0 KiBytes\nUtilisation: 37.0%",
+      "L\nRead: 500.0 IO/s\nWrite: 1.0 kIO/s\nPeak: 1.5 kIO/s",
+      "L\nMy Procs: 12  System: 25\nOther: 3  Translated: 0",
+      "L\nTotal: 8.25 W\nPeak: 12.50 W",
+      "L\nCurrent: 4500 forced\nMaximum: 6000\nMinimum: 1200",
+  };
+  for (size_t k = 0; k < views.size(); ++k) EXPECT_EQ(views[k]->labelText().toStdString(), expected[k]);
+  GraphSwitches::current().show_current = false;
+  for (GraphView* view : views) EXPECT_EQ(view->labelText(), "L");
 }
 
 TEST_F(GraphWidgetTest, OneLegendPerClickUntilItClosesAndColoursAreSavedUnderTheClassKey) {
