@@ -26,5 +26,7 @@ std::string usageText();
 int runSampleCommand(const std::vector<std::string>& args);
 // The boot-time flags "-h on|off -p -t on|off -n N" (all of argv after the program name).
 int runBootFlagsCommand(const std::vector<std::string>& args);
+int runTopCommand(const std::vector<std::string>& args);
+int runLimitCommand(const std::vector<std::string>& args);
 
 }  // namespace pelmora::cli

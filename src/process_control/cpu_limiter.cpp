@@ -217,6 +217,11 @@ void CPULimiter::refresh() {
   refreshLocked();
 }
 
+void CPULimiter::updateMachineSplit() {
+  MutexLock lock(m_mutex);
+  updateMachineSplitLocked();
+}
+
 std::optional<procinfo> CPULimiter::rowFor(int32_t pid) {
   MutexLock lock(m_mutex);
   auto it = m_processes.find(pid);

@@ -15,6 +15,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -80,6 +81,9 @@ class CPULimiter {
 
   // Rebuilds the table now (normally the timer does it).
   void refresh();
+  // Updates the whole machine's processor split since the last update (the timer does it after
+  // each refresh).
+  void updateMachineSplit();
   // The timer's action: limiter tick, refresh and adjuster, each when its interval has passed.
   void tick();
 
@@ -177,6 +181,7 @@ class CPULimiter {
   ProcessList m_proclist;
   StopJournal m_journal;
   bool m_listening = false;
+  std::set<int32_t> m_unreadable;  // processes the last refresh could not read
   Mutex m_mutex;
 };
 

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <set>
 
 #include "helper_link/pelmora.h"
 #include "process_control/cpu_limiter.h"
@@ -44,13 +45,17 @@ void CPULimiter::refreshLocked() {
   m_translated_count = 0;
   const auto awake = PowerAssertion::assertions();
   rwInfo totals;
+  std::set<int32_t> unreadable;
   const bool walked = m_proclist.iterate([&](int32_t pid) {
     if (pid < 0) {
       Log("proclist.iterate failed");
       return;
     }
-    refreshOne(pid, awake, now, table, totals);
+    // The helper answers nothing about kernel threads (they cannot be limited or reniced either).
+    if (m_proclist.kind(pid) == "kernel") return;
+    if (!refreshOne(pid, awake, now, table, totals)) unreadable.insert(pid);
   });
+  m_unreadable = std::move(unreadable);
   if (!walked) Log("proclist.iterate failed");
   m_translated_count = m_proclist.translatedCount();
   std::erase_if(m_netuse, [&](const auto& entry) { return !table.count(entry.first); });
@@ -62,8 +67,11 @@ void CPULimiter::refreshLocked() {
 bool CPULimiter::refreshOne(int32_t pid, const std::map<int32_t, bool>& awake, const Timeval& now,
                             std::map<int32_t, procinfo>& table, rwInfo& totals) {
   const auto info = m_helper.taskAllInfo(pid, true);
+  // A process we may not read stays unreadable: its line is logged when it starts failing, not at
+  // every refresh.
+  const bool failed_before = m_unreadable.count(pid) > 0;
   if (!info) {
-    Log("procinfo_taskallinfo failed");
+    if (!failed_before) Log("procinfo_taskallinfo failed");
     return false;
   }
   const auto old = m_processes.find(pid);
@@ -75,7 +83,7 @@ bool CPULimiter::refreshOne(int32_t pid, const std::map<int32_t, bool>& awake, c
     row.update = now;
     auto name = m_helper.pidName(pid);
     if (!name) {
-      Log("procinfo_pidname failed");
+      if (!failed_before) Log("procinfo_pidname failed");
       return false;
     }
     row.name = *name;

@@ -1,6 +1,8 @@
 // The process-table refresh against a simulated helper and a fake clock.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "process_control/cpu_limiter.h"
 #include "process_control/power_monitor.h"
 #include "process_control/proc_settings.h"
@@ -134,6 +136,10 @@ TEST(Refresh, UnreadableProcessesDropOutWithTheirLogLine) {
     EXPECT_EQ(limiter.rowFor(2).has_value(), c.stays);
     if (c.line) {
       EXPECT_TRUE(log.contains(c.line));
+      // Still unreadable at the next refresh: not logged again.
+      limiter.refresh();
+      const auto lines = log.lines();
+      EXPECT_EQ(std::count(lines.begin(), lines.end(), c.line), 1);
     }
     if (c.stays) {
       EXPECT_EQ(limiter.rowFor(2)->totalIdleWakeups, 0u);  // left as it was

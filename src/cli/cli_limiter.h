@@ -1,0 +1,28 @@
+#pragma once
+// The CPULimiter of a CLI command: the shared helper client (daemon, or in-process with the user's
+// rights), the real /proc, and a settings store of its own in a temporary folder, so that a command
+// line run neither applies nor changes the desktop's saved limits and priorities. Creating it
+// continues whatever a previous run that died left stopped.
+#include <filesystem>
+#include <memory>
+
+#include "process_control/cpu_limiter.h"
+#include "support/default_settings.h"
+
+namespace pelmora::cli {
+
+class CliLimiter {
+ public:
+  // `pid_control`: steer the budget with the full PID law instead of the proportional one.
+  explicit CliLimiter(bool pid_control = false);
+  ~CliLimiter();
+  CPULimiter& operator*() { return *m_limiter; }
+  CPULimiter* operator->() { return m_limiter.get(); }
+
+ private:
+  std::filesystem::path m_dir;
+  std::unique_ptr<DefaultSettings> m_settings;
+  std::unique_ptr<CPULimiter> m_limiter;
+};
+
+}  // namespace pelmora::cli

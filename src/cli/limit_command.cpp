@@ -1,0 +1,125 @@
+// pelmora limit PID PERCENT [--pid-control]: holds a process to PERCENT of one processor until
+// interrupted, printing the share it actually got once a second. On every way out (Ctrl-C, SIGTERM,
+// SIGHUP, the process exiting, an error) the process is continued. If this program is killed
+// outright, the daemon continues what it held (its crash safety), or, without a daemon, the next run
+// of pelmora or of the application does (the journal of held processes).
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+
+#include "cli/cli_limiter.h"
+#include "cli/commands.h"
+#include "helper_link/pelmora.h"
+#include "support/text.h"
+#include "support/timeval.h"
+
+namespace pelmora::cli {
+namespace {
+
+struct LimitOptions {
+  int32_t pid = 0;
+  double share = 0;
+  bool pid_control = false;
+};
+
+std::optional<LimitOptions> parseOptions(const std::vector<std::string>& args) {
+  LimitOptions o;
+  std::vector<std::string> positional;
+  for (const auto& a : args) {
+    if (a == "--pid-control")
+      o.pid_control = true;
+    else
+      positional.push_back(a);
+  }
+  if (positional.size() != 2) return std::nullopt;
+  const auto pid = parseInt64(positional[0]);
+  const auto percent = parseDouble(positional[1]);
+  const long cpus = sysconf(_SC_NPROCESSORS_ONLN);
+  if (!pid || *pid <= 1 || *pid > INT32_MAX) return std::nullopt;
+  // A share of one processor; a many-threaded process may be given more than one.
+  if (!percent || *percent <= 0 || *percent > 100.0 * static_cast<double>(cpus > 0 ? cpus : 1)) return std::nullopt;
+  o.pid = static_cast<int32_t>(*pid);
+  o.share = *percent / 100.0;
+  return o;
+}
+
+sigset_t endingSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (int s : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaddset(&set, s);
+  return set;
+}
+
+// Waits up to a second for an ending signal; returns it, or 0 when the second passed.
+int waitForSignal(const sigset_t& set) {
+  const timespec second{1, 0};
+  for (;;) {
+    const int s = sigtimedwait(&set, nullptr, &second);
+    if (s >= 0) return s;
+    if (errno != EINTR) return 0;
+  }
+}
+
+int hold(CPULimiter& limiter, const LimitOptions& o, const sigset_t& signals) {
+  limiter.start();
+  {
+    MutexLock lock(limiter.mutex());
+    limiter.setLimit(o.pid, o.share);
+  }
+  int64_t last_cpu = limiter.limits()[o.pid].totalCPU;
+  Timeval last;
+  for (;;) {
+    if (const int s = waitForSignal(signals)) {
+      std::printf("signal %d: continuing %d\n", s, o.pid);
+      return kExitOk;
+    }
+    const auto limits = limiter.limits();
+    const auto it = limits.find(o.pid);
+    if (it == limits.end()) {
+      // The limiter drops a process that is gone, or one it could not signal.
+      if (::kill(o.pid, 0) != 0 && errno == ESRCH) {
+        std::printf("process %d exited\n", o.pid);
+        return kExitOk;
+      }
+      std::fprintf(stderr, "pelmora limit: process %d could not be stopped or continued (see the log)\n", o.pid);
+      return kExitFailure;
+    }
+    const Timeval now;
+    const double share = static_cast<double>(it->second.totalCPU - last_cpu) / static_cast<double>(last.elapsedUntil(now));
+    std::printf("%d: %5.1f %% of one processor (target %.1f %%)\n", o.pid, share * 100, o.share * 100);
+    std::fflush(stdout);
+    last_cpu = it->second.totalCPU;
+    last = now;
+  }
+}
+
+}  // namespace
+
+int runLimitCommand(const std::vector<std::string>& args) {
+  const auto options = parseOptions(args);
+  if (!options) {
+    std::fprintf(stderr, "pelmora limit: expected PID (above 1) and PERCENT (above 0, at most 100 per processor)\n%s",
+                 usageText().c_str());
+    return kExitUsage;
+  }
+  // Blocked before any thread starts, so that only the loop below receives them.
+  const sigset_t signals = endingSignals();
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  auto name = Pelmora::shared().pidName(options->pid);
+  if (!name) {
+    std::fprintf(stderr, "pelmora limit: no process %d\n", options->pid);
+    return kExitFailure;
+  }
+  std::printf("holding %s (%d) to %.1f %% of one processor%s; Ctrl-C ends\n", name->c_str(), options->pid,
+              options->share * 100, options->pid_control ? " with the PID adjuster" : "");
+  CliLimiter limiter(options->pid_control);
+  const int status = hold(*limiter, *options, signals);
+  limiter->clearLimit(options->pid);
+  limiter->stopTimer();
+  return status;
+}
+
+}  // namespace pelmora::cli
