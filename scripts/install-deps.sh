@@ -10,6 +10,7 @@ packages=(
   nlohmann-json3-dev libsystemd-dev libxcb1-dev libxcb-ewmh-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   util-linux procps iproute2 xvfb xauth
+  cpulimit  # bench/limiter_accuracy measures it beside our limiter
 )
 
 sudo_cmd=()
