@@ -1,0 +1,243 @@
+// How closely each limiter holds a busy loop to its share, and what the limiter itself costs.
+// A single-threaded and a four-threaded busy loop, targets 10/25/50/75 % of one processor, each
+// held for N seconds (default 10) by: our limiter in proportional mode, our limiter with the PID
+// adjuster (both in-process, as without a daemon), Debian's cpulimit, and the kernel's CFS quota
+// when a cpu cgroup is writable. Achieved share = the child's processor time over the run's wall
+// time; cost = the limiter's own processor time over the same time, in % of one processor.
+//   bench_limiter_accuracy [--seconds N]
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "helper_link/in_process_transport.h"
+#include "helper_link/pelmora.h"
+#include "process_control/cpu_limiter.h"
+#include "support/default_settings.h"
+#include "support/text.h"
+
+extern char** environ;
+
+namespace {
+
+using namespace pelmora;
+
+[[noreturn]] void spin() {
+  volatile uint64_t n = 0;
+  for (;;) n = n + 1;
+}
+
+[[noreturn]] void busy(int threads) {
+  for (int i = 1; i < threads; ++i) std::thread(spin).detach();
+  spin();
+}
+
+pid_t spawn(std::vector<std::string> args, bool quiet) {
+  std::vector<char*> argv;
+  for (auto& a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  if (quiet) {
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+  }
+  pid_t pid = -1;
+  if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
+  posix_spawn_file_actions_destroy(&actions);
+  return pid;
+}
+
+// Processor time of a whole process (every thread), in seconds.
+double cpuSeconds(pid_t pid) {
+  clockid_t clock;
+  timespec ts{};
+  if (clock_getcpuclockid(pid, &clock) == 0 && clock_gettime(clock, &ts) == 0)
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+  return 0;
+}
+
+double ownCpuSeconds() {
+  timespec ts{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+void end(pid_t pid) {
+  ::kill(pid, SIGCONT);
+  ::kill(pid, SIGKILL);
+  ::waitpid(pid, nullptr, 0);
+}
+
+struct Result {
+  double share = -1;  // fraction of one processor; negative: not run
+  double cost = -1;   // fraction of one processor; negative: not measurable
+};
+
+enum class Kind { proportional, pid, cpulimit, cfs };
+
+class Bench {
+ public:
+  Bench(std::string self, double seconds) : m_self(std::move(self)), m_seconds(seconds) {
+    m_dir = std::filesystem::temp_directory_path() / ("pelmora-limiter-bench-" + std::to_string(getpid()));
+    std::filesystem::create_directories(m_dir);
+    m_cgroup = "/sys/fs/cgroup/cpu/pelmora-bench-" + std::to_string(getpid());
+    std::error_code ec;
+    m_have_cfs = std::filesystem::create_directory(m_cgroup, ec) && !ec;
+    if (!m_have_cfs) {
+      m_cgroup = "/sys/fs/cgroup/pelmora-bench-" + std::to_string(getpid());  // cgroup v2
+      m_have_cfs = std::filesystem::create_directory(m_cgroup, ec) && !ec &&
+                   std::filesystem::exists(m_cgroup + "/cpu.max");
+    }
+  }
+  ~Bench() {
+    std::error_code ec;
+    std::filesystem::remove_all(m_dir, ec);
+    if (m_have_cfs) ::rmdir(m_cgroup.c_str());
+  }
+  bool haveCfs() const { return m_have_cfs; }
+
+  Result run(Kind kind, int threads, double share) {
+    const pid_t child = spawn({m_self, "--busy", std::to_string(threads)}, false);
+    if (child < 0) return {};
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // its threads are up
+    Result r;
+    switch (kind) {
+      case Kind::proportional:
+      case Kind::pid: r = ours(child, share, kind == Kind::pid); break;
+      case Kind::cpulimit: r = cpulimit(child, share); break;
+      case Kind::cfs: r = cfs(child, share); break;
+    }
+    end(child);
+    return r;
+  }
+
+ private:
+  // Measures the child's share over the run while `hold` keeps the limit in force.
+  double measure(pid_t child) {
+    const double c0 = cpuSeconds(child);
+    const auto t0 = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(std::chrono::duration<double>(m_seconds));
+    const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    return (cpuSeconds(child) - c0) / wall;
+  }
+
+  Result ours(pid_t child, double share, bool use_pid) {
+    Pelmora helper(std::make_unique<InProcessTransport>());
+    DefaultSettings settings(m_dir / ("defaults-" + std::to_string(child) + ".json"));
+    settings.saveBool("PID_use_pidcontroller", use_pid);
+    CPULimiter::Options options;
+    options.nettop_path = "/bin/true";
+    options.journal_dir = m_dir / "held";
+    CPULimiter limiter(helper, SysRoot::current(), settings, options);
+    limiter.start();
+    {
+      MutexLock lock(limiter.mutex());
+      limiter.setLimit(child, share);
+    }
+    const double own0 = ownCpuSeconds();
+    const auto t0 = std::chrono::steady_clock::now();
+    Result r;
+    r.share = measure(child);
+    r.cost = (ownCpuSeconds() - own0) / std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    limiter.clearLimit(child);
+    limiter.stopTimer();
+    return r;
+  }
+
+  Result cpulimit(pid_t child, double share) {
+    char percent[16];
+    std::snprintf(percent, sizeof percent, "%d", static_cast<int>(share * 100 + 0.5));
+    const pid_t limiter = spawn({"cpulimit", "-p", std::to_string(child), "-l", percent}, true);
+    if (limiter < 0) return {};
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    const double own0 = cpuSeconds(limiter);
+    const auto t0 = std::chrono::steady_clock::now();
+    Result r;
+    r.share = measure(child);
+    r.cost = (cpuSeconds(limiter) - own0) / std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    ::kill(limiter, SIGTERM);
+    ::waitpid(limiter, nullptr, 0);
+    return r;
+  }
+
+  Result cfs(pid_t child, double share) {
+    const int period_us = 100000;
+    const int quota_us = static_cast<int>(share * period_us);
+    const bool v2 = std::filesystem::exists(m_cgroup + "/cpu.max");
+    bool ok = v2 ? writeFile(m_cgroup + "/cpu.max", std::to_string(quota_us) + " " + std::to_string(period_us))
+                 : writeFile(m_cgroup + "/cpu.cfs_period_us", std::to_string(period_us)) &&
+                       writeFile(m_cgroup + "/cpu.cfs_quota_us", std::to_string(quota_us));
+    ok = ok && writeFile(m_cgroup + "/cgroup.procs", std::to_string(child));
+    if (!ok) return {};
+    Result r;
+    r.share = measure(child);
+    return r;  // the kernel's own cost is not attributable
+  }
+
+  static bool writeFile(const std::string& path, const std::string& text) {
+    std::ofstream out(path);
+    out << text;
+    out.flush();
+    return static_cast<bool>(out);
+  }
+
+  std::string m_self;
+  double m_seconds;
+  std::filesystem::path m_dir;
+  std::string m_cgroup;
+  bool m_have_cfs = false;
+};
+
+std::string cell(const Result& r, double target) {
+  if (r.share < 0) return "        n/a        ";
+  char buffer[64];
+  if (r.cost < 0)
+    std::snprintf(buffer, sizeof buffer, "%5.1f (%+5.1f)   -  ", r.share * 100, (r.share - target) * 100);
+  else
+    std::snprintf(buffer, sizeof buffer, "%5.1f (%+5.1f) %4.2f", r.share * 100, (r.share - target) * 100,
+                  r.cost * 100);
+  return buffer;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  double seconds = 10;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--busy" && i + 1 < argc) busy(static_cast<int>(parseInt64(argv[i + 1]).value_or(1)));
+    if (arg == "--seconds" && i + 1 < argc) seconds = parseDouble(argv[++i]).value_or(seconds);
+  }
+  Bench bench(std::filesystem::read_symlink("/proc/self/exe").string(), seconds);
+  std::printf("achieved share %% of one processor (error in points) and limiter cost %% of one processor,\n"
+              "%.0f s per cell, %ld processors online%s\n\n",
+              seconds, sysconf(_SC_NPROCESSORS_ONLN), bench.haveCfs() ? "" : "; no writable cpu cgroup: CFS n/a");
+  std::printf("%-7s %6s | %-19s | %-19s | %-19s | %-19s\n", "threads", "target", "ours, proportional", "ours, PID",
+              "cpulimit", "CFS quota");
+  for (int threads : {1, 4}) {
+    for (double target : {0.10, 0.25, 0.50, 0.75}) {
+      std::string row;
+      for (Kind kind : {Kind::proportional, Kind::pid, Kind::cpulimit, Kind::cfs}) {
+        const Result r = (kind == Kind::cfs && !bench.haveCfs()) ? Result{} : bench.run(kind, threads, target);
+        row += " | " + cell(r, target);
+      }
+      std::printf("%-7d %5.0f%%%s\n", threads, target * 100, row.c_str());
+      std::fflush(stdout);
+    }
+  }
+  return 0;
+}
