@@ -48,7 +48,8 @@ GraphSwitches GraphSwitches::load(DefaultSettings& store) {
   for (const auto& k : kBoolKeys) s.*k.member = store.loadBool(k.key, defaults.*k.member);
   for (const auto& k : kIntKeys) {
     const int64_t value = store.loadInt(k.key, defaults.*k.member);
-    s.*k.member = k.range ? k.range->clamp(value) : (value >= 0 && value <= 2 ? value : defaults.*k.member);
+    // A menu index other than the first two means the last item (5 seconds, 60 samples).
+    s.*k.member = k.range ? k.range->clamp(value) : (value == 0 || value == 1 ? value : 2);
   }
   return s;
 }

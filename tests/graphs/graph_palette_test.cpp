@@ -110,6 +110,8 @@ TEST_F(StoreTest, GraphSettingsDefaultsRangesAndRoundTrip) {
       {"graph_update_interval", 0, 0, &GraphSwitches::update_interval},
       {"graph_update_interval", 7, 2, &GraphSwitches::update_interval},
       {"graph_net_avg", 2, 2, &GraphSwitches::net_avg},
+      {"graph_net_avg", 9, 2, &GraphSwitches::net_avg},
+      {"graph_net_avg", -1, 2, &GraphSwitches::net_avg},
   };
   for (const auto& c : cases) {
     store.saveInt(c.key, c.stored);
