@@ -103,23 +103,28 @@ XPCDict RequestHandler::handle(const XPCDict& request, Connection& caller) {
 
 // --- checks ----------------------------------------------------------------------------------------
 
-std::optional<TargetProcess> RequestHandler::readTarget(pid_t pid) const {
+std::optional<TargetProcess> RequestHandler::readTarget(pid_t pid, bool need_owner, ProcStat* stat_out) const {
   auto stat = m_reader.readStat(pid);
-  auto status = m_reader.readStatus(pid);
-  if (!stat || !status) return std::nullopt;
+  if (!stat) return std::nullopt;
+  *stat_out = *stat;
   TargetProcess t;
   t.pid = pid;
-  t.uid_real = status->uid[0];
-  t.uid_effective = status->uid[1];
-  t.uid_saved = status->uid[2];
   t.flags = stat->flags;
   t.ppid = stat->ppid;
   t.nice = stat->nice;
-  t.has_exe = !m_reader.exeName(pid).empty();
+  // The executable only matters for telling a kernel thread without the flag from a user process.
+  if (t.ppid == 2 && !(t.flags & kPFKthread)) t.has_exe = !m_reader.exeName(pid).empty();
+  if (need_owner) {
+    auto status = m_reader.readStatus(pid);
+    if (!status) return std::nullopt;
+    t.uid_real = status->uid[0];
+    t.uid_effective = status->uid[1];
+    t.uid_saved = status->uid[2];
+  }
   return t;
 }
 
-RequestHandler::Admission RequestHandler::locate(const XPCDict& request) {
+RequestHandler::Admission RequestHandler::locate(const XPCDict& request, bool need_owner) {
   Admission a;
   auto pid = intField(request, "pid", INT32_MIN, INT32_MAX, &a.refusal);
   if (!pid) {
@@ -132,7 +137,7 @@ RequestHandler::Admission RequestHandler::locate(const XPCDict& request) {
     a.refusal = *why;
     return a;
   }
-  auto target = readTarget(a.pid);
+  auto target = readTarget(a.pid, need_owner, &a.stat);
   if (!target) {
     a.error = ESRCH;
     a.refusal = "no process " + std::to_string(a.pid);
@@ -155,7 +160,7 @@ void RequestHandler::checkCaller(Admission& a, const Connection& caller, Access 
 }
 
 RequestHandler::Admission RequestHandler::admit(const XPCDict& request, const Connection& caller, Access need) {
-  Admission a = locate(request);
+  Admission a = locate(request, need != Access::kAnyone);
   checkCaller(a, caller, need);
   return a;
 }
@@ -207,7 +212,7 @@ XPCDict RequestHandler::setPriority(const XPCDict& request, Connection& caller) 
   std::string error;
   auto priority = intField(request, "priority", -20, 19, &error);
   if (!priority) return {{"setpriority", error}};
-  Admission a = locate(request);
+  Admission a = locate(request, true);
   // Lowering the nice value takes administrator rights; raising it is the owner's own business.
   checkCaller(a, caller, *priority < a.target.nice ? Access::kAuthorised : Access::kOwnerOrAuthorised);
   if (!a.refusal.empty()) return {{"setpriority", a.refusal}};
@@ -249,7 +254,7 @@ XPCDict RequestHandler::taskInfo(const XPCDict& request, Connection& caller) {
   Admission a = admit(request, caller, Access::kAnyone);
   if (!a.refusal.empty()) return queryReply("taskinfo", a.error, a.refusal);
   int error = 0;
-  auto record = m_reader.taskInfo(a.pid, &error);
+  auto record = m_reader.taskInfo(a.pid, &error, &a.stat);
   return record ? recordReply("taskinfo", *record) : queryReply("taskinfo", error);
 }
 

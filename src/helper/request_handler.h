@@ -77,15 +77,17 @@ class RequestHandler {
   struct Admission {
     pid_t pid = 0;
     TargetProcess target;
+    ProcStat stat;          // as read for the checks
     int error = 0;          // errno value when refused
     std::string refusal;    // empty when admitted
   };
-  // Reads and checks "pid" and finds the process; refuses the protected ones.
-  Admission locate(const XPCDict& request);
+  // Reads and checks "pid" and finds the process; refuses the protected ones. The owner's ids are
+  // read only when the access check needs them.
+  Admission locate(const XPCDict& request, bool need_owner);
   // Adds the caller's right to act on the located target.
   void checkCaller(Admission& admission, const Connection& caller, Access need) const;
   Admission admit(const XPCDict& request, const Connection& caller, Access need);
-  std::optional<TargetProcess> readTarget(pid_t pid) const;
+  std::optional<TargetProcess> readTarget(pid_t pid, bool need_owner, ProcStat* stat) const;
   std::optional<std::string> needAdmin(const Connection& caller) const;
 
   HelperOptions m_options;

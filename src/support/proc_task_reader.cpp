@@ -241,19 +241,31 @@ std::optional<ProcStatus> ProcTaskReader::readStatus(pid_t pid) const {
   return text ? parseProcStatus(*text) : std::nullopt;
 }
 
+uint64_t ProcTaskReader::bootTime() const {
+  // The boot time never changes, and /proc/stat is long on machines with many CPUs: read it once.
+  uint64_t known = m_boot_time_s.load(std::memory_order_relaxed);
+  if (known) return known;
+  auto text = m_root.readProc("stat");
+  known = text ? parseBootTime(*text).value_or(0) : 0;
+  m_boot_time_s.store(known, std::memory_order_relaxed);
+  return known;
+}
+
 std::string ProcTaskReader::exeName(pid_t pid) const {
   auto target = readLink(procPath(pid, "exe"));
   return target ? baseName(*target) : std::string();
 }
 
-std::optional<ProcFacts> ProcTaskReader::gather(pid_t pid, int extras, int* error) const {
+std::optional<ProcFacts> ProcTaskReader::gather(pid_t pid, int extras, int* error, const ProcStat* known) const {
   if (pid <= 0) {
     if (error) *error = ESRCH;
     return std::nullopt;
   }
   ProcFacts f;
-  auto stat = readStat(pid);
-  auto status = readStatus(pid);
+  // "taskinfo" is asked for every limited process many times a second: it reads only stat and
+  // statm. The owner ids and context switches of status come with the fuller records.
+  auto stat = known ? std::optional<ProcStat>(*known) : readStat(pid);
+  auto status = (extras & kBsd) ? readStatus(pid) : std::optional<ProcStatus>(ProcStatus{});
   auto statm_text = SysRoot::readFile(procPath(pid, "statm"));
   auto statm = statm_text ? parseProcStatm(*statm_text) : std::nullopt;
   if (!stat || !status || !statm) {
@@ -263,8 +275,10 @@ std::optional<ProcFacts> ProcTaskReader::gather(pid_t pid, int extras, int* erro
   f.stat = std::move(*stat);
   f.status = std::move(*status);
   f.statm = *statm;
-  f.clk_tck = ::sysconf(_SC_CLK_TCK);
-  f.page_bytes = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
+  static const long clk_tck = ::sysconf(_SC_CLK_TCK);
+  static const auto page_bytes = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
+  f.clk_tck = clk_tck;
+  f.page_bytes = page_bytes;
   f.cpu_total_ns = ticksToNs(f.stat.utime_ticks + f.stat.stime_ticks, f.clk_tck);
   clockid_t clock;
   timespec ts{};
@@ -273,8 +287,10 @@ std::optional<ProcFacts> ProcTaskReader::gather(pid_t pid, int extras, int* erro
   if (m_root.procRoot() == "/proc" && ::clock_getcpuclockid(pid, &clock) == 0 && ::clock_gettime(clock, &ts) == 0) {
     f.cpu_total_ns = static_cast<uint64_t>(ts.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(ts.tv_nsec);
   }
-  if (auto text = m_root.readProc("stat")) f.boot_time_s = parseBootTime(*text).value_or(0);
-  f.exe_name = exeName(pid);
+  if (extras & kBsd) {
+    f.boot_time_s = bootTime();
+    f.exe_name = exeName(pid);
+  }
   if (extras & kIo) {
     auto text = SysRoot::readFile(procPath(pid, "io"));
     if (auto io = text ? parseProcIo(*text) : std::nullopt) f.io = *io;
@@ -285,18 +301,18 @@ std::optional<ProcFacts> ProcTaskReader::gather(pid_t pid, int extras, int* erro
       if (auto s = text ? parseProcStatus(*text) : std::nullopt) f.idle_wakeups += s->voluntary_ctxt_switches;
     }
   }
-  if (extras & kFiles) f.open_files = static_cast<uint32_t>(SysRoot::listDir(procPath(pid, "fd")).size());
+  if (extras & kBsd) f.open_files = static_cast<uint32_t>(SysRoot::listDir(procPath(pid, "fd")).size());
   return f;
 }
 
-std::optional<proc_taskinfo> ProcTaskReader::taskInfo(pid_t pid, int* error) const {
-  auto f = gather(pid, kBasic, error);
+std::optional<proc_taskinfo> ProcTaskReader::taskInfo(pid_t pid, int* error, const ProcStat* stat) const {
+  auto f = gather(pid, kBasic, error, stat && stat->pid == pid ? stat : nullptr);
   if (!f) return std::nullopt;
   return makeTaskInfo(*f);
 }
 
 std::optional<proc_taskallinfo> ProcTaskReader::taskAllInfo(pid_t pid, int* error) const {
-  auto f = gather(pid, kFiles, error);
+  auto f = gather(pid, kBsd, error);
   if (!f) return std::nullopt;
   return proc_taskallinfo{makeBsdInfo(*f), makeTaskInfo(*f)};
 }

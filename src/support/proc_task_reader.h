@@ -5,6 +5,7 @@
 // Parsing (text in, record out) and the arithmetic are pure functions, apart from the reader.
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -99,10 +100,13 @@ rusage_info_v3 makeRusage(const ProcFacts& facts);
 class ProcTaskReader {
  public:
   explicit ProcTaskReader(SysRoot root = SysRoot::current());
+  ProcTaskReader(const ProcTaskReader& other) : m_root(other.m_root) {}
+  ProcTaskReader& operator=(const ProcTaskReader&) = delete;
 
   // Each returns the record, or none with an errno value in *error (ESRCH when the process is gone,
   // EACCES when its files cannot be read).
-  std::optional<proc_taskinfo> taskInfo(pid_t pid, int* error = nullptr) const;
+  // With `stat`, a /proc/PID/stat just read for the same pid is used instead of reading it again.
+  std::optional<proc_taskinfo> taskInfo(pid_t pid, int* error = nullptr, const ProcStat* stat = nullptr) const;
   std::optional<proc_taskallinfo> taskAllInfo(pid_t pid, int* error = nullptr) const;
   std::optional<rusage_info_v3> rusage(pid_t pid, int* error = nullptr) const;
   // Descriptor number to the path its link names.
@@ -116,11 +120,13 @@ class ProcTaskReader {
   std::string exeName(pid_t pid) const;
 
  private:
-  enum Extras { kBasic = 0, kWakeups = 1, kIo = 2, kFiles = 4 };
-  std::optional<ProcFacts> gather(pid_t pid, int extras, int* error) const;
+  enum Extras { kBasic = 0, kWakeups = 1, kIo = 2, kBsd = 4 };
+  std::optional<ProcFacts> gather(pid_t pid, int extras, int* error, const ProcStat* known = nullptr) const;
   std::string procPath(pid_t pid, std::string_view leaf) const;
+  uint64_t bootTime() const;
 
   SysRoot m_root;
+  mutable std::atomic<uint64_t> m_boot_time_s{0};
 };
 
 }  // namespace pelmora
