@@ -106,8 +106,9 @@ TEST_F(HelperDaemonTest, EveryRequestIsAnsweredInItsShape) {
        }},
       {"powermetrics", {{"powermetrics", "powermetrics"}, {"sample_interval", 1000}},
        [](const XPCDict& r) {
-         EXPECT_GT(xpcInt(r, "result").value_or(0), 1);
-         EXPECT_FALSE(xpcHas(r, "fd"));
+         EXPECT_EQ(xpcInt(r, "result"), 1);
+         EXPECT_GT(xpcInt(r, "pid").value_or(0), 1);
+         EXPECT_TRUE(xpcDescriptor(r, "fd"));
        }},
       {"applyboot with a bad settings text", {{"applyboot", ""}, {"install", "install"}, {"script", "/x"},
                                               {"pelmora", "/y"}, {"plist", "/z"}, {"settings", "-n 4"}},
@@ -331,7 +332,8 @@ TEST_F(HelperDaemonTest, ManyConnectionsLeaveNoDescriptorBehind) {
       }
     }
   }
-  EXPECT_TRUE(eventually([&] { return s_daemon->openFds() == before; })) << s_daemon->openFds() << " vs " << before;
+  // At most as many as before: a connection of an earlier test may still have been closing then.
+  EXPECT_TRUE(eventually([&] { return s_daemon->openFds() <= before; })) << s_daemon->openFds() << " vs " << before;
 }
 
 }  // namespace
