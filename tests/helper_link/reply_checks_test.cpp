@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <functional>
 #include <vector>
 
 #include "support/logger.h"
@@ -18,63 +19,46 @@ using Lines = std::vector<std::string>;
 
 XPCData bytes(size_t n, uint8_t fill = 0x5a) { return XPCData(n, fill); }
 
-struct CommandCase {
-  const char* name;
-  XPCDict reply;
-  CommandOutcome outcome;
-  Lines log;
-};
-
-TEST(ReplyChecks, SetCpuCountStatusArrivesUnderSetcpu) {
-  const std::vector<CommandCase> cases = {
-      {"ok", {{"setcpu", "OK"}}, CommandOutcome::kOk, {}},
-      {"refused", {{"setcpu", "cpu3: Device or resource busy"}}, CommandOutcome::kRefused,
-       {"setcpucount response: cpu3: Device or resource busy."}},
-      // The status under the request's own key is not recognised: no log, no failure.
-      {"under request key", {{"setcpucount", "boom"}}, CommandOutcome::kNoAnswer, {}},
-      {"empty reply", {}, CommandOutcome::kNoAnswer, {}},
-      {"wrong type", {{"setcpu", 1}}, CommandOutcome::kNoAnswer, {}},
-      {"empty text", {{"setcpu", ""}}, CommandOutcome::kRefused, {"setcpucount response: ."}},
-  };
-  for (const auto& c : cases) {
-    LogCapture log;
-    EXPECT_EQ(checkSetCpuResponse(c.reply, "setcpu"), c.outcome) << c.name;
-    EXPECT_EQ(log.lines(), c.log) << c.name;
-  }
-}
-
-TEST(ReplyChecks, SetPriorityFailureSharesTheSetCpuCountPrefix) {
-  LogCapture log;
-  EXPECT_EQ(checkSetCpuResponse({{"setpriority", "Permission denied"}}, "setpriority"), CommandOutcome::kRefused);
-  EXPECT_EQ(checkSetCpuResponse({{"setpriority", "OK"}}, "setpriority"), CommandOutcome::kOk);
-  EXPECT_EQ(log.lines(), Lines{"setcpucount response: Permission denied."});
-}
-
-TEST(ReplyChecks, ThrottleAndApplyBootLogTheirOutcome) {
+TEST(ReplyChecks, CommandRepliesAndTheirLogLines) {
+  using Check = std::function<CommandOutcome(const XPCDict&)>;
+  const Check setcpu = [](const XPCDict& r) { return checkSetCpuResponse(r, "setcpu"); };
+  const Check setpriority = [](const XPCDict& r) { return checkSetCpuResponse(r, "setpriority"); };
+  const Check throttle_on = [](const XPCDict& r) { return checkThrottleReply(r, true); };
+  const Check throttle_off = [](const XPCDict& r) { return checkThrottleReply(r, false); };
+  const Check install = [](const XPCDict& r) { return checkApplyBootReply(r, true); };
+  const Check uninstall = [](const XPCDict& r) { return checkApplyBootReply(r, false); };
   struct Case {
     const char* name;
-    bool throttle;  // else applyboot
+    const Check& check;
     XPCDict reply;
-    bool flag;
     CommandOutcome outcome;
     Lines log;
   };
   const std::vector<Case> cases = {
-      {"throttle on", true, {{"throttle", "OK"}}, true, CommandOutcome::kOk, {"Process throttling: enabled"}},
-      {"throttle off", true, {{"throttle", "OK"}}, false, CommandOutcome::kOk, {"Process throttling: disabled"}},
-      {"throttle refused", true, {{"throttle", "not authorised"}}, true, CommandOutcome::kRefused,
-       {"throttle response: not authorised."}},
-      {"throttle no answer", true, {{"applyboot", "OK"}}, true, CommandOutcome::kNoAnswer, {}},
-      {"boot installed", false, {{"applyboot", "OK"}}, true, CommandOutcome::kOk, {"Set at boot installed"}},
-      {"boot uninstalled", false, {{"applyboot", "OK"}}, false, CommandOutcome::kOk, {"Set at boot uninstalled"}},
-      {"boot refused", false, {{"applyboot", "bad path"}}, true, CommandOutcome::kRefused,
+      {"setcpu ok", setcpu, {{"setcpu", "OK"}}, CommandOutcome::kOk, {}},
+      {"setcpu refused", setcpu, {{"setcpu", "cpu3: busy"}}, CommandOutcome::kRefused,
+       {"setcpucount response: cpu3: busy."}},
+      // The status under the request's own key is not recognised: no log, no failure.
+      {"setcpu under request key", setcpu, {{"setcpucount", "boom"}}, CommandOutcome::kNoAnswer, {}},
+      {"setcpu wrong type", setcpu, {{"setcpu", 1}}, CommandOutcome::kNoAnswer, {}},
+      {"setcpu empty text", setcpu, {{"setcpu", ""}}, CommandOutcome::kRefused, {"setcpucount response: ."}},
+      // "setpriority" shares the "setcpucount response: " routine.
+      {"setpriority refused", setpriority, {{"setpriority", "Permission denied"}}, CommandOutcome::kRefused,
+       {"setcpucount response: Permission denied."}},
+      {"setpriority ok", setpriority, {{"setpriority", "OK"}}, CommandOutcome::kOk, {}},
+      {"throttle on", throttle_on, {{"throttle", "OK"}}, CommandOutcome::kOk, {"Process throttling: enabled"}},
+      {"throttle off", throttle_off, {{"throttle", "OK"}}, CommandOutcome::kOk, {"Process throttling: disabled"}},
+      {"throttle refused", throttle_on, {{"throttle", "no"}}, CommandOutcome::kRefused, {"throttle response: no."}},
+      {"throttle no answer", throttle_on, {{"applyboot", "OK"}}, CommandOutcome::kNoAnswer, {}},
+      {"installed", install, {{"applyboot", "OK"}}, CommandOutcome::kOk, {"Set at boot installed"}},
+      {"uninstalled", uninstall, {{"applyboot", "OK"}}, CommandOutcome::kOk, {"Set at boot uninstalled"}},
+      {"boot refused", install, {{"applyboot", "bad path"}}, CommandOutcome::kRefused,
        {"applyboot response: bad path."}},
-      {"boot no answer", false, {{"error", "x"}}, false, CommandOutcome::kNoAnswer, {}},
+      {"boot no answer", uninstall, {}, CommandOutcome::kNoAnswer, {}},
   };
   for (const auto& c : cases) {
     LogCapture log;
-    const auto got = c.throttle ? checkThrottleReply(c.reply, c.flag) : checkApplyBootReply(c.reply, c.flag);
-    EXPECT_EQ(got, c.outcome) << c.name;
+    EXPECT_EQ(c.check(c.reply), c.outcome) << c.name;
     EXPECT_EQ(log.lines(), c.log) << c.name;
   }
 }
