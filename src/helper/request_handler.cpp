@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "helper/pidfd.h"
+#include "support/xpc_codec.h"
 #include "support/text.h"
 
 namespace pelmora {
@@ -287,9 +288,13 @@ XPCDict RequestHandler::pidFiles(const XPCDict& request, Connection& caller) {
   auto files = m_reader.pidFiles(a.pid, &error);
   if (!files) return queryReply("pidfiles", error);
   XPCArray fds, paths;
+  size_t bytes = 0;
   for (const auto& [fd, path] : *files) {
     fds.emplace_back(int64_t{fd});
     paths.emplace_back(path);
+    // A frame is at most 1 MiB; leave room for the keys and the CBOR headers of each element.
+    bytes += path.size() + 16;
+    if (bytes > kXPCMaxFrameBytes - 4096) return queryReply("pidfiles", E2BIG, "too many open files to list");
   }
   XPCDict reply = queryReply("pidfiles", 0);
   reply["pidfds"] = std::move(fds);
