@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstring>
 
+#include "helper/frequency_sampler.h"
 #include "helper/pidfd.h"
 #include "support/xpc_codec.h"
 #include "support/text.h"
@@ -302,8 +303,16 @@ XPCDict RequestHandler::pidFiles(const XPCDict& request, Connection& caller) {
   return reply;
 }
 
-XPCDict RequestHandler::powerMetrics(const XPCDict&, Connection&) {
-  return {{"result", int64_t{1} + ENOSYS}, {"error", "power metrics are not available from this helper yet"}};
+XPCDict RequestHandler::powerMetrics(const XPCDict& request, Connection&) {
+  std::string error;
+  const auto interval_ms = intField(request, "sample_interval", FrequencySampler::kMinInterval_ms,
+                                    FrequencySampler::kMaxInterval_ms, &error);
+  if (!interval_ms) return {{"result", int64_t{1} + EINVAL}, {"error", error}};
+  auto started = FrequencySampler(m_options.root).start(*interval_ms);
+  if (started.error) return {{"result", int64_t{1} + started.error}, {"error", started.error_text}};
+  return {{"result", int64_t{1}},
+          {"pid", int64_t{started.pid}},
+          {"fd", XPCValue::descriptor(std::move(started.output))}};
 }
 
 // --- boot-time apply, authorisation, quit ----------------------------------------------------------
