@@ -1,0 +1,71 @@
+#include "support/settings_keys.h"
+
+#include "support/default_settings.h"
+
+namespace pelmora {
+
+bool BoolKey::load(DefaultSettings& store) const { return store.loadBool(key, def); }
+void BoolKey::save(DefaultSettings& store, bool value) const { store.saveBool(key, value); }
+int64_t IntKey::load(DefaultSettings& store) const { return store.loadInt(key, def); }
+void IntKey::save(DefaultSettings& store, int64_t value) const { store.saveInt(key, value); }
+double DoubleKey::load(DefaultSettings& store) const { return store.loadDouble(key, def); }
+void DoubleKey::save(DefaultSettings& store, double value) const { store.saveDouble(key, value); }
+std::string StringKey::load(DefaultSettings& store) const { return store.loadString(key, def); }
+void StringKey::save(DefaultSettings& store, const std::string& value) const { store.saveString(key, value); }
+nlohmann::json DictKey::load(DefaultSettings& store) const { return store.loadDict(key); }
+void DictKey::save(DefaultSettings& store, const nlohmann::json& value) const { store.saveDict(key, value); }
+
+namespace {
+
+SettingKey entry(const BoolKey& k) { return {k.key, SettingType::boolean, k.def}; }
+SettingKey entry(const IntKey& k) { return {k.key, SettingType::integer, k.def}; }
+SettingKey entry(const DoubleKey& k) { return {k.key, SettingType::real, k.def}; }
+SettingKey entry(const StringKey& k) { return {k.key, SettingType::string, k.def}; }
+SettingKey entry(const DictKey& k) { return {k.key, SettingType::dictionary, nlohmann::json::object()}; }
+
+std::vector<SettingKey> buildTable() {
+  using namespace keys;
+  std::vector<SettingKey> t = {
+      entry(kAppPelmora), entry(kAppProcesses), entry(kAppSystemStats), entry(kCpuSettings),
+      entry(kWarnThrottle), entry(kWarnApplyBoot), entry(kApplyBoot), entry(kSaveLimited),
+      entry(kSaveReniced), entry(kLaunchAtLogin), entry(kShowDock), entry(kShowMenubar),
+      entry(kLimitFrontmost), entry(kLimited), entry(kReniced), entry(kLimiterInterval_ms),
+      entry(kAdjusterInterval_ms), entry(kPIDProportional), entry(kPIDIntegral), entry(kPIDDerivative),
+      entry(kUsePIDController), entry(kProcessesInterval_ms), entry(kProcessFilter),
+      entry(kProcessSortColumn), entry(kProcessSortAscending), entry(kDockDisplay),
+      entry(kGraphUpdateInterval), entry(kGraphRadioDefault), entry(kGraphRadioLight),
+      entry(kGraphRadioDark), entry(kGraphThinDividers), entry(kGraphMaxCpuRows),
+      entry(kGraphShowOfflineCpus), entry(kGraphShowCpuFrequency), entry(kGraphFreqSampleInterval_ms),
+      entry(kGraphShowNetAvg), entry(kGraphNetAvg), entry(kGraphNetAvgExp), entry(kGraphShowTimeGrid),
+      entry(kGraphTimeGrid), entry(kGraphShowScaleGrid), entry(kGraphScaleGrid), entry(kGraphFillGraph),
+      entry(kGraphShowCurrent), entry(kGraphShowDataIO),
+  };
+  for (const char* font : {"process_table_font", "openfiles_font", "graph_label_font"})
+    t.push_back({font, SettingType::font, nullptr});
+  for (const char* colours : {"cpu_colors", "mem_colors", "io_colors", "net_colors", "gfx_colors", "fan_colors",
+                              "loadavg_colors", "power_colors", "proc_colors"})
+    t.push_back({colours, SettingType::colours, nullptr});
+  return t;
+}
+
+}  // namespace
+
+const std::vector<SettingKey>& allSettingKeys() {
+  static const std::vector<SettingKey> table = buildTable();
+  return table;
+}
+
+nlohmann::json loadSetting(DefaultSettings& store, const SettingKey& e) {
+  switch (e.type) {
+    case SettingType::boolean: return store.loadBool(e.key, e.def.get<bool>());
+    case SettingType::integer: return store.loadInt(e.key, e.def.get<int64_t>());
+    case SettingType::real: return store.loadDouble(e.key, e.def.get<double>());
+    case SettingType::string: return store.loadString(e.key, e.def.get<std::string>());
+    case SettingType::dictionary: return store.loadDict(e.key, e.def);
+    case SettingType::font:
+    case SettingType::colours: return store.loadValue(e.key).value_or(nullptr);
+  }
+  return nullptr;
+}
+
+}  // namespace pelmora

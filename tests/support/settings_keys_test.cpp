@@ -1,0 +1,89 @@
+#include "support/settings_keys.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <set>
+
+#include "support/default_settings.h"
+
+namespace pelmora {
+namespace {
+
+namespace fs = std::filesystem;
+
+fs::path freshDir() {
+  static int counter = 0;
+  fs::path dir = fs::temp_directory_path() /
+                 ("pelmora-keys-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
+  fs::remove_all(dir);
+  fs::create_directories(dir);
+  return dir;
+}
+
+struct FreshStore {
+  ~FreshStore() { fs::remove_all(dir); }
+  fs::path dir = freshDir();
+  DefaultSettings store{dir / "defaults.json"};
+};
+
+// Written out by hand, apart from the code's table, so a changed default shows up here.
+const nlohmann::json kExpected = {
+    {"APP_Pelmora", false}, {"APP_Processes", false}, {"APP_SystemStats", false},
+    {"CPU_Settings", nlohmann::json::object()}, {"WARN_throttle", true}, {"WARN_apply_boot", true},
+    {"apply_boot", false}, {"save_limited", true}, {"save_reniced", true}, {"LaunchAtLogin", false},
+    {"show_dock", true}, {"show_menubar", false}, {"LimitFrontmost", false},
+    {"limited", nlohmann::json::object()}, {"reniced", nlohmann::json::object()},
+    {"limiter_sample_interval", 30}, {"adjuster_sample_interval", 500}, {"PID_proportional", 0.5},
+    {"PID_integral", 0.25}, {"PID_derivative", 0.0125}, {"PID_use_pidcontroller", false},
+    {"UPDATE_PROCESSES", 5000}, {"process_filter", 0}, {"process_sort_column", "pctcpu"},
+    {"process_sort_ascending", false}, {"DOCK_display", 0}, {"graph_update_interval", 2},
+    {"graph_radio_default", true}, {"graph_radio_light", false}, {"graph_radio_dark", false},
+    {"graph_thin_dividers", true}, {"graph_max_cpu_rows", 8}, {"graph_show_offline_cpus", false},
+    {"graph_show_cpu_frequency", true}, {"graph_freq_sample_interval", 500}, {"graph_show_net_avg", true},
+    {"graph_net_avg", 1}, {"graph_net_avg_exp", true}, {"graph_show_time_grid", false},
+    {"graph_time_grid", 30}, {"graph_show_scale_grid", false}, {"graph_scale_grid", 25},
+    {"graph_fill_graph", true}, {"graph_show_current", true}, {"graph_show_data_io", true},
+    {"process_table_font", nullptr}, {"openfiles_font", nullptr}, {"graph_label_font", nullptr},
+    {"cpu_colors", nullptr}, {"mem_colors", nullptr}, {"io_colors", nullptr}, {"net_colors", nullptr},
+    {"gfx_colors", nullptr}, {"fan_colors", nullptr}, {"loadavg_colors", nullptr}, {"power_colors", nullptr},
+    {"proc_colors", nullptr},
+};
+
+TEST(SettingsKeys, AFreshStoreYieldsExactlyTheDefaults) {
+  FreshStore fresh;
+  std::set<std::string> seen;
+  for (const auto& e : allSettingKeys()) {
+    EXPECT_TRUE(seen.insert(e.key).second) << "listed twice: " << e.key;
+    ASSERT_TRUE(kExpected.contains(e.key)) << "unexpected key " << e.key;
+    EXPECT_EQ(loadSetting(fresh.store, e), kExpected[e.key]) << e.key;
+  }
+  EXPECT_EQ(seen.size(), kExpected.size());
+  // Reading defaults writes nothing.
+  EXPECT_FALSE(fs::exists(fresh.store.file()));
+}
+
+TEST(SettingsKeys, TypedKeysReadStoredValuesAndFallBackOnTheWrongType) {
+  FreshStore fresh;
+  auto& s = fresh.store;
+  struct Case { const char* what; nlohmann::json stored; nlohmann::json expected; };
+  const Case bool_cases[] = {{"stored false", false, false}, {"a string", "no", true}, {"a dictionary", {{"on", true}}, true}};
+  for (const auto& c : bool_cases) {
+    if (c.stored.is_boolean()) keys::kWarnThrottle.save(s, c.stored.get<bool>());
+    else if (c.stored.is_string()) s.saveString("WARN_throttle", c.stored.get<std::string>());
+    else s.saveDict("WARN_throttle", c.stored);
+    EXPECT_EQ(keys::kWarnThrottle.load(s), c.expected.get<bool>()) << c.what;
+  }
+  s.saveString("limiter_sample_interval", "fast");
+  EXPECT_EQ(keys::kLimiterInterval_ms.load(s), 30);
+  keys::kLimiterInterval_ms.save(s, 45);
+  EXPECT_EQ(keys::kLimiterInterval_ms.load(s), 45);
+  keys::kPIDIntegral.save(s, 0.75);
+  EXPECT_DOUBLE_EQ(keys::kPIDIntegral.load(s), 0.75);
+  s.saveBool("CPU_Settings", true);
+  EXPECT_EQ(keys::kCpuSettings.load(s), nlohmann::json::object());
+}
+
+}  // namespace
+}  // namespace pelmora
