@@ -10,6 +10,7 @@
 #include "sampling/gpu_collector.h"
 #include "sampling/memory_collector.h"
 #include "sampling/network_collector.h"
+#include "sampling/power_metrics.h"
 #include "support/logger.h"
 #include "support/main_queue.h"
 #include "support/thread_policy.h"
@@ -28,7 +29,11 @@ void enterTimeConstraintPolicy() {
 
 SystemStats& SystemStats::shared() {
   // Never destroyed: the application keeps the sampler for its whole run.
-  static auto* instance = new std::shared_ptr<SystemStats>(create(SysRoot::current()));
+  static auto* instance = [] {
+    auto* stats = new std::shared_ptr<SystemStats>(create(SysRoot::current()));
+    (*stats)->setFrequencySource(PowerMetrics::shared());
+    return stats;
+  }();
   return **instance;
 }
 
