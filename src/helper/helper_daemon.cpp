@@ -81,23 +81,32 @@ int HelperDaemon::run() {
     if (!(fds[0].revents & POLLIN)) continue;
     const int client = ::accept4(m_listen.get(), nullptr, nullptr, SOCK_CLOEXEC);
     if (client < 0) continue;
-    {
-      std::lock_guard lock(m_mutex);
-      if (m_active.size() >= kMaxConnections) {
-        ::close(client);
-        continue;
-      }
-      m_active.insert(client);
-      m_served_any = true;
+    if (!admit(client)) {
+      ::close(client);
+      continue;
     }
     std::thread([this, client] { serve(client); }).detach();
   }
   // Closing the sockets' reading side ends every connection thread, which continues the processes
   // that connection stopped.
   std::unique_lock lock(m_mutex);
-  for (int fd : m_active) ::shutdown(fd, SHUT_RDWR);
+  for (const auto& [fd, uid] : m_active) ::shutdown(fd, SHUT_RDWR);
   m_idle.wait(lock, [this] { return m_active.empty(); });
   return 0;
+}
+
+bool HelperDaemon::admit(int socket_fd) {
+  ucred cred{};
+  socklen_t size = sizeof cred;
+  if (::getsockopt(socket_fd, SOL_SOCKET, SO_PEERCRED, &cred, &size) != 0) return false;
+  std::lock_guard lock(m_mutex);
+  size_t same_user = 0;
+  for (const auto& [fd, uid] : m_active) same_user += uid == cred.uid;
+  // Root could stop the daemon anyway; only ordinary users are held to their share.
+  if (m_active.size() >= kMaxConnections || (cred.uid != 0 && same_user >= kMaxConnectionsPerUser)) return false;
+  m_active.emplace(socket_fd, cred.uid);
+  m_served_any = true;
+  return true;
 }
 
 void HelperDaemon::stop() {

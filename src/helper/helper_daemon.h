@@ -7,7 +7,9 @@
 // when the daemon is told to stop (SIGTERM, SIGINT).
 #include <condition_variable>
 #include <mutex>
-#include <set>
+#include <sys/types.h>
+
+#include <map>
 #include <string>
 
 #include "helper/request_handler.h"
@@ -32,9 +34,13 @@ class HelperDaemon {
   // Ends run(): closes every connection (continuing what each stopped). Safe from a signal handler.
   void stop();
 
-  static constexpr size_t kMaxConnections = 64;
+  // One user cannot take every connection thread: beyond these, a new connection is closed at once.
+  static constexpr size_t kMaxConnections = 256;
+  static constexpr size_t kMaxConnectionsPerUser = 16;
 
  private:
+  // Registers a new connection; false when it is over a limit.
+  bool admit(int socket_fd);
   void serve(int socket_fd);
   void connectionEnded(int socket_fd);
 
@@ -45,7 +51,7 @@ class HelperDaemon {
 
   std::mutex m_mutex;
   std::condition_variable m_idle;
-  std::set<int> m_active;  // sockets of live connections
+  std::map<int, uid_t> m_active;  // sockets of live connections and their callers' uids
   bool m_served_any = false;
 };
 

@@ -343,5 +343,44 @@ TEST_F(HelperDaemonTest, ManyConnectionsLeaveNoDescriptorBehind) {
   EXPECT_TRUE(eventually([&] { return s_daemon->openFds() <= before; })) << s_daemon->openFds() << " vs " << before;
 }
 
+TEST_F(HelperDaemonTest, OneUserCannotTakeEveryConnection) {
+  const std::string socket = s_daemon->socket();
+  int ready[2];
+  ASSERT_EQ(::pipe(ready), 0);
+  const pid_t holder = ::fork();
+  if (holder == 0) {
+    // As nobody, take and keep every connection one user may have.
+    if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(1);
+    std::vector<std::unique_ptr<SocketTransport>> held;
+    for (int i = 0; i < 16; ++i) {
+      held.push_back(std::make_unique<SocketTransport>(socket));
+      if (!held.back()->exchange({{"requestcpuinfo", ""}})) ::_exit(2);
+    }
+    [[maybe_unused]] auto n = ::write(ready[1], "x", 1);
+    for (;;) ::pause();
+  }
+  ::close(ready[1]);
+  char byte = 0;
+  const bool holding = ::read(ready[0], &byte, 1) == 1;
+  ::close(ready[0]);
+  EXPECT_TRUE(holding);
+  if (holding) {
+    EXPECT_EQ(asNobody([&]() -> std::string {
+                return SocketTransport(socket).exchange({{"requestcpuinfo", ""}}) ? "a 17th connection was served" : "";
+              }),
+              "");
+    // Another user is served meanwhile.
+    EXPECT_TRUE(ask({{"requestcpuinfo", ""}}).count("cpuinfo"));
+  }
+  ::kill(holder, SIGKILL);
+  ::waitpid(holder, nullptr, 0);
+  EXPECT_EQ(asNobody([&]() -> std::string {
+              const bool served =
+                  eventually([&] { return SocketTransport(socket).exchange({{"requestcpuinfo", ""}}).has_value(); });
+              return served ? "" : "nobody is still refused after its connections closed";
+            }),
+            "");
+}
+
 }  // namespace
 }  // namespace pelmora
