@@ -5,12 +5,14 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cmath>
 #include <cstdio>
 #include <memory>
 #include <optional>
 #include <thread>
 
 #include "cli/commands.h"
+#include "sampling/power_metrics.h"
 #include "sampling/sample_format.h"
 #include "sampling/system_stats.h"
 #include "support/main_queue.h"
@@ -41,6 +43,18 @@ std::optional<SampleOptions> parseOptions(const std::vector<std::string>& args) 
   return options;
 }
 
+// " | MHz 2064 1800 ..." per processor, once the power-metrics reader has measured; "--" for a
+// processor it has no value for.
+std::string frequencyPart(const SampleSet& sample) {
+  std::string out;
+  bool any = false;
+  for (const auto& cpu : sample.cpu_stats) {
+    any = any || cpu.frequency > 0;
+    out += cpu.frequency > 0 ? " " + std::to_string(std::llround(cpu.frequency)) : std::string(" --");
+  }
+  return any ? " | MHz" + out : std::string();
+}
+
 class PrintingClient : public SystemStatsClient {
  public:
   PrintingClient(SampleOptions options, int64_t page_size_bytes)
@@ -58,6 +72,7 @@ class PrintingClient : public SystemStatsClient {
     } else {
       const int64_t interval_us = m_previous ? m_previous_time.elapsedUntil(now) : 0;
       text = SampleFormat::line(m_previous ? &*m_previous : nullptr, sample, interval_us, m_page_size, m_memory_total);
+      text += frequencyPart(sample);
     }
     m_previous = sample;
     m_previous_time = now;
@@ -117,6 +132,8 @@ int runSampleCommand(const std::vector<std::string>& args) {
   }
   signal(SIGPIPE, SIG_IGN);
   SignalWaiter signals;  // before the sampler's thread exists, so it inherits the blocked mask
+  // Frequencies every second, like the samples (the reader's own default is every 5 s).
+  PowerMetrics::shared()->setInterval(1);
   auto& sampler = SystemStats::shared();
   auto client = std::make_shared<PrintingClient>(*options, sampler.pageSize());
   sampler.addClient(client);
