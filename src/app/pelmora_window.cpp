@@ -1,0 +1,312 @@
+#include "app/pelmora_window.h"
+
+#include <QCheckBox>
+#include <QCloseEvent>
+#include <QComboBox>
+#include <QLabel>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QSignalBlocker>
+#include <QSlider>
+#include <QTimer>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "app/system_monitor_entry.h"
+#include "helper_link/pelmora.h"
+#include "process_control/cpu_limiter.h"
+#include "process_control/power_monitor.h"
+#include "support/broadcast.h"
+#include "support/logger.h"
+#include "support/pid.h"
+#include "support/settings_keys.h"
+
+namespace pelmora {
+namespace {
+
+constexpr const char* kListenerKey = "net.tandrel.pelmora.authchanged.PelmoraWindow";
+constexpr const char* kAuthChanged = "net.tandrel.pelmora.authchanged";
+constexpr const char* kCpuChanged = "net.tandrel.pelmora.cpuchanged";
+constexpr int kWatchPeriod_ms = 1000;
+// A reply cannot hold a negative count, so this marks "the helper did not answer".
+constexpr cpu_numbers_t kNoAnswer{-1, -1, -1, -1};
+
+}  // namespace
+
+int raisedPriority(int own_priority) { return std::max(own_priority - 5, -20); }
+
+QString headerTitle(bool on_battery) {
+  const QString symbol = on_battery ? QString::fromUtf8("\U0001F50B") : QString::fromUtf8("\U0001F50C");
+  return symbol + QStringLiteral(" - ") + QObject::tr("Pelmora");
+}
+
+QString constrainedCaption(size_t limited) {
+  if (limited == 0) return QObject::tr("Processes");
+  return QString::number(limited) + QStringLiteral(" ") + QObject::tr("Limited");
+}
+
+PelmoraWindow::Options PelmoraWindow::currentOptions() {
+  Options o;
+  o.has_hardware_threads = hasHardwareThreads(SysRoot::current());
+  o.own_pid = static_cast<int32_t>(::getpid());
+  o.own_priority = PID(o.own_pid).priority();
+  return o;
+}
+
+PelmoraWindow::PelmoraWindow(Pelmora& helper, PowerMonitor& power, CPULimiter& limiter, DefaultSettings& store,
+                             Options options, QWidget* parent)
+    : QWidget(parent, Qt::Window), m_helper(helper), m_power(power), m_limiter(limiter), m_store(store),
+      m_options(options), m_timer(new QTimer(this)) {
+  build();
+  m_powersource->setCurrentIndex(m_power.powerSource() == PowerSource::battery ? 1 : 0);
+  const cpu_numbers_t counts = m_helper.requestCpuInfo(kNoAnswer);
+  m_settings = Settings::load(m_store);
+  m_settings.fillDefaults(m_options.has_hardware_threads,
+                          counts.logical_cpu >= 0 ? std::optional<int>(counts.logical_cpu) : std::nullopt);
+  copySettingsToControls();
+  if (!m_options.has_hardware_threads) {
+    setChecked(m_hyperthreading, false);
+    m_hyperthreading->setHidden(true);
+    setChecked(m_prefer_phys, true);
+    m_prefer_phys->setHidden(true);
+  }
+  setHeaderTitle();
+  m_priority = m_options.own_priority.value_or(0);
+  // Every launch starts locked.
+  m_helper.setAuthorised(false);
+  setEnabledStates();
+  applySettings();
+  refreshProcessorCounts();
+  // At launch the rights are not there yet; a refusal leaves the kernel as it is and only logs.
+  if (!m_helper.setThrottle(m_throttle->isChecked()))
+    Log("CPU settings: throttling left as the system has it; the helper refused.");
+  connect(m_timer, &QTimer::timeout, this, [this] { limiterWatch(); });
+  if (m_options.start_watch) m_timer->start(kWatchPeriod_ms);
+  AddListener(kPowerSourceBroadcast, kListenerKey, [this](const std::string&) { powerSourceChanged(); });
+  AddListener(kAuthChanged, kListenerKey, [this](const std::string&) { setEnabledStates(); });
+  m_cpucontrol->setDelegate(this);
+}
+
+PelmoraWindow::~PelmoraWindow() {
+  RemoveListener(kPowerSourceBroadcast, kListenerKey);
+  RemoveListener(kAuthChanged, kListenerKey);
+}
+
+std::string PelmoraWindow::shownPowerName() const {
+  return m_powersource->currentIndex() == 1 ? kBatteryPowerName : kACPowerName;
+}
+
+bool PelmoraWindow::showingActiveSource() {
+  return (m_powersource->currentIndex() == 1) == (m_power.powerSource() == PowerSource::battery);
+}
+
+void PelmoraWindow::setChecked(QCheckBox* box, bool on) {
+  const QSignalBlocker block(box);
+  box->setChecked(on);
+}
+
+void PelmoraWindow::setHeaderTitle() {
+  m_header_title->setText(headerTitle(m_power.powerSource() == PowerSource::battery));
+}
+
+void PelmoraWindow::copySettingsToControls() {
+  const std::string source = shownPowerName();
+  setChecked(m_hyperthreading, m_options.has_hardware_threads && m_settings.flag(Settings::kHyperthreads, source));
+  setChecked(m_prefer_phys, !m_options.has_hardware_threads || m_settings.flag(Settings::kPreferPhys, source));
+  setChecked(m_throttle, m_settings.flag(Settings::kThrottle, source));
+  const cpu_numbers_t counts = m_helper.requestCpuInfo(kNoAnswer);
+  if (counts.logical_cpu < 0) {
+    // Without the processor counts no stored count can be checked or shown; the helper link is
+    // broken beyond what the window can repair.
+    Log("CPU settings: the helper gave no processor information; stopping.");
+    std::abort();
+  }
+  m_cpucontrol->setValue(m_settings.count(source).value_or(counts.logical_cpu));
+  refreshProcessorCounts();
+}
+
+void PelmoraWindow::storeSettings() {
+  PowerSourceChoices c;
+  c.hyperthreads = m_hyperthreading->isChecked();
+  c.prefer_phys = m_prefer_phys->isChecked();
+  c.throttle = m_throttle->isChecked();
+  c.cpu_count = m_cpucontrol->m_slider->value();
+  m_settings.store(shownPowerName(), c);
+  m_settings.save(m_store);
+}
+
+void PelmoraWindow::setEnabledStates() {
+  const bool a = m_helper.authorised();
+  m_hyperthreading->setEnabled(a);
+  m_prefer_phys->setEnabled(a);
+  m_cpucontrol->setControlEnabled(a);
+  m_throttle->setEnabled(a);
+  m_powersource->setEnabled(a);
+  // Deliberately locked down whatever the rights: the processor count and hyper-threading are
+  // applied from the stored settings but not changed here.
+  m_hyperthreading->setEnabled(false);
+  m_prefer_phys->setEnabled(true);
+  m_cpucontrol->setControlEnabled(false);
+  m_auth->setText(a ? tr("Click the lock to prevent changes") : tr("Click the lock to make changes"));
+  m_auth->setIcon(QIcon::fromTheme(a ? QStringLiteral("changes-allow") : QStringLiteral("changes-prevent")));
+}
+
+void PelmoraWindow::refreshProcessorCounts() {
+  const cpu_numbers_t counts = m_helper.requestCpuInfo(kNoAnswer);
+  if (counts.logical_cpu < 0) return;
+  m_counts = counts;
+  m_phys_cpu->setText(QString::number(counts.physical_cpu));
+  m_log_cpu->setText(QString::number(counts.logical_cpu));
+  if (!showingActiveSource()) return;
+  m_cpucontrol->setMaximum(counts.logical_cpu_max);
+  m_cpucontrol->setValue(counts.logical_cpu);
+}
+
+void PelmoraWindow::applySettings() {
+  if (!showingActiveSource()) return;
+  if (!m_helper.setCpuCount(m_cpucontrol->m_slider->value(), m_hyperthreading->isChecked(),
+                            m_prefer_phys->isChecked()))
+    Log("CPU settings: the processor set was not changed; the window shows the set in force.");
+  Broadcast(kCpuChanged, true);
+  emit processorSetChanged();
+}
+
+void PelmoraWindow::hyperThreading(QCheckBox* sender) {
+  // The helper refuses without the administrator's rights: the box goes back to what is in force.
+  if (showingActiveSource() &&
+      !m_helper.setCpuCount(m_cpucontrol->m_slider->value(), m_hyperthreading->isChecked(),
+                            m_prefer_phys->isChecked())) {
+    Log("CPU settings: the processor set was not changed; the window shows the set in force.");
+    if (sender) setChecked(sender, !sender->isChecked());
+  }
+  Broadcast(kCpuChanged, true);
+  emit processorSetChanged();
+  refreshProcessorCounts();
+  storeSettings();
+  emit controlsChanged();
+}
+
+void PelmoraWindow::sliderStepperValueChanged(SliderStepper& sender) {
+  if (&sender != m_cpucontrol || m_updating) return;
+  m_updating = true;
+  applySettings();
+  refreshProcessorCounts();
+  m_updating = false;
+  storeSettings();
+}
+
+void PelmoraWindow::sendThrottle(bool enable) {
+  if (m_helper.setThrottle(enable)) return;
+  // Only a settled change may show: the kernel keeps its previous throttling.
+  if (showingActiveSource() && m_throttle->isChecked() == enable) {
+    Log(std::string("CPU settings: throttling stays ") + (enable ? "off" : "on") + "; the helper refused.");
+    setChecked(m_throttle, !enable);
+  }
+}
+
+void PelmoraWindow::throttleTasks(bool on) {
+  if (on || !keys::kWarnThrottle.load(m_store)) {
+    sendThrottle(on);
+    storeSettings();
+    emit controlsChanged();
+    return;
+  }
+  showThrottleWarning();
+}
+
+void PelmoraWindow::showThrottleWarning() {
+  auto* box = new QMessageBox(QMessageBox::Warning, tr("Possible performance degradation"),
+                              tr("Throttling is enabled by default. If you disable throttling, you may experience "
+                                 "increased overheads and suffer system performance degradation."),
+                              QMessageBox::NoButton, this);
+  QPushButton* disable = box->addButton(tr("Disable throttling"), QMessageBox::AcceptRole);
+  box->addButton(tr("Cancel"), QMessageBox::RejectRole);
+  box->setCheckBox(new QCheckBox(tr("Do not show this message again"), box));
+  box->setWindowModality(Qt::WindowModal);
+  box->setAttribute(Qt::WA_DeleteOnClose);
+  connect(box, &QMessageBox::buttonClicked, this, [this, box, disable](QAbstractButton* button) {
+    if (button == disable) {
+      if (box->checkBox()->isChecked()) keys::kWarnThrottle.save(m_store, false);
+      setChecked(m_throttle, false);
+      sendThrottle(false);
+    } else {
+      setChecked(m_throttle, true);
+    }
+    storeSettings();
+    emit controlsChanged();
+  });
+  m_throttle_alert = box;
+  box->open();
+}
+
+void PelmoraWindow::changePowerSource() { copySettingsToControls(); }
+
+void PelmoraWindow::powerSourceChanged() {
+  m_powersource->setCurrentIndex(m_power.powerSource() == PowerSource::battery ? 1 : 0);
+  copySettingsToControls();
+  setHeaderTitle();
+  refreshProcessorCounts();
+  applySettings();
+}
+
+void PelmoraWindow::toggleLock() {
+  if (m_helper.authorised()) {
+    m_helper.deauthorize();
+    m_helper.setAuthorised(false);
+  } else {
+    const std::string answer = m_helper.authorize();
+    if (answer != "OK") {
+      Log("CPU settings: authorisation refused: " + answer + ".");
+      return;
+    }
+    m_helper.setAuthorised(true);
+  }
+  setEnabledStates();
+}
+
+void PelmoraWindow::setOwnPriority(int nice) {
+  if (!m_helper.setPriority(m_options.own_pid, nice))
+    Log("CPU settings: could not set this program's priority to " + std::to_string(nice) + ".");
+}
+
+void PelmoraWindow::limiterWatch() {
+  const size_t limited = m_limiter.limits().size();
+  m_constrained->setText(constrainedCaption(limited));
+  if (limited > 0 && !m_limiting) {
+    m_limiting = true;
+    setOwnPriority(raisedPriority(m_priority));
+  } else if (limited == 0 && m_limiting) {
+    m_limiting = false;
+    setOwnPriority(m_priority);
+  }
+}
+
+BootControls PelmoraWindow::bootControls() const {
+  BootControls c;
+  c.hyper_threading = m_hyperthreading->isChecked();
+  c.prefer_physical = m_prefer_phys->isChecked();
+  c.throttle = m_throttle->isChecked();
+  c.cpu_count = m_cpucontrol->m_slider->value();
+  return c;
+}
+
+void PelmoraWindow::openSystemMonitor() {
+  if (!launchSystemMonitor()) Log("CPU settings: no system monitor is installed.");
+}
+
+void PelmoraWindow::closeEvent(QCloseEvent* event) {
+  // Without a status item the limited count is not shown anywhere while the window is closed.
+  if (!keys::kShowMenubar.load(m_store)) m_timer->stop();
+  storeSettings();
+  QWidget::closeEvent(event);
+}
+
+void PelmoraWindow::showEvent(QShowEvent* event) {
+  if (m_options.start_watch && !m_timer->isActive()) m_timer->start(kWatchPeriod_ms);
+  QWidget::showEvent(event);
+}
+
+}  // namespace pelmora

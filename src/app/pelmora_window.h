@@ -1,0 +1,126 @@
+#pragma once
+// PelmoraWindow: the CPU settings window. Shows the processor counts, lets an authorised administrator
+// choose hyper-threading, the preference for physical cores and I/O throttling, keeps one set of
+// these per power source (Settings, "CPU_Settings") and sends the set of the active source to the
+// helper. While the limiter holds any process it raises this program's own priority so that the
+// duty cycle keeps its timing. Main thread only; the helper client, power monitor and limiter are
+// read under their own locks.
+#include <QPointer>
+#include <QWidget>
+
+#include <optional>
+
+#include "app/settings.h"
+#include "app/slider_stepper.h"
+#include "helper_link/boot_flags.h"
+#include "support/kernel_records.h"
+
+class QCheckBox;
+class QComboBox;
+class QLabel;
+class QMessageBox;
+class QPushButton;
+class QTimer;
+
+namespace pelmora {
+
+class CPULimiter;
+class DefaultSettings;
+class Pelmora;
+class PowerMonitor;
+
+class PelmoraWindow : public QWidget, public SliderStepperDelegate {
+  Q_OBJECT
+ public:
+  struct Options {
+    bool has_hardware_threads = false;
+    int32_t own_pid = 0;
+    std::optional<int> own_priority;  // this process's nice value at load; none: 0
+    // Run the one-second limiter watch (tests call limiterWatch() themselves).
+    bool start_watch = true;
+  };
+  // The options of this machine and this process.
+  static Options currentOptions();
+
+  // Loads the settings, sends those of the active source to the helper and starts the watch.
+  PelmoraWindow(Pelmora& helper, PowerMonitor& power, CPULimiter& limiter, DefaultSettings& store,
+                Options options, QWidget* parent = nullptr);
+  ~PelmoraWindow() override;
+
+  void storeSettings();
+  void applySettings();
+  void refreshProcessorCounts();
+  void copySettingsToControls();
+  void setEnabledStates();
+  void limiterWatch();
+  // The controls that make up the boot-time settings text.
+  BootControls bootControls() const;
+
+  void sliderStepperValueChanged(SliderStepper& sender) override;
+
+  // The actions of the controls (public for the application's menus and for tests).
+  void hyperThreading(QCheckBox* sender);
+  void throttleTasks(bool on);
+  void changePowerSource();
+  void toggleLock();
+  void openSystemMonitor();
+  void powerSourceChanged();
+
+  QLabel* m_header_title;
+  QCheckBox* m_hyperthreading;
+  QCheckBox* m_prefer_phys;
+  QLabel* m_phys_cpu;
+  QLabel* m_log_cpu;
+  QPushButton* m_activity_monitor;
+  QLabel* m_constrained;
+  QCheckBox* m_throttle;
+  QComboBox* m_powersource;
+  QPushButton* m_power_switch;
+  QPushButton* m_auth;
+  QWidget* m_ph_controller;
+  SliderStepper* m_cpucontrol;
+  QPointer<QMessageBox> m_throttle_alert;  // open while the throttling warning is shown
+
+ signals:
+  // The processor set changed: the statistics window rebuilds its processor graphs.
+  void processorSetChanged();
+  // A control that the status item's title shows changed.
+  void controlsChanged();
+
+ protected:
+  void closeEvent(QCloseEvent* event) override;
+  void showEvent(QShowEvent* event) override;
+
+ private:
+  void build();
+  QWidget* buildCountsBox();
+  QWidget* buildControlsBox();
+  std::string shownPowerName() const;
+  bool showingActiveSource();
+  void setHeaderTitle();
+  void setChecked(QCheckBox* box, bool on);
+  void sendThrottle(bool enable);
+  void showThrottleWarning();
+  void setOwnPriority(int nice);
+
+  Pelmora& m_helper;
+  PowerMonitor& m_power;
+  CPULimiter& m_limiter;
+  DefaultSettings& m_store;
+  Options m_options;
+  bool m_updating = false;
+  int m_priority = 0;
+  bool m_limiting = false;
+  QTimer* m_timer;
+  Settings m_settings;
+  cpu_numbers_t m_counts;
+};
+
+// The nice value asked for while processes are limited: five below our own, never below -20. Pure.
+int raisedPriority(int own_priority);
+// The header line: battery or plug symbol, " - ", the program's name.
+QString headerTitle(bool on_battery);
+// The limited-process caption: "N Limited" or "Processes".
+QString constrainedCaption(size_t limited);
+
+}  // namespace pelmora
