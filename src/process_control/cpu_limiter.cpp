@@ -83,7 +83,8 @@ CPULimiter::~CPULimiter() {
 }
 
 bool CPULimiter::start() {
-  if (!m_timer->start(QoS::userInteractive)) return false;
+  // stop() ends only the network tool, so at wake the timer may still run: start what stop ended.
+  if (!m_timer->start(QoS::userInteractive) && !m_timer->running()) return false;
   AddListener(kPrefsChangedBroadcast, kPrefsListener, [this](const std::string&) { loadPIDSettings(); });
   m_listening = true;
   loadPIDSettings();

@@ -68,7 +68,7 @@ class CPULimiter {
   CPULimiter(const CPULimiter&) = delete;
   CPULimiter& operator=(const CPULimiter&) = delete;
 
-  // Starts the timer, the settings listener and the network tool; false when already started.
+  // Starts the timer (if it is not running), the settings listener and the network tool.
   bool start();
   // Stops the network tool (the timer keeps running; limits stay in force).
   void stop();

@@ -35,11 +35,18 @@ bool eventually(Pred pred) {
   return true;
 }
 
-pid_t busyChild() {
+[[noreturn]] void spin() {
+  volatile uint64_t n = 0;
+  for (;;) n = n + 1;
+}
+
+// Forked while this test program runs a single thread, so the child may start threads of its own.
+// Several threads make it want more than the limit even on a machine busy with other work.
+pid_t busyChild(int threads = 1) {
   const pid_t pid = ::fork();
   if (pid == 0) {
-    volatile uint64_t spin = 0;
-    for (;;) spin = spin + 1;
+    for (int i = 1; i < threads; ++i) std::thread(spin).detach();
+    spin();
   }
   return pid;
 }
@@ -65,7 +72,7 @@ class CountingTransport : public XPCTransport {
 
 TEST(LiveLimit, BusyChildHeldAt30PercentIsStoppedContinuedAndRunningAfterwards) {
   test::SimRoot dir;
-  const pid_t child = busyChild();
+  const pid_t child = busyChild(4);
   ASSERT_GT(child, 0);
   auto transport = std::make_unique<CountingTransport>();
   CountingTransport* counts = transport.get();

@@ -122,8 +122,12 @@ TEST(LiveTable, ChildShowsDiskAndNetworkRatesOnTheSecondRefresh) {
   EXPECT_EQ(second->kind, "x86_64");
 #endif
 
+  // Sleep and wake: stop ends the tool, start brings it back while the timer ran on.
   limiter.stop();
   EXPECT_FALSE(limiter.nettopRunning());
+  EXPECT_TRUE(limiter.start());
+  EXPECT_TRUE(limiter.nettopRunning());
+  limiter.stop();
   ::kill(child, SIGKILL);
   ::waitpid(child, nullptr, 0);
 }
