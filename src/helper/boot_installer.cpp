@@ -64,6 +64,10 @@ std::string BootInstaller::checkSource(const std::string& path, const std::strin
   if (p.filename() != expected_name) return path + " is not " + expected_name;
   if (p.parent_path() != m_paths.source_dir) return path + " is not in " + m_paths.source_dir.string();
   struct stat st{};
+  // A folder others can write to would let them swap a file between this check and the copy.
+  if (::stat(m_paths.source_dir.c_str(), &st) != 0 || st.st_uid != 0 || (st.st_mode & (S_IWGRP | S_IWOTH))) {
+    return m_paths.source_dir.string() + " is not a root-owned folder that only root can write";
+  }
   if (::lstat(path.c_str(), &st) != 0) return path + ": " + std::strerror(errno);
   if (!S_ISREG(st.st_mode)) return path + " is not a regular file";
   if (st.st_uid != 0) return path + " is not owned by root";

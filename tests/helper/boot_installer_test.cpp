@@ -112,6 +112,14 @@ TEST_F(BootInstall, RefusesUntrustedSourcesAndChangesNothing) {
   fs::permissions(src / "pelmora", fs::perms(0755));
   ASSERT_EQ(::chown((src / "pelmora").c_str(), 65534, 65534), 0);
   EXPECT_NE(installer.checkSource((src / "pelmora").string(), "pelmora").find("not owned by root"), std::string::npos);
+  ASSERT_EQ(::chown((src / "pelmora").c_str(), 0, 0), 0);
+  ASSERT_EQ(installer.checkSource((src / "pelmora").string(), "pelmora"), "");
+  // The folder itself must be root's alone.
+  fs::permissions(src, fs::perms(0777));
+  EXPECT_NE(installer.checkSource((src / "pelmora").string(), "pelmora").find("folder"), std::string::npos);
+  fs::permissions(src, fs::perms(0755));
+  ASSERT_EQ(::chown(src.c_str(), 65534, 65534), 0);
+  EXPECT_NE(installer.checkSource((src / "pelmora").string(), "pelmora").find("folder"), std::string::npos);
 }
 
 TEST_F(BootInstall, TheRequestNeedsAdministratorRightsAndCheckedFields) {
