@@ -218,10 +218,10 @@ void PelmoraWindow::throttleTasks(bool on) {
 }
 
 void PelmoraWindow::showThrottleWarning() {
-  auto* box = new QMessageBox(QMessageBox::Warning, tr("Possible performance degradation"),
-                              tr("Throttling is enabled by default. If you disable throttling, you may experience "
-                                 "increased overheads and suffer system performance degradation."),
+  auto* box = new QMessageBox(QMessageBox::Warning, tr("Pelmora"), tr("Possible performance degradation"),
                               QMessageBox::NoButton, this);
+  box->setInformativeText(tr("Throttling is enabled by default. If you disable throttling, you may experience "
+                             "increased overheads and suffer system performance degradation."));
   QPushButton* disable = box->addButton(tr("Disable throttling"), QMessageBox::AcceptRole);
   box->addButton(tr("Cancel"), QMessageBox::RejectRole);
   box->setCheckBox(new QCheckBox(tr("Do not show this message again"), box));
