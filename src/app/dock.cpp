@@ -76,7 +76,7 @@ void Dock::setDisplay(Display display) {
   const bool changed = display != m_display_type;
   m_view = makeView(display);
   m_display_type = display;
-  if (changed && m_view) refresh();
+  if (changed && m_view) feedView();
   m_store.saveInt(kDisplayKey, static_cast<int64_t>(display));
   if (display == Display::Icon) {
     detach();
@@ -156,10 +156,11 @@ void Dock::statsUpdated(const SampleSet& sample) {
   appendCapped(m_net, total, kHistoryLimit);
   appendCapped(m_power, sample.power_stats, kHistoryLimit);
   appendCapped(m_proc, sample.proc_stats, kHistoryLimit);
-  refresh();
+  feedView();
+  drawIcon(false);
 }
 
-void Dock::refresh() {
+void Dock::feedView() {
   if (auto* cpu = qobject_cast<GraphViewCPU*>(m_view.get())) {
     cpu->update(m_total_cpu, true);
   } else if (auto* gfx = qobject_cast<GraphViewGFX*>(m_view.get())) {
@@ -186,7 +187,6 @@ void Dock::refresh() {
   } else if (auto* proc = qobject_cast<GraphViewProc*>(m_view.get())) {
     proc->update(m_proc);
   }
-  drawIcon(false);
 }
 
 void Dock::drawIcon(bool force) {

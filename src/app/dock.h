@@ -78,7 +78,8 @@ class Dock : public QObject {
   void attach();
   void detach();
   void clearHistories();
-  void refresh();
+  // Hands the histories to the view; the icon is redrawn separately.
+  void feedView();
   void drawIcon(bool force);
 
   std::unique_ptr<GraphView> m_view;

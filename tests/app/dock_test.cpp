@@ -1,0 +1,250 @@
+// The live icon under the offscreen platform, fed made-up samples by hand.
+#include <QAction>
+#include <QMenu>
+
+#include <gtest/gtest.h>
+
+#include "app/dock.h"
+#include "app/system_stats_window.h"
+#include "graphs/views/graph_view_cpu.h"
+#include "graphs/views/graph_view_gfx.h"
+#include "graphs/views/graph_view_io.h"
+#include "graphs/views/graph_view_load.h"
+#include "graphs/views/graph_view_mem.h"
+#include "graphs/views/graph_view_net.h"
+#include "graphs/views/graph_view_power.h"
+#include "graphs/views/graph_view_proc.h"
+#include "stats_test_support.h"
+#include "support/timeval.h"
+
+using namespace pelmora;
+using namespace pelmora::stats_test;
+using Kind = Dock::Display;
+
+namespace {
+
+class DockTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    app();
+    scratch.setCpus("0-3", "0-3");
+  }
+  // Counters keep growing from call to call, as a real machine's do.
+  void feed(Dock& dock, const Devices& devices, int64_t count) {
+    for (int64_t k = 0; k < count; ++k) {
+      clock.advance_us(1'000'000);
+      dock.statsUpdated(makeSample(devices, next_sample++));
+    }
+  }
+
+  SwitchesGuard guard;
+  FakeClock clock;
+  Scratch scratch;
+  std::shared_ptr<SystemStats> sampler = scratch.sampler();
+  int64_t next_sample = 0;
+};
+
+TEST_F(DockTest, EachKindShowsItsGraphAndLabel) {
+  const struct {
+    Kind display;
+    std::function<bool(GraphView*)> is_class;
+    QString label;
+  } cases[] = {
+      {Kind::CPU, [](GraphView* v) { return qobject_cast<GraphViewCPU*>(v) != nullptr; }, "System CPU: (%)"},
+      {Kind::DiskIO, [](GraphView* v) { return qobject_cast<GraphViewIO*>(v) != nullptr; }, "Total Disk I/O:\n"},
+      {Kind::GPU, [](GraphView* v) { return qobject_cast<GraphViewGFX*>(v) != nullptr; }, "GPU: Arc"},
+      {Kind::LoadAvg, [](GraphView* v) { return qobject_cast<GraphViewLoad*>(v) != nullptr; }, "Load Average:"},
+      {Kind::Memory, [](GraphView* v) { return qobject_cast<GraphViewMEM*>(v) != nullptr; }, "System Memory:"},
+      {Kind::Network, [](GraphView* v) { return qobject_cast<GraphViewNet*>(v) != nullptr; }, "Total Network:"},
+      {Kind::Power, [](GraphView* v) { return qobject_cast<GraphViewPower*>(v) != nullptr; }, "Power:"},
+      {Kind::Processes, [](GraphView* v) { return qobject_cast<GraphViewProc*>(v) != nullptr; }, "Processes:"},
+  };
+  Dock dock(*sampler, scratch.store());
+  for (const auto& c : cases) {
+    SCOPED_TRACE(Dock::displayName(c.display).toStdString());
+    dock.setDisplay(c.display);
+    feed(dock, {4, {}, {}, {"Arc", "Xe"}, 0}, 3);
+    ASSERT_NE(dock.view(), nullptr);
+    EXPECT_TRUE(c.is_class(dock.view()));
+    EXPECT_EQ(dock.view()->label(), c.label);
+    EXPECT_TRUE(dock.view()->displayDock());
+    EXPECT_EQ(dock.view()->size(), QSize(Dock::kTileSize_px, Dock::kTileSize_px));
+    EXPECT_FALSE(dock.icon().isNull());
+  }
+  dock.setDisplay(Kind::Icon);
+  EXPECT_EQ(dock.view(), nullptr);
+}
+
+TEST_F(DockTest, HistoriesKeepTheNewest72) {
+  const struct {
+    int64_t samples;
+    size_t expected;
+  } cases[] = {{1, 1}, {72, 72}, {73, 72}, {100, 72}, {5000, 72}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.samples) + " samples");
+    Dock dock(*sampler, scratch.store());
+    dock.setDisplay(Kind::CPU);
+    feed(dock, {4, {"sda"}, {"eth0", "wlan0"}, {"Arc"}, 1}, c.samples);
+    // CPU, disk, load, memory, network, power, processes and the one GPU.
+    EXPECT_EQ(dock.historyLengths(), std::vector<size_t>(8, c.expected));
+    // The view was handed the capped history: one column per pair of samples.
+    EXPECT_EQ(qobject_cast<GraphViewCPU*>(dock.view())->utils().size(), c.expected - 1);
+    dock.setDisplay(Kind::Icon);
+  }
+}
+
+TEST_F(DockTest, VanishedGpuLosesItsHistory) {
+  Dock dock(*sampler, scratch.store());
+  dock.setDisplay(Kind::GPU);
+  feed(dock, {4, {}, {}, {"Arc", "Xe"}, 0}, 5);
+  EXPECT_EQ(dock.historyLengths().size(), 9u);
+  EXPECT_EQ(dock.view()->label(), "GPU: Arc");
+  feed(dock, {4, {}, {}, {"Xe"}, 0}, 1);
+  EXPECT_EQ(dock.historyLengths().size(), 8u);
+  EXPECT_EQ(dock.view()->label(), "GPU: Xe");
+  feed(dock, {4, {}, {}, {}, 0}, 1);
+  EXPECT_EQ(qobject_cast<GraphViewGFX*>(dock.view())->gfxStats().size(), 0u);
+}
+
+TEST_F(DockTest, SwitchingKindsAttachesAndDetaches) {
+  const struct {
+    Kind display;
+    bool attached;
+  } steps[] = {
+      {Kind::CPU, true}, {Kind::Memory, true}, {Kind::Icon, false}, {Kind::Icon, false},
+      {Kind::Network, true}, {Kind::Network, true}, {Kind::Icon, false},
+  };
+  Dock dock(*sampler, scratch.store());
+  EXPECT_FALSE(dock.attached());
+  for (const auto& step : steps) {
+    SCOPED_TRACE(Dock::displayName(step.display).toStdString());
+    dock.setDisplay(step.display);
+    EXPECT_EQ(dock.attached(), step.attached);
+    EXPECT_EQ(sampler->clientCount(), step.attached ? 1u : 0u);
+    EXPECT_EQ(sampler->running(), step.attached);
+    feed(dock, {}, 3);
+    if (!step.attached) {
+      EXPECT_EQ(dock.historyLengths(), std::vector<size_t>(7, 3u)) << "fed by hand only";
+    }
+  }
+  // Icon drops what was kept.
+  dock.setDisplay(Kind::CPU);
+  feed(dock, {}, 10);
+  dock.setDisplay(Kind::Icon);
+  EXPECT_EQ(dock.historyLengths(), std::vector<size_t>(7, 0u));
+}
+
+TEST_F(DockTest, SavedKindRestoredAtTheNextStart) {
+  for (int raw = 0; raw < Dock::kDisplayCount; ++raw) {
+    SCOPED_TRACE(raw);
+    {
+      Dock dock(*sampler, scratch.store());
+      dock.setDisplay(static_cast<Kind>(raw));
+    }
+    EXPECT_EQ(sampler->clientCount(), 0u) << "a destroyed Dock is no client";
+    DefaultSettings reread(scratch.store().file());
+    EXPECT_EQ(reread.loadInt("DOCK_display", -1), raw);
+    Dock restarted(*sampler, reread);
+    EXPECT_EQ(restarted.displayType(), static_cast<Kind>(raw));
+    EXPECT_EQ(restarted.attached(), raw != 0);
+  }
+  for (int64_t bad : {-1, 9, 1000}) {
+    SCOPED_TRACE(bad);
+    scratch.store().saveInt("DOCK_display", bad);
+    Dock dock(*sampler, scratch.store());
+    EXPECT_EQ(dock.displayType(), Kind::Icon);
+    EXPECT_FALSE(dock.attached());
+  }
+}
+
+TEST_F(DockTest, IconDrawnAtMostOncePerSecond) {
+  Dock dock(*sampler, scratch.store());
+  dock.setDisplay(Kind::Power);
+  const int64_t at_switch = dock.iconDraws();
+  EXPECT_GE(at_switch, 1);
+  const QIcon first = dock.icon();
+  // Ten samples within the same second: no new pixmap.
+  for (int k = 0; k < 10; ++k) dock.statsUpdated(makeSample({}, k));
+  EXPECT_EQ(dock.iconDraws(), at_switch);
+  clock.advance_us(999'999);
+  dock.statsUpdated(makeSample({}, 10));
+  EXPECT_EQ(dock.iconDraws(), at_switch);
+  clock.advance_us(1);
+  dock.statsUpdated(makeSample({}, 11));
+  EXPECT_EQ(dock.iconDraws(), at_switch + 1);
+  EXPECT_NE(dock.icon().cacheKey(), first.cacheKey());
+  EXPECT_EQ(QApplication::windowIcon().cacheKey(), dock.icon().cacheKey());
+}
+
+TEST_F(DockTest, IconKindGivesBackTheApplicationIcon) {
+  QPixmap own(16, 16);
+  own.fill(Qt::red);
+  const QIcon app_icon(own);
+  QApplication::setWindowIcon(app_icon);
+  Dock dock(*sampler, scratch.store());
+  std::vector<qint64> announced;
+  QObject::connect(&dock, &Dock::iconChanged, [&](const QIcon& icon) { announced.push_back(icon.cacheKey()); });
+  dock.setDisplay(Kind::CPU);
+  EXPECT_NE(QApplication::windowIcon().cacheKey(), app_icon.cacheKey());
+  dock.setDisplay(Kind::Icon);
+  EXPECT_EQ(QApplication::windowIcon().cacheKey(), app_icon.cacheKey());
+  ASSERT_EQ(announced.size(), 2u);
+  EXPECT_EQ(announced.back(), app_icon.cacheKey());
+  QApplication::setWindowIcon(QIcon());
+}
+
+TEST_F(DockTest, MenuOffersTheNineKinds) {
+  Dock dock(*sampler, scratch.store());
+  QWidget parent;
+  QMenu* menu = dock.makeMenu(&parent);
+  const auto actions = menu->actions();
+  ASSERT_EQ(actions.size(), Dock::kDisplayCount);
+  EXPECT_TRUE(actions[0]->isChecked());
+  actions[3]->trigger();
+  EXPECT_EQ(dock.displayType(), Kind::GPU);
+  EXPECT_TRUE(actions[3]->isChecked());
+  dock.setDisplay(Kind::Memory);
+  EXPECT_TRUE(actions[5]->isChecked());
+  EXPECT_FALSE(actions[3]->isChecked());
+}
+
+TEST_F(DockTest, WindowAndIconShareTheSampler) {
+  Dock dock(*sampler, scratch.store());
+  dock.setDisplay(Kind::CPU);
+  SystemStatsWindow window(*sampler, scratch.store(), scratch.root());
+  window.show();
+  EXPECT_EQ(sampler->clientCount(), 2u);
+  window.close();
+  EXPECT_EQ(sampler->clientCount(), 1u);
+  EXPECT_TRUE(sampler->running()) << "the live icon still samples";
+  dock.setDisplay(Kind::Icon);
+  EXPECT_EQ(sampler->clientCount(), 0u);
+  EXPECT_FALSE(sampler->running());
+  // And the other way round: the window is the last to go.
+  dock.setDisplay(Kind::LoadAvg);
+  window.show();
+  dock.setDisplay(Kind::Icon);
+  EXPECT_TRUE(sampler->running());
+  window.close();
+  EXPECT_FALSE(sampler->running());
+}
+
+TEST_F(DockTest, DiskGraphFollowsTheWindowsDataSelector) {
+  // Without the window the live icon shows bytes; with it, whatever the window's selector shows.
+  Dock dock(*sampler, scratch.store());
+  dock.setDisplay(Kind::DiskIO);
+  feed(dock, {}, 5);
+  auto* io = qobject_cast<GraphViewIO*>(dock.view());
+  const double bytes_peak = io->maxIO();
+  scratch.store().saveBool("graph_show_data_io", false);
+  SystemStatsWindow* window = SystemStatsWindow::openShared(*sampler, scratch.store());
+  feed(dock, {}, 5);
+  EXPECT_LT(io->maxIO(), bytes_peak) << "operations are far fewer than bytes";
+  window->setShowDataIO(true);
+  feed(dock, {}, 5);
+  EXPECT_EQ(io->maxIO(), bytes_peak);
+  window->close();
+  QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+}
+
+}  // namespace

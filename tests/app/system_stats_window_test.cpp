@@ -1,0 +1,299 @@
+// The statistics window under the offscreen platform, fed made-up samples by hand.
+#include <QComboBox>
+#include <QSplitter>
+
+#include <gtest/gtest.h>
+
+#include "app/system_stats_window.h"
+#include "graphs/views/graph_view_cpu.h"
+#include "graphs/views/graph_view_fan.h"
+#include "graphs/views/graph_view_gfx.h"
+#include "graphs/views/graph_view_io.h"
+#include "graphs/views/graph_view_net.h"
+#include "stats_test_support.h"
+#include "support/timeval.h"
+
+using namespace pelmora;
+using namespace pelmora::stats_test;
+
+namespace {
+
+std::vector<bool> bits(const std::string& pattern) {
+  std::vector<bool> out;
+  for (char c : pattern) out.push_back(c == '1');
+  return out;
+}
+
+struct GridCase {
+  std::string online;  // one character per processor: 1 online, 0 offline
+  bool show_offline;
+  int64_t max_rows;
+  std::vector<size_t> shown;
+  int64_t per_column, columns, fillers;
+};
+
+TEST(CpuGrid, CellsColumnsAndFillers) {
+  const GridCase cases[] = {
+      {"1111", false, 8, {0, 1, 2, 3}, 4, 1, 0},
+      {"11111111", false, 3, {0, 1, 2, 3, 4, 5, 6, 7}, 3, 3, 1},
+      {"111111111111", false, 4, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}, 4, 3, 0},
+      {"10110111", false, 3, {0, 2, 3, 5, 6, 7}, 3, 2, 0},
+      {"10110111", true, 3, {0, 1, 2, 3, 4, 5, 6, 7}, 3, 3, 1},
+      {"1", false, 8, {0}, 1, 1, 0},
+      {"0000", false, 8, {}, 0, 0, 0},
+      {"", true, 8, {}, 0, 0, 0},
+      {"11111", false, 0, {0, 1, 2, 3, 4}, 1, 5, 0},  // a stored 0 still stacks one per row
+      {"1111111", false, 2, {0, 1, 2, 3, 4, 5, 6}, 2, 4, 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.online + (c.show_offline ? " with offline" : "") + " rows " + std::to_string(c.max_rows));
+    const CpuGrid grid = cpuGrid(bits(c.online), c.show_offline, c.max_rows);
+    EXPECT_EQ(grid.shown, c.shown);
+    EXPECT_EQ(grid.per_column, c.per_column);
+    EXPECT_EQ(grid.columns, c.columns);
+    EXPECT_EQ(grid.fillers(), c.fillers);
+  }
+}
+
+TEST(CpuOnlineStatus, FromTheKernelList) {
+  const std::vector<int> present{0, 1, 2, 3};
+  const struct {
+    std::optional<std::string> text;
+    std::string expected;
+  } cases[] = {
+      {std::nullopt, "1111"}, {"0-3\n", "1111"}, {"0,2-3", "1011"}, {"0", "1000"}, {"garbage", "1111"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text.value_or("(none)"));
+    EXPECT_EQ(cpuOnlineStatus(present, c.text), bits(c.expected));
+  }
+  // Numbers, not positions: a tree whose present list skips a processor.
+  EXPECT_EQ(cpuOnlineStatus({0, 2, 5}, std::string("0,5")), bits("101"));
+}
+
+TEST(TotalCpuSample, SumsTimesAndAveragesKnownFrequencies) {
+  const cpu_sample_t total = totalCpuSample({{1, 2, 3, 1000.0}, {10, 20, 30, 0.0}, {100, 200, 300, 3000.0}});
+  EXPECT_EQ(total, (cpu_sample_t{111, 222, 333, 2000.0}));
+  EXPECT_EQ(totalCpuSample({}), cpu_sample_t{});
+}
+
+class StatsWindowTest : public ::testing::Test {
+ protected:
+  void SetUp() override { app(); }
+  // Builds a window on the scratch tree with the given processor lists.
+  std::unique_ptr<SystemStatsWindow> makeWindow(const std::string& present, const std::string& online) {
+    scratch.setCpus(present, online);
+    return std::make_unique<SystemStatsWindow>(*sampler, scratch.store(), scratch.root());
+  }
+  // Feeds samples start..end-1, one second apart on the fake clock.
+  void feed(SystemStatsWindow& window, const Devices& devices, int64_t start, int64_t end) {
+    for (int64_t k = start; k < end; ++k) {
+      clock.advance_us(1'000'000);
+      window.statsUpdated(makeSample(devices, k));
+    }
+  }
+
+  SwitchesGuard guard;
+  FakeClock clock;
+  Scratch scratch;
+  std::shared_ptr<SystemStats> sampler = scratch.sampler();
+};
+
+TEST_F(StatsWindowTest, ProcessorGridInTheWindow) {
+  const struct {
+    std::string present, online;
+    bool show_offline;
+    int64_t max_rows;
+    std::vector<QString> labels;  // processor number of each graph, in cell order
+    int columns, rows, fillers;
+  } cases[] = {
+      {"0-3", "0-3", false, 8, {"0", "1", "2", "3"}, 1, 4, 0},
+      {"0-7", "0-7", false, 3, {"0", "1", "2", "3", "4", "5", "6", "7"}, 3, 3, 1},
+      {"0-7", "0,2-3,6-7", false, 2, {"0", "2", "3", "6", "7"}, 3, 2, 1},
+      {"0-7", "0,2-3,6-7", true, 4, {"0", "1", "2", "3", "4", "5", "6", "7"}, 2, 4, 0},
+      {"0-23", "0-23", false, 8, {}, 3, 8, 0},
+      {"0-1", "0", false, 8, {"0"}, 1, 1, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.present + " online " + c.online + " rows " + std::to_string(c.max_rows));
+    GraphSwitches::current().show_offline_cpus = c.show_offline;
+    GraphSwitches::current().max_cpu_rows = c.max_rows;
+    auto window = makeWindow(c.present, c.online);
+    QSplitter* controller = window->cpuController();
+    ASSERT_EQ(controller->count(), c.columns);
+    int graphs = 0, fillers = 0;
+    for (int column = 0; column < controller->count(); ++column) {
+      auto* cells = qobject_cast<QSplitter*>(controller->widget(column));
+      ASSERT_NE(cells, nullptr);
+      EXPECT_EQ(cells->orientation(), Qt::Vertical);
+      ASSERT_EQ(cells->count(), c.rows);
+      for (int row = 0; row < cells->count(); ++row) {
+        if (qobject_cast<GraphViewCPU*>(cells->widget(row))) {
+          ++graphs;
+        } else {
+          ++fillers;
+          EXPECT_EQ(column, controller->count() - 1) << "fillers only close the last column";
+        }
+      }
+    }
+    EXPECT_EQ(fillers, c.fillers);
+    EXPECT_EQ(graphs, static_cast<int>(window->cpuViews().size()));
+    for (size_t i = 0; i < c.labels.size(); ++i) {
+      EXPECT_TRUE(window->cpuViews()[i]->label().endsWith(" " + c.labels[i])) << window->cpuViews()[i]->label().toStdString();
+    }
+  }
+}
+
+TEST_F(StatsWindowTest, ProcessorGoingOfflineRebuildsTheGrid) {
+  GraphSwitches::current().show_offline_cpus = false;
+  GraphSwitches::current().max_cpu_rows = 2;
+  auto window = makeWindow("0-3", "0-3");
+  EXPECT_EQ(window->cpuViews().size(), 4u);
+  scratch.write("sys/devices/system/cpu/online", "0-2\n");
+  window->processorSetChanged();
+  EXPECT_EQ(window->cpuViews().size(), 3u);
+  EXPECT_EQ(window->cpuController()->count(), 2);
+  GraphSwitches::current().show_offline_cpus = true;
+  window->graphSettingsChanged();
+  EXPECT_EQ(window->cpuViews().size(), 4u);
+}
+
+std::vector<std::string> keys(const auto& map) {
+  std::vector<std::string> out;
+  for (const auto& [key, value] : map) out.push_back(key);
+  return out;
+}
+
+TEST_F(StatsWindowTest, DeviceGraphsFollowTheDevicesAtTheNextRedraw) {
+  GraphSwitches::current().update_interval = 0;  // 1 s: every sample redraws
+  auto window = makeWindow("0-3", "0-3");
+  window->show();
+  const struct {
+    Devices devices;
+    std::vector<std::string> disks, interfaces, gpus;
+    size_t fans;
+  } steps[] = {
+      {{4, {"nvme0n1", "sda"}, {"eth0"}, {"Radeon"}, 2}, {"nvme0n1", "sda"}, {"eth0"}, {"Radeon"}, 2},
+      {{4, {"nvme0n1"}, {"eth0", "wlan0"}, {}, 1}, {"nvme0n1"}, {"eth0", "wlan0"}, {}, 1},
+      {{4, {"nvme0n1", "sdb"}, {"wlan0"}, {"Radeon", "GeForce"}, 3}, {"nvme0n1", "sdb"}, {"wlan0"}, {"GeForce", "Radeon"}, 3},
+      {{4, {}, {}, {}, 0}, {}, {}, {}, 0},
+  };
+  int64_t k = 0;
+  for (const auto& step : steps) {
+    SCOPED_TRACE("step with " + std::to_string(step.disks.size()) + " disks");
+    // Within one second of the last redraw nothing changes yet.
+    const auto disks_before = keys(window->diskViews());
+    window->statsUpdated(makeSample(step.devices, k++));
+    EXPECT_EQ(keys(window->diskViews()), disks_before);
+    feed(*window, step.devices, k, k + 1);
+    ++k;
+    EXPECT_EQ(keys(window->diskViews()), step.disks);
+    EXPECT_EQ(keys(window->interfaceViews()), step.interfaces);
+    EXPECT_EQ(keys(window->gpuViews()), step.gpus);
+    EXPECT_EQ(window->fanViews().size(), step.fans);
+    // The graphs stand in the splitter in key order.
+    for (const auto& [name, view] : window->diskViews()) {
+      auto* splitter = qobject_cast<QSplitter*>(view->parentWidget());
+      ASSERT_NE(splitter, nullptr);
+      EXPECT_EQ(splitter->indexOf(view), static_cast<int>(std::distance(window->diskViews().begin(),
+                                                                        window->diskViews().find(name))));
+    }
+  }
+  window->close();
+}
+
+TEST_F(StatsWindowTest, RedrawsAtTheChosenInterval) {
+  const struct {
+    int64_t menu_index;
+    std::vector<int64_t> redraw_after;  // sample numbers (1-based) after which a redraw happened
+  } cases[] = {
+      {2, {5, 10, 15}},
+      {1, {2, 4, 6, 8, 10, 12, 14}},
+      {0, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE("menu index " + std::to_string(c.menu_index));
+    GraphSwitches::current().update_interval = c.menu_index;
+    auto window = makeWindow("0-3", "0-3");
+    window->show();
+    std::vector<int64_t> redrawn;
+    for (int64_t k = 1; k <= 15; ++k) {
+      const int64_t before = window->redrawCount();
+      feed(*window, {}, k, k + 1);
+      if (window->redrawCount() != before) redrawn.push_back(k);
+    }
+    EXPECT_EQ(redrawn, c.redraw_after);
+    window->close();
+  }
+}
+
+TEST_F(StatsWindowTest, LongRunKeepsEveryHistoryCapped) {
+  GraphSwitches::current().update_interval = 2;
+  auto window = makeWindow("0-3", "0-3");
+  window->show();
+  const Devices devices{4, {"sda", "sdb"}, {"eth0"}, {"Radeon"}, 2};
+  feed(*window, devices, 0, 5000);
+  // 4 processors, the total, 2 fans, 2 disks, 1 interface, 1 GPU, memory, I/O, processes, load, power.
+  const size_t series = 4 + 1 + 2 + 2 + 1 + 1 + 5;
+  EXPECT_EQ(window->heldSamples(), series * SystemStatsWindow::kHistoryLimit);
+  // The graphs were handed the capped history: one column per pair of samples.
+  EXPECT_EQ(window->totalCpuView()->utils().size(), SystemStatsWindow::kHistoryLimit - 1);
+  // A device that vanishes takes its history with it.
+  feed(*window, {4, {"sda"}, {}, {}, 0}, 5000, 5001);
+  // 4 processors, the total, sda and the five machine-wide series; sdb, the interface, the GPU and
+  // the fans are gone.
+  EXPECT_EQ(window->heldSamples(), 11 * SystemStatsWindow::kHistoryLimit);
+  window->samplerRestarted();
+  EXPECT_EQ(window->heldSamples(), 0u);
+  window->close();
+}
+
+TEST_F(StatsWindowTest, SamplerClientWhileShown) {
+  auto window = makeWindow("0-3", "0-3");
+  EXPECT_FALSE(sampler->running());
+  window->show();
+  EXPECT_TRUE(window->isSamplerClient());
+  EXPECT_EQ(sampler->clientCount(), 1u);
+  EXPECT_TRUE(sampler->running());
+  window->close();
+  EXPECT_EQ(sampler->clientCount(), 0u);
+  EXPECT_FALSE(sampler->running());
+}
+
+TEST_F(StatsWindowTest, SettingsReadAtLoadAndSavedAtClose) {
+  for (bool bytes : {false, true}) {
+    SCOPED_TRACE(bytes ? "data" : "operations");
+    scratch.store().saveBool("graph_show_data_io", bytes);
+    QFont font("Monospace");
+    font.setPointSize(13);
+    scratch.store().saveString("graph_label_font", font.toString().toStdString());
+    auto window = makeWindow("0-3", "0-3");
+    EXPECT_EQ(window->showDataIO(), bytes);
+    EXPECT_EQ(window->dataIOSelector()->currentIndex(), bytes ? 0 : 1);
+    EXPECT_EQ(window->labelFont().pointSize(), 13);
+    window->show();
+    window->setShowDataIO(!bytes);
+    QFont other = window->labelFont();
+    other.setPointSize(9);
+    window->setLabelFont(other);
+    window->close();
+    EXPECT_EQ(scratch.store().loadBool("graph_show_data_io", bytes), !bytes);
+    QFont saved;
+    saved.fromString(QString::fromStdString(scratch.store().loadString("graph_label_font", "")));
+    EXPECT_EQ(saved.pointSize(), 9);
+  }
+}
+
+TEST_F(StatsWindowTest, SharedInstanceClearedWhenClosed) {
+  SystemStatsWindow* window = SystemStatsWindow::openShared(*sampler, scratch.store());
+  ASSERT_NE(window, nullptr);
+  EXPECT_EQ(SystemStatsWindow::instance(), window);
+  EXPECT_EQ(SystemStatsWindow::openShared(*sampler, scratch.store()), window);
+  EXPECT_EQ(sampler->clientCount(), 1u);
+  window->close();
+  EXPECT_EQ(SystemStatsWindow::instance(), nullptr);
+  EXPECT_EQ(sampler->clientCount(), 0u);
+  QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+}
+
+}  // namespace
