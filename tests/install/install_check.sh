@@ -1,0 +1,150 @@
+#!/usr/bin/env bash
+# Checks what `cmake --install` and the Debian package deliver.
+#   install_check.sh tree|desktop|metainfo|package|scripts BUILD_DIR SOURCE_DIR PREFIX HAVE_GUI
+set -euo pipefail
+check=$1 build=$2 source=$3 prefix=$4 gui=$5
+here=$(cd "$(dirname "$0")" && pwd)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+umask 022
+
+fail() { echo "FAIL: $*" >&2; exit 1; }
+
+gui_on() { case "${gui^^}" in ON|TRUE|YES|1) return 0 ;; *) return 1 ;; esac; }
+
+# The expected listing, "TYPE MODE PATH" relative to the prefix, sorted.
+expected_listing() {
+  grep -v '^#' "$here/expected-tree.txt" | while read -r type mode path tag; do
+    if [ "${tag:-}" = gui ] && ! gui_on; then continue; fi
+    echo "$type $mode $path"
+  done
+  if [ -d "$source/resources/help" ]; then
+    (cd "$source/resources" && find help -type f -printf 'f 644 share/pelmora/%p\n' \
+       && find help -type d -empty -printf 'd 755 share/pelmora/%p\n')
+  fi
+}
+
+# The same listing of an installed tree: files and symlinks, and folders with nothing in them.
+tree_listing() {
+  (cd "$1" && find . -mindepth 1 \( -type f -o -type l -o -type d -empty \) -printf '%y %m %P\n')
+}
+
+# A listing of `dpkg-deb -c` in the same form (the package has no empty folders but pmenergy).
+package_listing() {
+  dpkg-deb -c "$1" | awk -v prefix="./${prefix#/}/" '
+    function octal(p,   i, m, v) {
+      m = 0
+      for (i = 2; i <= 10; i += 3) {
+        v = 0
+        if (substr(p, i, 1) == "r") v += 4
+        if (substr(p, i + 1, 1) == "w") v += 2
+        if (substr(p, i + 2, 1) ~ /[xs]/) v += 1
+        m = m * 10 + v
+      }
+      return m + 0
+    }
+    {
+      path = $6
+      type = substr($1, 1, 1)
+      if (type == "-") { files[path] = "f " octal($1) }
+      else if (type == "d") { dirs[path] = octal($1) }
+    }
+    END {
+      for (p in files) print files[p], substr(p, length(prefix) + 1)
+      # An empty folder is one no other entry lies in.
+      for (d in dirs) {
+        empty = 1
+        for (p in files) if (index(p, d) == 1) { empty = 0; break }
+        if (empty) for (e in dirs) if (e != d && index(e, d) == 1) { empty = 0; break }
+        if (empty) { q = substr(d, length(prefix) + 1); sub(/\/$/, "", q); print "d " dirs[d], q }
+      }
+    }'
+}
+
+compare() {  # compare NAME EXPECTED ACTUAL
+  if ! diff -u <(sort "$2") <(sort "$3"); then fail "$1 differs from the expected tree (- expected, + found)"; fi
+}
+
+case "$check" in
+  tree)
+    DESTDIR="$work/root" cmake --install "$build" >/dev/null
+    # Nothing may land outside the prefix.
+    outside=$(cd "$work/root" && find . -mindepth 1 -not -path "./${prefix#/}" -not -path "./${prefix#/}/*" \
+              \( -type f -o -type l \) -print)
+    [ -z "$outside" ] || fail "installed outside the prefix: $outside"
+    expected_listing >"$work/expected"
+    tree_listing "$work/root$prefix" >"$work/actual"
+    compare "the installed tree" "$work/expected" "$work/actual"
+    # The installed helper unit starts the installed daemon.
+    grep -qx "ExecStart=$prefix/libexec/pelmora/pelmora-helper" \
+      "$work/root$prefix/lib/systemd/system/net.tandrel.pelmorahelper.service" \
+      || fail "the helper unit does not start $prefix/libexec/pelmora/pelmora-helper"
+    # Man pages that man can read without complaint.
+    for page in man1/pelmora.1.gz man8/pelmora-helper.8.gz; do
+      warnings=$(zcat "$work/root$prefix/share/man/$page" | groff -man -Tutf8 -ww -z 2>&1)
+      [ -z "$warnings" ] || fail "$page: $warnings"
+    done
+    ;;
+  desktop)
+    desktop-file-validate "$source/resources/net.tandrel.pelmora.desktop"
+    ;;
+  metainfo)
+    appstreamcli validate --no-net "$source/resources/net.tandrel.pelmora.metainfo.xml"
+    ;;
+  package)
+    cpack --config "$build/CPackConfig.cmake" -B "$work/out" >"$work/cpack.log" 2>&1 \
+      || { cat "$work/cpack.log" >&2; fail "cpack failed"; }
+    version=$(sed -n 's/^set(CPACK_PACKAGE_VERSION "\(.*\)")$/\1/p' "$build/CPackConfig.cmake")
+    arch=$(dpkg --print-architecture)
+    deb="$work/out/pelmora_${version}_${arch}.deb"
+    [ -f "$deb" ] || fail "no $deb: $(ls "$work/out")"
+    field() { dpkg-deb -f "$deb" "$1"; }
+    [ "$(field Package)" = pelmora ] || fail "Package: $(field Package)"
+    [ "$(field Version)" = "$version" ] || fail "Version: $(field Version)"
+    [ "$(field Architecture)" = "$arch" ] || fail "Architecture: $(field Architecture)"
+    [ "$(field Section)" = admin ] || fail "Section: $(field Section)"
+    [[ "$(field Maintainer)" =~ ^[^\<]+\ \<[^@]+@[^\>]+\>$ ]] || fail "Maintainer: $(field Maintainer)"
+    [[ "$(field Recommends)" == *"polkitd | policykit-1"* ]] || fail "Recommends: $(field Recommends)"
+    # Library dependencies were worked out from the programs.
+    depends=$(field Depends)
+    [[ "$depends" == *libc6* ]] || fail "Depends lacks libc6: $depends"
+    if gui_on; then [[ "$depends" == *libqt6widgets6* ]] || fail "Depends lacks Qt 6 Widgets: $depends"; fi
+    # A synopsis and an extended description.
+    [ "$(field Description | wc -l)" -gt 2 ] || fail "Description has no extended part"
+    # The package holds exactly the installed tree.
+    expected_listing >"$work/expected"
+    package_listing "$deb" >"$work/actual"
+    compare "the package's file list" "$work/expected" "$work/actual"
+    dpkg-deb -e "$deb" "$work/control"
+    for script in postinst prerm postrm; do
+      [ -x "$work/control/$script" ] || fail "the package has no executable $script"
+    done
+    ;;
+  scripts)
+    # Runs the maintainer scripts with a systemctl that records what it is asked to do.
+    mkdir -p "$work/bin"
+    printf '#!/bin/sh\necho "systemctl $*" >>"%s"\n' "$work/calls" >"$work/bin/systemctl"
+    chmod 755 "$work/bin/systemctl"
+    run() { : >"$work/calls"; PATH="$work/bin:$PATH" sh "$source/cmake/debian/$1" "$2" || fail "$1 $2 failed"; }
+    socket=net.tandrel.pelmorahelper.socket
+    if [ -d /run/systemd/system ]; then enable="systemctl enable --now $socket"; else enable="systemctl enable $socket"; fi
+    run postinst configure
+    grep -qx "$enable" "$work/calls" || fail "postinst configure: $(cat "$work/calls")"
+    run postinst abort-upgrade
+    [ ! -s "$work/calls" ] || fail "postinst abort-upgrade touched units: $(cat "$work/calls")"
+    run prerm remove
+    grep -qx "systemctl disable $socket net.tandrel.pelmorahelper.service" "$work/calls" \
+      || fail "prerm remove: $(cat "$work/calls")"
+    if [ -d /run/systemd/system ]; then
+      grep -qx "systemctl stop $socket net.tandrel.pelmorahelper.service" "$work/calls" \
+        || fail "prerm remove does not stop: $(cat "$work/calls")"
+    fi
+    run postrm remove
+    if grep -q disable "$work/calls"; then fail "postrm remove disabled the boot unit: $(cat "$work/calls")"; fi
+    for script in postinst prerm postrm; do sh -n "$source/cmake/debian/$script" || fail "$script: syntax"; done
+    ;;
+  *)
+    fail "unknown check $check"
+    ;;
+esac
+echo "ok: $check"
