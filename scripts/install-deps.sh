@@ -11,6 +11,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   util-linux procps iproute2 xvfb xauth
   cpulimit  # bench/limiter_accuracy measures it beside our limiter
+  desktop-file-utils appstream groff-base  # tests/install checks the desktop entry, metainfo, man pages
 )
 
 sudo_cmd=()
