@@ -26,6 +26,8 @@ PreferencesWindow::PreferencesWindow(PreferencesGraph* graph, ProcessPreferences
   body->setContentsMargins(16, 8, 16, 16);
   body->addWidget(m_panes);
   layout->addLayout(body);
+  // The window takes the size of the pane shown.
+  layout->setSizeConstraint(QLayout::SetFixedSize);
   addPane(graph, PreferencesGraph::toolbarTitle(), QStringLiteral("preferences-system"));
   addPane(process, ProcessPreferences::toolbarTitle(), QStringLiteral("system-run"));
   addPane(pid, PreferencesPID::toolbarTitle(), QStringLiteral("preferences-other"));
