@@ -1,0 +1,116 @@
+#include "app/status_bar_controller.h"
+
+#include <QAction>
+#include <QFont>
+#include <QLocale>
+#include <QMenu>
+#include <QPainter>
+#include <QPixmap>
+#include <QSystemTrayIcon>
+
+#include "helper_link/pelmora.h"
+#include "process_control/cpu_limiter.h"
+
+namespace pelmora {
+
+namespace {
+
+constexpr int kTrayIcon_px = 22;
+
+QString number(double value, int decimals) { return QLocale().toString(value, 'f', decimals); }
+
+}  // namespace
+
+std::array<QString, 3> statusReadouts(const usageInfo& usage, const rwInfo& disk, int32_t logical_count,
+                                      const cpu_numbers_t& counts) {
+  const double scale = logical_count * 100.0;
+  const QString cpu = QObject::tr("CPU System:") + " " + number(usage.system * scale, 1) + "% " +
+                      QObject::tr("User:") + " " + number(usage.user * scale, 1) + "% " + QObject::tr("Idle:") +
+                      " " + number(usage.idle * scale, 1) + "%";
+  const QString io = QObject::tr("Disk Read(kB/s):") + " " + number(disk.readPerSec * 0.001, 3) + " " +
+                     QObject::tr("Write(kB/s):") + " " + number(disk.writePerSec * 0.001, 3);
+  const QString cores = QObject::tr("Logical:") + " " + QLocale().toString(counts.logical_cpu) + " " +
+                        QObject::tr("Physical:") + " " + QLocale().toString(counts.physical_cpu);
+  return {cpu, io, cores};
+}
+
+QIcon iconWithHT(const QIcon& base) {
+  QPixmap pixmap(kTrayIcon_px, kTrayIcon_px);
+  pixmap.fill(Qt::transparent);
+  QPainter painter(&pixmap);
+  base.paint(&painter, pixmap.rect());
+  QFont font = painter.font();
+  font.setBold(true);
+  font.setPixelSize(kTrayIcon_px / 2);
+  painter.setFont(font);
+  // A dark plate under the letters keeps them readable on any graph or panel colour.
+  const QRect plate(0, kTrayIcon_px / 2, kTrayIcon_px, kTrayIcon_px / 2);
+  painter.fillRect(plate, QColor(0, 0, 0, 170));
+  painter.setPen(Qt::white);
+  painter.drawText(plate, Qt::AlignCenter, QStringLiteral("HT"));
+  painter.end();
+  return QIcon(pixmap);
+}
+
+StatusBarController::StatusBarController(Pelmora& helper, CPULimiter& limiter, HyperThreading hyper, QObject* parent)
+    : QObject(parent), m_helper(helper), m_limiter(limiter), m_hyper(std::move(hyper)), m_menu(new QMenu) {
+  for (auto& item : m_readouts) {
+    item = m_menu->addAction(QString());
+    item->setEnabled(false);
+  }
+  m_menu->addSeparator();
+  connect(m_menu, &QMenu::aboutToShow, this, &StatusBarController::refreshReadouts);
+}
+
+StatusBarController::~StatusBarController() {
+  remove();
+  delete m_menu;
+}
+
+void StatusBarController::install() {
+  if (!m_tray) {
+    m_tray = new QSystemTrayIcon(this);
+    m_tray->setToolTip(QStringLiteral("Pelmora"));
+    m_tray->setContextMenu(m_menu);
+    connect(m_tray, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
+      if (reason == QSystemTrayIcon::Trigger || reason == QSystemTrayIcon::DoubleClick) emit activated();
+    });
+  }
+  refreshTitle();
+  m_tray->show();
+}
+
+void StatusBarController::remove() {
+  if (!m_tray) return;
+  m_tray->hide();
+  m_tray->setContextMenu(nullptr);
+  delete m_tray;
+  m_tray = nullptr;
+}
+
+void StatusBarController::setBaseIcon(const QIcon& icon) {
+  m_base_icon = icon;
+  refreshTitle();
+}
+
+void StatusBarController::refreshTitle() {
+  m_shows_ht = m_hyper && m_hyper();
+  if (m_tray) m_tray->setIcon(m_shows_ht ? iconWithHT(m_base_icon) : m_base_icon);
+}
+
+void StatusBarController::refreshReadouts() {
+  // A field left at -1 means the helper did not answer: the items keep what they showed.
+  const cpu_numbers_t unknown{-1, -1, -1, -1};
+  const cpu_numbers_t first = m_helper.requestCpuInfo(unknown);
+  if (first.logical_cpu < 0) return;
+  cpu_numbers_t second = m_helper.requestCpuInfo(unknown);
+  if (second.logical_cpu < 0) second = {};
+  const auto lines = statusReadouts(m_limiter.usage(), m_limiter.diskRates(), first.logical_cpu, second);
+  for (size_t i = 0; i < lines.size(); ++i) {
+    m_readouts[i]->setText(lines[i]);
+    m_readouts[i]->setEnabled(false);
+    m_readouts[i]->setVisible(true);
+  }
+}
+
+}  // namespace pelmora

@@ -1,0 +1,72 @@
+#pragma once
+// StatusBarController: the tray icon and its menu. The menu starts with three read-outs (processor
+// split, disk rates, processor counts), refreshed from the helper and the limiter each time the menu
+// is about to show; the application appends its own actions below them. The icon carries "HT" while
+// hyper-threading is on; where the desktop cannot show a live window icon (Wayland) it shows the live
+// graph instead of the program's icon. Main thread only.
+#include <QIcon>
+#include <QObject>
+#include <QString>
+
+#include <array>
+#include <functional>
+
+#include "process_control/procinfo.h"
+#include "support/kernel_records.h"
+
+class QAction;
+class QMenu;
+class QSystemTrayIcon;
+
+namespace pelmora {
+
+class CPULimiter;
+class Pelmora;
+
+// The three read-out lines, numbers in the current locale. Pure.
+std::array<QString, 3> statusReadouts(const usageInfo& usage, const rwInfo& disk, int32_t logical_count,
+                                      const cpu_numbers_t& counts);
+// The icon with "HT" drawn over it (at 22 x 22 pixels, the common tray size).
+QIcon iconWithHT(const QIcon& base);
+
+class StatusBarController : public QObject {
+  Q_OBJECT
+ public:
+  // Whether hyper-threading is on now (the machine has threads and the settings window's box is on).
+  using HyperThreading = std::function<bool()>;
+
+  StatusBarController(Pelmora& helper, CPULimiter& limiter, HyperThreading hyper, QObject* parent = nullptr);
+  ~StatusBarController() override;
+
+  QMenu* statusMenu() const { return m_menu; }
+  // Shows the tray icon (creating it when absent) / removes it.
+  void install();
+  void remove();
+  bool installed() const { return m_tray != nullptr; }
+  QSystemTrayIcon* tray() const { return m_tray; }
+
+  // The program's icon, or the live graph where the window icon cannot show it.
+  void setBaseIcon(const QIcon& icon);
+  // Redraws the icon for the current hyper-threading state.
+  void refreshTitle();
+  bool showsHT() const { return m_shows_ht; }
+  // The menuNeedsUpdate: the three read-outs from the helper and the limiter.
+  void refreshReadouts();
+  QAction* readout(int index) const { return m_readouts.at(static_cast<size_t>(index)); }
+
+ signals:
+  // A click on the icon itself (not the menu).
+  void activated();
+
+ private:
+  Pelmora& m_helper;
+  CPULimiter& m_limiter;
+  HyperThreading m_hyper;
+  QMenu* m_menu;
+  std::array<QAction*, 3> m_readouts{};
+  QSystemTrayIcon* m_tray = nullptr;
+  QIcon m_base_icon;
+  bool m_shows_ht = false;
+};
+
+}  // namespace pelmora
