@@ -1,0 +1,167 @@
+#include "app/process_columns.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <functional>
+
+namespace pelmora {
+namespace {
+
+constexpr double kBytesPerMiB = 1048576.0;
+
+std::string format(const char* fmt, double value) {
+  char buffer[64];
+  std::snprintf(buffer, sizeof buffer, fmt, value);
+  return buffer;
+}
+
+template <typename T>
+int threeWay(const T& a, const T& b) {
+  return a < b ? -1 : (b < a ? 1 : 0);
+}
+
+// The numeric key of a column, for the columns that sort by one number.
+using NumberKey = double (*)(const ProcessRow&);
+
+const std::map<std::string_view, NumberKey>& numberKeys() {
+  static const std::map<std::string_view, NumberKey> keys = {
+      {"pid", [](const ProcessRow& r) { return double(r.info.pid); }},
+      {"pctcpu", [](const ProcessRow& r) { return r.info.pctCPU; }},
+      {"wakeups", [](const ProcessRow& r) { return r.info.idleWakeupsPerSec; }},
+      {"energy", [](const ProcessRow& r) { return r.info.energyImpact; }},
+      {"uid", [](const ProcessRow& r) { return double(r.info.uid); }},
+      {"sleep", [](const ProcessRow& r) { return r.info.preventSleep ? 1.0 : 0.0; }},
+      {"limit", [](const ProcessRow& r) { return r.limit.value_or(-1.0); }},
+      {"threads", [](const ProcessRow& r) { return double(r.info.threads); }},
+      {"readpersec", [](const ProcessRow& r) { return r.info.readPerSec.current(); }},
+      {"writepersec", [](const ProcessRow& r) { return r.info.writePerSec.current(); }},
+      {"netread", [](const ProcessRow& r) { return r.info.netReadPerSec; }},
+      {"netwrite", [](const ProcessRow& r) { return r.info.netWritePerSec; }},
+      {"memresident", [](const ProcessRow& r) { return double(r.info.memRes); }},
+      {"memvirtual", [](const ProcessRow& r) { return double(r.info.memVirtual); }},
+  };
+  return keys;
+}
+
+}  // namespace
+
+processesView processesViewFrom(int64_t stored) {
+  if (stored < 0 || stored > static_cast<int64_t>(processesView::application)) return processesView::all;
+  return static_cast<processesView>(stored);
+}
+
+const std::vector<std::string>& processColumnIds() {
+  static const std::vector<std::string> ids = {
+      "process", "pid",     "kind",    "elapsed",    "pctcpu",      "wakeups", "energy",
+      "user",    "uid",     "sleep",   "limit",      "nice",        "threads", "readpersec",
+      "writepersec", "netread", "netwrite", "memresident", "memvirtual"};
+  return ids;
+}
+
+bool isProcessColumn(std::string_view id) {
+  const auto& ids = processColumnIds();
+  return std::find(ids.begin(), ids.end(), id) != ids.end();
+}
+
+std::string elapsedText(uint64_t elapsed_ns) {
+  const uint64_t seconds = elapsed_ns / 1'000'000'000ULL;
+  char buffer[48];
+  std::snprintf(buffer, sizeof buffer, "%02llu:%02llu:%02llu", static_cast<unsigned long long>(seconds / 3600),
+                static_cast<unsigned long long>(seconds / 60 % 60), static_cast<unsigned long long>(seconds % 60));
+  return buffer;
+}
+
+std::string limitText(const ProcessRow& row, bool limit_frontmost) {
+  if (!row.limit) return {};
+  const double percent = *row.limit * 100.0;
+  if (!limit_frontmost && row.frontmost) return format("(%.1f)", percent);
+  return format("%.1f", percent);
+}
+
+std::string cellText(std::string_view column, const ProcessRow& row, const CellContext& ctx) {
+  const procinfo& p = row.info;
+  if (column == "process") return p.name;
+  if (column == "pid") return std::to_string(p.pid);
+  if (column == "kind") return p.kind;
+  if (column == "elapsed") return elapsedText(ctx.now_ns > p.startTime ? ctx.now_ns - p.startTime : 0);
+  if (column == "pctcpu") return format("%.1f", p.pctCPU * 100.0);
+  if (column == "wakeups") return format("%.1f", p.idleWakeupsPerSec);
+  if (column == "energy") return format("%.1f", p.energyImpact);
+  if (column == "user") return p.user;
+  if (column == "uid") return std::to_string(p.uid);
+  if (column == "sleep") return p.preventSleep ? "Yes" : "No";
+  if (column == "limit") return limitText(row, ctx.limit_frontmost);
+  if (column == "nice") return std::to_string(row.nice);
+  if (column == "threads") return std::to_string(p.threads);
+  if (column == "readpersec") return format("%.3f", p.readPerSec.current() * 0.001);
+  if (column == "writepersec") return format("%.3f", p.writePerSec.current() * 0.001);
+  if (column == "netread") return format("%.3f", p.netReadPerSec * 0.001);
+  if (column == "netwrite") return format("%.3f", p.netWritePerSec * 0.001);
+  if (column == "memresident") return format("%.3f", double(p.memRes) / kBytesPerMiB);
+  if (column == "memvirtual") return format("%.3f", double(p.memVirtual) / kBytesPerMiB);
+  return {};
+}
+
+int compareRows(std::string_view column, const ProcessRow& a, const ProcessRow& b) {
+  if (column == "process") return threeWay(a.info.name, b.info.name);
+  if (column == "kind") return threeWay(a.info.kind, b.info.kind);
+  if (column == "user") return threeWay(a.info.user, b.info.user);
+  // Later start first: ascending order lists the shortest elapsed time first.
+  if (column == "elapsed") return threeWay(b.info.startTime, a.info.startTime);
+  if (column == "nice") return threeWay(a.nice, b.nice);
+  const auto& keys = numberKeys();
+  if (auto it = keys.find(column); it != keys.end()) return threeWay(it->second(a), it->second(b));
+  return 0;
+}
+
+bool passesFilter(processesView view, const procinfo& info, uint32_t my_uid,
+                  const std::set<int32_t>& application_pids) {
+  switch (view) {
+    case processesView::all: return true;
+    case processesView::mine: return info.uid == my_uid;
+    case processesView::system: return info.uid == 0;
+    case processesView::other: return info.uid != 0 && info.uid != my_uid;
+    case processesView::application: return application_pids.count(info.pid) > 0;
+  }
+  return true;
+}
+
+std::string lowercase(std::string_view text) {
+  std::string out(text);
+  for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return out;
+}
+
+bool passesSearch(const procinfo& info, std::string_view needle, bool contains) {
+  if (needle.empty()) return true;
+  const bool found = lowercase(info.name).find(needle) != std::string::npos;
+  return found == contains;
+}
+
+std::vector<ProcessRow> buildRows(const std::map<int32_t, procinfo>& table,
+                                  const std::map<int32_t, pidInfo>& limits, const RowQuery& query) {
+  std::vector<ProcessRow> rows;
+  rows.reserve(table.size());
+  for (const auto& [pid, info] : table) {
+    if (!passesFilter(query.view, info, query.my_uid, query.application_pids)) continue;
+    if (!passesSearch(info, query.search, query.search_contains)) continue;
+    ProcessRow row;
+    row.info = info;
+    if (auto it = limits.find(pid); it != limits.end()) {
+      row.limit = it->second.cpuLimit;
+      row.frontmost = it->second.frontmost;
+    }
+    if (query.nice_of) row.nice = query.nice_of(pid);
+    rows.push_back(std::move(row));
+  }
+  const std::string key = isProcessColumn(query.sort_key) ? query.sort_key : "pctcpu";
+  std::sort(rows.begin(), rows.end(), [&](const ProcessRow& a, const ProcessRow& b) {
+    const int c = compareRows(key, a, b);
+    if (c != 0) return query.sort_ascending ? c < 0 : c > 0;
+    return a.info.pid < b.info.pid;
+  });
+  return rows;
+}
+
+}  // namespace pelmora

@@ -1,0 +1,182 @@
+// The process window's columns, filters and search, without widgets.
+#include <gtest/gtest.h>
+
+#include "app/process_columns.h"
+
+namespace pelmora {
+namespace {
+
+ProcessRow rowOf(int32_t pid, const std::string& name, uint32_t uid = 1000) {
+  ProcessRow row;
+  row.info.pid = pid;
+  row.info.name = name;
+  row.info.uid = uid;
+  return row;
+}
+
+// Every column's ascending comparator on a pair (smaller, larger) that differs only in that column.
+TEST(ProcessColumns, EveryComparatorOrdersAscending) {
+  struct Case {
+    const char* column;
+    void (*smaller)(ProcessRow&);
+    void (*larger)(ProcessRow&);
+  };
+  const Case cases[] = {
+      {"process", [](ProcessRow& r) { r.info.name = "Alpha"; }, [](ProcessRow& r) { r.info.name = "beta"; }},
+      {"pid", [](ProcessRow& r) { r.info.pid = 9; }, [](ProcessRow& r) { r.info.pid = 10; }},
+      {"kind", [](ProcessRow& r) { r.info.kind = "aarch64"; }, [](ProcessRow& r) { r.info.kind = "x86_64"; }},
+      // Later start first: the more recent start (shorter elapsed) sorts first.
+      {"elapsed", [](ProcessRow& r) { r.info.startTime = 2000; }, [](ProcessRow& r) { r.info.startTime = 1000; }},
+      {"pctcpu", [](ProcessRow& r) { r.info.pctCPU = 0.25; }, [](ProcessRow& r) { r.info.pctCPU = 1.5; }},
+      {"wakeups", [](ProcessRow& r) { r.info.idleWakeupsPerSec = 1; }, [](ProcessRow& r) { r.info.idleWakeupsPerSec = 2; }},
+      {"energy", [](ProcessRow& r) { r.info.energyImpact = 0.1; }, [](ProcessRow& r) { r.info.energyImpact = 9; }},
+      {"user", [](ProcessRow& r) { r.info.user = "alice"; }, [](ProcessRow& r) { r.info.user = "root"; }},
+      {"uid", [](ProcessRow& r) { r.info.uid = 999; }, [](ProcessRow& r) { r.info.uid = 1000; }},
+      {"sleep", [](ProcessRow& r) { r.info.preventSleep = false; }, [](ProcessRow& r) { r.info.preventSleep = true; }},
+      // No limit counts as -1, below any share, even zero.
+      {"limit", [](ProcessRow& r) { r.limit.reset(); }, [](ProcessRow& r) { r.limit = 0.0; }},
+      {"limit", [](ProcessRow& r) { r.limit = 0.2; }, [](ProcessRow& r) { r.limit = 0.5; }},
+      {"nice", [](ProcessRow& r) { r.nice = -5; }, [](ProcessRow& r) { r.nice = 3; }},
+      {"threads", [](ProcessRow& r) { r.info.threads = 2; }, [](ProcessRow& r) { r.info.threads = 40; }},
+      {"readpersec", [](ProcessRow& r) { r.info.readPerSec.value = 10; }, [](ProcessRow& r) { r.info.readPerSec.value = 11; }},
+      {"writepersec", [](ProcessRow& r) { r.info.writePerSec.value = 0; }, [](ProcessRow& r) { r.info.writePerSec.value = 1; }},
+      {"netread", [](ProcessRow& r) { r.info.netReadPerSec = 5; }, [](ProcessRow& r) { r.info.netReadPerSec = 50; }},
+      {"netwrite", [](ProcessRow& r) { r.info.netWritePerSec = 5; }, [](ProcessRow& r) { r.info.netWritePerSec = 6; }},
+      {"memresident", [](ProcessRow& r) { r.info.memRes = 4096; }, [](ProcessRow& r) { r.info.memRes = 8192; }},
+      {"memvirtual", [](ProcessRow& r) { r.info.memVirtual = 1 << 20; }, [](ProcessRow& r) { r.info.memVirtual = 1 << 30; }},
+  };
+  std::set<std::string> covered;
+  for (const auto& c : cases) {
+    ProcessRow a = rowOf(1, "same"), b = rowOf(1, "same");
+    c.smaller(a);
+    c.larger(b);
+    EXPECT_LT(compareRows(c.column, a, b), 0) << c.column;
+    EXPECT_GT(compareRows(c.column, b, a), 0) << c.column;
+    EXPECT_EQ(compareRows(c.column, a, a), 0) << c.column;
+    covered.insert(c.column);
+  }
+  EXPECT_EQ(covered.size(), processColumnIds().size());
+  EXPECT_EQ(compareRows("nosuchcolumn", rowOf(1, "a"), rowOf(2, "b")), 0);
+}
+
+TEST(ProcessColumns, CellTexts) {
+  ProcessRow r = rowOf(4242, "firefox");
+  r.info.kind = "x86_64";
+  r.info.user = "alice";
+  r.info.startTime = 1'000'000'000'000ULL;
+  r.info.pctCPU = 0.456;
+  r.info.idleWakeupsPerSec = 12.34;
+  r.info.energyImpact = 3.05;
+  r.info.preventSleep = true;
+  r.info.threads = 17;
+  r.info.readPerSec.value = 12345.6;
+  r.info.writePerSec.value = 0.4;
+  r.info.netReadPerSec = 8000;
+  r.info.netWritePerSec = 1500;
+  r.info.memRes = 3 * 1048576 + 524288;
+  r.info.memVirtual = 1073741824;
+  r.nice = 5;
+  r.limit = 0.25;
+  // 1 h 2 min 3 s after the start.
+  const CellContext ctx{false, r.info.startTime + 3723ULL * 1'000'000'000ULL + 999'000'000ULL};
+  const std::pair<const char*, const char*> cases[] = {
+      {"process", "firefox"}, {"pid", "4242"},        {"kind", "x86_64"},        {"elapsed", "01:02:03"},
+      {"pctcpu", "45.6"},     {"wakeups", "12.3"},    {"energy", "3.0"},         {"user", "alice"},
+      {"uid", "1000"},        {"sleep", "Yes"},       {"limit", "25.0"},         {"nice", "5"},
+      {"threads", "17"},      {"readpersec", "12.346"}, {"writepersec", "0.000"}, {"netread", "8.000"},
+      {"netwrite", "1.500"},  {"memresident", "3.500"}, {"memvirtual", "1024.000"}, {"bogus", ""},
+  };
+  for (const auto& [column, text] : cases) EXPECT_EQ(cellText(column, r, ctx), text) << column;
+  r.info.preventSleep = false;
+  r.limit.reset();
+  EXPECT_EQ(cellText("sleep", r, ctx), "No");
+  EXPECT_EQ(cellText("limit", r, ctx), "");
+  // A start in the future (clock step) shows zero, not a wrapped huge time.
+  EXPECT_EQ(cellText("elapsed", r, CellContext{false, 5}), "00:00:00");
+  EXPECT_EQ(elapsedText(123ULL * 3600 * 1'000'000'000ULL), "123:00:00");
+}
+
+// Parentheses only while frontmost limiting is off and the process is the frontmost application.
+TEST(ProcessColumns, LimitTextInParenthesesOnlyForAnExemptFrontmostProcess) {
+  struct Case { std::optional<double> limit; bool frontmost, limit_frontmost; const char* text; };
+  const Case cases[] = {
+      {0.2, false, false, "20.0"}, {0.2, true, false, "(20.0)"}, {0.2, true, true, "20.0"},
+      {0.2, false, true, "20.0"},  {1.5, true, false, "(150.0)"}, {std::nullopt, true, false, ""},
+  };
+  for (const auto& c : cases) {
+    ProcessRow r = rowOf(7, "p");
+    r.limit = c.limit;
+    r.frontmost = c.frontmost;
+    EXPECT_EQ(limitText(r, c.limit_frontmost), c.text) << c.frontmost << c.limit_frontmost;
+  }
+}
+
+TEST(ProcessColumns, FiltersByOwnerAndApplication) {
+  const uint32_t me = 1000;
+  const std::set<int32_t> apps = {3};
+  struct Case { processesView view; std::set<int32_t> kept; };
+  // pid 1 root, 2 me, 3 me (application), 4 another user.
+  std::map<int32_t, procinfo> table;
+  for (auto [pid, uid] : {std::pair{1, 0u}, {2, me}, {3, me}, {4, 1001u}}) table[pid] = rowOf(pid, "p", uid).info;
+  const Case cases[] = {
+      {processesView::all, {1, 2, 3, 4}},   {processesView::mine, {2, 3}}, {processesView::system, {1}},
+      {processesView::other, {4}},          {processesView::application, {3}},
+  };
+  for (const auto& c : cases) {
+    std::set<int32_t> kept;
+    for (const auto& [pid, info] : table)
+      if (passesFilter(c.view, info, me, apps)) kept.insert(pid);
+    EXPECT_EQ(kept, c.kept) << static_cast<int>(c.view);
+  }
+  EXPECT_EQ(processesViewFrom(2), processesView::system);
+  EXPECT_EQ(processesViewFrom(5), processesView::all);
+  EXPECT_EQ(processesViewFrom(-1), processesView::all);
+}
+
+TEST(ProcessColumns, SearchContainsOrNotCaseInsensitively) {
+  struct Case { const char* name; const char* needle; bool contains, kept; };
+  const Case cases[] = {
+      {"Firefox", "fire", true, true}, {"Firefox", "fire", false, false}, {"bash", "fire", true, false},
+      {"bash", "fire", false, true},   {"bash", "", true, true},           {"bash", "", false, true},
+      {"GNOME-Shell", "e-s", true, true},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(passesSearch(rowOf(1, c.name).info, c.needle, c.contains), c.kept) << c.name << " / " << c.needle;
+}
+
+TEST(ProcessColumns, BuildRowsFiltersSearchesSortsAndAttachesLimits) {
+  std::map<int32_t, procinfo> table;
+  const std::tuple<int32_t, const char*, double> procs[] = {
+      {10, "editor", 0.5}, {11, "Editor-helper", 0.5}, {12, "shell", 0.9}, {13, "daemon", 0.1}};
+  for (auto [pid, name, cpu] : procs) {
+    table[pid] = rowOf(pid, name).info;
+    table[pid].pctCPU = cpu;
+  }
+  std::map<int32_t, pidInfo> limits;
+  limits[11].cpuLimit = 0.3;
+  limits[11].frontmost = true;
+  RowQuery q;  // the defaults: pctcpu, descending, all
+  auto pids = [](const std::vector<ProcessRow>& rows) {
+    std::vector<int32_t> out;
+    for (const auto& r : rows) out.push_back(r.info.pid);
+    return out;
+  };
+  // Equal shares keep pid order in either direction, so a refresh does not shuffle ties.
+  EXPECT_EQ(pids(buildRows(table, limits, q)), (std::vector<int32_t>{12, 10, 11, 13}));
+  q.sort_ascending = true;
+  EXPECT_EQ(pids(buildRows(table, limits, q)), (std::vector<int32_t>{13, 10, 11, 12}));
+  q.sort_key = "limit";
+  EXPECT_EQ(pids(buildRows(table, limits, q)), (std::vector<int32_t>{10, 12, 13, 11}));
+  q.search = "editor";
+  const auto rows = buildRows(table, limits, q);
+  ASSERT_EQ(pids(rows), (std::vector<int32_t>{10, 11}));
+  EXPECT_EQ(rows[1].limit, 0.3);
+  EXPECT_TRUE(rows[1].frontmost);
+  EXPECT_FALSE(rows[0].limit);
+  q.search_contains = false;
+  q.sort_key = "unknown";  // falls back to the share
+  EXPECT_EQ(pids(buildRows(table, limits, q)), (std::vector<int32_t>{13, 12}));
+}
+
+}  // namespace
+}  // namespace pelmora

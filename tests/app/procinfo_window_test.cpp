@@ -1,0 +1,366 @@
+// The process window on a simulated helper: first open, settings, filters and search, selection
+// across refreshes, the limit and priority controls per power source, enabled states, ending a
+// process, and the open-files window.
+#include <QApplication>
+#include <QHeaderView>
+#include <QItemSelectionModel>
+#include <QLabel>
+#include <QPushButton>
+#include <QSpinBox>
+#include <QTableView>
+#include <QTableWidget>
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <csignal>
+
+// The simulated helper keeps a member named like Qt's "signals" keyword; this file declares no
+// signals of its own.
+#undef signals
+
+#include "app/open_files_window.h"
+#include "app/process_table_model.h"
+#include "app/procinfo_window.h"
+#include "process_control/cpu_limiter.h"
+#include "process_control/proc_settings.h"
+#include "process_control/sim_helper.h"
+#include "support/main_queue.h"
+#include "support/pid.h"
+
+namespace pelmora {
+namespace {
+
+using test::SimProcess;
+
+void ensureApp() {
+  if (QApplication::instance()) return;
+  static int argc = 1;
+  static char name[] = "procinfo_window_test";
+  static char* argv[] = {name, nullptr};
+  new QApplication(argc, argv);
+}
+
+// The window's user; tests run as root or as anyone, so the window is told who it is.
+constexpr uint32_t kMe = 1000;
+
+// A limiter over simulated processes: pid -> (name, owner, share of a processor while running).
+struct Fixture {
+  FakeClock clock;
+  test::SimRoot dir;
+  std::shared_ptr<test::SimWire> wire = std::make_shared<test::SimWire>();
+  Pelmora helper{std::make_unique<test::SimTransport>(wire)};
+  DefaultSettings settings{dir.settingsFile()};
+  std::unique_ptr<CPULimiter> limiter;
+  std::map<int32_t, double> demand;
+
+  Fixture() {
+    ensureApp();
+    RunLoop::main().runUntilIdle();
+    CPULimiter::Options options;
+    options.journal_dir = dir.journalDir();
+    limiter = std::make_unique<CPULimiter>(helper, dir.root(), settings, options);
+  }
+  ~Fixture() {
+    PID::setFrontmostProvider(nullptr);
+    limiter.reset();
+    RunLoop::main().runUntilIdle();
+  }
+  void add(int32_t pid, const std::string& name, uint32_t uid, double share) {
+    dir.addProcess(pid);
+    wire->procs[pid] = SimProcess{.name = name, .uid = uid};
+    demand[pid] = share;
+  }
+  void gone(int32_t pid) {
+    dir.removeProcess(pid);
+    wire->procs.erase(pid);
+  }
+  // One second of running at each process's demand, a refresh, and its broadcast delivered.
+  void refresh() {
+    clock.advance_us(1'000'000);
+    for (auto& [pid, p] : wire->procs) p.cpu_ns += static_cast<uint64_t>(demand[pid] * 1e9);
+    limiter->refresh();
+    RunLoop::main().runUntilIdle();
+  }
+  // The standard set: two refreshes so that every row has a share.
+  void standard() {
+    add(100, "Xorg", 0, 0.30);
+    add(200, "firefox", kMe, 0.80);
+    add(201, "bash", kMe, 0.05);
+    add(300, "postgres", kMe + 1, 0.10);
+    refresh();
+    refresh();
+  }
+};
+
+std::vector<int32_t> shownPids(const ProcinfoWindow& w) {
+  std::vector<int32_t> pids;
+  for (const auto& row : w.model().rows()) pids.push_back(row.info.pid);
+  return pids;
+}
+
+std::string cell(const ProcinfoWindow& w, int32_t pid, const std::string& column) {
+  const int row = w.model().rowOfPid(pid);
+  if (row < 0) return "<absent>";
+  return w.model().index(row, ProcessTableModel::columnOf(column)).data().toString().toStdString();
+}
+
+TEST(ProcinfoWindow, FirstOpenWithEmptyDefaultsSortsByShareDescendingAndShowsAll) {
+  Fixture f;
+  f.standard();
+  ProcinfoWindow w(*f.limiter, f.helper, f.settings);
+  w.setUid(kMe);
+  EXPECT_EQ(w.sortKey(), "pctcpu");
+  EXPECT_FALSE(w.sortAscending());
+  EXPECT_EQ(w.processFilter(), processesView::all);
+  EXPECT_EQ(shownPids(w), (std::vector<int32_t>{200, 100, 300, 201}));
+  EXPECT_EQ(w.table()->horizontalHeader()->sortIndicatorSection(), ProcessTableModel::columnOf("pctcpu"));
+  EXPECT_EQ(w.table()->horizontalHeader()->sortIndicatorOrder(), Qt::DescendingOrder);
+  EXPECT_EQ(w.headerTitle()->text().toStdString(), "All Processes (4)");
+  EXPECT_EQ(cell(w, 200, "pctcpu"), "80.0");
+  EXPECT_FALSE(w.coverBox()->isHidden());
+  EXPECT_EQ(ProcinfoWindow::shared(), &w);
+}
+
+TEST(ProcinfoWindow, SettingsAreReadAtOpenAndWrittenAtClose) {
+  Fixture f;
+  f.standard();
+  f.settings.saveInt("process_filter", 1);
+  f.settings.saveString("process_sort_column", "process");
+  f.settings.saveBool("process_sort_ascending", true);
+  {
+    ProcinfoWindow w(*f.limiter, f.helper, f.settings);
+  w.setUid(kMe);
+    EXPECT_EQ(w.processFilter(), processesView::mine);
+    EXPECT_EQ(shownPids(w), (std::vector<int32_t>{201, 200}));  // bash, firefox
+    // Clicking a header sorts by that column, in the order the header shows.
+    w.table()->horizontalHeader()->setSortIndicator(ProcessTableModel::columnOf("pid"), Qt::DescendingOrder);
+    EXPECT_EQ(shownPids(w), (std::vector<int32_t>{201, 200}));
+    w.viewProcesses(processesView::other);
+    w.show();
+    w.close();
+    EXPECT_EQ(ProcinfoWindow::shared(), nullptr);
+  }
+  EXPECT_EQ(f.settings.loadInt("process_filter", -1), 3);
+  EXPECT_EQ(f.settings.loadString("process_sort_column", ""), "pid");
+  EXPECT_FALSE(f.settings.loadBool("process_sort_ascending", true));
+  EXPECT_EQ(f.settings.loadString("process_table_font", "x"), "");  // the default font is not stored
+  // A stored column that does not exist falls back to the share.
+  f.settings.saveString("process_sort_column", "nonsense");
+  ProcinfoWindow again(*f.limiter, f.helper, f.settings);
+  EXPECT_EQ(again.sortKey(), "pctcpu");
+}
+
+TEST(ProcinfoWindow, FiltersAndSearch) {
+  Fixture f;
+  f.standard();
+  ProcinfoWindow w(*f.limiter, f.helper, f.settings);
+  w.setUid(kMe);
+  w.setApplicationPids([](const std::map<int32_t, procinfo>&) { return std::set<int32_t>{200, 999}; });
+  struct Case { processesView view; const char* search; int type; std::vector<int32_t> pids; const char* title; };
+  const Case cases[] = {
+      {processesView::all, "", 0, {200, 100, 300, 201}, "All Processes (4)"},
+      {processesView::mine, "", 0, {200, 201}, "My Processes (2)"},
+      {processesView::system, "", 0, {100}, "System Processes (1)"},
+      {processesView::other, "", 0, {300}, "Other User Processes (1)"},
+      {processesView::application, "", 0, {200}, "Applications (1)"},
+      {processesView::all, "FIRE", 0, {200}, "All Processes (1)"},
+      {processesView::all, "fire", 1, {100, 300, 201}, "All Processes (3)"},
+      {processesView::mine, "s", 0, {201}, "My Processes (1)"},
+      {processesView::all, "nothing", 0, {}, "All Processes (0)"},
+  };
+  for (const auto& c : cases) {
+    w.setSearchType(c.type);
+    w.changeSearch(c.search);
+    w.viewProcesses(c.view);
+    EXPECT_EQ(shownPids(w), c.pids) << c.title << " / " << c.search;
+    EXPECT_EQ(w.headerTitle()->text().toStdString(), c.title);
+  }
+}
+
+TEST(ProcinfoWindow, SelectionSurvivesRefreshesAndAVanishedProcessLeavesTheDetailArea) {
+  Fixture f;
+  f.standard();
+  ProcinfoWindow w(*f.limiter, f.helper, f.settings);
+  w.setUid(kMe);
+  w.selectPid(300);
+  EXPECT_EQ(w.selectedPid(), 300);
+  EXPECT_TRUE(w.coverBox()->isHidden());
+  EXPECT_EQ(w.nameLabel()->text().toStdString(), "postgres");
+
+  // postgres becomes the busiest; a process starts, another ends: rows move, one in, one out.
+  f.demand[300] = 0.95;
+  f.add(400, "make", kMe, 0.0);
+  f.gone(201);
+  const QPersistentModelIndex held = w.model().index(w.model().rowOfPid(300), 0);
+  f.refresh();
+  EXPECT_EQ(shownPids(w), (std::vector<int32_t>{300, 200, 100, 400}));
+  const auto merge = w.model().lastMerge();
+  EXPECT_EQ(merge.removed, 1);
+  EXPECT_EQ(merge.inserted, 1);
+  EXPECT_TRUE(merge.reordered);
+  EXPECT_EQ(held.row(), 0);  // persistent indexes move with their process
+  const QModelIndexList selected = w.table()->selectionModel()->selectedRows();
+  ASSERT_EQ(selected.size(), 1);
+  EXPECT_EQ(w.model().pidAt(selected.first().row()), 300);
+  EXPECT_EQ(w.selectedPid(), 300);
+  EXPECT_EQ(w.pctCpuLabel()->text().toStdString(), "CPU: 95.0 %");
+
+  // A refresh with nothing changed moves nothing.
+  f.refresh();
+  EXPECT_EQ(w.model().lastMerge().removed + w.model().lastMerge().inserted, 0);
+  EXPECT_FALSE(w.model().lastMerge().reordered);
+
+  f.gone(300);
+  f.refresh();
+  EXPECT_EQ(w.selectedPid(), -1);
+  EXPECT_TRUE(w.table()->selectionModel()->selectedRows().isEmpty());
+  EXPECT_FALSE(w.coverBox()->isHidden());
+  EXPECT_FALSE(w.limitControl()->controlEnabled());
+}
+
+TEST(ProcinfoWindow, LimitControlLimitsClearsAndRemembersPerPowerSource) {
+  Fixture f;
+  f.standard();
+  ProcinfoWindow w(*f.limiter, f.helper, f.settings);
+  w.setUid(kMe);
+  w.selectPid(200);
+  ASSERT_TRUE(w.limitControl()->controlEnabled());
+  w.limitControl()->setValue(20);
+  EXPECT_EQ(f.limiter->limitFor(200), 0.2);
+  EXPECT_EQ(f.limiter->procSettings().limitFor("firefox", "AC Power"), 0.2);
+  EXPECT_EQ(cell(w, 200, "limit"), "20.0");
+  EXPECT_TRUE(w.clearLimitButton()->isEnabled());
+
+  // The battery list is remembered without touching the limit in force.
+  w.changePowerSource(1);
+  EXPECT_EQ(w.limitControl()->value(), 0);
+  EXPECT_FALSE(w.clearLimitButton()->isEnabled());
+  w.limitControl()->setValue(40);
+  EXPECT_EQ(f.limiter->limitFor(200), 0.2);
+  EXPECT_EQ(f.limiter->procSettings().limitFor("firefox", "Battery Power"), 0.4);
+  w.changePowerSource(0);
+  EXPECT_EQ(w.limitControl()->value(), 20);
+
+  w.limitControl()->setValue(0);  // "None"
+  EXPECT_FALSE(f.limiter->limitFor(200));
+  EXPECT_FALSE(f.limiter->procSettings().limitFor("firefox", "AC Power"));
+  EXPECT_EQ(cell(w, 200, "limit"), "");
+
+  w.limitControl()->setValue(35);
+  w.selectPid(201);
+  w.limitControl()->setValue(10);
+  EXPECT_EQ(f.limiter->limits().size(), 2u);
+  w.clearLimit();
+  EXPECT_EQ(f.limiter->limits().size(), 1u);
+  w.clearAllLimits();
+  EXPECT_TRUE(f.limiter->limits().empty());
+  // Every limited process was continued on the way out.
+  EXPECT_GE(f.wire->count(SIGCONT), 2);
+}
+
+TEST(ProcinfoWindow, FrontmostLimitShownInParenthesesOnlyWhileFrontmostLimitingIsOff) {
+  Fixture f;
+  f.standard();
+  PID::setFrontmostProvider([] { return std::optional<int32_t>(200); });
+  ProcinfoWindow w(*f.limiter, f.helper, f.settings);
+  w.setUid(kMe);
+  w.selectPid(200);
+  w.limitControl()->setValue(20);
+  EXPECT_EQ(cell(w, 200, "limit"), "(20.0)");
+  f.settings.saveBool("LimitFrontmost", true);
+  w.rebuild();
+  EXPECT_EQ(cell(w, 200, "limit"), "20.0");
+  f.settings.saveBool("LimitFrontmost", false);
+  PID::setFrontmostProvider([] { return std::optional<int32_t>(100); });
+  f.refresh();  // the limiter learns who is in front at its refresh
+  EXPECT_EQ(cell(w, 200, "limit"), "20.0");
+}
+
+TEST(ProcinfoWindow, ControlsNeedOwnershipOrAuthorisation) {
+  Fixture f;
+  f.standard();
+  ProcinfoWindow w(*f.limiter, f.helper, f.settings);
+  w.setUid(kMe);
+  struct Case { int32_t pid; bool authorised; bool enabled; };
+  const Case cases[] = {{200, false, true}, {300, false, false}, {100, false, false},
+                        {300, true, true},  {100, true, true},   {200, true, true}};
+  for (const auto& c : cases) {
+    f.helper.setAuthorised(c.authorised);
+    RunLoop::main().runUntilIdle();  // "authchanged"
+    w.selectPid(c.pid);
+    EXPECT_EQ(w.limitControl()->controlEnabled(), c.enabled) << c.pid << " " << c.authorised;
+    EXPECT_EQ(w.reniceControl()->isEnabled(), c.enabled) << c.pid << " " << c.authorised;
+    // Without rights the owner may only lower the priority.
+    EXPECT_EQ(w.reniceControl()->minimum() == -20, c.authorised) << c.pid;
+  }
+  // A disabled control changes nothing even if driven in code.
+  f.helper.setAuthorised(false);
+  RunLoop::main().runUntilIdle();
+  w.selectPid(300);
+  EXPECT_EQ(w.authButton()->text().toStdString(), "Authorize…");
+  w.limitControl()->setValue(50);
+  w.reniceControl()->setValue(7);
+  EXPECT_FALSE(f.limiter->limitFor(300));
+  EXPECT_TRUE(f.wire->priorities.empty());
+}
+
+TEST(ProcinfoWindow, PriorityControlRenicesAndRemembersPerPowerSource) {
+  Fixture f;
+  f.standard();
+  f.helper.setAuthorised(true);
+  ProcinfoWindow w(*f.limiter, f.helper, f.settings);
+  w.setUid(kMe);
+  w.selectPid(200);
+  w.reniceControl()->setValue(5);
+  EXPECT_EQ(f.wire->priorities, (std::vector<std::pair<int32_t, int64_t>>{{200, 5}}));
+  EXPECT_EQ(f.limiter->procSettings().priorityFor("firefox", "AC Power"), 5);
+  w.changePowerSource(1);
+  w.reniceControl()->setValue(10);
+  EXPECT_EQ(f.wire->priorities.size(), 1u);  // remembered, not applied
+  EXPECT_EQ(f.limiter->procSettings().priorityFor("firefox", "Battery Power"), 10);
+}
+
+TEST(ProcinfoWindow, QuitAndForceQuitAskFirst) {
+  Fixture f;
+  f.standard();
+  ProcinfoWindow w(*f.limiter, f.helper, f.settings);
+  w.setUid(kMe);
+  std::vector<std::string> questions;
+  bool answer = false;
+  w.setConfirm([&](const QString& q) {
+    questions.push_back(q.toStdString());
+    return answer;
+  });
+  w.selectPid(200);
+  w.quitSelected();
+  EXPECT_EQ(f.wire->count(SIGTERM), 0);
+  answer = true;
+  w.quitSelected();
+  w.forceQuitSelected();
+  EXPECT_EQ(f.wire->signals, (std::vector<std::pair<int32_t, int64_t>>{{200, SIGTERM}, {200, SIGKILL}}));
+  ASSERT_EQ(questions.size(), 3u);
+  EXPECT_NE(questions[2].find("firefox"), std::string::npos);
+  // Another user's process without rights: not even asked.
+  w.selectPid(300);
+  w.forceQuitSelected();
+  EXPECT_EQ(questions.size(), 3u);
+}
+
+TEST(OpenFilesWindow, ListsDescriptorsOrSaysTheyCannotBeRead) {
+  Fixture f;
+  procinfo p;
+  p.pid = 4321;
+  p.name = "editor";
+  OpenFilesWindow w(f.helper, p, QIcon());
+  EXPECT_EQ(w.list()->rowCount(), 0);  // the simulated helper does not answer "pidfiles"
+  EXPECT_NE(w.status()->text().toStdString().find("cannot be read"), std::string::npos);
+  w.showFiles(std::map<int, std::string>{{0, "/dev/null"}, {3, "/home/a/notes.txt"}, {12, "socket:[991]"}});
+  ASSERT_EQ(w.list()->rowCount(), 3);
+  EXPECT_EQ(w.list()->item(1, 0)->text().toStdString(), "3");
+  EXPECT_EQ(w.list()->item(1, 1)->text().toStdString(), "/home/a/notes.txt");
+  EXPECT_EQ(w.status()->text().toStdString(), "3 open file(s)");
+}
+
+}  // namespace
+}  // namespace pelmora
