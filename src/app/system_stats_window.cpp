@@ -206,7 +206,8 @@ void SystemStatsWindow::buildLayout() {
   m_split_left->addWidget(m_gfx_views);
   m_fan_views = makeSplitter(Qt::Vertical);
   m_split_left->addWidget(m_fan_views);
-  m_split_left->setStretchFactor(0, 3);
+  // The processor columns take most of the height; the total and the device graphs share the rest.
+  m_split_left->setSizes({600, 200, 150, 150});
 
   addGraph(m_split_right, m_mem_view = new GraphViewMEM, tr("System Memory:"));
   m_mem_view->setToolTip(tr("Gigabytes (base 1024)"));
@@ -218,6 +219,8 @@ void SystemStatsWindow::buildLayout() {
   addGraph(m_split_right, m_proc_view = new GraphViewProc, tr("Processes:"));
   addGraph(m_split_right, m_load_view = new GraphViewLoad, tr("Load Average:"));
   addGraph(m_split_right, m_power_view = new GraphViewPower, tr("Power"));
+  // Room for the disk and interface graphs once they appear.
+  m_split_right->setSizes({110, 110, 220, 220, 100, 110, 100});
 
   for (auto* device : {m_gfx_views, m_fan_views, m_dsk_views, m_net_views}) device->hide();
   const std::string gfx_state = m_store.loadString(kGfxSplitKey, "");
@@ -241,8 +244,9 @@ void SystemStatsWindow::rebuildCpuGraphs() {
       if (k < grid.shown.size()) {
         const size_t index = grid.shown[k];
         const QString type = index < types.size() ? qs(types[index]) : QString();
-        const QString label = (tr("Util(%):") + " " + type + tr(" CPU") + " " +
-                               QString::number(m_present[index])).simplified();
+        // The cluster as one letter (P, E) keeps the caption within a narrow column.
+        const QString cluster = type.isEmpty() ? QString() : " (" + type.left(1) + ")";
+        const QString label = tr("Util(%):") + tr(" CPU") + " " + QString::number(m_present[index]) + cluster;
         auto* view = new GraphViewCPU;
         addGraph(cells, view, label);
         view->setMinimumSize(60, 40);
@@ -250,6 +254,8 @@ void SystemStatsWindow::rebuildCpuGraphs() {
         m_cpu_view_index.push_back(index);
       } else {
         auto* filler = new QWidget;
+        filler->setBackgroundRole(QPalette::Base);
+        filler->setAutoFillBackground(true);
         filler->setMinimumHeight(40);
         filler->resize(cells->width(), kFillerHeight_px);
         cells->addWidget(filler);
