@@ -4,6 +4,7 @@
 #include <QActionGroup>
 #include <QCloseEvent>
 #include <QComboBox>
+#include <QFontMetrics>
 #include <QHeaderView>
 #include <QHBoxLayout>
 #include <QItemSelectionModel>
@@ -21,6 +22,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 
 #include "app/application_list.h"
@@ -138,6 +140,16 @@ ProcinfoWindow::ProcinfoWindow(CPULimiter& limiter, Pelmora& helper, DefaultSett
   g_shared = this;
   resize(1040, 640);
   rebuild();
+  fitColumns();
+}
+
+// Columns as wide as their first contents, with room for long process names; the user's widths win
+// from then on.
+void ProcinfoWindow::fitColumns() {
+  m_table->verticalHeader()->setDefaultSectionSize(m_table->fontMetrics().height() + 8);
+  m_table->resizeColumnsToContents();
+  const int process = ProcessTableModel::columnOf("process");
+  m_table->setColumnWidth(process, std::max(m_table->columnWidth(process), 200));
 }
 
 ProcinfoWindow::~ProcinfoWindow() {
@@ -277,6 +289,7 @@ void ProcinfoWindow::loadSettings() {
   if (!font.empty() && stored.fromString(QString::fromStdString(font))) m_font = stored;
   m_table->setFont(m_font);
   m_model->setFont(m_font);
+  m_table->verticalHeader()->setDefaultSectionSize(QFontMetrics(m_font).height() + 8);
   for (QAction* action : m_header_view_processes->actions())
     action->setChecked(action->data().toInt() == static_cast<int>(m_process_filter));
   m_updating = true;

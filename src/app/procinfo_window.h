@@ -115,6 +115,7 @@ class ProcinfoWindow : public QWidget, public SliderStepperDelegate {
   void buildMenus();
   void buildActionMenus();
   void buildColumnsMenu();
+  void fitColumns();
   void loadSettings();
   void saveSettings();
   void listen();

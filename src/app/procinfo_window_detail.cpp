@@ -1,8 +1,10 @@
 // The process window's detail area (figures, limit and priority controls per power source, enabled
 // states) and the actions on the selected process.
 #include <QComboBox>
+#include <QFontMetrics>
 #include <QFontDialog>
 #include <QGridLayout>
+#include <QHeaderView>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QMenu>
@@ -299,12 +301,14 @@ void ProcinfoWindow::changeFont() {
   m_font = font;
   m_table->setFont(m_font);
   m_model->setFont(m_font);
+  m_table->verticalHeader()->setDefaultSectionSize(QFontMetrics(m_font).height() + 8);
 }
 
 void ProcinfoWindow::defaultFont() {
   m_font = m_default_font;
   m_table->setFont(m_font);
   m_model->setFont(m_font);
+  m_table->verticalHeader()->setDefaultSectionSize(QFontMetrics(m_font).height() + 8);
 }
 
 }  // namespace pelmora
