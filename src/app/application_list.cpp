@@ -36,13 +36,32 @@ std::string_view trim(std::string_view text) {
   return text;
 }
 
-// The first word of an Exec value that is not "env" or an environment assignment after "env".
+// The words of an Exec value; a double-quoted word may hold spaces.
+std::vector<std::string> execWords(std::string_view exec) {
+  std::vector<std::string> words;
+  size_t i = 0;
+  while (i < exec.size()) {
+    while (i < exec.size() && exec[i] == ' ') ++i;
+    if (i >= exec.size()) break;
+    std::string word;
+    if (exec[i] == '"') {
+      const size_t end = exec.find('"', i + 1);
+      word = std::string(exec.substr(i + 1, end == std::string_view::npos ? std::string_view::npos : end - i - 1));
+      i = end == std::string_view::npos ? exec.size() : end + 1;
+    } else {
+      const size_t end = exec.find(' ', i);
+      word = std::string(exec.substr(i, end == std::string_view::npos ? std::string_view::npos : end - i));
+      i = end == std::string_view::npos ? exec.size() : end;
+    }
+    words.push_back(std::move(word));
+  }
+  return words;
+}
+
+// The program of an Exec value: its first word, after "env" and its assignments.
 std::optional<std::string> programOfExec(std::string_view exec) {
-  std::istringstream words{std::string(exec)};
-  std::string word;
   bool after_env = false;
-  while (words >> word) {
-    if (word.size() >= 2 && word.front() == '"' && word.back() == '"') word = word.substr(1, word.size() - 2);
+  for (const std::string& word : execWords(exec)) {
     if (word == "env") {
       after_env = true;
       continue;
