@@ -318,7 +318,8 @@ void ProcinfoWindow::listen() {
   });
   // The process lists switch to the new source in a listener of their own; read them after it ran.
   AddListener(kPowerSource, kProcinfoListenerKey, [self](const std::string&) {
-    QTimer::singleShot(0, self, [self] {
+    if (!self) return;
+    QTimer::singleShot(0, self.data(), [self] {
       if (!self) return;
       self->m_power_source->setCurrentIndex(self->m_limiter.procSettings().power() == "Battery Power" ? 1 : 0);
       self->refreshDetail();
