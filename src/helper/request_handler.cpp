@@ -105,7 +105,7 @@ XPCDict RequestHandler::handle(const XPCDict& request, Connection& caller) {
 
 // --- checks ----------------------------------------------------------------------------------------
 
-std::optional<TargetProcess> RequestHandler::readTarget(pid_t pid, bool need_owner, ProcStat* stat_out) const {
+std::optional<TargetProcess> RequestHandler::readTarget(pid_t pid, bool need_owner, ProcPidStat* stat_out) const {
   auto stat = m_reader.readStat(pid);
   if (!stat) return std::nullopt;
   *stat_out = *stat;

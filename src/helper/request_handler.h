@@ -77,7 +77,7 @@ class RequestHandler {
   struct Admission {
     pid_t pid = 0;
     TargetProcess target;
-    ProcStat stat;          // as read for the checks
+    ProcPidStat stat;          // as read for the checks
     int error = 0;          // errno value when refused
     std::string refusal;    // empty when admitted
   };
@@ -87,7 +87,7 @@ class RequestHandler {
   // Adds the caller's right to act on the located target.
   void checkCaller(Admission& admission, const Connection& caller, Access need) const;
   Admission admit(const XPCDict& request, const Connection& caller, Access need);
-  std::optional<TargetProcess> readTarget(pid_t pid, bool need_owner, ProcStat* stat) const;
+  std::optional<TargetProcess> readTarget(pid_t pid, bool need_owner, ProcPidStat* stat) const;
   std::optional<std::string> needAdmin(const Connection& caller) const;
 
   HelperOptions m_options;

@@ -9,11 +9,6 @@
 #include <string_view>
 
 namespace pelmora {
-// An inline namespace of its own: support also has a per-process /proc/PID/stat record of the same
-// short name, and the two must never share a linker symbol (their implicit constructors would be
-// merged). Code that includes both headers must say which one it means.
-inline namespace machine_stat {
-
 // One cpu line. Fields the kernel did not print (older kernels stop after fewer columns) read 0.
 // Note the kernel already counts guest time inside user (and guest_nice inside nice).
 struct cpu_ticks {
@@ -40,5 +35,4 @@ struct ProcStat {
   static std::optional<ProcStat> parse(std::string_view text);
 };
 
-}  // namespace machine_stat
 }  // namespace pelmora

@@ -59,12 +59,12 @@ std::string baseName(const std::string& path) {
 
 }  // namespace
 
-std::optional<ProcStat> parseProcStat(std::string_view text) {
+std::optional<ProcPidStat> parseProcPidStat(std::string_view text) {
   // The command name sits in parentheses and may itself hold spaces and ')'.
   const auto open = text.find('(');
   const auto close = text.rfind(')');
   if (open == std::string_view::npos || close == std::string_view::npos || close < open) return std::nullopt;
-  ProcStat s;
+  ProcPidStat s;
   auto pid = parseInt64(trim(text.substr(0, open)));
   if (!pid) return std::nullopt;
   s.pid = static_cast<int>(*pid);
@@ -231,9 +231,9 @@ std::string ProcTaskReader::procPath(pid_t pid, std::string_view leaf) const {
   return m_root.proc(relative);
 }
 
-std::optional<ProcStat> ProcTaskReader::readStat(pid_t pid) const {
+std::optional<ProcPidStat> ProcTaskReader::readStat(pid_t pid) const {
   auto text = SysRoot::readFile(procPath(pid, "stat"));
-  return text ? parseProcStat(*text) : std::nullopt;
+  return text ? parseProcPidStat(*text) : std::nullopt;
 }
 
 std::optional<ProcStatus> ProcTaskReader::readStatus(pid_t pid) const {
@@ -256,7 +256,7 @@ std::string ProcTaskReader::exeName(pid_t pid) const {
   return target ? baseName(*target) : std::string();
 }
 
-std::optional<ProcFacts> ProcTaskReader::gather(pid_t pid, int extras, int* error, const ProcStat* known) const {
+std::optional<ProcFacts> ProcTaskReader::gather(pid_t pid, int extras, int* error, const ProcPidStat* known) const {
   if (pid <= 0) {
     if (error) *error = ESRCH;
     return std::nullopt;
@@ -264,7 +264,7 @@ std::optional<ProcFacts> ProcTaskReader::gather(pid_t pid, int extras, int* erro
   ProcFacts f;
   // "taskinfo" is asked for every limited process many times a second: it reads only stat and
   // statm. The owner ids and context switches of status come with the fuller records.
-  auto stat = known ? std::optional<ProcStat>(*known) : readStat(pid);
+  auto stat = known ? std::optional<ProcPidStat>(*known) : readStat(pid);
   auto status = (extras & kBsd) ? readStatus(pid) : std::optional<ProcStatus>(ProcStatus{});
   auto statm_text = SysRoot::readFile(procPath(pid, "statm"));
   auto statm = statm_text ? parseProcStatm(*statm_text) : std::nullopt;
@@ -305,7 +305,7 @@ std::optional<ProcFacts> ProcTaskReader::gather(pid_t pid, int extras, int* erro
   return f;
 }
 
-std::optional<proc_taskinfo> ProcTaskReader::taskInfo(pid_t pid, int* error, const ProcStat* stat) const {
+std::optional<proc_taskinfo> ProcTaskReader::taskInfo(pid_t pid, int* error, const ProcPidStat* stat) const {
   auto f = gather(pid, kBasic, error, stat && stat->pid == pid ? stat : nullptr);
   if (!f) return std::nullopt;
   return makeTaskInfo(*f);

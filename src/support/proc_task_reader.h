@@ -18,7 +18,7 @@
 namespace pelmora {
 
 // /proc/PID/stat, by field.
-struct ProcStat {
+struct ProcPidStat {
   int pid = 0;
   std::string comm;
   char state = '?';
@@ -62,7 +62,7 @@ struct ProcIo {
 
 inline constexpr uint32_t kPFKthread = 0x00200000;
 
-std::optional<ProcStat> parseProcStat(std::string_view text);
+std::optional<ProcPidStat> parseProcPidStat(std::string_view text);
 std::optional<ProcStatus> parseProcStatus(std::string_view text);
 std::optional<ProcStatm> parseProcStatm(std::string_view text);
 std::optional<ProcIo> parseProcIo(std::string_view text);
@@ -80,7 +80,7 @@ CpuSplit splitCpuTime(uint64_t total_ns, uint64_t utime_ticks, uint64_t stime_ti
 
 // Everything the records are made from, gathered by the reader.
 struct ProcFacts {
-  ProcStat stat;
+  ProcPidStat stat;
   ProcStatus status;
   ProcStatm statm;
   ProcIo io;                     // zero when /proc/PID/io is not readable
@@ -106,7 +106,7 @@ class ProcTaskReader {
   // Each returns the record, or none with an errno value in *error (ESRCH when the process is gone,
   // EACCES when its files cannot be read).
   // With `stat`, a /proc/PID/stat just read for the same pid is used instead of reading it again.
-  std::optional<proc_taskinfo> taskInfo(pid_t pid, int* error = nullptr, const ProcStat* stat = nullptr) const;
+  std::optional<proc_taskinfo> taskInfo(pid_t pid, int* error = nullptr, const ProcPidStat* stat = nullptr) const;
   std::optional<proc_taskallinfo> taskAllInfo(pid_t pid, int* error = nullptr) const;
   std::optional<rusage_info_v3> rusage(pid_t pid, int* error = nullptr) const;
   // Descriptor number to the path its link names.
@@ -114,14 +114,14 @@ class ProcTaskReader {
   // The executable's base name, else the command name; none when the process is gone.
   std::optional<std::string> pidName(pid_t pid) const;
 
-  std::optional<ProcStat> readStat(pid_t pid) const;
+  std::optional<ProcPidStat> readStat(pid_t pid) const;
   std::optional<ProcStatus> readStatus(pid_t pid) const;
   // Base name of /proc/PID/exe; empty for kernel threads and unreadable links.
   std::string exeName(pid_t pid) const;
 
  private:
   enum Extras { kBasic = 0, kWakeups = 1, kIo = 2, kBsd = 4 };
-  std::optional<ProcFacts> gather(pid_t pid, int extras, int* error, const ProcStat* known = nullptr) const;
+  std::optional<ProcFacts> gather(pid_t pid, int extras, int* error, const ProcPidStat* known = nullptr) const;
   std::string procPath(pid_t pid, std::string_view leaf) const;
   uint64_t bootTime() const;
 

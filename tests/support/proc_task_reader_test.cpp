@@ -11,10 +11,10 @@ namespace {
 
 const SysRoot kFixture(PELMORA_FIXTURES "/proc-task", PELMORA_FIXTURES "/no-sys");
 
-TEST(ProcStatParser, ReadsFieldsAfterACommandNameWithParentheses) {
+TEST(ProcPidStatParser, ReadsFieldsAfterACommandNameWithParentheses) {
   auto text = SysRoot::readFile(kFixture.proc("4242/stat"));
   ASSERT_TRUE(text);
-  auto s = parseProcStat(*text);
+  auto s = parseProcPidStat(*text);
   ASSERT_TRUE(s);
   EXPECT_EQ(s->pid, 4242);
   EXPECT_EQ(s->comm, "my (odd) prog");
@@ -33,7 +33,7 @@ TEST(ProcStatParser, ReadsFieldsAfterACommandNameWithParentheses) {
   EXPECT_EQ(s->vsize_bytes, 104857600u);
 }
 
-TEST(ProcStatParser, RejectsMalformedLines) {
+TEST(ProcPidStatParser, RejectsMalformedLines) {
   const char* cases[] = {
       "",
       "12 cat R 1 2 3",                                             // no parentheses
@@ -43,7 +43,7 @@ TEST(ProcStatParser, RejectsMalformedLines) {
       "12 (cat) R 1 1 1 0 -1 0 0 0 0 0 zz 0 0 0 20 0 1 0 5 100 10", // utime not a number
       "12 (cat) RS 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 5 100 10", // state not one letter
   };
-  for (const char* text : cases) EXPECT_FALSE(parseProcStat(text)) << text;
+  for (const char* text : cases) EXPECT_FALSE(parseProcPidStat(text)) << text;
 }
 
 TEST(ProcStatusParser, KeyedFieldsAndRequiredIds) {
