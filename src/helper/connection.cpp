@@ -25,7 +25,8 @@ Connection::Connection(Connection&& other) noexcept
       m_close_requested(other.m_close_requested),
       m_mutex(std::move(other.m_mutex)),
       m_authorised(other.m_authorised),
-      m_stopped(std::move(other.m_stopped)) {
+      m_stopped(std::move(other.m_stopped)),
+      m_recent(std::move(other.m_recent)) {
   other.m_stopped.clear();
 }
 

@@ -5,12 +5,14 @@
 // In the daemon this code runs as root.
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
 
 #include "support/mutex.h"
+#include "support/proc_task_reader.h"
 #include "support/unique_fd.h"
 
 namespace pelmora {
@@ -19,6 +21,16 @@ struct CallerIdentity {
   uid_t uid = static_cast<uid_t>(-1);
   pid_t pid = 0;
   uint64_t start_ticks = 0;  // field 22 of /proc/PID/stat: tells a recycled pid apart
+};
+
+// The stat and status a "taskallinfo" just read, kept for the "rusage" on the same process that
+// the table refresh sends right after it. The pidfd proves the pid still names that process.
+struct RecentProcess {
+  pid_t pid = 0;
+  UniqueFd pidfd;
+  std::chrono::steady_clock::time_point read_at;
+  ProcPidStat stat;
+  ProcStatus status;
 };
 
 class Connection {
@@ -48,6 +60,8 @@ class Connection {
 
   // Set by "quit": the daemon ends the connection after this request.
   void requestClose() { m_close_requested = true; }
+  // Only the thread serving this connection touches it.
+  RecentProcess& recentProcess() { return m_recent; }
   bool closeRequested() const { return m_close_requested; }
 
  private:
@@ -56,6 +70,7 @@ class Connection {
   mutable std::unique_ptr<Mutex> m_mutex;  // guards the two fields below
   bool m_authorised = false;
   std::map<pid_t, UniqueFd> m_stopped;
+  RecentProcess m_recent;
 };
 
 }  // namespace pelmora

@@ -3,6 +3,7 @@
 #include <sys/resource.h>
 
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <csignal>
 #include <cstring>
@@ -105,10 +106,11 @@ XPCDict RequestHandler::handle(const XPCDict& request, Connection& caller) {
 
 // --- checks ----------------------------------------------------------------------------------------
 
-std::optional<TargetProcess> RequestHandler::readTarget(pid_t pid, bool need_owner, ProcPidStat* stat_out) const {
-  auto stat = m_reader.readStat(pid);
+std::optional<TargetProcess> RequestHandler::readTarget(pid_t pid, bool need_owner, Admission& files,
+                                                       const RecentProcess* recent) const {
+  auto stat = recent ? std::optional<ProcPidStat>(recent->stat) : m_reader.readStat(pid);
   if (!stat) return std::nullopt;
-  *stat_out = *stat;
+  files.stat = *stat;
   TargetProcess t;
   t.pid = pid;
   t.flags = stat->flags;
@@ -117,16 +119,18 @@ std::optional<TargetProcess> RequestHandler::readTarget(pid_t pid, bool need_own
   // The executable only matters for telling a kernel thread without the flag from a user process.
   if (t.ppid == 2 && !(t.flags & kPFKthread)) t.has_exe = !m_reader.exeName(pid).empty();
   if (need_owner) {
-    auto status = m_reader.readStatus(pid);
+    auto status = recent ? std::optional<ProcStatus>(recent->status) : m_reader.readStatus(pid);
     if (!status) return std::nullopt;
     t.uid_real = status->uid[0];
     t.uid_effective = status->uid[1];
     t.uid_saved = status->uid[2];
+    files.status = std::move(status);
   }
   return t;
 }
 
-RequestHandler::Admission RequestHandler::locate(const XPCDict& request, bool need_owner) {
+RequestHandler::Admission RequestHandler::locate(const XPCDict& request, bool need_owner,
+                                                 const RecentProcess* recent) {
   Admission a;
   auto pid = intField(request, "pid", INT32_MIN, INT32_MAX, &a.refusal);
   if (!pid) {
@@ -139,7 +143,7 @@ RequestHandler::Admission RequestHandler::locate(const XPCDict& request, bool ne
     a.refusal = *why;
     return a;
   }
-  auto target = readTarget(a.pid, need_owner, &a.stat);
+  auto target = readTarget(a.pid, need_owner, a, recent && recent->pid == a.pid ? recent : nullptr);
   if (!target) {
     a.error = ESRCH;
     a.refusal = "no process " + std::to_string(a.pid);
@@ -161,10 +165,24 @@ void RequestHandler::checkCaller(Admission& a, const Connection& caller, Access 
   }
 }
 
-RequestHandler::Admission RequestHandler::admit(const XPCDict& request, const Connection& caller, Access need) {
-  Admission a = locate(request, need != Access::kAnyone);
+RequestHandler::Admission RequestHandler::admit(const XPCDict& request, const Connection& caller, Access need,
+                                                const RecentProcess* recent) {
+  Admission a = locate(request, need != Access::kAnyone, recent);
   checkCaller(a, caller, need);
   return a;
+}
+
+const RecentProcess* RequestHandler::recentFor(Connection& caller, const XPCDict& request) {
+  // Long enough for the "rusage" a table refresh sends right after "taskallinfo" (well under a
+  // millisecond later); short enough that the owner check sees the process as it was moments ago,
+  // which is all any check can say by the time its reply is read.
+  constexpr auto kRecentValid = std::chrono::milliseconds(5);
+  const RecentProcess& recent = caller.recentProcess();
+  const auto pid = xpcInt(request, "pid");
+  if (!pid || recent.pid <= 1 || *pid != recent.pid || !recent.pidfd) return nullptr;
+  if (std::chrono::steady_clock::now() - recent.read_at > kRecentValid) return nullptr;
+  // Any answer but "no such process" (EPERM in-process, for another user's) means it is alive.
+  return pidfdSignal(recent.pidfd.get(), 0) == ESRCH ? nullptr : &recent;
 }
 
 std::optional<std::string> RequestHandler::needAdmin(const Connection& caller) const {
@@ -256,23 +274,32 @@ XPCDict RequestHandler::taskInfo(const XPCDict& request, Connection& caller) {
   Admission a = admit(request, caller, Access::kAnyone);
   if (!a.refusal.empty()) return queryReply("taskinfo", a.error, a.refusal);
   int error = 0;
-  auto record = m_reader.taskInfo(a.pid, &error, &a.stat);
+  auto record = m_reader.taskInfo(a.pid, &error, known(a));
   return record ? recordReply("taskinfo", *record) : queryReply("taskinfo", error);
 }
 
 XPCDict RequestHandler::taskAllInfo(const XPCDict& request, Connection& caller) {
-  Admission a = admit(request, caller, Access::kAnyone);
+  // Opened before the files are read: while it names a live process, the pid was not recycled
+  // after the reads, so a following "rusage" may use them (see recentFor).
+  const auto pid = xpcInt(request, "pid");
+  UniqueFd pidfd = pid && *pid > 1 && *pid <= INT32_MAX ? pidfdOpen(static_cast<pid_t>(*pid)) : UniqueFd();
+  // The record needs status anyway, so the owner's ids come with the checks.
+  Admission a = locate(request, true);
+  checkCaller(a, caller, Access::kAnyone);
   if (!a.refusal.empty()) return queryReply("taskallinfo", a.error, a.refusal);
   int error = 0;
-  auto record = m_reader.taskAllInfo(a.pid, &error);
-  return record ? recordReply("taskallinfo", *record) : queryReply("taskallinfo", error);
+  auto record = m_reader.taskAllInfo(a.pid, &error, known(a));
+  if (!record) return queryReply("taskallinfo", error);
+  caller.recentProcess() = {a.pid, std::move(pidfd), std::chrono::steady_clock::now(), a.stat, *a.status};
+  return recordReply("taskallinfo", *record);
 }
 
 XPCDict RequestHandler::rusage(const XPCDict& request, Connection& caller) {
-  Admission a = admit(request, caller, Access::kOwnerOrAuthorised);
+  Admission a = admit(request, caller, Access::kOwnerOrAuthorised, recentFor(caller, request));
+  caller.recentProcess() = {};  // used once at most
   if (!a.refusal.empty()) return queryReply("rusage", a.error, a.refusal);
   int error = 0;
-  auto record = m_reader.rusage(a.pid, &error);
+  auto record = m_reader.rusage(a.pid, &error, known(a));
   return record ? recordReply("rusage", *record) : queryReply("rusage", error);
 }
 

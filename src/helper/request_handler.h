@@ -77,17 +77,26 @@ class RequestHandler {
   struct Admission {
     pid_t pid = 0;
     TargetProcess target;
-    ProcPidStat stat;          // as read for the checks
-    int error = 0;          // errno value when refused
-    std::string refusal;    // empty when admitted
+    ProcPidStat stat;                  // as read for the checks
+    std::optional<ProcStatus> status;  // read only when the owner was checked
+    int error = 0;                     // errno value when refused
+    std::string refusal;               // empty when admitted
   };
   // Reads and checks "pid" and finds the process; refuses the protected ones. The owner's ids are
   // read only when the access check needs them.
-  Admission locate(const XPCDict& request, bool need_owner);
+  // With `recent`, the files a previous request read for the same live process stand in for reading.
+  Admission locate(const XPCDict& request, bool need_owner, const RecentProcess* recent = nullptr);
   // Adds the caller's right to act on the located target.
   void checkCaller(Admission& admission, const Connection& caller, Access need) const;
-  Admission admit(const XPCDict& request, const Connection& caller, Access need);
-  std::optional<TargetProcess> readTarget(pid_t pid, bool need_owner, ProcPidStat* stat) const;
+  Admission admit(const XPCDict& request, const Connection& caller, Access need,
+                  const RecentProcess* recent = nullptr);
+  std::optional<TargetProcess> readTarget(pid_t pid, bool need_owner, Admission& files,
+                                          const RecentProcess* recent) const;
+  // The connection's recent files when they are for the requested pid, a few milliseconds old and
+  // that process is still alive (so the pid was not recycled); else null.
+  static const RecentProcess* recentFor(Connection& caller, const XPCDict& request);
+  // The files the checks read, for the record reader to use again.
+  static KnownProcFiles known(const Admission& a) { return {&a.stat, a.status ? &*a.status : nullptr}; }
   std::optional<std::string> needAdmin(const Connection& caller) const;
 
   HelperOptions m_options;

@@ -1,5 +1,6 @@
 #include "support/proc_task_reader.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -71,7 +72,7 @@ std::optional<ProcPidStat> parseProcPidStat(std::string_view text) {
   s.comm = std::string(text.substr(open + 1, close - open - 1));
   auto f = splitWhitespace(text.substr(close + 1));
   // f[0] is field 3 (state); field N is f[N - 3].
-  if (f.size() < 21 || f[0].size() != 1) return std::nullopt;
+  if (f.size() < 22 || f[0].size() != 1) return std::nullopt;
   auto num = [&](int field) { return parseInt64(f[static_cast<size_t>(field - 3)]); };
   auto unum = [&](int field) { return parseUInt64(f[static_cast<size_t>(field - 3)]); };
   s.state = f[0][0];
@@ -79,8 +80,9 @@ std::optional<ProcPidStat> parseProcPidStat(std::string_view text) {
        threads = num(20);
   auto flags = unum(9), minflt = unum(10), majflt = unum(12), ut = unum(14), st = unum(15), cut = unum(16),
        cst = unum(17), start = unum(22), vsize = unum(23);
+  auto rss = num(24);
   if (!ppid || !pgrp || !tty || !tpgid || !prio || !nice || !threads || !flags || !minflt || !majflt || !ut ||
-      !st || !cut || !cst || !start || !vsize) {
+      !st || !cut || !cst || !start || !vsize || !rss) {
     return std::nullopt;
   }
   s.ppid = static_cast<int>(*ppid);
@@ -99,6 +101,8 @@ std::optional<ProcPidStat> parseProcPidStat(std::string_view text) {
   s.num_threads = *threads;
   s.starttime_ticks = *start;
   s.vsize_bytes = *vsize;
+  // Kernel threads (no memory of their own) print 0; a negative count never means anything.
+  s.rss_pages = *rss > 0 ? static_cast<uint64_t>(*rss) : 0;
   return s;
 }
 
@@ -256,69 +260,90 @@ std::string ProcTaskReader::exeName(pid_t pid) const {
   return target ? baseName(*target) : std::string();
 }
 
-std::optional<ProcFacts> ProcTaskReader::gather(pid_t pid, int extras, int* error, const ProcPidStat* known) const {
+std::optional<ProcFacts> ProcTaskReader::gather(pid_t pid, int extras, int* error, KnownProcFiles known) const {
   if (pid <= 0) {
     if (error) *error = ESRCH;
     return std::nullopt;
   }
+  if (known.stat && known.stat->pid != pid) known = {};
   ProcFacts f;
-  // "taskinfo" is asked for every limited process many times a second: it reads only stat and
-  // statm. The owner ids and context switches of status come with the fuller records.
-  auto stat = known ? std::optional<ProcPidStat>(*known) : readStat(pid);
-  auto status = (extras & kBsd) ? readStatus(pid) : std::optional<ProcStatus>(ProcStatus{});
-  auto statm_text = SysRoot::readFile(procPath(pid, "statm"));
-  auto statm = statm_text ? parseProcStatm(*statm_text) : std::nullopt;
-  if (!stat || !status || !statm) {
+  // "taskinfo" is asked for every limited process many times a second: it reads only stat, which
+  // also holds the two sizes statm would give (the same kernel counters), so statm is not read.
+  // The owner ids and context switches of status come with the fuller records.
+  const bool need_status = extras & (kBsd | kWakeups);
+  auto stat = known.stat ? std::optional<ProcPidStat>(*known.stat) : readStat(pid);
+  auto status = !need_status   ? std::optional<ProcStatus>(ProcStatus{})
+                : known.status ? std::optional<ProcStatus>(*known.status)
+                               : readStatus(pid);
+  if (!stat || !status) {
     if (error) *error = ESRCH;
     return std::nullopt;
   }
   f.stat = std::move(*stat);
   f.status = std::move(*status);
-  f.statm = *statm;
   static const long clk_tck = ::sysconf(_SC_CLK_TCK);
   static const auto page_bytes = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
   f.clk_tck = clk_tck;
   f.page_bytes = page_bytes;
+  f.statm = {f.stat.vsize_bytes / page_bytes, f.stat.rss_pages};
   f.cpu_total_ns = ticksToNs(f.stat.utime_ticks + f.stat.stime_ticks, f.clk_tck);
   clockid_t clock;
   timespec ts{};
   // The process CPU clock is exact to the nanosecond and includes exited threads; it only describes
   // the live system, so fixture trees keep the tick counts.
-  if (m_root.procRoot() == "/proc" && ::clock_getcpuclockid(pid, &clock) == 0 && ::clock_gettime(clock, &ts) == 0) {
+  if (liveProc() && ::clock_getcpuclockid(pid, &clock) == 0 && ::clock_gettime(clock, &ts) == 0) {
     f.cpu_total_ns = static_cast<uint64_t>(ts.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(ts.tv_nsec);
   }
   if (extras & kBsd) {
     f.boot_time_s = bootTime();
     f.exe_name = exeName(pid);
+    f.open_files = openFiles(pid);
   }
   if (extras & kIo) {
     auto text = SysRoot::readFile(procPath(pid, "io"));
     if (auto io = text ? parseProcIo(*text) : std::nullopt) f.io = *io;
   }
-  if (extras & kWakeups) {
-    for (const std::string& tid : SysRoot::listDir(procPath(pid, "task"))) {
-      auto text = SysRoot::readFile(procPath(pid, "task/" + tid + "/status"));
-      if (auto s = text ? parseProcStatus(*text) : std::nullopt) f.idle_wakeups += s->voluntary_ctxt_switches;
-    }
-  }
-  if (extras & kBsd) f.open_files = static_cast<uint32_t>(SysRoot::listDir(procPath(pid, "fd")).size());
+  if (extras & kWakeups) f.idle_wakeups = idleWakeups(pid, f.status);
   return f;
 }
 
-std::optional<proc_taskinfo> ProcTaskReader::taskInfo(pid_t pid, int* error, const ProcPidStat* stat) const {
-  auto f = gather(pid, kBasic, error, stat && stat->pid == pid ? stat : nullptr);
+bool ProcTaskReader::liveProc() const { return m_root.procRoot() == "/proc"; }
+
+uint64_t ProcTaskReader::idleWakeups(pid_t pid, const ProcStatus& status) const {
+  // /proc/PID/status counts the main thread only; with no other thread that is the whole process,
+  // and the per-thread walk below (a directory listing and a file per thread) can be skipped.
+  if (status.threads == 1) return status.voluntary_ctxt_switches;
+  uint64_t sum = 0;
+  for (const std::string& tid : SysRoot::listDir(procPath(pid, "task"))) {
+    auto text = SysRoot::readFile(procPath(pid, "task/" + tid + "/status"));
+    if (auto s = text ? parseProcStatus(*text) : std::nullopt) sum += s->voluntary_ctxt_switches;
+  }
+  return sum;
+}
+
+uint32_t ProcTaskReader::openFiles(pid_t pid) const {
+  const std::string dir = procPath(pid, "fd");
+  // Since Linux 6.2 the size of /proc/PID/fd is its number of open descriptors: one stat instead of
+  // reading the directory. Older kernels say 0 there; fixture trees are always listed.
+  struct stat st{};
+  if (liveProc() && ::stat(dir.c_str(), &st) == 0 && st.st_size > 0) return static_cast<uint32_t>(st.st_size);
+  return static_cast<uint32_t>(SysRoot::listDir(dir).size());
+}
+
+std::optional<proc_taskinfo> ProcTaskReader::taskInfo(pid_t pid, int* error, KnownProcFiles known) const {
+  auto f = gather(pid, kBasic, error, known);
   if (!f) return std::nullopt;
   return makeTaskInfo(*f);
 }
 
-std::optional<proc_taskallinfo> ProcTaskReader::taskAllInfo(pid_t pid, int* error) const {
-  auto f = gather(pid, kBsd, error);
+std::optional<proc_taskallinfo> ProcTaskReader::taskAllInfo(pid_t pid, int* error, KnownProcFiles known) const {
+  auto f = gather(pid, kBsd, error, known);
   if (!f) return std::nullopt;
   return proc_taskallinfo{makeBsdInfo(*f), makeTaskInfo(*f)};
 }
 
-std::optional<rusage_info_v3> ProcTaskReader::rusage(pid_t pid, int* error) const {
-  auto f = gather(pid, kWakeups | kIo, error);
+std::optional<rusage_info_v3> ProcTaskReader::rusage(pid_t pid, int* error, KnownProcFiles known) const {
+  auto f = gather(pid, kWakeups | kIo, error, known);
   if (!f) return std::nullopt;
   return makeRusage(*f);
 }

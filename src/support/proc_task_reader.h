@@ -38,6 +38,7 @@ struct ProcPidStat {
   int64_t num_threads = 0;
   uint64_t starttime_ticks = 0;  // since boot
   uint64_t vsize_bytes = 0;
+  uint64_t rss_pages = 0;  // the same resident count as statm's second column
 };
 
 // /proc/PID/status, by key.
@@ -97,6 +98,13 @@ proc_taskinfo makeTaskInfo(const ProcFacts& facts);
 proc_bsdinfo makeBsdInfo(const ProcFacts& facts);
 rusage_info_v3 makeRusage(const ProcFacts& facts);
 
+// Files of one process that a caller has just read (null: not read), handed to the reader so that
+// one request reads each file once.
+struct KnownProcFiles {
+  const ProcPidStat* stat = nullptr;
+  const ProcStatus* status = nullptr;
+};
+
 class ProcTaskReader {
  public:
   explicit ProcTaskReader(SysRoot root = SysRoot::current());
@@ -105,10 +113,11 @@ class ProcTaskReader {
 
   // Each returns the record, or none with an errno value in *error (ESRCH when the process is gone,
   // EACCES when its files cannot be read).
-  // With `stat`, a /proc/PID/stat just read for the same pid is used instead of reading it again.
-  std::optional<proc_taskinfo> taskInfo(pid_t pid, int* error = nullptr, const ProcPidStat* stat = nullptr) const;
-  std::optional<proc_taskallinfo> taskAllInfo(pid_t pid, int* error = nullptr) const;
-  std::optional<rusage_info_v3> rusage(pid_t pid, int* error = nullptr) const;
+  // With `known`, a /proc/PID/stat (and status) just read for the same pid, e.g. for the caller's
+  // checks, is used instead of reading it again.
+  std::optional<proc_taskinfo> taskInfo(pid_t pid, int* error = nullptr, KnownProcFiles known = {}) const;
+  std::optional<proc_taskallinfo> taskAllInfo(pid_t pid, int* error = nullptr, KnownProcFiles known = {}) const;
+  std::optional<rusage_info_v3> rusage(pid_t pid, int* error = nullptr, KnownProcFiles known = {}) const;
   // Descriptor number to the path its link names.
   std::optional<std::map<int, std::string>> pidFiles(pid_t pid, int* error = nullptr) const;
   // The executable's base name, else the command name; none when the process is gone.
@@ -121,7 +130,11 @@ class ProcTaskReader {
 
  private:
   enum Extras { kBasic = 0, kWakeups = 1, kIo = 2, kBsd = 4 };
-  std::optional<ProcFacts> gather(pid_t pid, int extras, int* error, const ProcPidStat* known = nullptr) const;
+  std::optional<ProcFacts> gather(pid_t pid, int extras, int* error, KnownProcFiles known) const;
+  uint64_t idleWakeups(pid_t pid, const ProcStatus& status) const;
+  uint32_t openFiles(pid_t pid) const;
+  // True when reading the running system's /proc, not a fixture tree.
+  bool liveProc() const;
   std::string procPath(pid_t pid, std::string_view leaf) const;
   uint64_t bootTime() const;
 

@@ -1,5 +1,6 @@
 #include "support/proc_task_reader.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -31,6 +32,7 @@ TEST(ProcPidStatParser, ReadsFieldsAfterACommandNameWithParentheses) {
   EXPECT_EQ(s->num_threads, 3);
   EXPECT_EQ(s->starttime_ticks, 123456u);
   EXPECT_EQ(s->vsize_bytes, 104857600u);
+  EXPECT_EQ(s->rss_pages, 2560u);
 }
 
 TEST(ProcPidStatParser, RejectsMalformedLines) {
@@ -42,6 +44,8 @@ TEST(ProcPidStatParser, RejectsMalformedLines) {
       "x (cat) R 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 5 100 10",   // pid not a number
       "12 (cat) R 1 1 1 0 -1 0 0 0 0 0 zz 0 0 0 20 0 1 0 5 100 10", // utime not a number
       "12 (cat) RS 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 5 100 10", // state not one letter
+      "12 (cat) R 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 5 100",     // no resident size
+      "12 (cat) R 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 5 100 r",   // resident size not a number
   };
   for (const char* text : cases) EXPECT_FALSE(parseProcPidStat(text)) << text;
 }
@@ -164,6 +168,62 @@ TEST(ProcTaskReader, LiveProcessUsesTheProcessCpuClock) {
   auto name = reader.pidName(::getpid());
   ASSERT_TRUE(name);
   EXPECT_EQ(*name, "pelmora_support_tests");
+}
+
+
+TEST(ProcTaskReader, IdleWakeupsOfOneThreadOrMany) {
+  // 4242 has three threads (its status line counts the main one only); 4250 has one and no task
+  // directory in the fixture, so its count must come from its own status.
+  const ProcTaskReader reader(kFixture);
+  const struct {
+    pid_t pid;
+    uint64_t wakeups;
+  } cases[] = {{4242, 100}, {4250, 55}};
+  for (const auto& c : cases) {
+    auto r = reader.rusage(c.pid);
+    ASSERT_TRUE(r) << c.pid;
+    EXPECT_EQ(r->ri_pkg_idle_wkups, c.wakeups) << c.pid;
+  }
+}
+
+TEST(ProcTaskReader, UsesFilesTheCallerReadOnlyForTheSamePid) {
+  const ProcTaskReader reader(kFixture);
+  const long tck = ::sysconf(_SC_CLK_TCK);
+  auto stat = reader.readStat(4242);
+  auto status = reader.readStatus(4242);
+  ASSERT_TRUE(stat && status);
+  stat->utime_ticks = 900;
+  status->uid[1] = 77;
+  ProcPidStat other = *stat;
+  other.pid = 4250;
+  const struct {
+    const char* name;
+    KnownProcFiles known;
+    uint64_t user_ns;
+    uint32_t uid;
+  } cases[] = {
+      {"nothing known", {}, ticksToNs(600, tck), 1000},
+      {"stat and status known", {&*stat, &*status}, ticksToNs(900, tck), 77},
+      {"stat of another pid", {&other, nullptr}, ticksToNs(600, tck), 1000},
+  };
+  for (const auto& c : cases) {
+    auto all = reader.taskAllInfo(4242, nullptr, c.known);
+    ASSERT_TRUE(all) << c.name;
+    EXPECT_EQ(all->ptinfo.pti_total_user, c.user_ns) << c.name;
+    EXPECT_EQ(all->pbsd.pbi_uid, c.uid) << c.name;
+  }
+}
+
+TEST(ProcTaskReader, CountsOpenFilesOfALiveProcess) {
+  const ProcTaskReader reader(SysRoot("/proc", "/sys"));
+  auto before = reader.taskAllInfo(::getpid());
+  ASSERT_TRUE(before);
+  int fds[3];
+  for (int& fd : fds) fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  auto after = reader.taskAllInfo(::getpid());
+  for (int fd : fds) ::close(fd);
+  ASSERT_TRUE(after);
+  EXPECT_EQ(after->pbsd.pbi_nfiles, before->pbsd.pbi_nfiles + 3);
 }
 
 }  // namespace
