@@ -24,6 +24,8 @@ std::optional<XPCDict> FallbackTransport::exchange(const XPCDict& request) { ret
 
 void FallbackTransport::sendOneWay(const XPCDict& message) { route().sendOneWay(message); }
 
+uint64_t FallbackTransport::connection() { return route().connection(); }
+
 bool FallbackTransport::viaDaemon() {
   {
     MutexLock lock(m_mutex);

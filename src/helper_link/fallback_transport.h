@@ -25,6 +25,8 @@ class FallbackTransport : public XPCTransport {
 
   std::optional<XPCDict> exchange(const XPCDict& request) override;
   void sendOneWay(const XPCDict& message) override;
+  // The daemon's connection, or the in-process one's, whichever the next request goes to.
+  uint64_t connection() override;
 
   // False while requests are served in-process. Before the first exchange it asks the daemon.
   bool viaDaemon();

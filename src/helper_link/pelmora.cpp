@@ -3,6 +3,7 @@
 #include "helper_link/fallback_transport.h"
 #include "helper_link/helper_transport.h"
 #include "support/broadcast.h"
+#include "support/logger.h"
 #include "support/proc_task_reader.h"
 #include "support/xpc.h"
 
@@ -32,14 +33,14 @@ Pelmora& Pelmora::shared() {
 
 cpu_numbers_t Pelmora::requestCpuInfo(cpu_numbers_t current) {
   cpu_numbers_t result = current;
-  m_xpc->sendWithReply([](XPCDict& r) { r["requestcpuinfo"] = ""; },
+  send([](XPCDict& r) { r["requestcpuinfo"] = ""; },
                        [&](const XPCDict& reply) { result = checkCpuInfoReply(reply, current); });
   return result;
 }
 
 bool Pelmora::isRunning(int cpu, bool default_value) {
   bool result = default_value;
-  m_xpc->sendWithReply(
+  send(
       [cpu](XPCDict& r) {
         r["isrunning"] = "";
         r["cpu"] = int64_t{cpu};
@@ -50,7 +51,7 @@ bool Pelmora::isRunning(int cpu, bool default_value) {
 
 bool Pelmora::setCpuCount(int count, bool hyper, bool prefer_physical) {
   CommandOutcome outcome = CommandOutcome::kNoAnswer;
-  m_xpc->sendWithReply(
+  send(
       [=](XPCDict& r) {
         r["setcpucount"] = "";
         r["count"] = int64_t{count};
@@ -64,7 +65,7 @@ bool Pelmora::setCpuCount(int count, bool hyper, bool prefer_physical) {
 
 bool Pelmora::setThrottle(bool enable) {
   CommandOutcome outcome = CommandOutcome::kNoAnswer;
-  m_xpc->sendWithReply(
+  send(
       [=](XPCDict& r) {
         r["throttle"] = "";
         r["enable"] = flag(enable);
@@ -75,7 +76,7 @@ bool Pelmora::setThrottle(bool enable) {
 
 bool Pelmora::setPriority(int32_t pid, int nice) {
   CommandOutcome outcome = CommandOutcome::kNoAnswer;
-  m_xpc->sendWithReply(
+  send(
       [=](XPCDict& r) {
         r["setpriority"] = "";
         r["pid"] = int64_t{pid};
@@ -88,7 +89,7 @@ bool Pelmora::setPriority(int32_t pid, int nice) {
 
 int Pelmora::sendSignal(int32_t pid, int32_t signal) {
   int result = -1;
-  m_xpc->sendWithReply(
+  send(
       [=](XPCDict& r) {
         r["kill"] = "kill";
         r["pid"] = int64_t{pid};
@@ -100,7 +101,7 @@ int Pelmora::sendSignal(int32_t pid, int32_t signal) {
 
 std::optional<std::string> Pelmora::pidName(int32_t pid) {
   std::optional<std::string> result;
-  m_xpc->sendWithReply(
+  send(
       [=](XPCDict& r) {
         r["pidname"] = "pidname";
         r["pid"] = int64_t{pid};
@@ -113,7 +114,7 @@ std::optional<proc_taskinfo> Pelmora::taskInfo(int32_t pid, bool via_helper) {
   if (pid < 0) return std::nullopt;
   if (!via_helper) return ProcTaskReader().taskInfo(pid);
   std::optional<proc_taskinfo> result;
-  m_xpc->sendWithReply(
+  send(
       [=](XPCDict& r) {
         r["taskinfo"] = "taskinfo";
         r["pid"] = int64_t{pid};
@@ -126,7 +127,7 @@ std::optional<proc_taskallinfo> Pelmora::taskAllInfo(int32_t pid, bool via_helpe
   if (pid < 0) return std::nullopt;
   if (!via_helper) return ProcTaskReader().taskAllInfo(pid);
   std::optional<proc_taskallinfo> result;
-  m_xpc->sendWithReply(
+  send(
       [=](XPCDict& r) {
         r["taskallinfo"] = "taskallinfo";
         r["pid"] = int64_t{pid};
@@ -139,7 +140,7 @@ std::optional<rusage_info_v3> Pelmora::rusage(int32_t pid, bool via_helper) {
   if (pid < 0) return std::nullopt;
   if (!via_helper) return ProcTaskReader().rusage(pid);
   std::optional<rusage_info_v3> result;
-  m_xpc->sendWithReply(
+  send(
       [=](XPCDict& r) {
         r["rusage"] = "rusage";
         r["pid"] = int64_t{pid};
@@ -154,7 +155,7 @@ std::optional<std::map<int, std::string>> Pelmora::pidFiles(int32_t pid, bool vi
   if (!via_helper) {
     result = ProcTaskReader().pidFiles(pid);
   } else {
-    m_xpc->sendWithReply(
+    send(
         [=](XPCDict& r) {
           r["pidfiles"] = "pidfiles";
           r["pid"] = int64_t{pid};
@@ -170,7 +171,7 @@ std::optional<std::map<int, std::string>> Pelmora::pidFiles(int32_t pid, bool vi
 
 Pelmora::PowerMetricsResult Pelmora::powerMetrics(int sample_interval_ms) {
   PowerMetricsResult result;
-  m_xpc->sendWithReply(
+  send(
       [=](XPCDict& r) {
         r["powermetrics"] = "powermetrics";
         r["sample_interval"] = int64_t{sample_interval_ms};
@@ -188,7 +189,7 @@ void Pelmora::applyBoot(bool install, const std::optional<BootControls>& control
   const auto resources = where.resources();
   if (!resources || !controls) return;
   const std::string settings = bootSettingsText(*controls, hasHardwareThreads(SysRoot::current()));
-  m_xpc->sendWithReply(
+  send(
       [&](XPCDict& r) {
         r["applyboot"] = "";
         r["install"] = install ? "install" : "uninstall";
@@ -213,12 +214,44 @@ void Pelmora::setAuthorised(bool authorised) {
 }
 
 std::string Pelmora::authorize() {
+  const std::string answer = sendAuthorize();
+  MutexLock lock(m_mutex);
+  m_authorised_connection = m_xpc->transport().connection();
+  return answer;
+}
+
+std::string Pelmora::sendAuthorize() {
   std::string result = "no answer from the privileged helper";
   m_xpc->sendWithReply([](XPCDict& r) { r["authorize"] = ""; },
                        [&](const XPCDict& reply) {
                          if (const std::string* text = xpcString(reply, "authorize")) result = *text;
                        });
   return result;
+}
+
+void Pelmora::reauthoriseIfReconnected() {
+  {
+    MutexLock lock(m_mutex);
+    if (!m_authorised) return;
+  }
+  const uint64_t connection = m_xpc->transport().connection();
+  {
+    MutexLock lock(m_mutex);
+    if (connection == m_authorised_connection) return;
+  }
+  const std::string answer = sendAuthorize();
+  if (answer != "OK") {
+    Log("Authorisation lost with the helper connection: " + answer);
+    setAuthorised(false);
+    return;
+  }
+  MutexLock lock(m_mutex);
+  m_authorised_connection = connection;
+}
+
+bool Pelmora::send(const std::function<void(XPCDict&)>& builder, const std::function<void(const XPCDict&)>& handler) {
+  reauthoriseIfReconnected();
+  return m_xpc->sendWithReply(builder, handler);
 }
 
 void Pelmora::deauthorize() {

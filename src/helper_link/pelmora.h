@@ -4,6 +4,7 @@
 // as the wire protocol says, and failures are logged, never thrown. When no daemon answers, the same
 // requests are served in-process with the user's own rights.
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -69,9 +70,17 @@ class Pelmora {
   bool viaDaemon();
 
  private:
+  // Every request but "authorize" goes through here: the daemon's authorisation belongs to one
+  // connection, so when the flag is set and the transport has connected anew since "authorize" was
+  // answered, it asks again first (polkit's auth_admin_keep spares the user a second prompt).
+  bool send(const std::function<void(XPCDict&)>& builder, const std::function<void(const XPCDict&)>& handler);
+  void reauthoriseIfReconnected();
+  std::string sendAuthorize();
+
   std::unique_ptr<XPC> m_xpc;
   bool m_authorised = false;
-  Mutex m_mutex;  // guards m_authorised
+  uint64_t m_authorised_connection = 0;  // the connection "authorize" was last answered on
+  Mutex m_mutex;  // guards m_authorised and m_authorised_connection
 };
 
 }  // namespace pelmora

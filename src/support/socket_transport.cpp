@@ -32,6 +32,7 @@ bool SocketTransport::connectLocked() {
   } while (rc < 0 && errno == EINTR);
   if (rc < 0) return false;
   m_socket = std::move(fd);
+  ++m_connections;
   return true;
 }
 
@@ -59,6 +60,11 @@ void SocketTransport::sendOneWay(const XPCDict& message) {
 bool SocketTransport::connected() {
   MutexLock lock(m_mutex);
   return connectLocked();
+}
+
+uint64_t SocketTransport::connection() {
+  MutexLock lock(m_mutex);
+  return connectLocked() ? m_connections : 0;
 }
 
 void SocketTransport::disconnect() {

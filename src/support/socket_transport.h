@@ -26,6 +26,7 @@ class SocketTransport : public XPCTransport {
   bool connected();
   // Drops the connection (the daemon continues what this connection stopped).
   void disconnect();
+  uint64_t connection() override;
   const std::string& path() const { return m_path; }
 
  private:
@@ -34,6 +35,7 @@ class SocketTransport : public XPCTransport {
   const std::string m_path;
   Mutex m_mutex;
   UniqueFd m_socket;
+  uint64_t m_connections = 0;  // connections made so far; the current one's number
 };
 
 }  // namespace pelmora

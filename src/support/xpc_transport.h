@@ -1,6 +1,7 @@
 #pragma once
 // The seam between the helper client and whoever answers it: the daemon over its Unix socket, the
 // same handler code in-process when no daemon answers, or a fake in tests.
+#include <cstdint>
 #include <optional>
 
 #include "support/xpc_value.h"
@@ -15,6 +16,10 @@ class XPCTransport {
   virtual std::optional<XPCDict> exchange(const XPCDict& request) = 0;
   // A message that needs no reply.
   virtual void sendOneWay(const XPCDict& message) = 0;
+  // Names the connection the next exchange goes over (connecting when there is none): it changes
+  // whenever a new connection is made, so a client can tell that what the peer granted the old
+  // connection (authorisation) is gone. 0 for transports without connections.
+  virtual uint64_t connection() { return 0; }
 };
 
 }  // namespace pelmora

@@ -13,6 +13,8 @@ struct FakeWire {
   std::vector<XPCDict> one_way;
   // None: the peer could not be reached.
   std::function<std::optional<XPCDict>(const XPCDict&)> answer = [](const XPCDict&) { return XPCDict{}; };
+  // The connection number the transport reports; a test bumps it to act out a reconnect.
+  uint64_t connection = 0;
 };
 
 class FakeTransport : public XPCTransport {
@@ -23,6 +25,7 @@ class FakeTransport : public XPCTransport {
     return m_wire->answer(request);
   }
   void sendOneWay(const XPCDict& message) override { m_wire->one_way.push_back(message); }
+  uint64_t connection() override { return m_wire->connection; }
 
  private:
   std::shared_ptr<FakeWire> m_wire;
