@@ -11,7 +11,9 @@
 #include <optional>
 #include <thread>
 
+#include "cli/cli_limiter.h"
 #include "cli/commands.h"
+#include "process_control/process_census.h"
 #include "sampling/power_metrics.h"
 #include "sampling/sample_format.h"
 #include "sampling/system_stats.h"
@@ -135,10 +137,16 @@ int runSampleCommand(const std::vector<std::string>& args) {
   // Frequencies every second, like the samples (the reader's own default is every 5 s).
   PowerMetrics::shared()->setInterval(1);
   auto& sampler = SystemStats::shared();
+  // The process counts come from the process table, which the limiter's timer keeps fresh.
+  CliLimiter limiter;
+  limiter->refresh();
+  limiter->start();
+  sampler.setProcessCensusProvider(processCensusProvider(*limiter));
   auto client = std::make_shared<PrintingClient>(*options, sampler.pageSize());
   sampler.addClient(client);
   RunLoop::main().run();
   sampler.removeClient(client);
+  sampler.setProcessCensusProvider(nullptr);  // before the limiter it refers to goes
   return client->failed() ? kExitFailure : kExitOk;
 }
 
