@@ -5,15 +5,18 @@
 
 set(PELMORA_DOC_DIR ${CMAKE_INSTALL_DATADIR}/doc/pelmora)
 
-# The menu entry, its AppStream description, and the application and tray icons.
-install(FILES ${PELMORA_SOURCE_RESOURCES}/net.tandrel.pelmora.desktop
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
-install(FILES ${PELMORA_SOURCE_RESOURCES}/net.tandrel.pelmora.metainfo.xml
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/metainfo)
-install(FILES ${PELMORA_SOURCE_RESOURCES}/icons/net.tandrel.pelmora.svg
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/scalable/apps)
-install(FILES ${PELMORA_SOURCE_RESOURCES}/icons/net.tandrel.pelmora-symbolic.svg
-        DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/symbolic/apps)
+# The menu entry, its AppStream description, and the application and tray icons: only with the
+# application they start.
+if(PELMORA_HAVE_GUI)
+  install(FILES ${PELMORA_SOURCE_RESOURCES}/net.tandrel.pelmora.desktop
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
+  install(FILES ${PELMORA_SOURCE_RESOURCES}/net.tandrel.pelmora.metainfo.xml
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/metainfo)
+  install(FILES ${PELMORA_SOURCE_RESOURCES}/icons/net.tandrel.pelmora.svg
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/scalable/apps)
+  install(FILES ${PELMORA_SOURCE_RESOURCES}/icons/net.tandrel.pelmora-symbolic.svg
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/symbolic/apps)
+endif()
 
 # The energy tables: the application's own table, and the per-board folder (kept even when empty,
 # as it is where a machine's own table goes).
