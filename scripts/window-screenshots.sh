@@ -6,7 +6,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build_dir=${1:-build}
-live_s=${2:-60}
+live_s=${2:-300}
 out=docs/screenshots
 fixtures=$PWD/tests/fixtures
 

@@ -12,9 +12,11 @@
 #include "app/system_stats_window.h"
 #include "graphs/graph_switches.h"
 #include "graphs/views/preferences_graph.h"
+#include "sampling/power_metrics.h"
 #include "sampling/system_stats.h"
 #include "support/default_settings.h"
 #include "support/main_queue.h"
+#include "support/mutex.h"
 
 namespace {
 
@@ -36,6 +38,14 @@ QDialog* makePreferences(DefaultSettings& store, QWidget* parent) {
   QObject::connect(pane, &PreferencesGraph::graphSettingsChanged, dialog, [] {
     if (auto* window = SystemStatsWindow::instance()) window->graphSettingsChanged();
   });
+  QObject::connect(pane, &PreferencesGraph::frequencySamplingChanged, dialog,
+                   [](bool use, int interval_s, int sample_interval_ms) {
+                     const auto& reader = PowerMetrics::shared();
+                     reader->setInterval(interval_s);  // takes the reader's lock itself
+                     MutexLock lock(reader->mutex());
+                     reader->setUsePowermetrics(use);
+                     reader->setSampleInterval(sample_interval_ms);
+                   });
   return dialog;
 }
 

@@ -223,8 +223,8 @@ void SystemStatsWindow::buildLayout() {
   m_split_right->setSizes({110, 110, 220, 220, 100, 110, 100});
 
   for (auto* device : {m_gfx_views, m_fan_views, m_dsk_views, m_net_views}) device->hide();
-  const std::string gfx_state = m_store.loadString(kGfxSplitKey, "");
-  if (!gfx_state.empty()) m_gfx_views->restoreState(QByteArray::fromBase64(QByteArray::fromStdString(gfx_state)));
+  // The GPU dividers are put back once the GPU graphs exist (restoring an empty splitter does nothing).
+  m_gfx_state = QByteArray::fromBase64(QByteArray::fromStdString(m_store.loadString(kGfxSplitKey, "")));
 }
 
 void SystemStatsWindow::rebuildCpuGraphs() {
@@ -451,6 +451,10 @@ void SystemStatsWindow::syncGpus() {
     view->setMinimumSize(120, 60);
     return view;
   });
+  if (!m_gfx_state.isEmpty() && m_gfx_views->count() > 0) {
+    m_gfx_views->restoreState(m_gfx_state);
+    m_gfx_state.clear();
+  }
 }
 
 void SystemStatsWindow::syncFans() {
@@ -483,7 +487,7 @@ void SystemStatsWindow::release() {
 void SystemStatsWindow::saveSettings() {
   m_store.saveBool(kShowDataIOKey, showDataIO());
   m_store.saveString(kLabelFontKey, m_font.toString().toStdString());
-  m_store.saveString(kGfxSplitKey, m_gfx_views->saveState().toBase64().toStdString());
+  if (m_gfx_views->count() > 0) m_store.saveString(kGfxSplitKey, m_gfx_views->saveState().toBase64().toStdString());
   m_store.saveString(kFrameKey, saveGeometry().toBase64().toStdString());
 }
 

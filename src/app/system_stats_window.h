@@ -170,6 +170,7 @@ class SystemStatsWindow : public QMainWindow {
   std::vector<GraphViewCPU*> m_cpu_views;  // parallel to m_cpu_view_index
   std::vector<size_t> m_cpu_view_index;    // sample index of each processor graph
 
+  QByteArray m_gfx_state;  // saved GPU divider positions, until the GPU graphs exist
   QPalette m_default_appearance;
   std::vector<int> m_present;  // processor numbers, one per sample entry
   size_t m_ncpu = 0;
