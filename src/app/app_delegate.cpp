@@ -93,8 +93,14 @@ void AppDelegate::finishLaunching() {
   buildMainMenus();
 
   if (!keys::kAppPelmora.load(store)) showPelmora();
-  if (keys::kAppProcesses.load(store)) showProcesses();
-  if (keys::kAppSystemStats.load(store)) showSystemStats();
+  if (keys::kAppProcesses.load(store)) {
+    showProcesses();
+    trace("ProcinfoWindow");
+  }
+  if (keys::kAppSystemStats.load(store)) {
+    showSystemStats();
+    trace("SystemStatsWindow");
+  }
 
   m_services.core->startPowerMonitor();
   trace("PowerMonitor");

@@ -1,0 +1,329 @@
+// The application object offscreen: a scripted helper behind a real client, the real windows, a core
+// that records what start-up, sleep and quit ask of the limiter and power monitor, a real sampler
+// with a recording client, and a sleep source the test drives.
+#include <gtest/gtest.h>
+
+#include <QAction>
+#include <QCoreApplication>
+#include <QEvent>
+#include <QLocale>
+#include <QMenu>
+
+#include <filesystem>
+#include <fstream>
+
+#include "app/app_delegate.h"
+#include "app/dock.h"
+#include "app/procinfo_window.h"
+#include "app/status_bar_controller.h"
+#include "app/system_stats_window.h"
+#include "app/settings_test_support.h"
+#include "app/stats_test_support.h"
+#include "support/broadcast.h"
+#include "support/logger.h"
+#include "support/settings_keys.h"
+
+namespace pelmora {
+namespace {
+
+using Steps = std::vector<std::string>;
+
+class RecordingCore : public AppCore {
+ public:
+  RecordingCore(Steps& steps, SystemStats& sampler) : m_steps(steps), m_sampler(sampler) {}
+  void startPowerMonitor() override { m_steps.push_back("core:startPowerMonitor"); }
+  void stopPowerMonitor() override { m_steps.push_back("core:stopPowerMonitor"); }
+  void startLimiter() override { m_steps.push_back("core:startLimiter"); }
+  void stopLimiter() override { m_steps.push_back("core:stopLimiter"); }
+  void samplerSleeping(bool sleeping) override {
+    m_steps.push_back(sleeping ? "core:samplerSleeps" : "core:samplerWakes");
+    m_sampler.sleepStateChanged(sleeping);
+  }
+  void setLimitFrontmost(bool limit) override { m_steps.push_back(limit ? "core:frontmost on" : "core:frontmost off"); }
+
+ private:
+  Steps& m_steps;
+  SystemStats& m_sampler;
+};
+
+struct SourceLog {
+  SleepSource::Deliver deliver;
+  Steps* steps = nullptr;
+};
+
+class DrivenSleepSource : public SleepSource {
+ public:
+  explicit DrivenSleepSource(std::shared_ptr<SourceLog> log) : m_log(std::move(log)) {}
+  bool start(Deliver deliver) override {
+    m_log->deliver = std::move(deliver);
+    return true;
+  }
+  void stop() override { m_log->deliver = nullptr; }
+  void holdSleepDelay() override { m_log->steps->push_back("source:hold"); }
+  void releaseSleepDelay() override { m_log->steps->push_back("source:release"); }
+
+ private:
+  std::shared_ptr<SourceLog> m_log;
+};
+
+class CountingClient : public SystemStatsClient {
+ public:
+  void samplerRestarted() override { ++restarts; }
+  void statsUpdated(const SampleSet&) override {}
+  int restarts = 0;
+};
+
+void deleteLater() { QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete); }
+
+// Everything one application run needs; the windows it opens are closed again at the end.
+struct AppRig {
+  explicit AppRig(bool tray_available = false) : sampler(scratch.sampler()), source_log(std::make_shared<SourceLog>()) {
+    scratch.setCpus("0-3", "0-3");
+    source_log->steps = &steps;
+    client = std::make_shared<CountingClient>();
+    sampler->addClient(client);
+    AppServices services{rig.helper, rig.limiter, rig.power, *sampler, rig.store, nullptr, {}};
+    services.core = std::make_unique<RecordingCore>(steps, *sampler);
+    services.window_options.start_watch = false;
+    services.sleep_source = [log = source_log] { return std::make_unique<DrivenSleepSource>(log); };
+    services.tray_available = tray_available;
+    services.trace = [this](const std::string& step) { steps.push_back(step); };
+    app = std::make_unique<AppDelegate>(std::move(services));
+  }
+  ~AppRig() {
+    app.reset();
+    if (auto* processes = ProcinfoWindow::shared()) processes->close();
+    if (auto* stats = SystemStatsWindow::instance()) stats->close();
+    deleteLater();
+    sampler->removeClient(client);
+    RunLoop::main().runUntilIdle();
+  }
+  void send(SleepEvent event) {
+    source_log->deliver(event);
+    RunLoop::main().runUntilIdle();
+  }
+  size_t count(const std::string& step) const { return std::count(steps.begin(), steps.end(), step); }
+
+  settings_test::Rig rig;
+  stats_test::Scratch scratch;
+  std::shared_ptr<SystemStats> sampler;
+  std::shared_ptr<CountingClient> client;
+  std::shared_ptr<SourceLog> source_log;
+  Steps steps;
+  std::unique_ptr<AppDelegate> app;
+};
+
+TEST(AppDelegateTest, StartUpCreatesTheObjectsInOrder) {
+  AppRig rig;
+  keys::kAppPelmora.save(rig.rig.store, true);
+  keys::kAppProcesses.save(rig.rig.store, true);
+  keys::kAppSystemStats.save(rig.rig.store, true);
+  rig.app->finishLaunching();
+  const Steps expected{"PreferencesWindow", "PelmoraWindow", "Dock", "StatusBarController", "ProcinfoWindow",
+                       "SystemStatsWindow", "core:startPowerMonitor", "PowerMonitor", "core:startLimiter",
+                       "CPULimiter", "SleepNotify", "listener"};
+  EXPECT_EQ(rig.steps, expected);
+  EXPECT_TRUE(rig.app->sleepListening());
+  EXPECT_NE(ProcinfoWindow::shared(), nullptr);
+  EXPECT_NE(SystemStatsWindow::instance(), nullptr);
+}
+
+TEST(AppDelegateTest, FirstLaunchOpensOnlyTheCpuSettingsWindowAndTheAboutBox) {
+  for (bool first : {true, false}) {
+    SCOPED_TRACE(first ? "first launch" : "later launch");
+    AppRig rig;
+    if (!first) keys::kAppPelmora.save(rig.rig.store, false);
+    rig.app->finishLaunching();
+    EXPECT_TRUE(rig.app->window()->isVisible());
+    EXPECT_EQ(ProcinfoWindow::shared(), nullptr);
+    EXPECT_EQ(SystemStatsWindow::instance(), nullptr);
+    EXPECT_EQ(rig.app->aboutBox() != nullptr && rig.app->aboutBox()->isVisible(), first);
+  }
+}
+
+enum class Shown { absent, visible, hidden, minimised };
+
+TEST(AppDelegateTest, QuitWritesTheWindowKeysContinuesProcessesAndSwitchesThrottlingOn) {
+  struct Row {
+    bool settings_visible;
+    Shown processes;
+    Shown stats;
+    bool app_pelmora, app_processes, app_stats;
+  };
+  const Row rows[] = {
+      {true, Shown::absent, Shown::absent, false, false, false},
+      {false, Shown::visible, Shown::visible, true, true, true},
+      {true, Shown::hidden, Shown::minimised, false, false, true},
+      {false, Shown::absent, Shown::visible, true, false, true},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(std::to_string(&row - rows));
+    AppRig rig;
+    keys::kAppPelmora.save(rig.rig.store, false);
+    keys::kShowMenubar.save(rig.rig.store, true);
+    rig.app->finishLaunching();
+    if (row.processes != Shown::absent) rig.app->showProcesses();
+    if (row.processes == Shown::hidden) ProcinfoWindow::shared()->hide();
+    if (row.stats != Shown::absent) rig.app->showSystemStats();
+    if (row.stats == Shown::minimised) SystemStatsWindow::instance()->showMinimized();
+    rig.app->window()->setVisible(row.settings_visible);
+    rig.rig.clear();
+    rig.steps.clear();
+
+    rig.app->terminate();
+    rig.app->terminate();  // a second call (aboutToQuit after the session's commit) does nothing
+    rig.rig.store.reload();
+    EXPECT_EQ(keys::kAppPelmora.load(rig.rig.store), row.app_pelmora);
+    EXPECT_EQ(keys::kAppProcesses.load(rig.rig.store), row.app_processes);
+    EXPECT_EQ(keys::kAppSystemStats.load(rig.rig.store), row.app_stats);
+    EXPECT_EQ(rig.steps, (Steps{"core:stopLimiter", "core:stopPowerMonitor"}));
+    const auto throttle = rig.rig.sent("throttle");
+    ASSERT_EQ(throttle.size(), 1u);
+    EXPECT_EQ(xpcInt(throttle[0], "enable"), 1);
+    ASSERT_EQ(rig.rig.wire->one_way.size(), 1u);
+    EXPECT_TRUE(xpcHas(rig.rig.wire->one_way[0], "quit"));
+    EXPECT_FALSE(rig.app->sleepListening());
+  }
+}
+
+TEST(AppDelegateTest, SleepAndWakeStopAndRestartOnlyWhatTheyShould) {
+  struct Row {
+    SleepEvent event;
+    Steps steps;
+    size_t cpu_requests;
+    int restarts;
+    const char* line;
+  };
+  const Row rows[] = {
+      {SleepEvent::willSleep, {"core:stopLimiter", "core:samplerSleeps", "source:release"}, 0, 0,
+       "Sleep - willSleep - limiter stopped"},
+      {SleepEvent::screensDidSleep, {}, 0, 0, "Sleep - Screens did Sleep - ignore"},
+      {SleepEvent::didWake, {"source:hold", "core:startLimiter", "core:samplerWakes"}, 1, 1,
+       "Sleep - Wakeup - restart limiter"},
+      {SleepEvent::screensDidWake, {}, 1, 0, "Sleep - Wakeup: Screens woke up - ignore"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(std::string(sleepEventName(row.event)));
+    AppRig rig;
+    rig.app->finishLaunching();
+    rig.steps.clear();
+    rig.rig.clear();
+    LogCapture log;
+    rig.send(row.event);
+    EXPECT_EQ(rig.steps, row.steps);
+    EXPECT_EQ(rig.rig.sent("setcpucount").size(), row.cpu_requests);
+    EXPECT_EQ(rig.client->restarts, row.restarts);
+    EXPECT_TRUE(log.contains(row.line));
+  }
+}
+
+TEST(AppDelegateTest, PresentationAlwaysLeavesAWayIn) {
+  struct Row {
+    bool show_dock, show_menubar, tray;
+    bool status_item, settings_visible, task_bar;
+  };
+  const Row rows[] = {
+      {false, false, true, false, true, false},  // neither: the settings window stays up
+      {false, true, true, true, false, false},
+      {true, true, false, false, true, true},  // no tray: as with the status item off
+      {true, false, true, false, true, true},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(std::to_string(&row - rows));
+    AppRig rig(row.tray);
+    keys::kAppPelmora.save(rig.rig.store, true);  // hidden at the last quit
+    keys::kShowDock.save(rig.rig.store, row.show_dock);
+    keys::kShowMenubar.save(rig.rig.store, row.show_menubar);
+    rig.app->finishLaunching();
+    EXPECT_EQ(rig.app->statusItemShown(), row.status_item);
+    EXPECT_EQ(rig.app->window()->isVisible(), row.settings_visible);
+    EXPECT_EQ(rig.app->taskBarPresence(), row.task_bar);
+    EXPECT_EQ(rig.app->window()->windowFlags().testFlag(Qt::Tool), !row.task_bar);
+    EXPECT_EQ(QApplication::quitOnLastWindowClosed(), !row.status_item);
+  }
+}
+
+TEST(AppDelegateTest, PrefsChangedBroadcastReappliesThePresentation) {
+  AppRig rig(true);
+  keys::kAppPelmora.save(rig.rig.store, true);
+  keys::kShowMenubar.save(rig.rig.store, true);
+  rig.app->finishLaunching();
+  ASSERT_TRUE(rig.app->statusItemShown());
+  keys::kShowMenubar.save(rig.rig.store, false);
+  Broadcast(kPrefsChangedBroadcast, false);
+  EXPECT_FALSE(rig.app->statusItemShown());
+  EXPECT_TRUE(rig.app->window()->isVisible());
+}
+
+TEST(AppDelegateTest, DockMenuChecksTheChosenItemAndAStrangerPassesMinusOne) {
+  AppRig rig;
+  rig.app->finishLaunching();
+  const auto items = rig.app->dockMenuItems()->actions();
+  ASSERT_EQ(items.size(), Dock::kDisplayCount);
+  rig.app->dockMenu(items[1]);
+  EXPECT_EQ(rig.app->dock()->displayType(), Dock::Display::CPU);
+  for (int i = 0; i < items.size(); ++i) EXPECT_EQ(items[i]->isChecked(), i == 1) << i;
+
+  QAction stranger(QStringLiteral("stranger"));
+  rig.app->dockMenu(&stranger);
+  EXPECT_EQ(rig.app->dock()->displayType(), Dock::Display::Icon);
+  for (QAction* item : items) EXPECT_FALSE(item->isChecked());
+}
+
+TEST(AppDelegateTest, FrontmostLimitingIsSuspendedWhileWeAreInFront) {
+  AppRig rig;
+  keys::kLimitFrontmost.save(rig.rig.store, true);
+  rig.app->finishLaunching();
+  rig.steps.clear();
+  rig.app->activeChanged(true);
+  rig.app->activeChanged(false);
+  EXPECT_EQ(rig.steps, (Steps{"core:frontmost off", "core:frontmost on"}));
+}
+
+TEST(StatusBarControllerTest, ReadoutsScaleByTheLogicalCount) {
+  QLocale::setDefault(QLocale::c());
+  const auto lines = statusReadouts({0.125, 0.25, 0.625}, {1500.0, 2'000'000.0}, 4, {8, 4, 6, 3});
+  EXPECT_EQ(lines[0], "CPU System: 50.0% User: 100.0% Idle: 250.0%");
+  EXPECT_EQ(lines[1], "Disk Read(kB/s): 1.500 Write(kB/s): 2000.000");
+  EXPECT_EQ(lines[2], "Logical: 6 Physical: 3");
+}
+
+TEST(StatusBarControllerTest, ARefreshWithoutTheHelperLeavesTheItems) {
+  settings_test::Rig rig;
+  StatusBarController bar(rig.helper, rig.limiter, [] { return false; });
+  bar.refreshReadouts();
+  EXPECT_TRUE(bar.readout(2)->text().startsWith("Logical: 6"));
+  rig.script.answers = false;
+  bar.readout(2)->setText("kept");
+  bar.refreshReadouts();
+  EXPECT_EQ(bar.readout(2)->text(), "kept");
+  EXPECT_FALSE(bar.readout(0)->isEnabled());
+}
+
+TEST(CopyToolTest, ReplacesWhatIsThereAndReportsFailures) {
+  const auto dir = settings_test::scratchDir();
+  std::ofstream(dir / "tool") << "new";
+  std::ofstream(dir / "victim") << "keep";
+  std::ofstream(dir / "old") << "old";
+  std::filesystem::create_symlink(dir / "victim", dir / "link");
+  struct Row {
+    std::string target;
+    bool ok;
+  };
+  for (const Row& row : {Row{"old", true}, Row{"link", true}, Row{"fresh", true}, Row{"missing/dir/tool", false}}) {
+    SCOPED_TRACE(row.target);
+    std::string error;
+    EXPECT_EQ(copyTool((dir / "tool").string(), (dir / row.target).string(), error), row.ok);
+    EXPECT_EQ(error.empty(), row.ok);
+    if (!row.ok) continue;
+    std::ifstream in(dir / row.target);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "new");
+    EXPECT_FALSE(std::filesystem::is_symlink(dir / row.target));
+  }
+  std::ifstream victim(dir / "victim");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(victim), {}), "keep");
+  std::filesystem::remove_all(dir);
+}
+
+}  // namespace
+}  // namespace pelmora

@@ -1,0 +1,92 @@
+// SleepNotify with a source the test drives: events reach the handler only on the main queue, the
+// inhibitor is let go after the will-sleep handler and taken back before the wake handler, and a
+// stopped notifier drops what was still queued.
+#include <gtest/gtest.h>
+
+#include "support/main_queue.h"
+#include "support/sleep_notify.h"
+
+namespace pelmora {
+namespace {
+
+struct Journal {
+  std::vector<std::string> steps;
+  SleepSource::Deliver deliver;
+  bool start_result = true;
+  int stops = 0;
+};
+
+class ScriptedSource : public SleepSource {
+ public:
+  explicit ScriptedSource(Journal& journal) : m_journal(journal) {}
+  bool start(Deliver deliver) override {
+    m_journal.deliver = std::move(deliver);
+    return m_journal.start_result;
+  }
+  void stop() override { ++m_journal.stops; }
+  void holdSleepDelay() override { m_journal.steps.push_back("hold"); }
+  void releaseSleepDelay() override { m_journal.steps.push_back("release"); }
+
+ private:
+  Journal& m_journal;
+};
+
+TEST(SleepNotifyTest, EventsRunOnTheMainQueueBetweenTheInhibitorSteps) {
+  struct Row {
+    SleepEvent event;
+    std::vector<std::string> steps;
+  };
+  const Row rows[] = {
+      {SleepEvent::willSleep, {"handler willSleep", "release"}},
+      {SleepEvent::didWake, {"hold", "handler didWake"}},
+      {SleepEvent::screensDidSleep, {"handler screensDidSleep"}},
+      {SleepEvent::screensDidWake, {"handler screensDidWake"}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(std::string(sleepEventName(row.event)));
+    Journal journal;
+    SleepNotify notify([&](SleepEvent e) { journal.steps.push_back("handler " + std::string(sleepEventName(e))); },
+                       std::make_unique<ScriptedSource>(journal));
+    EXPECT_TRUE(notify.listening());
+    journal.deliver(row.event);
+    EXPECT_TRUE(journal.steps.empty()) << "ran before the main queue";
+    RunLoop::main().runUntilIdle();
+    EXPECT_EQ(journal.steps, row.steps);
+  }
+}
+
+TEST(SleepNotifyTest, StoppingDropsQueuedEventsAndStopsTheSourceOnce) {
+  Journal journal;
+  int handled = 0;
+  {
+    SleepNotify notify([&](SleepEvent) { ++handled; }, std::make_unique<ScriptedSource>(journal));
+    journal.deliver(SleepEvent::willSleep);
+    notify.stop();
+    EXPECT_FALSE(notify.listening());
+    RunLoop::main().runUntilIdle();
+  }
+  EXPECT_EQ(handled, 0);
+  EXPECT_TRUE(journal.steps.empty());
+  EXPECT_EQ(journal.stops, 1);
+}
+
+TEST(SleepNotifyTest, EventsQueuedBeforeTheNotifierIsDestroyedAreDropped) {
+  Journal journal;
+  int handled = 0;
+  auto notify = std::make_unique<SleepNotify>([&](SleepEvent) { ++handled; },
+                                              std::make_unique<ScriptedSource>(journal));
+  journal.deliver(SleepEvent::didWake);
+  notify.reset();
+  RunLoop::main().runUntilIdle();
+  EXPECT_EQ(handled, 0);
+}
+
+TEST(SleepNotifyTest, ASourceWithNothingToListenToIsNotListening) {
+  Journal journal;
+  journal.start_result = false;
+  SleepNotify notify([](SleepEvent) {}, std::make_unique<ScriptedSource>(journal));
+  EXPECT_FALSE(notify.listening());
+}
+
+}  // namespace
+}  // namespace pelmora
