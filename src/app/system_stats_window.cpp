@@ -238,7 +238,7 @@ void SystemStatsWindow::rebuildCpuGraphs() {
   size_t k = 0;
   for (int64_t column = 0; column < grid.columns; ++column) {
     QSplitter* cells = makeSplitter(Qt::Vertical);
-    cells->setHandleWidth(kThinHandle_px);
+    cells->setHandleWidth(switches.thin_dividers ? kThinHandle_px : kThickHandle_px);
     m_cpu_controller->addWidget(cells);
     for (int64_t row = 0; row < grid.per_column; ++row, ++k) {
       if (k < grid.shown.size()) {

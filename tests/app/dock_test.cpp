@@ -176,6 +176,23 @@ TEST_F(DockTest, IconDrawnAtMostOncePerSecond) {
   EXPECT_EQ(QApplication::windowIcon().cacheKey(), dock.icon().cacheKey());
 }
 
+TEST_F(DockTest, PaletteChangeReachesTheGraph) {
+  Dock dock(*sampler, scratch.store());
+  dock.setDisplay(Kind::Memory);
+  const QPalette before = QApplication::palette();
+  QPalette dark = before;
+  dark.setColor(QPalette::Base, QColor(20, 20, 20));
+  QApplication::setPalette(dark);
+  EXPECT_EQ(dock.view()->palette().color(QPalette::Base), QColor(20, 20, 20));
+  QApplication::setPalette(before);
+  EXPECT_EQ(dock.view()->palette().color(QPalette::Base), before.color(QPalette::Base));
+  // Showing the plain icon drops the observer: the view is gone and nothing is touched.
+  dock.setDisplay(Kind::Icon);
+  QApplication::setPalette(dark);
+  QApplication::setPalette(before);
+  EXPECT_EQ(dock.view(), nullptr);
+}
+
 TEST_F(DockTest, IconKindGivesBackTheApplicationIcon) {
   QPixmap own(16, 16);
   own.fill(Qt::red);

@@ -284,6 +284,34 @@ TEST_F(StatsWindowTest, SettingsReadAtLoadAndSavedAtClose) {
   }
 }
 
+TEST_F(StatsWindowTest, AppearanceAndDividersFollowThePreferences) {
+  auto window = makeWindow("0-7", "0-7");
+  const QColor default_base = window->palette().color(QPalette::Base);
+  const struct {
+    bool light, dark, thin;
+    QColor base;
+    int handle_px;
+  } cases[] = {
+      {false, true, true, QColor(30, 30, 30), SystemStatsWindow::kThinHandle_px},
+      {true, false, false, QColor(Qt::white), SystemStatsWindow::kThickHandle_px},
+      {false, false, true, default_base, SystemStatsWindow::kThinHandle_px},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.dark ? "dark" : c.light ? "light" : "default");
+    auto& switches = GraphSwitches::current();
+    switches.radio_default = !c.light && !c.dark;
+    switches.radio_light = c.light;
+    switches.radio_dark = c.dark;
+    switches.thin_dividers = c.thin;
+    window->graphSettingsChanged();
+    EXPECT_EQ(window->palette().color(QPalette::Base), c.base);
+    EXPECT_EQ(window->cpuController()->handleWidth(), c.handle_px);
+    auto* column = qobject_cast<QSplitter*>(window->cpuController()->widget(0));
+    ASSERT_NE(column, nullptr);
+    EXPECT_EQ(column->handleWidth(), c.handle_px);
+  }
+}
+
 TEST_F(StatsWindowTest, SharedInstanceClearedWhenClosed) {
   SystemStatsWindow* window = SystemStatsWindow::openShared(*sampler, scratch.store());
   ASSERT_NE(window, nullptr);
