@@ -27,8 +27,7 @@ void reap(pid_t pid) {
 
 int64_t rusageResult(RequestHandler& handler, Connection& caller, pid_t pid) {
   const XPCDict reply = handler.handle({{"rusage", "rusage"}, {"pid", int64_t{pid}}}, caller);
-  const int64_t* result = xpcInt(reply, "result");
-  return result ? *result : -1;
+  return xpcInt(reply, "result").value_or(-1);
 }
 
 TEST(RecentProcess, RusageAfterTaskAllInfoKeepsItsChecks) {
