@@ -86,6 +86,7 @@ class AppDelegate : public QObject {
   void activeChanged(bool active);
 
   // Menu actions.
+  void quit();
   void openWindows();
   void hidePelmora();
   void showPelmora();

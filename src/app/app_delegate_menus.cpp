@@ -107,7 +107,7 @@ void AppDelegate::buildMainMenus() {
   addItem(file, tr("Preferences…"), this, [this] { showPreferences(); }, QKeySequence::Preferences);
   addItem(file, tr("Extract the command line tool …"), this, [this] { extractCLI(); });
   file->addSeparator();
-  addItem(file, tr("Quit"), this, [] { QCoreApplication::quit(); }, QKeySequence::Quit);
+  addItem(file, tr("Quit"), this, [this] { quit(); }, QKeySequence::Quit);
 
   m_view_menu = new QMenu(tr("&View"));
   m_view_menu->addMenu(m_dock_menu);
@@ -139,7 +139,7 @@ void AppDelegate::buildMainMenus() {
   tray->addMenu(m_dock_menu);
   addItem(tray, tr("Preferences…"), this, [this] { showPreferences(); });
   tray->addSeparator();
-  addItem(tray, tr("Quit"), this, [] { QCoreApplication::quit(); });
+  addItem(tray, tr("Quit"), this, [this] { quit(); });
   attachMenuBar(m_window);
 }
 
@@ -158,6 +158,12 @@ void AppDelegate::updateProcessColumns() {
   ProcinfoWindow* processes = ProcinfoWindow::shared();
   m_process_columns->setMenu(processes ? processes->columnsMenu() : nullptr);
   m_process_columns->setEnabled(processes != nullptr);
+}
+
+// Qt closes every window on its way out: the window keys are saved before that.
+void AppDelegate::quit() {
+  terminate();
+  QCoreApplication::quit();
 }
 
 void AppDelegate::openWindows() {

@@ -34,13 +34,13 @@ void onQuitSignal(int signal) {
   [[maybe_unused]] auto n = ::write(g_signal_pipe[1], &byte, 1);
 }
 
-void installQuitSignals(QApplication& app) {
+void installQuitSignals(QApplication& app, AppDelegate& delegate) {
   if (::pipe2(g_signal_pipe, O_CLOEXEC | O_NONBLOCK) != 0) return;
   auto* notifier = new QSocketNotifier(g_signal_pipe[0], QSocketNotifier::Read, &app);
-  QObject::connect(notifier, &QSocketNotifier::activated, &app, [] {
+  QObject::connect(notifier, &QSocketNotifier::activated, &app, [&delegate] {
     char byte = 0;
     while (::read(g_signal_pipe[0], &byte, 1) > 0) {}
-    QCoreApplication::quit();
+    delegate.quit();
   });
   struct sigaction action {};
   action.sa_handler = onQuitSignal;
@@ -94,13 +94,13 @@ int runApplication(int argc, char** argv) {
   MainQueue::install([&app](MainQueue::Job job) {
     QMetaObject::invokeMethod(&app, std::move(job), Qt::QueuedConnection);
   });
-  installQuitSignals(app);
 
   AppServices services{Pelmora::shared(), CPULimiter::shared(), PowerMonitor::shared(), SystemStats::shared(),
                        DefaultSettings::shared(), nullptr, PelmoraWindow::currentOptions()};
   services.tray_available = QSystemTrayIcon::isSystemTrayAvailable();
   services.live_window_icon = QGuiApplication::platformName() != QLatin1String("wayland");
   AppDelegate delegate(std::move(services));
+  installQuitSignals(app, delegate);
 
   if (instance_fd >= 0) {
     auto* notifier = new QSocketNotifier(instance_fd, QSocketNotifier::Read, &delegate);
