@@ -134,6 +134,7 @@ void AppDelegate::terminate() {
   m_terminated = true;
   RemoveListener(kPrefsChangedBroadcast, kListenerKey);
   m_services.helper.applyBoot(keys::kApplyBoot.load(m_services.store), m_window->bootControls());
+  savePreferences();
   saveWindowKeys();
   m_services.core->stopLimiter();
   m_services.core->stopPowerMonitor();

@@ -118,6 +118,8 @@ class AppDelegate : public QObject {
  private:
   void trace(const char* step);
   void createPreferences();
+  // Writes every pane's controls back to the store (quit).
+  void savePreferences();
   void createDockMenu();
   void buildMainMenus();
   void attachMenuBar(QWidget* window);

@@ -18,11 +18,17 @@
 
 #include "app/app_delegate.h"
 #include "app/dock.h"
+#include "app/preferences_pid.h"
+#include "app/preferences_window.h"
+#include "app/process_preferences.h"
 #include "app/procinfo_window.h"
 #include "app/status_bar_controller.h"
 #include "app/system_stats_window.h"
+#include "graphs/graph_switches.h"
 #include "graphs/views/preferences_graph.h"
 #include "process_control/power_monitor.h"
+#include "sampling/power_metrics.h"
+#include "support/mutex.h"
 #include "support/logger.h"
 #include "support/paths.h"
 
@@ -31,6 +37,14 @@ namespace pelmora {
 namespace fs = std::filesystem;
 
 namespace {
+
+void configureFrequencyReader(bool use, int interval_s, int sample_interval_ms) {
+  const auto& reader = PowerMetrics::shared();
+  reader->setInterval(interval_s);  // takes the reader's lock itself
+  MutexLock lock(reader->mutex());
+  reader->setUsePowermetrics(use);
+  reader->setSampleInterval(sample_interval_ms);
+}
 
 QAction* addItem(QMenu* menu, const QString& text, QObject* context, std::function<void()> action,
                  QKeySequence shortcut = {}) {
@@ -65,12 +79,45 @@ bool copyTool(const std::string& source, const std::string& target, std::string&
 }
 
 void AppDelegate::createPreferences() {
-  auto* dialog = new QDialog;
-  dialog->setWindowTitle(tr("Preferences"));
-  auto* layout = new QVBoxLayout(dialog);
-  layout->addWidget(new PreferencesGraph(m_services.store, dialog));
+  DefaultSettings& store = m_services.store;
+  auto* graph = new PreferencesGraph(store);
+  // The boot-time settings text comes from the CPU settings window, which is made after this pane.
+  auto* process = new ProcessPreferences(
+      store, m_services.helper,
+      [this]() -> std::optional<BootControls> {
+        if (!m_window) return std::nullopt;
+        return m_window->bootControls();
+      },
+      ProcessPreferences::Options{});
+  auto* pid = new PreferencesPID(store);
+  auto* dialog = new PreferencesWindow(graph, process, pid);
+  connect(graph, &PreferencesGraph::graphSettingsChanged, dialog, [] {
+    if (auto* window = SystemStatsWindow::instance()) window->graphSettingsChanged();
+  });
+  connect(graph, &PreferencesGraph::frequencySamplingChanged, dialog, [](bool use, int interval_s, int sample_ms) {
+    configureFrequencyReader(use, interval_s, sample_ms);
+    const auto& reader = PowerMetrics::shared();
+    MutexLock lock(reader->mutex());
+    if (use)
+      reader->start();
+    else
+      reader->stop();
+  });
+  // The pane applied its settings while being built, before anything listened: hand the reader its
+  // values now, but leave starting it to the sampler, which runs it only while a graph is shown.
+  const GraphSwitches& current = GraphSwitches::current();
+  configureFrequencyReader(current.show_cpu_frequency, static_cast<int>(current.updateInterval_us() / 1'000'000),
+                           static_cast<int>(current.freq_sample_interval));
   m_preferences = dialog;
   connect(this, &QObject::destroyed, dialog, &QObject::deleteLater);
+}
+
+void AppDelegate::savePreferences() {
+  auto* dialog = qobject_cast<PreferencesWindow*>(m_preferences.data());
+  if (!dialog) return;
+  dialog->prefsProcess->save();
+  GraphSwitches::current().save(m_services.store);
+  dialog->prefsPID->save();
 }
 
 void AppDelegate::createDockMenu() {
