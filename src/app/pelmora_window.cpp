@@ -22,6 +22,7 @@
 #include "support/broadcast.h"
 #include "support/logger.h"
 #include "support/pid.h"
+#include "support/power_assertion.h"
 #include "support/settings_keys.h"
 
 namespace pelmora {
@@ -60,6 +61,7 @@ PelmoraWindow::PelmoraWindow(Pelmora& helper, PowerMonitor& power, CPULimiter& l
                              Options options, QWidget* parent)
     : QWidget(parent, Qt::Window), m_helper(helper), m_power(power), m_limiter(limiter), m_store(store),
       m_options(options), m_timer(new QTimer(this)) {
+  PowerAssertion::setName("Pelmora");
   build();
   m_powersource->setCurrentIndex(m_power.powerSource() == PowerSource::battery ? 1 : 0);
   const cpu_numbers_t counts = m_helper.requestCpuInfo(kNoAnswer);
@@ -278,9 +280,11 @@ void PelmoraWindow::limiterWatch() {
   if (limited > 0 && !m_limiting) {
     m_limiting = true;
     setOwnPriority(raisedPriority(m_priority));
+    PowerAssertion::switchAssertion(false);
   } else if (limited == 0 && m_limiting) {
     m_limiting = false;
     setOwnPriority(m_priority);
+    PowerAssertion::switchAssertion(true);
   }
 }
 

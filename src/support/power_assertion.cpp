@@ -1,6 +1,11 @@
 #include "support/power_assertion.h"
 
+#include <fcntl.h>
+
+#include <mutex>
+
 #include "support/text.h"
+#include "support/unique_fd.h"
 
 #ifdef PELMORA_HAVE_SYSTEMD
 #include <systemd/sd-bus.h>
@@ -15,9 +20,65 @@ bool PowerAssertion::keepsAwake(std::string_view what, std::string_view mode) {
   return false;
 }
 
+namespace {
+
+struct OwnAssertion {
+  std::mutex mutex;
+  std::string name = "Pelmora";
+  UniqueFd inhibitor;  // logind keeps the inhibitor while this descriptor is open
+};
+
+OwnAssertion& ownAssertion() {
+  static OwnAssertion* state = new OwnAssertion();
+  return *state;
+}
+
+UniqueFd takeSleepDelayInhibitor(const std::string& name);
+
+}  // namespace
+
+void PowerAssertion::setName(const std::string& name) {
+  std::lock_guard lock(ownAssertion().mutex);
+  ownAssertion().name = name;
+}
+
+void PowerAssertion::switchAssertion(bool on) {
+  OwnAssertion& state = ownAssertion();
+  std::lock_guard lock(state.mutex);
+  if (!on) {
+    state.inhibitor.reset();
+    return;
+  }
+  if (!state.inhibitor) state.inhibitor = takeSleepDelayInhibitor(state.name);
+}
+
+bool PowerAssertion::held() {
+  std::lock_guard lock(ownAssertion().mutex);
+  return ownAssertion().inhibitor.valid();
+}
+
 #ifdef PELMORA_HAVE_SYSTEMD
 
 namespace {
+
+UniqueFd takeSleepDelayInhibitor(const std::string& name) {
+  sd_bus* bus = nullptr;
+  if (sd_bus_open_system(&bus) < 0) return UniqueFd();
+  sd_bus_error error = SD_BUS_ERROR_NULL;
+  sd_bus_message* reply = nullptr;
+  UniqueFd out;
+  if (sd_bus_call_method(bus, "org.freedesktop.login1", "/org/freedesktop/login1", "org.freedesktop.login1.Manager",
+                         "Inhibit", &error, &reply, "ssss", "sleep", name.c_str(),
+                         "Continuing limited processes before sleep", "delay") >= 0) {
+    int fd = -1;
+    // The descriptor belongs to the reply: keep a duplicate.
+    if (sd_bus_message_read(reply, "h", &fd) >= 0 && fd >= 0) out.reset(fcntl(fd, F_DUPFD_CLOEXEC, 3));
+  }
+  sd_bus_message_unref(reply);
+  sd_bus_error_free(&error);
+  sd_bus_flush_close_unref(bus);
+  return out;
+}
 
 // Reads the a(ssssuu) array of ListInhibitors: what, who, why, mode, uid, pid.
 void readInhibitors(sd_bus_message* reply, std::map<int32_t, bool>& out) {
@@ -52,6 +113,10 @@ std::map<int32_t, bool> PowerAssertion::assertions() {
 #else
 
 std::map<int32_t, bool> PowerAssertion::assertions() { return {}; }
+
+namespace {
+UniqueFd takeSleepDelayInhibitor(const std::string&) { return UniqueFd(); }
+}  // namespace
 
 #endif
 

@@ -5,6 +5,7 @@
 // inhibitors count.
 #include <cstdint>
 #include <map>
+#include <string>
 #include <string_view>
 
 namespace pelmora {
@@ -16,6 +17,12 @@ class PowerAssertion {
   // Whether one inhibitor, as ListInhibitors reports it ("what" is a colon-separated list such as
   // "sleep:idle", mode "block" or "delay"), keeps the machine awake.
   static bool keepsAwake(std::string_view what, std::string_view mode);
+
+  // Our own assertion: a logind "sleep" delay inhibitor under the given name, taken with
+  // switchAssertion(true) and released with false. Without a system bus it does nothing.
+  static void setName(const std::string& name);
+  static void switchAssertion(bool on);
+  static bool held();
 };
 
 }  // namespace pelmora
