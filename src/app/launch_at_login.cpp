@@ -13,7 +13,7 @@ namespace pelmora {
 namespace fs = std::filesystem;
 
 QString autostartEntryText(const QString& program) {
-  // Exec needs quoting when the path has spaces; the desktop entry spec's quoting is double quotes.
+  // Exec needs quoting when the path has spaces; desktop entries quote with double quotes.
   const QString exec = program.contains(QLatin1Char(' ')) ? QLatin1Char('"') + program + QLatin1Char('"') : program;
   return QStringLiteral(
              "[Desktop Entry]\n"
