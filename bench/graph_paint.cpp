@@ -11,6 +11,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "median_table.h"
+
 #include <cmath>
 #include <cstdio>
 #include <map>
@@ -167,28 +169,11 @@ constexpr int kRepetitions = 7;
 BENCHMARK(BM_PaintStatisticsWindow)->Unit(benchmark::kMicrosecond)->Repetitions(kRepetitions)->ReportAggregatesOnly(true);
 BENCHMARK(BM_PaintEveryEntry)->Unit(benchmark::kMicrosecond)->Repetitions(kRepetitions)->ReportAggregatesOnly(true);
 
-class MedianReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const auto& run : runs)
-      if (run.aggregate_name == "median") medians_us[run.run_name.function_name] = run.GetAdjustedRealTime();
-    ConsoleReporter::ReportRuns(runs);
-  }
-  std::map<std::string, double> medians_us;
-};
-
 void printTable(const std::map<std::string, double>& medians_us) {
-  const auto ours = medians_us.find("BM_PaintStatisticsWindow");
-  if (ours == medians_us.end()) return;
-  std::printf("\n%-46s %14s %12s\n", "17 graphs, 1800 samples each", "median (us)", "vs ours");
-  const std::pair<const char*, const char*> rows[] = {
-      {"BM_PaintStatisticsWindow", "our painter (visible columns only)"},
-      {"BM_PaintEveryEntry", "naive: every entry of every series"}};
-  for (const auto& [name, label] : rows) {
-    auto it = medians_us.find(name);
-    if (it == medians_us.end()) continue;
-    std::printf("%-46s %14.1f %11.2fx\n", label, it->second, it->second / ours->second);
-  }
+  pelmora::bench::printMedianTable(medians_us, "17 graphs, 1800 samples each", "vs ours",
+                                   {{"BM_PaintStatisticsWindow", "our painter (visible columns only)"},
+                                    {"BM_PaintEveryEntry", "naive: every entry of every series"}},
+                                   46);
 }
 
 // One picture per class at a size that shows the detail, plus the total CPU graph as the live icon.
@@ -223,7 +208,7 @@ int main(int argc, char** argv) {
   if (argc == 3 && std::string(argv[1]) == "--screenshots") return writeScreenshots(argv[2]);
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  MedianReporter reporter;
+  pelmora::bench::MedianReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
   printTable(reporter.medians_us);

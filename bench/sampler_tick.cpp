@@ -8,6 +8,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "median_table.h"
+
 #include <cstdio>
 #include <map>
 #include <string>
@@ -98,30 +100,12 @@ BENCHMARK(BM_SamplerTick)->Unit(benchmark::kMicrosecond)->Repetitions(kRepetitio
 BENCHMARK(BM_PlainReadLoop)->Unit(benchmark::kMicrosecond)->Repetitions(kRepetitions)->ReportAggregatesOnly(true);
 BENCHMARK(BM_CatProcess)->Unit(benchmark::kMicrosecond)->Repetitions(kRepetitions)->ReportAggregatesOnly(true);
 
-// Keeps the median of each benchmark for the table printed at the end.
-class MedianReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const auto& run : runs)
-      if (run.aggregate_name == "median") medians_us[run.run_name.function_name] = run.GetAdjustedRealTime();
-    ConsoleReporter::ReportRuns(runs);
-  }
-  std::map<std::string, double> medians_us;
-};
-
 void printTable(const std::map<std::string, double>& medians_us) {
-  const auto tick = medians_us.find("BM_SamplerTick");
-  if (tick == medians_us.end()) return;
-  std::printf("\n%-34s %14s %12s\n", "one sample of this machine", "median (us)", "vs tick");
-  const std::pair<const char*, const char*> rows[] = {
-      {"BM_SamplerTick", "sampler tick (parse + records)"},
-      {"BM_PlainReadLoop", "same files, plain read loop"},
-      {"BM_CatProcess", "same files, one cat process"}};
-  for (const auto& [name, label] : rows) {
-    auto it = medians_us.find(name);
-    if (it == medians_us.end()) continue;
-    std::printf("%-34s %14.1f %11.2fx\n", label, it->second, it->second / tick->second);
-  }
+  pelmora::bench::printMedianTable(medians_us, "one sample of this machine", "vs tick",
+                                   {{"BM_SamplerTick", "sampler tick (parse + records)"},
+                                    {"BM_PlainReadLoop", "same files, plain read loop"},
+                                    {"BM_CatProcess", "same files, one cat process"}},
+                                   34);
   std::printf("files read per tick: %zu; the tick's budget on its deadline thread is 5000 us\n", tickFiles().size());
 }
 
@@ -130,7 +114,7 @@ void printTable(const std::map<std::string, double>& medians_us) {
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  MedianReporter reporter;
+  pelmora::bench::MedianReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
   printTable(reporter.medians_us);
