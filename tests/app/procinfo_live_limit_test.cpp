@@ -21,6 +21,7 @@
 #include "helper_link/in_process_transport.h"
 #include "helper_link/pelmora.h"
 #include "process_control/cpu_limiter.h"
+#include "process_control/live_child.h"
 #include "process_control/sim_helper.h"
 #include "support/broadcast.h"
 #include "support/main_queue.h"
@@ -36,32 +37,8 @@ void ensureApp() {
   new QApplication(argc, argv);
 }
 
-pid_t busyChild() {
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    volatile uint64_t spin = 0;
-    for (;;) spin = spin + 1;
-  }
-  return pid;
-}
-
-class CountingTransport : public XPCTransport {
- public:
-  std::atomic<int> stops{0}, continues{0};
-  std::optional<XPCDict> exchange(const XPCDict& request) override {
-    auto reply = m_real.exchange(request);
-    if (request.count("kill") && reply && xpcInt(*reply, "kill") == 0) {
-      const auto signal = xpcInt(request, "signal");
-      stops += signal == SIGSTOP;
-      continues += signal == SIGCONT;
-    }
-    return reply;
-  }
-  void sendOneWay(const XPCDict& message) override { m_real.sendOneWay(message); }
-
- private:
-  InProcessTransport m_real;
-};
+using test::busyChild;
+using test::CountingTransport;
 
 // Runs the main loop (where "processesupdated" arrives) until pred holds; gives up after a minute.
 template <typename Pred>

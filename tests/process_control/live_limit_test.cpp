@@ -14,6 +14,7 @@
 #include "helper_link/pelmora.h"
 #include "process_control/cpu_limiter.h"
 #include "process_control/stop_journal.h"
+#include "live_child.h"
 #include "sim_helper.h"
 
 namespace pelmora {
@@ -35,40 +36,8 @@ bool eventually(Pred pred) {
   return true;
 }
 
-[[noreturn]] void spin() {
-  volatile uint64_t n = 0;
-  for (;;) n = n + 1;
-}
-
-// Forked while this test program runs a single thread, so the child may start threads of its own.
-// Several threads make it want more than the limit even on a machine busy with other work.
-pid_t busyChild(int threads = 1) {
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    for (int i = 1; i < threads; ++i) std::thread(spin).detach();
-    spin();
-  }
-  return pid;
-}
-
-// Counts the "kill" requests that went through, around the real in-process helper.
-class CountingTransport : public XPCTransport {
- public:
-  int stops = 0, continues = 0;
-  std::optional<XPCDict> exchange(const XPCDict& request) override {
-    auto reply = m_real.exchange(request);
-    if (request.count("kill") && reply && xpcInt(*reply, "kill") == 0) {
-      const auto signal = xpcInt(request, "signal");
-      stops += signal == SIGSTOP;
-      continues += signal == SIGCONT;
-    }
-    return reply;
-  }
-  void sendOneWay(const XPCDict& message) override { m_real.sendOneWay(message); }
-
- private:
-  InProcessTransport m_real;
-};
+using test::busyChild;
+using test::CountingTransport;
 
 TEST(LiveLimit, BusyChildHeldAt30PercentIsStoppedContinuedAndRunningAfterwards) {
   test::SimRoot dir;
