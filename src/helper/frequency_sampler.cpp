@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "helper/cpu_control.h"
+#include "helper/pidfd.h"
 #include "support/text.h"
 
 namespace pelmora {
@@ -224,6 +225,8 @@ FrequencySampler::Started FrequencySampler::start(int64_t interval_ms) const {
   }
   if (pid == 0) runChild(write_end.get(), interval_ms);
   write_end.reset();
+  // Opened before the reaper starts, so the pid cannot have been recycled yet.
+  started.pidfd = pidfdOpen(pid);
   auto reap = [pid] {
     while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
     }

@@ -83,6 +83,7 @@ class FrequencySampler {
   struct Started {
     pid_t pid = -1;
     UniqueFd output;    // read end of the child's pipe; end of file once the child is done
+    UniqueFd pidfd;     // the child, opened before anyone could reap it
     int error = 0;      // errno value when the child could not be started
     std::string error_text;
   };

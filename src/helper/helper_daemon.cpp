@@ -128,6 +128,7 @@ void HelperDaemon::serve(int socket_fd) {
         XPCDict reply = m_handler.handle(*request, *connection);
         if (connection->closeRequested() || !xpcSendMessage(socket_fd, reply)) break;
       }
+      m_handler.connectionEnded(*connection);
     }
   }  // the connection continues what it stopped before the socket goes
   connectionEnded(socket_fd);

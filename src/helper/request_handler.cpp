@@ -96,6 +96,8 @@ HelperOptions RequestHandler::inProcessOptions() {
   return options;
 }
 
+void RequestHandler::connectionEnded(const Connection& caller) { m_children.endAll(caller); }
+
 XPCDict RequestHandler::handle(const XPCDict& request, Connection& caller) {
   // The operation is named by the presence of its key, whatever that key's value.
   for (const Route& route : kRoutes) {
@@ -330,13 +332,16 @@ XPCDict RequestHandler::pidFiles(const XPCDict& request, Connection& caller) {
   return reply;
 }
 
-XPCDict RequestHandler::powerMetrics(const XPCDict& request, Connection&) {
+XPCDict RequestHandler::powerMetrics(const XPCDict& request, Connection& caller) {
   std::string error;
   const auto interval_ms = intField(request, "sample_interval", FrequencySampler::kMinInterval_ms,
                                     FrequencySampler::kMaxInterval_ms, &error);
   if (!interval_ms) return {{"result", int64_t{1} + EINVAL}, {"error", error}};
+  ChildRegistry::Slot slot = m_children.reserve(caller, ChildKind::kPowerMetrics, &error);
+  if (!slot) return {{"result", int64_t{1} + EAGAIN}, {"error", error}};
   auto started = FrequencySampler(m_options.root).start(*interval_ms);
   if (started.error) return {{"result", int64_t{1} + started.error}, {"error", started.error_text}};
+  slot.hold(std::move(started.pidfd));
   return {{"result", int64_t{1}},
           {"pid", int64_t{started.pid}},
           {"fd", XPCValue::descriptor(std::move(started.output))}};

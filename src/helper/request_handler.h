@@ -16,6 +16,7 @@
 
 #include "helper/authorizer.h"
 #include "helper/boot_installer.h"
+#include "helper/child_registry.h"
 #include "helper/connection.h"
 #include "helper/cpu_control.h"
 #include "helper/policy.h"
@@ -47,6 +48,10 @@ class RequestHandler {
   // Answers one request from `caller`. A "quit" request answers an empty dictionary and marks the
   // connection for closing (caller.closeRequested()); nothing is to be sent back for it.
   XPCDict handle(const XPCDict& request, Connection& caller);
+  // The connection is closing: the children it started end with it.
+  void connectionEnded(const Connection& caller);
+  // The tools started for callers, one per connection and kind ("powermetrics", "nettop").
+  ChildRegistry& children() { return m_children; }
 
  private:
   using Method = XPCDict (RequestHandler::*)(const XPCDict&, Connection&);
@@ -104,6 +109,7 @@ class RequestHandler {
   CpuControl m_cpus;
   ThrottleWriter m_throttle;
   BootInstaller m_boot;
+  ChildRegistry m_children;
 };
 
 }  // namespace pelmora

@@ -9,6 +9,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <functional>
 #include <string>
@@ -17,6 +19,7 @@
 #include "helper/test_support.h"
 #include "support/socket_transport.h"
 #include "support/sys_root.h"
+#include "support/text.h"
 
 namespace pelmora::testing {
 
@@ -121,6 +124,18 @@ class HelperDaemonChild {
   const std::filesystem::path& sys() const { return m_sys; }
   // Open descriptors of the daemon.
   size_t openFds() const { return SysRoot::listDir("/proc/" + std::to_string(m_pid) + "/fd").size(); }
+  // Processes the daemon started that are still alive (zombies not counted), as the kernel lists them.
+  size_t liveChildren() const {
+    size_t count = 0;
+    const std::string task = "/proc/" + std::to_string(m_pid) + "/task/";
+    for (const std::string& tid : SysRoot::listDir(task)) {
+      for (std::string_view child : split(SysRoot::readFile(task + tid + "/children").value_or(""), ' ', false)) {
+        const auto pid = parseInt64(child);
+        count += pid && procState(static_cast<pid_t>(*pid)) != 'Z' && procState(static_cast<pid_t>(*pid)) != '?';
+      }
+    }
+    return count;
+  }
 
  private:
   TempDir m_dir;
@@ -128,6 +143,28 @@ class HelperDaemonChild {
   std::string m_socket;
   pid_t m_pid = -1;
   bool m_ready = false;
+};
+
+// One daemon for a whole suite of tests that act as root and as another user.
+class HelperDaemonTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    if (::geteuid() == 0) s_daemon = new HelperDaemonChild();
+  }
+  static void TearDownTestSuite() {
+    delete s_daemon;
+    s_daemon = nullptr;
+  }
+  void SetUp() override {
+    if (!s_daemon) GTEST_SKIP() << "the daemon tests act as root and as another user: run as root";
+    ASSERT_TRUE(s_daemon->ready());
+  }
+  static XPCDict ask(const XPCDict& request) {
+    SocketTransport transport(s_daemon->socket());
+    return transport.exchange(request).value_or(XPCDict{{"no reply", 1}});
+  }
+
+  inline static HelperDaemonChild* s_daemon = nullptr;
 };
 
 }  // namespace pelmora::testing

@@ -17,27 +17,6 @@ namespace {
 
 using namespace pelmora::testing;
 
-class HelperDaemonTest : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    if (::geteuid() == 0) s_daemon = new HelperDaemonChild();
-  }
-  static void TearDownTestSuite() {
-    delete s_daemon;
-    s_daemon = nullptr;
-  }
-  void SetUp() override {
-    if (!s_daemon) GTEST_SKIP() << "the daemon tests act as root and as another user: run as root";
-    ASSERT_TRUE(s_daemon->ready());
-  }
-  static XPCDict ask(const XPCDict& request) {
-    SocketTransport transport(s_daemon->socket());
-    return transport.exchange(request).value_or(XPCDict{{"no reply", 1}});
-  }
-
-  static HelperDaemonChild* s_daemon;
-};
-HelperDaemonChild* HelperDaemonTest::s_daemon = nullptr;
 
 size_t dataSize(const XPCDict& reply, const char* key) {
   const XPCData* data = xpcData(reply, key);
