@@ -12,6 +12,9 @@ packages=(
   util-linux procps iproute2 xvfb xauth
   cpulimit  # bench/limiter_accuracy measures it beside our limiter
   desktop-file-utils appstream groff-base  # tests/install checks the desktop entry, metainfo, man pages
+  # scripts/session-test.sh: a private system bus with polkit, a desktop with a tray under Xvfb,
+  # input events and screenshots, the package linter
+  dbus polkitd python3-dbus python3-gi openbox trayer xdotool x11-utils imagemagick lintian
 )
 
 sudo_cmd=()

@@ -1,0 +1,280 @@
+#!/usr/bin/env bash
+# The product as its users meet it, on a throw-away Debian 12 machine, as root: the Debian package
+# installed with apt, a private system bus with polkitd and a login manager on it, the helper
+# socket-activated from the installed unit's address, and the application under Xvfb with openbox
+# and an XEmbed tray (trayer), run as two test users and driven by real input events (xdotool).
+# Each journey is one test across the seams that unit tests cannot cross; it prints one verdict
+# line, and a closing "N passed, N failed". Screenshots of every journey land in the folder printed
+# at the start. Everything started is stopped, the test users are removed and the package is purged
+# and checked to leave nothing behind.
+#
+#   scripts/session-test.sh [--keep-build]
+#   PELMORA_SESSION_OUT=DIR     where the screenshots and logs go (default build-session/session)
+#   PELMORA_SESSION_ONLY="1 7"  run only these journeys (development)
+set -uo pipefail
+cd "$(dirname "$0")/.."
+repo=$PWD
+here=$repo/scripts/session
+
+[ "$(id -u)" -eq 0 ] || { echo "session-test: run as root on a throw-away machine (it adds users, installs a package)" >&2; exit 2; }
+
+build=$repo/build-session
+out=${PELMORA_SESSION_OUT:-$build/session}
+work=$(mktemp -d /tmp/pelmora-session.XXXXXX)
+chmod 755 "$work"
+shots=$out/screenshots
+logs=$out/logs
+rm -rf "$out" && mkdir -p "$shots" "$logs"
+granted=pmsession-admin   # polkit grants the action to this user without a password
+refused=pmsession-guest   # and to nobody else
+display=:57
+pids=()                   # every background process we start, stopped in reverse order at the end
+started_s=$SECONDS
+
+say() { printf '%s\n' "$*"; }
+note() { printf '    %s\n' "$*" >&2; }
+
+# ---------------------------------------------------------------------------------------------
+# What this machine can run, decided before anything is touched.
+pid1=$(ps -p 1 -o comm=)
+if grep -qwE 'mem|freeze|disk' /sys/power/state 2>/dev/null && [ "$pid1" = systemd ]; then
+  logind_kind="systemd-logind cannot be used: systemd is PID 1 and owns the real system bus's login1"
+else
+  logind_kind="the script's own login1 service (scripts/session/login1.py): PID 1 is $pid1 and /sys/power/state is '$(cat /sys/power/state 2>/dev/null)', so systemd-logind would never emit PrepareForSleep here"
+fi
+
+# ---------------------------------------------------------------------------------------------
+# Clean-up: runs on every way out.
+cleanup() {
+  local status=$?
+  set +e
+  for ((i = ${#pids[@]} - 1; i >= 0; i--)); do
+    kill -TERM "${pids[i]}" 2>/dev/null
+  done
+  sleep 1
+  for ((i = ${#pids[@]} - 1; i >= 0; i--)); do
+    kill -KILL "${pids[i]}" 2>/dev/null
+  done
+  for user in "$granted" "$refused"; do
+    if id "$user" >/dev/null 2>&1; then
+      pkill -KILL -u "$user" 2>/dev/null   # only the throw-away users' own processes
+      userdel -r -f "$user" >/dev/null 2>&1
+    fi
+  done
+  rm -f /etc/polkit-1/rules.d/49-pelmora-session.rules
+  if dpkg-query -W -f='${Status}' pelmora 2>/dev/null | grep -q 'ok installed\|config-files'; then
+    DEBIAN_FRONTEND=noninteractive apt-get purge -y -qq pelmora >"$logs/purge.log" 2>&1
+  fi
+  rm -rf "$work"
+  exit "$status"
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+# ---------------------------------------------------------------------------------------------
+# Helpers.
+wait_for() {  # wait_for SECONDS COMMAND...: true as soon as COMMAND succeeds
+  local deadline=$((SECONDS + $1)); shift
+  until "$@" 2>/dev/null; do
+    [ $SECONDS -lt $deadline ] || return 1
+    sleep 0.2
+  done
+}
+
+shot() { import -display "$display" -window root "$shots/$1.png" 2>/dev/null || note "no screenshot $1"; }
+
+user_env() {  # user_env USER: the environment of a desktop session of USER on our display and buses
+  local home
+  home=$(getent passwd "$1" | cut -d: -f6)
+  echo HOME="$home" USER="$1" LOGNAME="$1" PATH=/usr/bin:/bin DISPLAY="$display" \
+       DBUS_SYSTEM_BUS_ADDRESS="$bus_address" XDG_RUNTIME_DIR="/tmp/pmsession-run-$1" \
+       PELMORA_SYS_ROOT="$sysroot" QT_QPA_PLATFORM=xcb LANG=C.UTF-8
+}
+
+as_user() {  # as_user USER COMMAND...: runs COMMAND as USER in that session's environment
+  local user=$1; shift
+  # shellcheck disable=SC2046
+  runuser -u "$user" -- env -i $(user_env "$user") "$@"
+}
+
+app_log() { echo "$(getent passwd "$1" | cut -d: -f6)/.local/state/pelmora/pelmora.log"; }
+app_config() { echo "$(getent passwd "$1" | cut -d: -f6)/.config/pelmora/defaults.json"; }
+
+start_app() {  # start_app USER: starts pelmora-app as USER in the background; prints its pid
+  as_user "$1" /usr/bin/pelmora-app >>"$logs/app-$1.log" 2>&1 &
+  local runner=$!
+  pids+=("$runner")
+  echo "$runner"
+}
+
+app_pid() { pgrep -u "$1" -x pelmora-app | head -1; }
+
+stop_app() {  # stop_app USER: SIGTERM (the session ending), waits for the program to be gone
+  local pid
+  pid=$(app_pid "$1") || return 0
+  kill -TERM "$pid"
+  wait_for 15 bash -c "! kill -0 $pid"
+}
+
+proc_state() { awk '{ sub(/^.*\) /, ""); print $1 }' "/proc/$1/stat" 2>/dev/null; }
+proc_ticks() { awk '{ sub(/^.*\) /, ""); print $12 + $13 }' "/proc/$1/stat"; }
+
+share_percent() {  # share_percent PID SECONDS: the share of one processor PID used, from /proc
+  local hz t0 t1
+  hz=$(getconf CLK_TCK)
+  t0=$(proc_ticks "$1"); sleep "$2"; t1=$(proc_ticks "$1")
+  echo $(( (t1 - t0) * 100 / (hz * $2) ))
+}
+
+online_count() { cat "$sysroot"/devices/system/cpu/cpu[0-9]*/online 2>/dev/null | grep -c 1; }
+
+# ---------------------------------------------------------------------------------------------
+# The session.
+install_deps() {
+  bash scripts/install-deps.sh >"$logs/install-deps.log" 2>&1 || { cat "$logs/install-deps.log" >&2; return 1; }
+}
+
+build_package() {
+  cmake -S . -B "$build" -G Ninja -DPELMORA_WERROR=ON -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_BUILD_TYPE=Release \
+    -DPELMORA_BUILD_TESTS=OFF -DPELMORA_BUILD_BENCH=OFF >"$logs/build.log" 2>&1 &&
+  cmake --build "$build" >>"$logs/build.log" 2>&1 &&
+  (cd "$build" && cpack -B "$work/deb" >>"$logs/build.log" 2>&1) || { tail -30 "$logs/build.log" >&2; return 1; }
+  deb=$(ls "$work"/deb/pelmora_*.deb)
+  cp "$deb" "$out/"
+}
+
+install_package() {
+  if dpkg-query -W -f='${Status}' pelmora 2>/dev/null | grep -q installed; then
+    echo "pelmora is already installed on this machine: the session test installs and purges its own" >&2
+    return 1
+  fi
+  pelmora_files >"$work/before.txt"
+  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "$deb" >"$logs/apt-install.log" 2>&1 \
+    || { cat "$logs/apt-install.log" >&2; return 1; }
+}
+
+add_users() {
+  for user in "$granted" "$refused"; do
+    if id "$user" >/dev/null 2>&1; then echo "user $user exists already: not ours to use" >&2; return 1; fi
+    useradd -m -s /bin/bash "$user" || return 1
+    install -d -m 700 -o "$user" -g "$user" "/tmp/pmsession-run-$user"
+  done
+}
+
+make_sysroot() {  # a fixture /sys the helper writes and the users read: 4 cores, 8 threads, disks, AC
+  sysroot=$work/sys
+  mkdir -p "$sysroot/class"
+  cp -r tests/fixtures/cpu-smt-4c8t/devices tests/fixtures/cpu-smt-4c8t/block "$sysroot/"
+  cp -r tests/fixtures/power-laptop-mains/class/power_supply "$sysroot/class/"
+  chmod -R a+rX "$sysroot"
+}
+
+start_bus() {
+  sed "s|@SOCKET@|$work/system_bus_socket|" "$here/system-bus.conf" >"$work/system-bus.conf"
+  dbus-daemon --config-file="$work/system-bus.conf" --nofork --nopidfile --print-address=3 3>"$work/bus.address" \
+    >"$logs/dbus.log" 2>&1 &
+  pids+=($!)
+  wait_for 10 test -s "$work/bus.address" || return 1
+  bus_address=$(head -1 "$work/bus.address")
+  export DBUS_SYSTEM_BUS_ADDRESS=$bus_address
+}
+
+start_polkit() {
+  sed "s|@GRANTED@|$granted|; s|@REFUSED@|$refused|" "$here/pelmora-session.rules" \
+    >/etc/polkit-1/rules.d/49-pelmora-session.rules
+  /usr/lib/polkit-1/polkitd --no-debug >"$logs/polkitd.log" 2>&1 &
+  pids+=($!)
+  wait_for 15 busctl --address="$bus_address" status org.freedesktop.PolicyKit1 >/dev/null || return 1
+  pkaction --action-id net.tandrel.pelmora.admin >/dev/null || { echo "polkit does not know the installed action" >&2; return 1; }
+}
+
+start_login1() {
+  python3 "$here/login1.py" "$logs/login1.log" >>"$logs/login1.log" 2>&1 &
+  login1_pid=$!
+  pids+=("$login1_pid")
+  wait_for 10 busctl --address="$bus_address" status org.freedesktop.login1 >/dev/null
+}
+
+start_holder() {
+  python3 "$here/socket_holder.py" /usr/lib/systemd/system/net.tandrel.pelmorahelper.socket \
+    /usr/lib/systemd/system/net.tandrel.pelmorahelper.service "$logs/holder.log" >>"$logs/holder.log" 2>&1 &
+  holder_pid=$!
+  pids+=("$holder_pid")
+  helper_socket=$(sed -n 's/^ListenStream=//p' /usr/lib/systemd/system/net.tandrel.pelmorahelper.socket)
+  wait_for 10 test -S "$helper_socket"
+}
+
+start_desktop() {
+  Xvfb "$display" -screen 0 1600x1000x24 -nolisten tcp -ac >"$logs/xvfb.log" 2>&1 &
+  pids+=($!)
+  wait_for 10 xdpyinfo -display "$display" >/dev/null || return 1
+  DISPLAY=$display openbox >"$logs/openbox.log" 2>&1 &
+  pids+=($!)
+  DISPLAY=$display trayer --edge top --align right --widthtype pixel --width 120 --height 28 \
+    --transparent false --tint 0xdddddd >"$logs/trayer.log" 2>&1 &
+  pids+=($!)
+  wait_for 10 xdotool search --display "$display" --class trayer >/dev/null
+}
+
+# Every path on the machine that names Pelmora, outside the source tree and the test users' homes.
+pelmora_files() {
+  find /etc /usr /var /run /opt /srv /root /home -xdev \( -path "$repo" -o -path '/home/pmsession-*' \) -prune \
+    -o -iname '*pelmora*' -print 2>/dev/null | sort
+}
+
+helper_starts() { grep -c ' started ' "$logs/holder.log"; }
+helper_running() { tail -1 "$logs/holder.log" | grep -q ' started '; }
+
+# ---------------------------------------------------------------------------------------------
+# The journeys: each prints why it failed on stderr and returns non-zero.
+source "$here/journeys.sh"
+
+# ---------------------------------------------------------------------------------------------
+say "Pelmora desktop session test"
+say "  screenshots and logs: $out"
+say "  login manager: $logind_kind"
+steps=(install_deps build_package install_package add_users make_sysroot start_bus start_polkit start_login1
+       start_holder start_desktop)
+for step in "${steps[@]}"; do
+  if ! "$step" 2>"$logs/setup-$step.err"; then
+    say "setup failed at $step: $(tail -3 "$logs/setup-$step.err" | tr '\n' ' ')"
+    say "0 passed, 1 failed"
+    exit 1
+  fi
+done
+say "  session up in $((SECONDS - started_s)) s: bus $bus_address, helper socket $helper_socket, display $display"
+
+passed=0 failed=0 skipped=0
+run_journey() {  # run_journey N NAME FUNCTION
+  local n=$1 name=$2 fn=$3 t0=$SECONDS reason
+  if [ -n "${PELMORA_SESSION_ONLY:-}" ] && [[ " $PELMORA_SESSION_ONLY " != *" $n "* ]]; then return; fi
+  if reason=$(skip_reason "$n"); then
+    say "journey $n $name: SKIPPED ($reason)"
+    skipped=$((skipped + 1))
+    return
+  fi
+  if "$fn" 2>"$logs/journey-$n.err"; then
+    say "journey $n $name: PASS ($((SECONDS - t0)) s)"
+    passed=$((passed + 1))
+  else
+    say "journey $n $name: FAIL ($((SECONDS - t0)) s): $(tail -2 "$logs/journey-$n.err" | sed 's/^ *//' | tr '\n' ' ')"
+    failed=$((failed + 1))
+  fi
+  shot "journey-$n-end"
+}
+
+run_journey 1 "authorisation" journey_authorisation
+run_journey 7 "socket activation" journey_socket_activation
+run_journey 9 "single instance" journey_single_instance
+run_journey 2 "limit from the tray" journey_tray_limit
+run_journey 3 "sleep and wake" journey_sleep_wake
+run_journey 4 "colour and font" journey_colour
+run_journey 5 "processors off and on" journey_processors
+run_journey 6 "power source change" journey_power_source
+run_journey 8 "boot apply" journey_boot_apply
+run_journey 10 "package purge" journey_purge
+
+say "session ran $((SECONDS - started_s)) s"
+if [ "$skipped" -gt 0 ]; then say "$skipped skipped"; fi
+say "$passed passed, $failed failed"
+[ "$failed" -eq 0 ]
