@@ -42,6 +42,7 @@ endif()
 # so two builds give the same bytes).
 set(pelmora_gz_sources
     ${CMAKE_SOURCE_DIR}/docs/man/pelmora.1
+    ${CMAKE_SOURCE_DIR}/docs/man/pelmora-app.1
     ${CMAKE_SOURCE_DIR}/docs/man/pelmora-helper.8
     ${CMAKE_SOURCE_DIR}/cmake/debian/changelog)
 set(pelmora_gz_outputs)
@@ -56,6 +57,9 @@ foreach(source IN LISTS pelmora_gz_sources)
 endforeach()
 add_custom_target(pelmora_compressed_docs ALL DEPENDS ${pelmora_gz_outputs})
 install(FILES ${CMAKE_BINARY_DIR}/gz/pelmora.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+if(PELMORA_HAVE_GUI)
+  install(FILES ${CMAKE_BINARY_DIR}/gz/pelmora-app.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+endif()
 install(FILES ${CMAKE_BINARY_DIR}/gz/pelmora-helper.8.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install(FILES ${CMAKE_SOURCE_DIR}/cmake/debian/copyright DESTINATION ${PELMORA_DOC_DIR})
 install(FILES ${CMAKE_BINARY_DIR}/gz/changelog.gz DESTINATION ${PELMORA_DOC_DIR})

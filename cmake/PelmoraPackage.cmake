@@ -30,7 +30,7 @@ string(REPLACE ";" "" CPACK_DEBIAN_PACKAGE_DESCRIPTION "${CPACK_DEBIAN_PACKAGE_D
 # Library dependencies come from dpkg-shlibdeps; polkit is needed only for authorisation by
 # someone other than root, so it is recommended rather than required.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "polkitd | policykit-1")
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS polkitd)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     ${CMAKE_SOURCE_DIR}/cmake/debian/postinst
     ${CMAKE_SOURCE_DIR}/cmake/debian/prerm

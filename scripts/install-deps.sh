@@ -14,7 +14,7 @@ packages=(
   desktop-file-utils appstream groff-base  # tests/install checks the desktop entry, metainfo, man pages
   # scripts/session-test.sh: a private system bus with polkit, a desktop with a tray under Xvfb,
   # input events and screenshots, the package linter
-  dbus polkitd python3-dbus python3-gi openbox trayer xdotool x11-utils imagemagick lintian
+  dbus polkitd python3-dbus python3-gi python3-pyatspi at-spi2-core openbox trayer xdotool x11-utils imagemagick lintian
 )
 
 sudo_cmd=()

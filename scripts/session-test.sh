@@ -12,6 +12,8 @@
 #   PELMORA_SESSION_OUT=DIR     where the screenshots and logs go (default build-session/session)
 #   PELMORA_SESSION_ONLY="1 7"  run only these journeys (development)
 set -uo pipefail
+# The distribution's own interpreter, with its python3-dbus, python3-gi and pyatspi; not a user's pyenv.
+python=/usr/bin/python3
 cd "$(dirname "$0")/.."
 repo=$PWD
 here=$repo/scripts/session
@@ -189,14 +191,14 @@ start_polkit() {
 }
 
 start_login1() {
-  python3 "$here/login1.py" "$logs/login1.log" >>"$logs/login1.log" 2>&1 &
+  "$python" "$here/login1.py" "$logs/login1.log" >>"$logs/login1.log" 2>&1 &
   login1_pid=$!
   pids+=("$login1_pid")
   wait_for 10 busctl --address="$bus_address" status org.freedesktop.login1 >/dev/null
 }
 
 start_holder() {
-  python3 "$here/socket_holder.py" /usr/lib/systemd/system/net.tandrel.pelmorahelper.socket \
+  "$python" "$here/socket_holder.py" /usr/lib/systemd/system/net.tandrel.pelmorahelper.socket \
     /usr/lib/systemd/system/net.tandrel.pelmorahelper.service "$logs/holder.log" >>"$logs/holder.log" 2>&1 &
   holder_pid=$!
   pids+=("$holder_pid")

@@ -101,7 +101,7 @@ journey_single_instance() {
   # The other user takes the abstract name the granted user's instance would listen on.
   local uid squatter
   uid=$(id -u "$granted")
-  runuser -u "$refused" -- python3 -c "
+  runuser -u "$refused" -- "$python" -c "
 import socket, time
 s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
 s.bind('\0net.tandrel.pelmora-$uid'); s.listen(4)
@@ -151,7 +151,7 @@ journey_power_source() {
   stop_app "$granted"
   local config
   config=$(app_config "$granted")
-  python3 - "$config" <<'EOF' || fail "cannot write the user's settings" || return
+  "$python" - "$config" <<'EOF' || fail "cannot write the user's settings" || return
 import json, sys
 path = sys.argv[1]
 try:

@@ -9,6 +9,13 @@
 
 namespace pelmora {
 
+std::string authorizationText(const PolkitAnswer& answer) {
+  if (answer.authorised) return "OK";
+  if (answer.challenge) return "not authorised: no authentication agent could ask for the password";
+  if (answer.dismissed) return "not authorised: the password was not given";
+  return "not authorised: this user may not administer Pelmora";
+}
+
 #ifdef PELMORA_HAVE_SYSTEMD
 namespace {
 
@@ -32,6 +39,22 @@ int appendSubject(sd_bus_message* m, const CallerIdentity& caller) {
   if (r >= 0) r = sd_bus_message_append(m, "{sv}", "uid", "i", static_cast<int32_t>(caller.uid));
   if (r >= 0) r = sd_bus_message_close_container(m);
   if (r >= 0) r = sd_bus_message_close_container(m);
+  return r;
+}
+
+// The reply (bba{ss}): is_authorized, is_challenge, details.
+int readAnswer(sd_bus_message* reply, PolkitAnswer& answer) {
+  int authorised = 0, challenge = 0;
+  int r = sd_bus_message_enter_container(reply, 'r', "bba{ss}");
+  if (r >= 0) r = sd_bus_message_read(reply, "bb", &authorised, &challenge);
+  if (r >= 0) r = sd_bus_message_enter_container(reply, 'a', "{ss}");
+  const char* key = nullptr;
+  const char* value = nullptr;
+  while (r >= 0 && (r = sd_bus_message_read(reply, "{ss}", &key, &value)) > 0) {
+    if (std::strcmp(key, "polkit.dismissed") == 0 && std::strcmp(value, "true") == 0) answer.dismissed = true;
+  }
+  answer.authorised = authorised != 0;
+  answer.challenge = challenge != 0;
   return r;
 }
 
@@ -62,11 +85,9 @@ std::string PolkitAuthorizer::authorize(const CallerIdentity& caller) {
     sd_bus_error_free(&error);
     return "not authorised: polkit: " + why;
   }
-  int authorised = 0, challenge = 0;
-  r = sd_bus_message_enter_container(reply.get(), 'r', "bba{ss}");
-  if (r >= 0) r = sd_bus_message_read(reply.get(), "bb", &authorised, &challenge);
-  if (r < 0) return "not authorised: unreadable polkit reply";
-  return authorised ? "OK" : "not authorised: the administrator password was not given";
+  PolkitAnswer answer;
+  if (readAnswer(reply.get(), answer) < 0) return "not authorised: unreadable polkit reply";
+  return authorizationText(answer);
 }
 
 #else

@@ -18,6 +18,18 @@ class Authorizer {
 
 inline constexpr const char* kAdminAction = "net.tandrel.pelmora.admin";
 
+// What polkit's CheckAuthorization said: is_authorized, is_challenge (with user interaction allowed,
+// a challenge means nobody could ask: no authentication agent serves the caller), and the detail
+// "polkit.dismissed" (an agent asked and the user closed the dialog).
+struct PolkitAnswer {
+  bool authorised = false;
+  bool challenge = false;
+  bool dismissed = false;
+};
+
+// "OK", or the refusal in words the user can act on.
+std::string authorizationText(const PolkitAnswer& answer);
+
 class PolkitAuthorizer : public Authorizer {
  public:
   std::string authorize(const CallerIdentity& caller) override;

@@ -4,6 +4,7 @@
 
 #include <mutex>
 
+#include "support/logger.h"
 #include "support/text.h"
 #include "support/unique_fd.h"
 
@@ -46,10 +47,15 @@ void PowerAssertion::switchAssertion(bool on) {
   OwnAssertion& state = ownAssertion();
   std::lock_guard lock(state.mutex);
   if (!on) {
+    if (!state.inhibitor) return;
     state.inhibitor.reset();
+    Log("Power assertion released: the \"" + state.name + "\" sleep inhibitor.");
     return;
   }
-  if (!state.inhibitor) state.inhibitor = takeSleepDelayInhibitor(state.name);
+  if (state.inhibitor) return;
+  state.inhibitor = takeSleepDelayInhibitor(state.name);
+  Log(state.inhibitor ? "Power assertion held: the \"" + state.name + "\" sleep inhibitor."
+                      : "Power assertion not held: logind gave no \"" + state.name + "\" sleep inhibitor.");
 }
 
 bool PowerAssertion::held() {

@@ -87,7 +87,9 @@ class LogindSleepSource : public SleepSource {
   void releaseSleepDelay() override {
     m_want_hold = false;
     MutexLock lock(m_mutex);
+    if (!m_inhibitor) return;
     m_inhibitor.reset();
+    Log("Sleep delay released: the \"Pelmora\" sleep inhibitor.");
   }
 
  private:
@@ -128,6 +130,7 @@ class LogindSleepSource : public SleepSource {
         sd_bus_message_read(reply, "h", &fd) >= 0) {
       MutexLock lock(m_mutex);
       if (m_want_hold) m_inhibitor = UniqueFd(fcntl(fd, F_DUPFD_CLOEXEC, 3));
+      if (m_inhibitor) Log("Sleep delay held: the \"Pelmora\" sleep inhibitor.");
     } else {
       Log(std::string("Sleep delay not held: ") + (error.message ? error.message : "no reply") + ".");
     }

@@ -80,7 +80,9 @@ case "$check" in
       "$work/root$prefix/lib/systemd/system/net.tandrel.pelmorahelper.service" \
       || fail "the helper unit does not start $prefix/libexec/pelmora/pelmora-helper"
     # Man pages that man can read without complaint.
-    for page in man1/pelmora.1.gz man8/pelmora-helper.8.gz; do
+    pages=(man1/pelmora.1.gz man8/pelmora-helper.8.gz)
+    if gui_on; then pages+=(man1/pelmora-app.1.gz); fi
+    for page in "${pages[@]}"; do
       warnings=$(zcat "$work/root$prefix/share/man/$page" | groff -man -Tutf8 -ww -z 2>&1)
       [ -z "$warnings" ] || fail "$page: $warnings"
     done
@@ -104,7 +106,7 @@ case "$check" in
     [ "$(field Architecture)" = "$arch" ] || fail "Architecture: $(field Architecture)"
     [ "$(field Section)" = admin ] || fail "Section: $(field Section)"
     [[ "$(field Maintainer)" =~ ^[^\<]+\ \<[^@]+@[^\>]+\>$ ]] || fail "Maintainer: $(field Maintainer)"
-    [[ "$(field Recommends)" == *"polkitd | policykit-1"* ]] || fail "Recommends: $(field Recommends)"
+    [ "$(field Recommends)" = polkitd ] || fail "Recommends: $(field Recommends) (policykit-1 is gone from Debian 12)"
     # Library dependencies were worked out from the programs.
     depends=$(field Depends)
     [[ "$depends" == *libc6* ]] || fail "Depends lacks libc6: $depends"
@@ -121,27 +123,34 @@ case "$check" in
     done
     ;;
   scripts)
-    # Runs the maintainer scripts with a systemctl that records what it is asked to do.
+    # Runs the maintainer scripts with a systemctl, deb-systemd-helper and deb-systemd-invoke that
+    # record what they are asked to do (was-enabled answers as on a first installation).
     mkdir -p "$work/bin"
-    printf '#!/bin/sh\necho "systemctl $*" >>"%s"\n' "$work/calls" >"$work/bin/systemctl"
-    chmod 755 "$work/bin/systemctl"
+    for tool in systemctl deb-systemd-helper deb-systemd-invoke; do
+      printf '#!/bin/sh\necho "%s $*" >>"%s"\n' "$tool" "$work/calls" >"$work/bin/$tool"
+      chmod 755 "$work/bin/$tool"
+    done
     run() { : >"$work/calls"; PATH="$work/bin:$PATH" sh "$source/cmake/debian/$1" "$2" || fail "$1 $2 failed"; }
+    called() { grep -qx "$1" "$work/calls" || fail "$2 does not run '$1': $(cat "$work/calls")"; }
     socket=net.tandrel.pelmorahelper.socket
-    if [ -d /run/systemd/system ]; then enable="systemctl enable --now $socket"; else enable="systemctl enable $socket"; fi
+    service=net.tandrel.pelmorahelper.service
     run postinst configure
-    grep -qx "$enable" "$work/calls" || fail "postinst configure: $(cat "$work/calls")"
-    run postinst abort-upgrade
-    [ ! -s "$work/calls" ] || fail "postinst abort-upgrade touched units: $(cat "$work/calls")"
+    called "deb-systemd-helper enable $socket" "postinst configure"
+    if [ -d /run/systemd/system ]; then called "deb-systemd-invoke start $socket" "postinst configure"; fi
     run prerm remove
-    grep -qx "systemctl disable $socket net.tandrel.pelmorahelper.service" "$work/calls" \
-      || fail "prerm remove: $(cat "$work/calls")"
-    if [ -d /run/systemd/system ]; then
-      grep -qx "systemctl stop $socket net.tandrel.pelmorahelper.service" "$work/calls" \
-        || fail "prerm remove does not stop: $(cat "$work/calls")"
-    fi
+    if [ -d /run/systemd/system ]; then called "deb-systemd-invoke stop $service $socket" "prerm remove"; fi
     run postrm remove
-    if grep -q disable "$work/calls"; then fail "postrm remove disabled the boot unit: $(cat "$work/calls")"; fi
-    for script in postinst prerm postrm; do sh -n "$source/cmake/debian/$script" || fail "$script: syntax"; done
+    called "deb-systemd-helper mask $socket" "postrm remove"
+    if grep -q bootpelmora "$work/calls"; then fail "postrm remove touched the boot unit: $(cat "$work/calls")"; fi
+    run postrm purge
+    called "deb-systemd-helper purge $socket" "postrm purge"
+    # Units are only ever switched through the Debian helpers; systemctl only reloads.
+    for script in postinst prerm postrm; do
+      sh -n "$source/cmake/debian/$script" || fail "$script: syntax"
+      if grep -E '^[^#]*systemctl ' "$source/cmake/debian/$script" | grep -vq 'daemon-reload'; then
+        fail "$script calls systemctl for more than daemon-reload"
+      fi
+    done
     ;;
   *)
     fail "unknown check $check"
