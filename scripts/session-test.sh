@@ -30,6 +30,7 @@ rm -rf "$out" && mkdir -p "$shots" "$logs"
 granted=pmsession-admin   # polkit grants the action to this user without a password
 refused=pmsession-guest   # and to nobody else
 display=:57
+export DISPLAY=$display   # for xdotool, xwininfo and import run by the script itself
 pids=()                   # every background process we start, stopped in reverse order at the end
 started_s=$SECONDS
 
@@ -67,7 +68,7 @@ cleanup() {
   if dpkg-query -W -f='${Status}' pelmora 2>/dev/null | grep -q 'ok installed\|config-files'; then
     DEBIAN_FRONTEND=noninteractive apt-get purge -y -qq pelmora >"$logs/purge.log" 2>&1
   fi
-  rm -rf "$work"
+  rm -rf "$work" /tmp/pmsession-run-"$granted" /tmp/pmsession-run-"$refused"
   exit "$status"
 }
 trap cleanup EXIT
@@ -90,7 +91,23 @@ user_env() {  # user_env USER: the environment of a desktop session of USER on o
   home=$(getent passwd "$1" | cut -d: -f6)
   echo HOME="$home" USER="$1" LOGNAME="$1" PATH=/usr/bin:/bin DISPLAY="$display" \
        DBUS_SYSTEM_BUS_ADDRESS="$bus_address" XDG_RUNTIME_DIR="/tmp/pmsession-run-$1" \
-       PELMORA_SYS_ROOT="$sysroot" QT_QPA_PLATFORM=xcb LANG=C.UTF-8
+       PELMORA_SYS_ROOT="$sysroot" QT_QPA_PLATFORM=xcb LANG=C.UTF-8 \
+       DBUS_SESSION_BUS_ADDRESS="$(cat "$work/session-$1.address" 2>/dev/null)" QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1
+}
+
+# The user's desktop session bus, with the accessibility bus through which drive.py finds widgets.
+start_user_bus() {
+  runuser -u "$1" -- env -i HOME="$(getent passwd "$1" | cut -d: -f6)" XDG_RUNTIME_DIR="/tmp/pmsession-run-$1" \
+    dbus-daemon --session --fork --print-address=1 --print-pid=1 >"$work/session-$1.txt" || return 1
+  head -1 "$work/session-$1.txt" >"$work/session-$1.address"
+  pids+=("$(sed -n 2p "$work/session-$1.txt")")
+  as_user "$1" /usr/libexec/at-spi-bus-launcher --launch-immediately >>"$logs/atspi-$1.log" 2>&1 &
+  pids+=($!)
+}
+
+drive() {  # drive USER ARGS...: scripts/session/drive.py as USER in that user's session
+  local user=$1; shift
+  as_user "$user" "$python" "$here/drive.py" "$@"
 }
 
 as_user() {  # as_user USER COMMAND...: runs COMMAND as USER in that session's environment
@@ -109,6 +126,36 @@ start_app() {  # start_app USER: starts pelmora-app as USER in the background; p
   echo "$runner"
 }
 
+# Starts the application for USER unless it runs, waits for its window, and closes the About dialog
+# that a first launch shows. The tray icon is switched on in the user's settings before a first start.
+ensure_app() {
+  local user=$1 config
+  if app_pid "$user" >/dev/null; then return 0; fi
+  config=$(app_config "$user")
+  if [ ! -e "$config" ]; then
+    install -d -o "$user" -g "$user" "$(dirname "$(dirname "$config")")" "$(dirname "$config")"
+    echo '{"show_menubar": true}' >"$config" && chown "$user:$user" "$config"
+  fi
+  start_app "$user" >/dev/null
+  wait_for 30 app_pid "$user" >/dev/null || { echo "pelmora-app did not start for $user" >&2; return 1; }
+  drive "$user" wait "push button" "*Click the lock*" --timeout 30 || return 1
+  drive "$user" click "push button" OK --under "alert:About Pelmora" --timeout 3 2>/dev/null || true
+}
+
+# Opens the tray icon's menu of USER's application with a right click on the icon inside trayer and
+# picks an item with the keyboard: KEYS as xdotool names them (Down Down Return: the second item).
+tray_menu() {
+  local user=$1 tray line w h x y; shift
+  tray=$(xdotool search --display "$display" --class trayer | tail -1)
+  line=$(DISPLAY=$display xwininfo -tree -id "$tray" | grep '"pelmora-app"' | head -1)
+  [ -n "$line" ] || { echo "no Pelmora icon in the tray" >&2; return 1; }
+  read -r w h x y < <(sed -E 's/.*\)  ([0-9]+)x([0-9]+)[-+][0-9]+[-+][0-9]+  \+(-?[0-9]+)\+(-?[0-9]+).*/\1 \2 \3 \4/' <<<"$line")
+  DISPLAY=$display xdotool mousemove --sync $((x + w / 2)) $((y + h / 2)) click 3
+  sleep 0.7
+  shot "tray-menu-$(date +%s)"
+  DISPLAY=$display xdotool key "$@"
+}
+
 app_pid() { pgrep -u "$1" -x pelmora-app | head -1; }
 
 stop_app() {  # stop_app USER: SIGTERM (the session ending), waits for the program to be gone
@@ -121,12 +168,14 @@ stop_app() {  # stop_app USER: SIGTERM (the session ending), waits for the progr
 proc_state() { awk '{ sub(/^.*\) /, ""); print $1 }' "/proc/$1/stat" 2>/dev/null; }
 proc_ticks() { awk '{ sub(/^.*\) /, ""); print $12 + $13 }' "/proc/$1/stat"; }
 
-share_percent() {  # share_percent PID SECONDS: the share of one processor PID used, from /proc
+share_percent() {  # share_percent PID SECONDS: the percentage of one processor PID used, from /proc
   local hz t0 t1
   hz=$(getconf CLK_TCK)
   t0=$(proc_ticks "$1"); sleep "$2"; t1=$(proc_ticks "$1")
-  echo $(( (t1 - t0) * 100 / (hz * $2) ))
+  awk -v d=$((t1 - t0)) -v hz="$hz" -v s="$2" 'BEGIN { printf "%.1f\n", d * 100 / (hz * s) }'
 }
+
+within() { awk -v v="$1" -v lo="$2" -v hi="$3" 'BEGIN { exit !(v >= lo && v <= hi) }'; }
 
 online_count() { cat "$sysroot"/devices/system/cpu/cpu[0-9]*/online 2>/dev/null | grep -c 1; }
 
@@ -137,7 +186,7 @@ install_deps() {
 }
 
 build_package() {
-  cmake -S . -B "$build" -G Ninja -DPELMORA_WERROR=ON -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_BUILD_TYPE=Release \
+  cmake -S . -B "$build" -G Ninja -DPELMORA_WERROR=ON -DCMAKE_INSTALL_PREFIX=/usr \
     -DPELMORA_BUILD_TESTS=OFF -DPELMORA_BUILD_BENCH=OFF >"$logs/build.log" 2>&1 &&
   cmake --build "$build" >>"$logs/build.log" 2>&1 &&
   (cd "$build" && cpack -B "$work/deb" >>"$logs/build.log" 2>&1) || { tail -30 "$logs/build.log" >&2; return 1; }
@@ -160,6 +209,7 @@ add_users() {
     if id "$user" >/dev/null 2>&1; then echo "user $user exists already: not ours to use" >&2; return 1; fi
     useradd -m -s /bin/bash "$user" || return 1
     install -d -m 700 -o "$user" -g "$user" "/tmp/pmsession-run-$user"
+    start_user_bus "$user" || return 1
   done
 }
 
@@ -235,8 +285,8 @@ source "$here/journeys.sh"
 say "Pelmora desktop session test"
 say "  screenshots and logs: $out"
 say "  login manager: $logind_kind"
-steps=(install_deps build_package install_package add_users make_sysroot start_bus start_polkit start_login1
-       start_holder start_desktop)
+steps=(install_deps build_package install_package make_sysroot start_bus start_polkit start_login1
+       start_holder start_desktop add_users)
 for step in "${steps[@]}"; do
   if ! "$step" 2>"$logs/setup-$step.err"; then
     say "setup failed at $step: $(tail -3 "$logs/setup-$step.err" | tr '\n' ' ')"

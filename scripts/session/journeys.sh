@@ -20,23 +20,47 @@ cli() {
   cli_output=$(as_user "$user" /usr/bin/pelmora "$@" 2>&1 </dev/null)
 }
 
-# 1. The granted user switches throttling and the processor count on the fixture sysfs through the
-# socket-activated daemon, which consults polkit; the other user is refused with polkit's reason
-# and nothing changes.
+# 1. Authorisation. In the CPU settings window the granted user clicks the lock (the daemon asks
+# polkit, which grants without a password) and switches throttling off: the fixture's disks follow.
+# The other user clicks the lock and is refused with polkit's reason, and nothing changes. On the
+# command line the granted user switches throttling and the processor count, the other is refused
+# with the same reason, and a user polkit would ask a password of, without a terminal, is told so.
 journey_authorisation() {
   echo -1 >"$sysroot/block/sda/queue/wbt_lat_usec"
-  cli "$granted" -t off || fail "granted user: pelmora -t off failed: $cli_output" || return
-  [ "$(wbt)" = 0 ] || fail "granted user: throttling still $(wbt) after pelmora -t off" || return
-  cli "$granted" -n 4 || fail "granted user: pelmora -n 4 failed: $cli_output" || return
+  ensure_app "$granted" || return 1
+  drive "$granted" click "push button" "Click the lock to make changes" || return 1
+  drive "$granted" wait "push button" "Click the lock to prevent changes" \
+    || fail "the granted user's lock did not open: $(tail -2 "$(app_log "$granted")")" || return
+  drive "$granted" click "check box" "Throttle background disk writes" || return 1
+  drive "$granted" click "push button" "Disable throttling" || return 1
+  wait_for 10 bash -c "[ \"\$(cat $sysroot/block/sda/queue/wbt_lat_usec)\" = 0 ]" \
+    || fail "throttling on the fixture disks is $(wbt) after the granted user switched it off" || return
+  shot journey-1-granted
+  ensure_app "$refused" || return 1
+  drive "$refused" click "push button" "Click the lock to make changes" || return 1
+  sleep 2
+  shot journey-1-refused
+  drive "$refused" wait "*" "*may not administer Pelmora*" --timeout 5 \
+    || fail "the refused user's window shows no reason (log: $(grep -h 'authorisation refused' "$(app_log "$refused")" | tail -1))" \
+    || return
+  drive "$refused" wait "push button" "Click the lock to make changes" --timeout 1 \
+    || fail "the refused user's lock opened" || return
+  stop_app "$refused"
+
+  cli "$granted" -t on || fail "granted user: pelmora -t on failed: $cli_output" || return
+  [ "$(wbt)" = -1 ] || fail "granted user: throttling still $(wbt) after pelmora -t on" || return
+  cli "$granted" -t off -n 4 || fail "granted user: pelmora -t off -n 4 failed: $cli_output" || return
+  [ "$(wbt)" = 0 ] || fail "granted user: throttling $(wbt) after pelmora -t off" || return
   [ "$(online_count)" -eq 4 ] || fail "granted user: $(online_count) processors online after -n 4" || return
-  cli "$refused" -t on && fail "refused user: pelmora -t on succeeded" && return 1
+  cli "$refused" -t on -n 8 && fail "refused user: pelmora -t on -n 8 succeeded" && return 1
   [[ "$cli_output" == *"this user may not administer Pelmora"* ]] \
     || fail "refused user: unclear refusal: $cli_output" || return
-  [ "$(wbt)" = 0 ] || fail "refused user changed throttling to $(wbt)" || return
-  cli "$refused" -n 8 && fail "refused user: pelmora -n 8 succeeded" && return 1
-  [ "$(online_count)" -eq 4 ] || fail "refused user changed the processor count to $(online_count)" || return
-  cli "$granted" -t on -n 8 || fail "granted user: pelmora -t on -n 8 failed: $cli_output" || return
-  [ "$(wbt)" = -1 ] && [ "$(online_count)" -eq 8 ] || fail "granted user could not switch back"
+  [ "$(wbt)" = 0 ] && [ "$(online_count)" -eq 4 ] || fail "the refused user changed the fixture" || return
+  # Anyone else gets polkit's default, a password; with no terminal nobody can ask for it.
+  cli nobody -t on && fail "nobody: pelmora -t on succeeded" && return 1
+  [[ "$cli_output" == *"no authentication agent could ask for the password"* && "$cli_output" == *"sudo pelmora"* ]] \
+    || fail "nobody: no advice: $cli_output" || return
+  cli "$granted" -n 8 || fail "granted user: pelmora -n 8 failed: $cli_output" || return
 }
 
 busy_pids=()
@@ -188,10 +212,178 @@ EOF
   kill -KILL "$mains" "$battery"
 }
 
-journey_tray_limit() { fail "not written yet"; }
-journey_colour() { fail "not written yet"; }
-journey_processors() { fail "not written yet"; }
-journey_boot_apply() { fail "not written yet"; }
+# 2. Limit from the tray, with the granted user's application authorised in journey 1: tray menu,
+# Processes, the busy child found by name, 25 %; the kernel's counters show the share. Quit from the
+# tray: the child runs again, throttling is switched back on, the helper is told to quit.
+journey_tray_limit() {
+  ensure_app "$granted" || return 1
+  local child share
+  child=$(start_busy "$granted" pm-tray)
+  tray_menu "$granted" Down Down Return || return 1
+  drive "$granted" click text "" --under "filler:Processes" || fail "the tray's Processes item opened no process window" || return
+  DISPLAY=$display xdotool type pm-tray
+  drive "$granted" click "table cell" pm-tray || return 1
+  drive "$granted" click "spin button" "" --row "label:CPU limit:" || return 1
+  DISPLAY=$display xdotool key ctrl+a type 25
+  DISPLAY=$display xdotool key Return
+  wait_for 10 bash -c "grep -q '^T' <(awk '{ sub(/^.*\) /, \"\"); print \$1 }' /proc/$child/stat)" \
+    || fail "the limit was not applied: pm-tray never stopped" || return
+  shot journey-2-limited
+  share=$(share_percent "$child" 10)
+  note "pm-tray limited to 25 %: ${share}% of one processor over 10 s"
+  within "$share" 23 27 || fail "pm-tray held to ${share}% instead of 25 ± 2 %" || return
+  local app
+  app=$(app_pid "$granted")
+  tray_menu "$granted" Up Return || return 1
+  wait_for 15 bash -c "! kill -0 $app" || fail "Quit in the tray menu did not end the application" || return
+  sleep 1
+  [ "$(proc_state "$child")" != T ] || fail "pm-tray was left stopped after quit" || return
+  [ "$(wbt)" = -1 ] || fail "throttling is $(wbt) after quit instead of switched back on" || return
+  wait_for 10 bash -c "tail -1 $logs/holder.log | grep -q ' exited '" || fail "the helper is still running after quit" || return
+  kill -KILL "$child"
+}
+# The geometry "X Y W H" of USER's visible window named NAME (the first, or the smallest with "*").
+window_box() {
+  local app w
+  app=$(app_pid "$1") || return 1
+  for w in $(xdotool search --onlyvisible --pid "$app" 2>/dev/null); do
+    if [ "$2" = "*" ] || [ "$(xdotool getwindowname "$w")" = "$2" ]; then
+      xdotool getwindowgeometry --shell "$w" | awk -F= '/^X=/{x=$2} /^Y=/{y=$2} /^WIDTH=/{w=$2} /^HEIGHT=/{h=$2}
+        END { print x, y, w, h, w * h }'
+    fi
+  done | sort -n -k5 | head -1 | cut -d' ' -f1-4
+}
+
+magenta_in() {  # magenta_in IMAGE X Y W H: how many pixels of the chosen colour lie in that box
+  "$python" "$here/pixels.py" count "$1" ff00ff --tolerance 40 --box "$2,$3,$4,$5"
+}
+
+# 4. Colour: a legend colour well of the statistics window's processor graph opens the colour
+# dialog; the colour typed there is drawn in the graph and in the live icon (the tray shows the CPU
+# graph), and is still there after a restart.
+journey_colour() {
+  ensure_app "$granted" || return 1
+  drive "$granted" click "menu item" View || return 1
+  drive "$granted" click "menu item" "Dock Display" || return 1
+  drive "$granted" click "menu item" CPU --under "menu item:Dock Display" 2>/dev/null \
+    || drive "$granted" click "menu item" CPU || return 1
+  tray_menu "$granted" Down Down Down Return || return 1
+  drive "$granted" wait frame Statistics || return 1
+  sleep 2
+  local x y w h
+  read -r x y w h < <(window_box "$granted" Statistics)
+  [ -n "${h:-}" ] || fail "no statistics window" || return
+  xdotool mousemove --sync $((x + 200)) $((y + 110)) click 1   # the first processor graph
+  sleep 1
+  local px py pw ph well
+  read -r px py pw ph < <(window_box "$granted" "*")
+  import -window root "$work/legend.png"
+  cp "$work/legend.png" "$shots/journey-4-legend.png"
+  # The System series' well: the red one in the legend.
+  well=$("$python" "$here/pixels.py" find "$work/legend.png" ff3b30 --tolerance 48 --box "$px,$py,$pw,$ph") \
+    || fail "no red colour well in the legend at $px,$py ${pw}x$ph" || return
+  xdotool mousemove --sync $well click 1
+  drive "$granted" click text "" --row "label:HTML:" || fail "no colour dialog (the app: $(tail -1 "$logs/app-$granted.log"))" || return
+  xdotool key ctrl+a type "#ff00ff"
+  xdotool key Return
+  sleep 3
+  app_pid "$granted" >/dev/null || fail "the application ended after the colour dialog: $(tail -2 "$logs/app-$granted.log")" || return
+  xdotool key Escape
+  import -window root "$work/coloured.png"
+  cp "$work/coloured.png" "$shots/journey-4-coloured.png"
+  read -r x y w h < <(window_box "$granted" Statistics)
+  local in_graph in_icon tray
+  in_graph=$(magenta_in "$work/coloured.png" "$x" "$y" "$w" "$h")
+  tray=$(xdotool search --class trayer | tail -1)
+  read -r tx ty tw th < <(xdotool getwindowgeometry --shell "$tray" | awk -F= '/^X=/{x=$2} /^Y=/{y=$2} /^WIDTH=/{w=$2} /^HEIGHT=/{h=$2} END { print x, y, w, h }')
+  in_icon=$(magenta_in "$work/coloured.png" "$tx" "$ty" "$tw" "$th")
+  note "magenta pixels: $in_graph in the statistics window, $in_icon in the tray icon"
+  [ "$in_graph" -gt 20 ] || fail "the chosen colour is not drawn in the graph" || return
+  [ "$in_icon" -gt 0 ] || fail "the chosen colour is not drawn in the live icon" || return
+  stop_app "$granted"
+  ensure_app "$granted" || return 1
+  drive "$granted" wait frame Statistics --timeout 5 2>/dev/null || { tray_menu "$granted" Down Down Down Return && drive "$granted" wait frame Statistics; } || return 1
+  sleep 4
+  import -window root "$work/restarted.png"
+  cp "$work/restarted.png" "$shots/journey-4-restarted.png"
+  read -r x y w h < <(window_box "$granted" Statistics)
+  in_graph=$(magenta_in "$work/restarted.png" "$x" "$y" "$w" "$h")
+  [ "$in_graph" -gt 20 ] || fail "the colour was not kept after a restart" || return
+}
+# Opens the lock of USER's CPU settings window unless it is open.
+unlock() {
+  drive "$1" wait "push button" "Click the lock to prevent changes" --timeout 1 2>/dev/null && return 0
+  drive "$1" click "push button" "Click the lock to make changes" &&
+    drive "$1" wait "push button" "Click the lock to prevent changes"
+}
+
+# The processor graphs the statistics window shows: its graph views, counted by the accessibility
+# tree (each graph is one unnamed filler inside the window's split panes).
+graph_count() { drive "$granted" names filler "" --under "frame:Statistics" | wc -l; }
+
+# 5. Processors switched off and on (the granted user's pelmora -n): the statistics window's
+# processor graphs follow the fixture's online set.
+journey_processors() {
+  ensure_app "$granted" || return 1
+  tray_menu "$granted" Down Down Down Return || return 1
+  drive "$granted" wait frame Statistics || fail "the tray's Statistics item opened no statistics window" || return
+  sleep 2
+  local all fewer back
+  all=$(graph_count)
+  shot journey-5-eight
+  cli "$granted" -n 4 || fail "pelmora -n 4 failed: $cli_output" || return
+  [ "$(online_count)" -eq 4 ] || fail "$(online_count) processors online after -n 4" || return
+  sleep 3
+  fewer=$(graph_count)
+  shot journey-5-four
+  cli "$granted" -n 8 || fail "pelmora -n 8 failed: $cli_output" || return
+  sleep 3
+  back=$(graph_count)
+  shot journey-5-eight-again
+  note "graph views: $all with 8 processors online, $fewer with 4, $back with 8 again"
+  [ "$fewer" -eq $((all - 4)) ] || fail "the statistics window shows $fewer graphs with 4 processors off (had $all)" || return
+  [ "$back" -eq "$all" ] || fail "the statistics window shows $back graphs with every processor back (had $all)"
+}
+
+# 8. Boot apply: installed through the Processes pane of the preferences by the authorised user;
+# the unit, its enablement and the copies checked; the installed command run by hand as the boot
+# service would run it, against the fixture; uninstalled, and nothing left.
+journey_boot_apply() {
+  local unit=/etc/systemd/system/net.tandrel.bootpelmora.service
+  local wants=/etc/systemd/system/multi-user.target.wants/net.tandrel.bootpelmora.service
+  ensure_app "$granted" || return 1
+  unlock "$granted" || fail "the lock did not open" || return
+  drive "$granted" click "menu item" File || return 1
+  drive "$granted" click "menu item" "Preferences…" || return 1
+  drive "$granted" click "*" Processes --under "frame:Preferences" 2>/dev/null \
+    || drive "$granted" click "push button" Processes || return 1
+  drive "$granted" click "check box" "Apply the CPU settings at system boot" || return 1
+  drive "$granted" click "push button" "Apply at Boot" || return 1
+  wait_for 10 test -f "$unit" || fail "no $unit after Apply at Boot: $(tail -2 "$(app_log "$granted")")" || return
+  shot journey-8-installed
+  [ -L "$wants" ] || fail "the boot unit is not enabled ($wants missing)" || return
+  for f in applyboot.sh pelmora settings; do
+    [ -f "/var/lib/pelmora/$f" ] || fail "/var/lib/pelmora/$f missing" || return
+  done
+  [ "$(stat -c %U /var/lib/pelmora/applyboot.sh)" = root ] || fail "the boot script is not root's" || return
+  systemd-analyze verify "$unit" >"$logs/j8-verify.log" 2>&1 || fail "systemd-analyze verify: $(cat "$logs/j8-verify.log")" || return
+  local settings command
+  settings=$(cat /var/lib/pelmora/settings)
+  note "boot settings text: $settings"
+  command=$(sed -n 's/^ExecStart=//p' "$unit")
+  echo -1 >"$sysroot/block/sda/queue/wbt_lat_usec"
+  PELMORA_SYS_ROOT=$sysroot $command >"$logs/j8-applyboot.log" 2>&1 || fail "$command failed: $(cat "$logs/j8-applyboot.log")" || return
+  local want_wbt=-1
+  [[ "$settings" == *"-t off"* ]] && want_wbt=0
+  [ "$(wbt)" = "$want_wbt" ] || fail "the boot command left throttling at $(wbt) for '$settings'" || return
+  [ "$(online_count)" -eq "$(sed -E 's/.*-n ([0-9]+).*/\1/' <<<"$settings")" ] \
+    || fail "the boot command left $(online_count) processors online for '$settings'" || return
+  drive "$granted" click "check box" "Apply the CPU settings at system boot" || return 1
+  wait_for 10 bash -c "[ ! -e $unit ] && [ ! -e /var/lib/pelmora ]" \
+    || fail "uninstall left: $(ls -d "$unit" "$wants" /var/lib/pelmora 2>/dev/null)" || return
+  [ ! -L "$wants" ] || fail "uninstall left $wants" || return
+  cli "$granted" -t on -n 8 || return 1
+}
 
 # The purge: stop the helper as systemd would, purge, and find nothing of Pelmora left.
 journey_purge() {
