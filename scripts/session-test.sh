@@ -219,6 +219,20 @@ make_sysroot() {  # a fixture /sys the helper writes and the users read: 4 cores
   cp -r tests/fixtures/cpu-smt-4c8t/devices tests/fixtures/cpu-smt-4c8t/block "$sysroot/"
   cp -r tests/fixtures/power-laptop-mains/class/power_supply "$sysroot/class/"
   chmod -R a+rX "$sysroot"
+  # The kernel's part: cpu/online lists the processors whose cpuN/online is 1 (cpu0 has no such
+  # file and is always on). The helper writes the per-processor files, as it does on a real /sys.
+  (
+    cd "$sysroot/devices/system/cpu" || exit 1
+    while :; do
+      list=$(for c in cpu[0-9]*; do
+               n=${c#cpu}
+               if [ ! -e "$c/online" ] || [ "$(cat "$c/online")" = 1 ]; then echo "$n"; fi
+             done | sort -n | paste -sd,)
+      [ "$list" = "$(cat online)" ] || echo "$list" >online
+      sleep 0.2
+    done
+  ) &
+  pids+=($!)
 }
 
 start_bus() {
@@ -315,6 +329,7 @@ run_journey() {  # run_journey N NAME FUNCTION
   shot "journey-$n-end"
 }
 
+run_journey 0 "package" journey_package
 run_journey 1 "authorisation" journey_authorisation
 run_journey 7 "socket activation" journey_socket_activation
 run_journey 9 "single instance" journey_single_instance

@@ -20,6 +20,21 @@ cli() {
   cli_output=$(as_user "$user" /usr/bin/pelmora "$@" 2>&1 </dev/null)
 }
 
+# 0. The package: lintian finds no error and no warning, and systemd accepts every unit it installs.
+journey_package() {
+  lintian --fail-on error,warning --tag-display-limit 0 "$deb" >"$logs/lintian.log" 2>&1 \
+    || fail "lintian: $(grep -E '^[EW]:' "$logs/lintian.log" | head -5 | tr '\n' ';')" || return
+  local unit
+  for unit in $(dpkg -L pelmora | grep -E '\.(service|socket)$'); do
+    case "$unit" in
+      # The boot unit is a template the helper copies to /etc; journey 8 verifies the installed copy.
+      */libexec/*) continue ;;
+    esac
+    systemd-analyze verify "$unit" >>"$logs/systemd-analyze.log" 2>&1 \
+      || fail "systemd-analyze verify $unit: $(tail -3 "$logs/systemd-analyze.log")" || return
+  done
+}
+
 # 1. Authorisation. In the CPU settings window the granted user clicks the lock (the daemon asks
 # polkit, which grants without a password) and switches throttling off: the fixture's disks follow.
 # The other user clicks the lock and is refused with polkit's reason, and nothing changes. On the
