@@ -20,6 +20,7 @@
 #include "process_control/power_monitor.h"
 #include "sampling/system_stats.h"
 #include "support/default_settings.h"
+#include "support/logger.h"
 #include "support/main_queue.h"
 
 namespace pelmora {
@@ -62,8 +63,17 @@ sockaddr_un instanceAddress(socklen_t& length) {
   return address;
 }
 
-// The listening socket of the first instance; -1 when another instance has it (it was asked to bring
-// its windows forward) or when no socket could be made (then we run without the check).
+// Whether the process listening on the other end runs as this user. Abstract names belong to no
+// one: any local user can bind ours first, and must not keep us from starting by doing so.
+bool peerIsThisUser(int fd) {
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  return ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.uid == ::getuid();
+}
+
+// The listening socket of the first instance; -1 when another instance of this user has it (it was
+// asked to bring its windows forward) or when no socket could be made or someone else holds the
+// name (then we run without the check).
 int claimInstance(bool& other_running) {
   other_running = false;
   socklen_t length = 0;
@@ -74,8 +84,12 @@ int claimInstance(bool& other_running) {
   ::close(fd);
   const int peer = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (peer >= 0 && ::connect(peer, reinterpret_cast<const sockaddr*>(&address), length) == 0) {
-    other_running = true;
-    [[maybe_unused]] auto n = ::write(peer, "show\n", 5);
+    if (peerIsThisUser(peer)) {
+      other_running = true;
+      [[maybe_unused]] auto n = ::write(peer, "show\n", 5);
+    } else {
+      Log("Another user holds this user's single-instance name; starting without the check.");
+    }
   }
   if (peer >= 0) ::close(peer);
   return -1;
