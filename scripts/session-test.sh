@@ -162,7 +162,7 @@ stop_app() {  # stop_app USER: SIGTERM (the session ending), waits for the progr
   local pid
   pid=$(app_pid "$1") || return 0
   kill -TERM "$pid"
-  wait_for 15 bash -c "! kill -0 $pid"
+  wait_for 15 eval "! kill -0 $pid 2>/dev/null"
 }
 
 proc_state() { awk '{ sub(/^.*\) /, ""); print $1 }' "/proc/$1/stat" 2>/dev/null; }
@@ -296,52 +296,59 @@ helper_running() { tail -1 "$logs/holder.log" | grep -q ' started '; }
 source "$here/journeys.sh"
 
 # ---------------------------------------------------------------------------------------------
-say "Pelmora desktop session test"
-say "  screenshots and logs: $out"
-say "  login manager: $logind_kind"
-steps=(install_deps build_package install_package make_sysroot start_bus start_polkit start_login1
-       start_holder start_desktop add_users)
-for step in "${steps[@]}"; do
-  if ! "$step" 2>"$logs/setup-$step.err"; then
-    say "setup failed at $step: $(tail -3 "$logs/setup-$step.err" | tr '\n' ' ')"
-    say "0 passed, 1 failed"
-    exit 1
-  fi
-done
-say "  session up in $((SECONDS - started_s)) s: bus $bus_address, helper socket $helper_socket, display $display"
+# The whole run is one function, so that bash has read all of it before it starts (an edit to
+# this file during a run cannot change what the run does).
+main() {
+  say "Pelmora desktop session test"
+  say "  screenshots and logs: $out"
+  say "  login manager: $logind_kind"
+  steps=(install_deps build_package install_package make_sysroot start_bus start_polkit start_login1
+         start_holder start_desktop add_users)
+  for step in "${steps[@]}"; do
+    if ! "$step" 2>"$logs/setup-$step.err"; then
+      say "setup failed at $step: $(tail -3 "$logs/setup-$step.err" | tr '\n' ' ')"
+      say "0 passed, 1 failed"
+      exit 1
+    fi
+  done
+  say "  session up in $((SECONDS - started_s)) s: bus $bus_address, helper socket $helper_socket, display $display"
 
-passed=0 failed=0 skipped=0
-run_journey() {  # run_journey N NAME FUNCTION
-  local n=$1 name=$2 fn=$3 t0=$SECONDS reason
-  if [ -n "${PELMORA_SESSION_ONLY:-}" ] && [[ " $PELMORA_SESSION_ONLY " != *" $n "* ]]; then return; fi
-  if reason=$(skip_reason "$n"); then
-    say "journey $n $name: SKIPPED ($reason)"
-    skipped=$((skipped + 1))
-    return
-  fi
-  if "$fn" 2>"$logs/journey-$n.err"; then
-    say "journey $n $name: PASS ($((SECONDS - t0)) s)"
-    passed=$((passed + 1))
-  else
-    say "journey $n $name: FAIL ($((SECONDS - t0)) s): $(tail -2 "$logs/journey-$n.err" | sed 's/^ *//' | tr '\n' ' ')"
-    failed=$((failed + 1))
-  fi
-  shot "journey-$n-end"
+  passed=0 failed=0 skipped=0
+  run_journey() {  # run_journey N NAME FUNCTION
+    local n=$1 name=$2 fn=$3 t0=$SECONDS reason
+    if [ -n "${PELMORA_SESSION_ONLY:-}" ] && [[ " $PELMORA_SESSION_ONLY " != *" $n "* ]]; then return; fi
+    if reason=$(skip_reason "$n"); then
+      say "journey $n $name: SKIPPED ($reason)"
+      skipped=$((skipped + 1))
+      return
+    fi
+    if "$fn" 2>"$logs/journey-$n.err"; then
+      say "journey $n $name: PASS ($((SECONDS - t0)) s)"
+      passed=$((passed + 1))
+    else
+      say "journey $n $name: FAIL ($((SECONDS - t0)) s): $(tail -2 "$logs/journey-$n.err" | sed 's/^ *//' | tr '\n' ' ')"
+      failed=$((failed + 1))
+    fi
+    shot "journey-$n-end"
+  }
+
+  run_journey 0 "package" journey_package
+  run_journey 7 "socket activation" journey_socket_activation
+  run_journey 9 "single instance" journey_single_instance
+  run_journey 1 "authorisation" journey_authorisation
+  run_journey 2 "limit from the tray" journey_tray_limit
+  run_journey 3 "sleep and wake" journey_sleep_wake
+  run_journey 4 "colour" journey_colour
+  run_journey 5 "processors off and on" journey_processors
+  run_journey 6 "power source change" journey_power_source
+  run_journey 8 "boot apply" journey_boot_apply
+  run_journey 10 "package purge" journey_purge
+
+  say "session ran $((SECONDS - started_s)) s"
+  if [ "$skipped" -gt 0 ]; then say "$skipped skipped"; fi
+  say "$passed passed, $failed failed"
+  [ "$failed" -eq 0 ]
 }
 
-run_journey 0 "package" journey_package
-run_journey 1 "authorisation" journey_authorisation
-run_journey 7 "socket activation" journey_socket_activation
-run_journey 9 "single instance" journey_single_instance
-run_journey 2 "limit from the tray" journey_tray_limit
-run_journey 3 "sleep and wake" journey_sleep_wake
-run_journey 4 "colour and font" journey_colour
-run_journey 5 "processors off and on" journey_processors
-run_journey 6 "power source change" journey_power_source
-run_journey 8 "boot apply" journey_boot_apply
-run_journey 10 "package purge" journey_purge
-
-say "session ran $((SECONDS - started_s)) s"
-if [ "$skipped" -gt 0 ]; then say "$skipped skipped"; fi
-say "$passed passed, $failed failed"
-[ "$failed" -eq 0 ]
+main "$@"
+exit $?

@@ -12,6 +12,14 @@ skip_reason() {
 
 fail() { echo "$*" >&2; return 1; }
 
+# Predicates for wait_for (it runs them in this shell).
+is_stopped() { [ "$(proc_state "$1")" = T ]; }
+is_running() { local state; state=$(proc_state "$1"); [ "$state" = R ] || [ "$state" = S ]; }
+is_gone() { ! kill -0 "$1" 2>/dev/null; }
+helper_idle() { tail -1 "$logs/holder.log" | grep -q -e ' exited ' -e '^listening'; }
+wbt_is() { [ "$(wbt)" = "$1" ]; }
+count_at_least() { [ "$(grep -c "$2" "$3")" -ge "$1" ]; }  # count_at_least N PATTERN FILE
+
 wbt() { cat "$sysroot/block/sda/queue/wbt_lat_usec"; }
 
 # Runs `pelmora ARGS` as USER; its stdout+stderr in $cli_output, its status returned.
@@ -48,7 +56,7 @@ journey_authorisation() {
     || fail "the granted user's lock did not open: $(tail -2 "$(app_log "$granted")")" || return
   drive "$granted" click "check box" "Throttle background disk writes" || return 1
   drive "$granted" click "push button" "Disable throttling" || return 1
-  wait_for 10 bash -c "[ \"\$(cat $sysroot/block/sda/queue/wbt_lat_usec)\" = 0 ]" \
+  wait_for 10 wbt_is 0 \
     || fail "throttling on the fixture disks is $(wbt) after the granted user switched it off" || return
   shot journey-1-granted
   ensure_app "$refused" || return 1
@@ -91,14 +99,13 @@ start_busy() {  # start_busy USER NAME: a busy loop named NAME run by USER; prin
 # 7. The first connection starts the daemon, it exits after the last, the next connection starts it
 # again; a client killed while it holds a process stopped leaves that process running.
 journey_socket_activation() {
-  wait_for 10 bash -c "! $(declare -f helper_running); logs=$logs helper_running" \
-    || fail "the helper did not exit after its last client" || return
+  for user in "$granted" "$refused"; do stop_app "$user"; done
+  wait_for 10 helper_idle || fail "the helper did not exit after its last client" || return
   local before
   before=$(helper_starts)
   cli "$refused" sample --count 1 || fail "pelmora sample failed: $cli_output" || return
   [ "$(helper_starts)" -eq $((before + 1)) ] || fail "the first connection did not start the helper" || return
-  wait_for 10 bash -c "tail -1 $logs/holder.log | grep -q ' exited '" \
-    || fail "the helper did not exit after its last client" || return
+  wait_for 10 helper_idle || fail "the helper did not exit after its last client" || return
   cli "$refused" sample --count 1 || fail "pelmora sample failed again: $cli_output" || return
   [ "$(helper_starts)" -eq $((before + 2)) ] || fail "the next connection did not start the helper again" || return
   local child limiter
@@ -106,13 +113,13 @@ journey_socket_activation() {
   as_user "$granted" /usr/bin/pelmora limit "$child" 10 >"$logs/j7-limit.log" 2>&1 &
   limiter=$!
   pids+=("$limiter")
-  wait_for 10 bash -c "grep -q '^T' <(awk '{ sub(/^.*\) /, \"\"); print \$1 }' /proc/$child/stat)" \
+  wait_for 10 is_stopped "$child" \
     || fail "pelmora limit never stopped its child" || return
   local cli_pid
   cli_pid=$(pgrep -P "$limiter" -x pelmora || pgrep -u "$granted" -x pelmora)
   kill -KILL "$cli_pid" "$limiter" 2>/dev/null
   # Running again within a moment, and still running a second later.
-  wait_for 5 bash -c "[ \"\$(awk '{ sub(/^.*\) /, \"\"); print \$1 }' /proc/$child/stat)\" = R ]" \
+  wait_for 5 is_running "$child" \
     || fail "the killed client's process was left stopped ($(proc_state "$child"))" || return
   sleep 1
   [ "$(proc_state "$child")" != T ] || fail "the killed client's process is stopped again" || return
@@ -175,11 +182,11 @@ journey_sleep_wake() {
   released_before=$(grep -c "inhibit released who=Pelmora pid=$app" "$logs/login1.log")
   kill -USR1 "$login1_pid"
   wait_for 10 grep -q "Sleep - willSleep - limiter stopped" "$log" || fail "the app did not see PrepareForSleep(true)" || return
-  wait_for 8 bash -c "[ \$(grep -c 'inhibit released who=Pelmora pid=$app' $logs/login1.log) -gt $released_before ]" \
+  wait_for 8 count_at_least $((released_before + 1)) "inhibit released who=Pelmora pid=$app" "$logs/login1.log" \
     || fail "the app did not release its inhibitor before sleep" || return
   grep -q "after the delay ran out" "$logs/login1.log" && fail "logind had to wait out the delay" && return 1
   wait_for 10 grep -q "Sleep - Wakeup - restart limiter" "$log" || fail "the app did not see PrepareForSleep(false)" || return
-  wait_for 10 bash -c "[ \$(grep -c 'inhibit taken who=Pelmora .*pid=$app' $logs/login1.log) -ge 2 ]" \
+  wait_for 10 count_at_least 2 "inhibit taken who=Pelmora .*pid=$app" "$logs/login1.log" \
     || fail "the app did not take its inhibitor again after wake" || return
   shot journey-3-woken
 }
@@ -205,7 +212,7 @@ EOF
   wait_for 20 app_pid "$granted" >/dev/null || fail "pelmora-app did not start" || return
   local mains
   mains=$(start_busy "$granted" pm-mains)
-  wait_for 20 bash -c "grep -q '^T' <(awk '{ sub(/^.*\) /, \"\"); print \$1 }' /proc/$mains/stat)" \
+  wait_for 20 is_stopped "$mains" \
     || fail "the remembered mains limit was not applied" || return
   local share
   share=$(share_percent "$mains" 4)
@@ -216,7 +223,7 @@ EOF
   sleep 7  # the power_supply poll runs every 5 s
   local battery
   battery=$(start_busy "$granted" pm-battery)
-  wait_for 20 bash -c "grep -q '^T' <(awk '{ sub(/^.*\) /, \"\"); print \$1 }' /proc/$battery/stat)" \
+  wait_for 20 is_stopped "$battery" \
     || fail "the remembered battery limit was not applied after the switch to battery" || return
   share=$(share_percent "$battery" 4)
   note "pm-battery on battery: ${share}% of one processor (limit 25 %)"
@@ -232,6 +239,7 @@ EOF
 # tray: the child runs again, throttling is switched back on, the helper is told to quit.
 journey_tray_limit() {
   ensure_app "$granted" || return 1
+  unlock "$granted" || fail "the lock did not open" || return
   local child share
   child=$(start_busy "$granted" pm-tray)
   tray_menu "$granted" Down Down Return || return 1
@@ -241,7 +249,7 @@ journey_tray_limit() {
   drive "$granted" click "spin button" "" --row "label:CPU limit:" || return 1
   DISPLAY=$display xdotool key ctrl+a type 25
   DISPLAY=$display xdotool key Return
-  wait_for 10 bash -c "grep -q '^T' <(awk '{ sub(/^.*\) /, \"\"); print \$1 }' /proc/$child/stat)" \
+  wait_for 10 is_stopped "$child" \
     || fail "the limit was not applied: pm-tray never stopped" || return
   shot journey-2-limited
   share=$(share_percent "$child" 10)
@@ -250,11 +258,11 @@ journey_tray_limit() {
   local app
   app=$(app_pid "$granted")
   tray_menu "$granted" Up Return || return 1
-  wait_for 15 bash -c "! kill -0 $app" || fail "Quit in the tray menu did not end the application" || return
+  wait_for 15 is_gone "$app" || fail "Quit in the tray menu did not end the application" || return
   sleep 1
   [ "$(proc_state "$child")" != T ] || fail "pm-tray was left stopped after quit" || return
   [ "$(wbt)" = -1 ] || fail "throttling is $(wbt) after quit instead of switched back on" || return
-  wait_for 10 bash -c "tail -1 $logs/holder.log | grep -q ' exited '" || fail "the helper is still running after quit" || return
+  wait_for 10 helper_idle || fail "the helper is still running after quit" || return
   kill -KILL "$child"
 }
 # The geometry "X Y W H" of USER's visible window named NAME (the first, or the smallest with "*").
@@ -405,7 +413,7 @@ journey_purge() {
   for user in "$granted" "$refused"; do stop_app "$user"; done
   # What the package's prerm has systemd do: stop the socket (RemoveOnStop) and the helper.
   kill -TERM "$holder_pid"
-  wait_for 15 bash -c "! kill -0 $holder_pid" || fail "the socket holder did not stop" || return
+  wait_for 15 is_gone "$holder_pid" || fail "the socket holder did not stop" || return
   DEBIAN_FRONTEND=noninteractive apt-get purge -y -qq pelmora >"$logs/purge.log" 2>&1 \
     || fail "apt-get purge failed: $(tail -3 "$logs/purge.log")" || return
   pelmora_files >"$work/after.txt"
