@@ -262,6 +262,12 @@ void PelmoraWindow::toggleLock() {
     const std::string answer = m_helper.authorize();
     if (answer != "OK") {
       Log("CPU settings: authorisation refused: " + answer + ".");
+      // The user clicked and waited: say why the lock stays shut.
+      auto* box = new QMessageBox(QMessageBox::Warning, tr("Pelmora"),
+                                  tr("Authorization failed: %1").arg(QString::fromStdString(answer)), QMessageBox::Ok,
+                                  this);
+      box->setAttribute(Qt::WA_DeleteOnClose);
+      box->open();
       return;
     }
     m_helper.setAuthorised(true);
