@@ -337,10 +337,10 @@ main() {
   run_journey 9 "single instance" journey_single_instance
   run_journey 1 "authorisation" journey_authorisation
   run_journey 2 "limit from the tray" journey_tray_limit
-  run_journey 3 "sleep and wake" journey_sleep_wake
   run_journey 4 "colour" journey_colour
   run_journey 5 "processors off and on" journey_processors
   run_journey 6 "power source change" journey_power_source
+  run_journey 3 "sleep and wake" journey_sleep_wake
   run_journey 8 "boot apply" journey_boot_apply
   run_journey 10 "package purge" journey_purge
 

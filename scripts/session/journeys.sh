@@ -168,9 +168,12 @@ while True:
   shot journey-9-despite-squatter
 }
 
-# 3. Sleep and wake through logind.
+# 3. Sleep and wake through logind: the application holds its delay inhibitor; at PrepareForSleep
+# (true) it continues the process it limits (journey 6 left one) and releases the inhibitor before
+# logind's delay runs out; at PrepareForSleep(false) it takes the inhibitor again and the limiter
+# holds the process again.
 journey_sleep_wake() {
-  local app log busy
+  local app log
   app=$(app_pid "$granted") || fail "pelmora-app is not running" || return
   log=$(app_log "$granted")
   wait_for 10 grep -q "inhibit taken who=Pelmora .*pid=$app" "$logs/login1.log" \
@@ -178,17 +181,29 @@ journey_sleep_wake() {
   busctl --address="$bus_address" call org.freedesktop.login1 /org/freedesktop/login1 \
     org.freedesktop.login1.Manager ListInhibitors | grep -q "\"Pelmora\".*\"delay\" [0-9]* $app" \
     || fail "ListInhibitors does not show the app's inhibitor" || return
-  local released_before
+  grep -q 'Sleep delay held: the "Pelmora" sleep inhibitor' "$log" || fail "the app did not log the inhibitor it holds" || return
+  [ -n "${held_pid:-}" ] && wait_for 10 is_stopped "$held_pid" || fail "no limited process to watch (journey 6)" || return
+  local released_before log_mark
   released_before=$(grep -c "inhibit released who=Pelmora pid=$app" "$logs/login1.log")
+  log_mark=$(wc -l <"$log")
   kill -USR1 "$login1_pid"
-  wait_for 10 grep -q "Sleep - willSleep - limiter stopped" "$log" || fail "the app did not see PrepareForSleep(true)" || return
   wait_for 8 count_at_least $((released_before + 1)) "inhibit released who=Pelmora pid=$app" "$logs/login1.log" \
     || fail "the app did not release its inhibitor before sleep" || return
+  # Asleep: the limited process must run, not sit stopped through the sleep.
+  is_running "$held_pid" || fail "the limited process is $(proc_state "$held_pid") at sleep, not continued" || return
+  grep -q "Sleep - willSleep - limiter stopped" "$log" || fail "the app did not log PrepareForSleep(true)" || return
   grep -q "after the delay ran out" "$logs/login1.log" && fail "logind had to wait out the delay" && return 1
   wait_for 10 grep -q "Sleep - Wakeup - restart limiter" "$log" || fail "the app did not see PrepareForSleep(false)" || return
   wait_for 10 count_at_least 2 "inhibit taken who=Pelmora .*pid=$app" "$logs/login1.log" \
     || fail "the app did not take its inhibitor again after wake" || return
+  wait_for 10 is_stopped "$held_pid" || fail "the limiter did not hold the process again after wake" || return
+  local since
+  since=$(tail -n +$((log_mark + 1)) "$log")
+  [ "$(grep -c 'Sleep delay released: the "Pelmora" sleep inhibitor' <<<"$since")" -eq 1 ] \
+    && [ "$(grep -c 'Sleep delay held: the "Pelmora" sleep inhibitor' <<<"$since")" -eq 1 ] \
+    || fail "over one sleep the app's log does not show the inhibitor released once and taken once: $since" || return
   shot journey-3-woken
+  kill -KILL "$held_pid"
 }
 
 # 6. The power source changes on the fixture power_supply tree: the remembered limits of the new
@@ -231,7 +246,8 @@ EOF
   shot journey-6-battery
   echo 1 >"$sysroot/class/power_supply/AC/online"
   echo Full >"$sysroot/class/power_supply/BAT0/status"
-  kill -KILL "$mains" "$battery"
+  kill -KILL "$battery"
+  held_pid=$mains  # still limited: journey 3 sees it continued for sleep
 }
 
 # 2. Limit from the tray, with the granted user's application authorised in journey 1: tray menu,
