@@ -215,6 +215,9 @@ add_users() {
 
 make_sysroot() {  # a fixture /sys the helper writes and the users read: 4 cores, 8 threads, disks, AC
   sysroot=$work/sys
+  # Every Pelmora program of the session, the helper included, reads and writes this tree and never
+  # the machine's own /sys (no real processor goes offline, no real disk changes throttling).
+  export PELMORA_SYS_ROOT=$sysroot
   mkdir -p "$sysroot/class"
   cp -r tests/fixtures/cpu-smt-4c8t/devices tests/fixtures/cpu-smt-4c8t/block "$sysroot/"
   cp -r tests/fixtures/power-laptop-mains/class/power_supply "$sysroot/class/"
@@ -262,6 +265,7 @@ start_login1() {
 }
 
 start_holder() {
+  [ -d "${PELMORA_SYS_ROOT:-}" ] || { echo "no fixture /sys: the helper would switch this machine's processors" >&2; return 1; }
   "$python" "$here/socket_holder.py" /usr/lib/systemd/system/net.tandrel.pelmorahelper.socket \
     /usr/lib/systemd/system/net.tandrel.pelmorahelper.service "$logs/holder.log" >>"$logs/holder.log" 2>&1 &
   holder_pid=$!
