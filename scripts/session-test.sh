@@ -138,22 +138,33 @@ ensure_app() {
   fi
   start_app "$user" >/dev/null
   wait_for 30 app_pid "$user" >/dev/null || { echo "pelmora-app did not start for $user" >&2; return 1; }
-  drive "$user" wait "push button" "*Click the lock*" --timeout 30 || return 1
+  wait_for 30 tray_icon "$user" >/dev/null || { echo "$user's pelmora-app shows no tray icon" >&2; return 1; }
   drive "$user" click "push button" OK --under "alert:About Pelmora" --timeout 3 2>/dev/null || true
+}
+
+# Brings USER's CPU settings window up (Open Pelmora in the tray menu) unless it shows.
+show_cpu_settings() {
+  drive "$1" wait "push button" "*Click the lock*" --timeout 1 2>/dev/null && return 0
+  tray_menu "$1" Down Return && drive "$1" wait "push button" "*Click the lock*"
+}
+
+# The line of xwininfo -tree that describes USER's icon inside trayer.
+tray_icon() {
+  local tray
+  tray=$(xdotool search --class trayer | tail -1)
+  xwininfo -tree -id "$tray" | grep '"pelmora-app"' | head -1 | grep .
 }
 
 # Opens the tray icon's menu of USER's application with a right click on the icon inside trayer and
 # picks an item with the keyboard: KEYS as xdotool names them (Down Down Return: the second item).
 tray_menu() {
-  local user=$1 tray line w h x y; shift
-  tray=$(xdotool search --display "$display" --class trayer | tail -1)
-  line=$(DISPLAY=$display xwininfo -tree -id "$tray" | grep '"pelmora-app"' | head -1)
-  [ -n "$line" ] || { echo "no Pelmora icon in the tray" >&2; return 1; }
+  local user=$1 line w h x y; shift
+  line=$(tray_icon "$user") || { echo "no Pelmora icon in the tray" >&2; return 1; }
   read -r w h x y < <(sed -E 's/.*\)  ([0-9]+)x([0-9]+)[-+][0-9]+[-+][0-9]+  \+(-?[0-9]+)\+(-?[0-9]+).*/\1 \2 \3 \4/' <<<"$line")
-  DISPLAY=$display xdotool mousemove --sync $((x + w / 2)) $((y + h / 2)) click 3
+  xdotool mousemove --sync $((x + w / 2)) $((y + h / 2)) click 3
   sleep 0.7
   shot "tray-menu-$(date +%s)"
-  DISPLAY=$display xdotool key "$@"
+  xdotool key "$@"
 }
 
 app_pid() { pgrep -u "$1" -x pelmora-app | head -1; }

@@ -50,7 +50,7 @@ journey_package() {
 # with the same reason, and a user polkit would ask a password of, without a terminal, is told so.
 journey_authorisation() {
   echo -1 >"$sysroot/block/sda/queue/wbt_lat_usec"
-  ensure_app "$granted" || return 1
+  ensure_app "$granted" && show_cpu_settings "$granted" || return 1
   drive "$granted" click "push button" "Click the lock to make changes" || return 1
   drive "$granted" wait "push button" "Click the lock to prevent changes" \
     || fail "the granted user's lock did not open: $(tail -2 "$(app_log "$granted")")" || return
@@ -59,7 +59,7 @@ journey_authorisation() {
   wait_for 10 wbt_is 0 \
     || fail "throttling on the fixture disks is $(wbt) after the granted user switched it off" || return
   shot journey-1-granted
-  ensure_app "$refused" || return 1
+  ensure_app "$refused" && show_cpu_settings "$refused" || return 1
   drive "$refused" click "push button" "Click the lock to make changes" || return 1
   sleep 2
   shot journey-1-refused
@@ -260,11 +260,11 @@ journey_tray_limit() {
   child=$(start_busy "$granted" pm-tray)
   tray_menu "$granted" Down Down Return || return 1
   drive "$granted" click text "" --under "filler:Processes" || fail "the tray's Processes item opened no process window" || return
-  DISPLAY=$display xdotool type pm-tray
+  xdotool type pm-tray
   drive "$granted" click "table cell" pm-tray || return 1
   drive "$granted" click "spin button" "" --row "label:CPU limit:" || return 1
-  DISPLAY=$display xdotool key ctrl+a type 25
-  DISPLAY=$display xdotool key Return
+  xdotool key ctrl+a type 25
+  xdotool key Return
   wait_for 10 is_stopped "$child" \
     || fail "the limit was not applied: pm-tray never stopped" || return
   shot journey-2-limited
@@ -351,6 +351,7 @@ journey_colour() {
 }
 # Opens the lock of USER's CPU settings window unless it is open.
 unlock() {
+  show_cpu_settings "$1" || return 1
   drive "$1" wait "push button" "Click the lock to prevent changes" --timeout 1 2>/dev/null && return 0
   drive "$1" click "push button" "Click the lock to make changes" &&
     drive "$1" wait "push button" "Click the lock to prevent changes"
