@@ -150,9 +150,12 @@ show_cpu_settings() {
 
 # The line of xwininfo -tree that describes USER's icon inside trayer.
 tray_icon() {
-  local tray
+  local tray app ids
   tray=$(xdotool search --class trayer | tail -1)
-  xwininfo -tree -id "$tray" | grep '"pelmora-app"' | head -1 | grep .
+  app=$(app_pid "$1") || return 1
+  ids=$(for w in $(xdotool search --pid "$app" 2>/dev/null); do printf '0x%x\n' "$w"; done)
+  [ -n "$ids" ] || return 1
+  xwininfo -tree -id "$tray" | grep '"pelmora-app"' | grep -F -f <(sed 's/$/ /' <<<"$ids") | head -1 | grep .
 }
 
 # Opens the tray icon's menu of USER's application with a right click on the icon inside trayer and
