@@ -83,6 +83,12 @@ journey_authorisation() {
   cli nobody -t on && fail "nobody: pelmora -t on succeeded" && return 1
   [[ "$cli_output" == *"no authentication agent could ask for the password"* && "$cli_output" == *"sudo pelmora"* ]] \
     || fail "nobody: no advice: $cli_output" || return
+  # At a terminal, pelmora lets polkit ask there (pkttyagent); no password given, nothing changes.
+  cli_output=$(runuser -u nobody -- env -i $(user_env nobody | sed 's|XDG_RUNTIME_DIR=[^ ]*||') \
+    "$python" "$here/ask_on_tty.py" /usr/bin/pelmora -t on 2>&1) && fail "nobody at a terminal: pelmora -t on succeeded" && return 1
+  [[ "$cli_output" == *"AUTHENTICATING FOR net.tandrel.pelmora.admin"* ]] \
+    || fail "nobody at a terminal was not asked for a password: $cli_output" || return
+  [ "$(wbt)" = 0 ] || fail "an unanswered password prompt changed throttling" || return
   cli "$granted" -n 8 || fail "granted user: pelmora -n 8 failed: $cli_output" || return
 }
 

@@ -34,7 +34,9 @@ bool TtyAgent::start() {
     // The write end must survive exec: a descriptor of its own without close-on-exec.
     const int keep = ::dup(notify[1]);
     const std::string fd = std::to_string(keep);
-    ::execlp("pkttyagent", "pkttyagent", "--process", pid.c_str(), "--notify-fd", fd.c_str(), "--fallback",
+    // No --fallback: polkit 122 never picks a fallback agent for a process subject, and an agent
+    // registered for our own pid cannot replace anyone else's.
+    ::execlp("pkttyagent", "pkttyagent", "--process", pid.c_str(), "--notify-fd", fd.c_str(),
              static_cast<char*>(nullptr));
     ::_exit(127);
   }
