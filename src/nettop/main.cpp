@@ -1,20 +1,30 @@
-// pelmora-nettop: once a second, one line per process that owns TCP sockets:
+// pelmora-nettop: once a second, one line per living process that has had TCP traffic:
 //   "HH:MM:SS.uuuuuu,name.pid,,,bytes_in,bytes_out"
-// with cumulative byte counts since this tool started watching. Bytes of sockets that closed stay
-// counted; a socket is attributed to the first process found holding it.
+// with cumulative payload byte counts since this tool started watching. Bytes of sockets that
+// closed stay counted while their process lives; a process that exits is no longer listed. A
+// socket is attributed to the first process found holding it.
 //   pelmora-nettop [--count N] [--interval-ms MS]
+//
+// It ends with its reader: on SIGTERM, SIGINT or SIGHUP, when the process that started it dies
+// (PR_SET_PDEATHSIG), and as soon as the read end of its output pipe closes, even between two
+// lines. Between rounds it sleeps in one ppoll until the next deadline, a signal or that close.
+#include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/time.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
-#include <map>
 #include <string>
-#include <thread>
 
+#include "nettop/exit_watch.h"
 #include "nettop/socket_owners.h"
-#include "nettop/tcp_socket_table.h"
+#include "nettop/tcp_diag_socket.h"
+#include "nettop/tcp_traffic.h"
 #include "support/text.h"
 
 using namespace pelmora;
@@ -22,17 +32,8 @@ using namespace pelmora;
 namespace {
 
 volatile sig_atomic_t g_stop = 0;
-
-struct ProcessBytes {
-  std::string name;
-  uint64_t in = 0;
-  uint64_t out = 0;
-};
-
-struct Totals {
-  std::map<uint64_t, TcpSocketBytes> last;  // per socket inode, at the previous poll
-  std::map<int32_t, ProcessBytes> by_pid;
-};
+// The deadline of a round may come this late: the kernel may fold our wake-up into another's.
+constexpr unsigned long kTimerSlack_ns = 50'000'000;
 
 std::string timeOfDay() {
   timeval tv{};
@@ -45,31 +46,77 @@ std::string timeOfDay() {
   return buffer;
 }
 
-// Adds what every owned socket moved since the last poll to its owner's totals.
-void poll(Totals& totals, const SysRoot& root) {
-  auto sockets = readTcpSockets();
-  if (!sockets) return;
-  const auto owners = readSocketOwners(root);
-  for (const auto& [inode, bytes] : *sockets) {
-    auto owner = owners.find(inode);
-    if (owner == owners.end()) continue;
-    TcpSocketBytes before{};
-    if (auto it = totals.last.find(inode); it != totals.last.end()) before = it->second;
-    auto& p = totals.by_pid[owner->second.pid];
-    p.name = owner->second.name;
-    // A recycled inode starts again from zero.
-    p.in += bytes.received >= before.received ? bytes.received - before.received : bytes.received;
-    p.out += bytes.acked >= before.acked ? bytes.acked - before.acked : bytes.acked;
+class Nettop {
+ public:
+  Nettop()
+      : m_owners(SysRoot::fromEnvironment()),
+        m_traffic(::geteuid() == 0 ? std::nullopt : std::optional<uint32_t>(::geteuid())) {
+    if (const int error = m_diag.subscribeDestroyed())
+      std::fprintf(stderr, "pelmora-nettop: no socket destroy notifications (%s): bytes a socket moves "
+                   "after the last poll before it closes are not counted\n", std::strerror(error));
   }
-  totals.last = std::move(*sockets);
+
+  void round() {
+    auto sockets = m_diag.dump();
+    if (!sockets) return;
+    m_traffic.applyDump(*sockets, [this](const std::set<uint64_t>& inodes, const std::set<int32_t>& likely) {
+      return m_owners.find(inodes, likely);
+    });
+    for (const auto& closed : m_diag.takeDestroyed()) m_traffic.applyClosed(closed);
+    m_traffic.endRound();
+    std::set<pid_t> pids;
+    for (const auto& [pid, traffic] : m_traffic.processes()) pids.insert(pid);
+    m_exits.watch(pids);
+    m_traffic.forgetProcesses(m_exits.exited());
+  }
+
+  void print() const {
+    const std::string now = timeOfDay();
+    for (const auto& [pid, p] : m_traffic.processes())
+      std::printf("%s,%s.%d,,,%llu,%llu\n", now.c_str(), p.name.c_str(), pid,
+                  static_cast<unsigned long long>(p.received_bytes), static_cast<unsigned long long>(p.sent_bytes));
+    std::fflush(stdout);
+  }
+
+ private:
+  TcpDiagSocket m_diag;
+  SocketOwnerFinder m_owners;
+  TcpTraffic m_traffic;
+  ExitWatch m_exits;
+};
+
+// Sleeps until `deadline`, a signal, or the reader closing our output; false when it is time to end.
+bool sleepUntil(std::chrono::steady_clock::time_point deadline, const sigset_t& waking) {
+  for (;;) {
+    if (g_stop) return false;
+    const auto left = deadline - std::chrono::steady_clock::now();
+    if (left <= std::chrono::steady_clock::duration::zero()) return true;
+    const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(left).count();
+    const timespec timeout{static_cast<time_t>(ns / 1'000'000'000), static_cast<long>(ns % 1'000'000'000)};
+    // A pipe's write end reports POLLERR once the read end is closed; no events need asking for.
+    pollfd out{STDOUT_FILENO, 0, 0};
+    const int n = ::ppoll(&out, 1, &timeout, &waking);
+    if (n > 0 && (out.revents & (POLLERR | POLLHUP | POLLNVAL))) return false;
+    if (n < 0 && errno != EINTR) return false;
+  }
 }
 
-void print(const Totals& totals) {
-  const std::string now = timeOfDay();
-  for (const auto& [pid, p] : totals.by_pid)
-    std::printf("%s,%s.%d,,,%llu,%llu\n", now.c_str(), p.name.c_str(), pid, static_cast<unsigned long long>(p.in),
-                static_cast<unsigned long long>(p.out));
-  std::fflush(stdout);
+sigset_t installStopSignals() {
+  struct sigaction sa{};
+  sa.sa_handler = [](int) { g_stop = 1; };
+  sigset_t stopping;
+  sigemptyset(&stopping);
+  for (int s : {SIGTERM, SIGINT, SIGHUP}) {
+    sigaction(s, &sa, nullptr);
+    sigaddset(&stopping, s);
+  }
+  // Blocked except inside ppoll, so a signal can never slip in between the check and the sleep.
+  sigset_t waking;
+  sigprocmask(SIG_BLOCK, &stopping, &waking);
+  sigdelset(&waking, SIGTERM);
+  sigdelset(&waking, SIGINT);
+  sigdelset(&waking, SIGHUP);
+  return waking;
 }
 
 }  // namespace
@@ -87,20 +134,21 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: pelmora-nettop [--count N] [--interval-ms MS]\n");
     return 2;
   }
-  struct sigaction sa{};
-  sa.sa_handler = [](int) { g_stop = 1; };
-  sigaction(SIGTERM, &sa, nullptr);
-  sigaction(SIGINT, &sa, nullptr);
+  const sigset_t waking = installStopSignals();
+  // If the parent is already gone, the closed pipe ends us at the first sleep.
+  ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+  ::prctl(PR_SET_TIMERSLACK, kTimerSlack_ns);
   signal(SIGPIPE, SIG_DFL);
-  const SysRoot root = SysRoot::fromEnvironment();
-  Totals totals;
+  Nettop nettop;
   auto next = std::chrono::steady_clock::now();
   while (!g_stop && count != 0) {
-    poll(totals, root);
-    print(totals);
-    if (count > 0) --count;
+    nettop.round();
+    nettop.print();
+    if (count > 0 && --count == 0) break;
+    const auto now = std::chrono::steady_clock::now();
     next += std::chrono::milliseconds(interval_ms);
-    while (!g_stop && std::chrono::steady_clock::now() < next) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    if (next < now) next = now + std::chrono::milliseconds(interval_ms);  // fell behind: no burst
+    if (!sleepUntil(next, waking)) break;
   }
   return 0;
 }
