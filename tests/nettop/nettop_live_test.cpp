@@ -193,6 +193,7 @@ TEST(NettopLive, ForgetsAProcessThatExited) {
   ASSERT_EQ(::pipe(go), 0);
   const pid_t child = ::fork();
   if (child == 0) {
+    ::close(go[1]);
     Pair pair;
     Pair::move(pair.client.get(), pair.server.get(), 10);
     char byte;

@@ -83,7 +83,7 @@ TEST(TcpTraffic, Rounds) {
         {{}, {sock(1, 0, 999, 999, kTcpClose, 0)}, {}, {{500, {100, 5}}}, {}}}},
       {"the peer's FIN already counted when last listed is left out at the end",
        {{10, 500}},
-       {{{sock(1, 10, 101, 5, kTcpCloseWait)}, {}, {}, {{500, {100, 5}}}, {10}},
+       {{{sock(1, 10, 100, 5, kTcpCloseWait)}, {}, {}, {{500, {100, 5}}}, {10}},
         {{}, {sock(1, 0, 101, 5, kTcpClose, 0)}, {}, {{500, {100, 5}}}, {}}}},
       {"a closed socket draining without a holder still counts for its owner",
        {{10, 500}},
