@@ -14,7 +14,8 @@ namespace pelmora::cli {
 class CliLimiter {
  public:
   // `pid_control`: steer the budget with the full PID law instead of the proportional one.
-  explicit CliLimiter(bool pid_control = false);
+  // `process_table`: false for a command that only limits (no table refresh, no network tool).
+  explicit CliLimiter(bool pid_control = false, bool process_table = true);
   ~CliLimiter();
   CPULimiter& operator*() { return *m_limiter; }
   CPULimiter* operator->() { return m_limiter.get(); }

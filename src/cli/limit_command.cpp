@@ -115,7 +115,8 @@ int runLimitCommand(const std::vector<std::string>& args) {
   }
   std::printf("holding %s (%d) to %.1f %% of one processor%s; Ctrl-C ends\n", name->c_str(), options->pid,
               options->share * 100, options->pid_control ? " with the PID adjuster" : "");
-  CliLimiter limiter(options->pid_control);
+  // Nothing shows a process table here: the limiter only limits.
+  CliLimiter limiter(options->pid_control, /*process_table=*/false);
   const int status = hold(*limiter, *options, signals);
   limiter->clearLimit(options->pid);
   limiter->stopTimer();

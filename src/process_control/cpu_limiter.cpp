@@ -89,7 +89,7 @@ bool CPULimiter::start() {
   m_listening = true;
   loadPIDSettings();
   m_timer->setQoS(QoS::userInteractive);
-  startNettop();
+  if (m_options.process_table) startNettop();
   return true;
 }
 
@@ -170,7 +170,16 @@ int64_t CPULimiter::tickInterval() {
 
 int64_t CPULimiter::tickIntervalLocked() const {
   if (m_pids.empty()) return m_processes_update_interval;
-  return std::min({m_limiter_update_interval, m_adjuster_interval, m_processes_update_interval});
+  const int64_t limiting = std::min(m_limiter_update_interval, m_adjuster_interval);
+  return m_options.process_table ? std::min(limiting, m_processes_update_interval) : limiting;
+}
+
+// Runs on the timer thread. While nothing is limited the timer only paces the table refresh, whose
+// moment hardly matters: let the kernel fold its wake-up into others. The duty cycle gets the
+// default slack, so that stops and continues keep their timing.
+void CPULimiter::setTimerSlackLocked() {
+  constexpr unsigned long kIdleSlack_ns = 50'000'000;
+  setCurrentThreadTimerSlack_ns(m_pids.empty() ? kIdleSlack_ns : 0);
 }
 
 void CPULimiter::setTimerPeriodLocked() {
@@ -201,7 +210,7 @@ void CPULimiter::tick() {
     m_limiter_lasttime = now;
     limiterTickLocked();
   }
-  if (Timeval now; due(m_monitor_lasttime, m_processes_update_interval, now)) {
+  if (Timeval now; m_options.process_table && due(m_monitor_lasttime, m_processes_update_interval, now)) {
     m_monitor_lasttime = now;
     refreshLocked();
     updateMachineSplitLocked();
@@ -211,6 +220,7 @@ void CPULimiter::tick() {
     adjusterRunLocked();
   }
   setTimerPeriodLocked();
+  setTimerSlackLocked();
 }
 
 void CPULimiter::refresh() {

@@ -21,6 +21,7 @@
 
 #include "process_control/pid_info.h"
 #include "process_control/pm_energy.h"
+#include "process_control/process_cpu_clock.h"
 #include "process_control/procinfo.h"
 #include "process_control/stop_journal.h"
 #include "support/kernel_records.h"
@@ -52,12 +53,17 @@ struct ProcessCounts {
   int64_t translated = 0;
 };
 
+struct CPULimiterOptions {
+  std::string nettop_path;         // empty: found next to this program or in the libexec folder
+  std::filesystem::path journal_dir;  // empty: the state folder's "held"
+  // False for a limiter that only limits (the command line's "limit"): no process table is
+  // refreshed and no network tool runs, since nothing shows them.
+  bool process_table = true;
+};
+
 class CPULimiter {
  public:
-  struct Options {
-    std::string nettop_path;         // empty: found next to this program or in the libexec folder
-    std::filesystem::path journal_dir;  // empty: the state folder's "held"
-  };
+  using Options = CPULimiterOptions;
 
   // The application's instance: the shared helper client, settings and power monitor.
   static CPULimiter& shared();
@@ -129,6 +135,7 @@ class CPULimiter {
   bool due(const Timeval& last, int64_t interval_ms, const Timeval& now) const;
   void startNettop();
   void saveProcessesIntervalLocked();
+  void setTimerSlackLocked();
   // cpu_limiter_refresh.cpp
   void refreshLocked();
   bool refreshOne(int32_t pid, const std::map<int32_t, bool>& awake, const Timeval& now,
@@ -165,6 +172,7 @@ class CPULimiter {
   rwInfo m_rw_info;
   PMEnergy m_energy;
   std::map<int32_t, pidInfo> m_pids;
+  std::map<int32_t, ProcessCpuClock> m_cpu_clocks;  // of the limited processes, on the live /proc
   std::map<int32_t, procinfo> m_processes;
   std::unique_ptr<ProcSettings> m_proc_settings;
   std::map<int32_t, adjustInfo> m_adjustments;

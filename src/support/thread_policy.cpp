@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 #include <sched.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -65,5 +66,7 @@ void nameCurrentThread(const std::string& label) {
   if (name.size() > 15) name.resize(15);
   pthread_setname_np(pthread_self(), name.c_str());
 }
+
+void setCurrentThreadTimerSlack_ns(unsigned long slack_ns) { ::prctl(PR_SET_TIMERSLACK, slack_ns); }
 
 }  // namespace pelmora

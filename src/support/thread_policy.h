@@ -13,6 +13,9 @@ enum class QoS { userInteractive, utility, defaultQoS };
 bool applyQoSToCurrentThread(QoS qos);
 // Makes the calling thread a time-constraint (deadline) thread. Returns false when refused.
 bool makeCurrentThreadTimeConstraint();
+// How late the kernel may fire the calling thread's timers so it can fold wake-ups together
+// (PR_SET_TIMERSLACK); 0 restores the default (50 µs). Real-time and deadline threads get none.
+void setCurrentThreadTimerSlack_ns(unsigned long slack_ns);
 // Names the calling thread after the tail of a label (the kernel keeps 15 characters).
 void nameCurrentThread(const std::string& label);
 
