@@ -6,11 +6,13 @@
 #include <QMessageBox>
 #include <QTimer>
 
+#include "app/desktop_icons.h"
 #include "app/dock.h"
 #include "app/frontmost_provider.h"
 #include "app/procinfo_window.h"
 #include "app/status_bar_controller.h"
 #include "app/system_stats_window.h"
+#include "app/window_frame.h"
 #include "helper_link/pelmora.h"
 #include "process_control/cpu_limiter.h"
 #include "process_control/power_monitor.h"
@@ -76,6 +78,9 @@ void AppDelegate::finishLaunching() {
   DefaultSettings& store = m_services.store;
   // The first key is written at every quit, so its absence means this is the first launch.
   m_first_launch = !store.contains(keys::kAppPelmora.key);
+  // Without a program icon the windows show the window manager's default and the tray an empty
+  // square; the live icon keeps this one as the icon it comes back to.
+  if (QApplication::windowIcon().isNull()) QApplication::setWindowIcon(programIcon());
 
   createPreferences();
   trace("PreferencesWindow");
@@ -151,6 +156,8 @@ void AppDelegate::terminate() {
 
 void AppDelegate::saveWindowKeys() {
   DefaultSettings& store = m_services.store;
+  for (QWidget* window : ourWindows())
+    if (window->isVisible()) saveWindowFrame(window);
   keys::kAppPelmora.save(store, !m_window->isVisible());
   ProcinfoWindow* processes = ProcinfoWindow::shared();
   keys::kAppProcesses.save(store, processes && processes->isVisible());

@@ -24,6 +24,7 @@
 #include "app/procinfo_window.h"
 #include "app/status_bar_controller.h"
 #include "app/system_stats_window.h"
+#include "app/window_frame.h"
 #include "graphs/graph_switches.h"
 #include "graphs/views/preferences_graph.h"
 #include "process_control/power_monitor.h"
@@ -64,6 +65,13 @@ std::string findTool() {
     if (fs::is_regular_file(candidate, ec)) return candidate.string();
   }
   return {};
+}
+
+// Ctrl+Q and Ctrl+, where the platform theme binds nothing to Quit or Preferences (the generic and
+// several desktop themes leave Preferences empty): the keys GNOME and KDE programs use.
+QKeySequence quitKey() { return standardKey(QKeySequence::Quit, QKeySequence(Qt::CTRL | Qt::Key_Q)); }
+QKeySequence preferencesKey() {
+  return standardKey(QKeySequence::Preferences, QKeySequence(Qt::CTRL | Qt::Key_Comma));
 }
 
 }  // namespace
@@ -121,7 +129,7 @@ void AppDelegate::savePreferences() {
 }
 
 void AppDelegate::createDockMenu() {
-  m_dock_menu = new QMenu(tr("Dock Display"));
+  m_dock_menu = new QMenu(tr("&Dock Display"));
   for (int i = 0; i < Dock::kDisplayCount; ++i) {
     QAction* item = m_dock_menu->addAction(Dock::displayName(static_cast<Dock::Display>(i)));
     item->setCheckable(true);
@@ -151,42 +159,43 @@ void AppDelegate::dockMenu(QAction* sender) {
 
 void AppDelegate::buildMainMenus() {
   QMenu* file = new QMenu(tr("&File"));
-  addItem(file, tr("Preferences…"), this, [this] { showPreferences(); }, QKeySequence::Preferences);
-  addItem(file, tr("Extract the command line tool …"), this, [this] { extractCLI(); });
+  addItem(file, tr("&Preferences…"), this, [this] { showPreferences(); }, preferencesKey());
+  addItem(file, tr("&Extract the command line tool …"), this, [this] { extractCLI(); });
   file->addSeparator();
-  addItem(file, tr("Quit"), this, [this] { quit(); }, QKeySequence::Quit);
+  addItem(file, tr("&Quit"), this, [this] { quit(); }, quitKey());
 
   m_view_menu = new QMenu(tr("&View"));
   m_view_menu->addMenu(m_dock_menu);
-  m_process_columns = m_view_menu->addAction(tr("Process Columns"));
+  m_process_columns = m_view_menu->addAction(tr("Process &Columns"));
   connect(m_view_menu, &QMenu::aboutToShow, this, &AppDelegate::updateProcessColumns);
   updateProcessColumns();
-  addItem(m_view_menu, tr("Switch Power Source"), this, [this] { switchPower(); });
+  addItem(m_view_menu, tr("&Switch Power Source"), this, [this] { switchPower(); });
 
   QMenu* window = new QMenu(tr("&Window"));
-  addItem(window, tr("CPU Settings"), this, [this] { showPelmora(); });
-  addItem(window, tr("Processes"), this, [this] { showProcesses(); });
-  addItem(window, tr("Statistics"), this, [this] { showSystemStats(); });
+  addItem(window, tr("&CPU Settings"), this, [this] { showPelmora(); });
+  addItem(window, tr("&Processes"), this, [this] { showProcesses(); });
+  addItem(window, tr("&Statistics"), this, [this] { showSystemStats(); });
   window->addSeparator();
-  addItem(window, tr("Bring All to Front"), this, [this] { openWindows(); });
-  addItem(window, tr("Hide Pelmora"), this, [this] { hidePelmora(); });
+  addItem(window, tr("&Bring All to Front"), this, [this] { openWindows(); });
+  addItem(window, tr("&Hide Pelmora"), this, [this] { hidePelmora(); });
 
   QMenu* help = new QMenu(tr("&Help"));
-  addItem(help, tr("Pelmora Help"), this, [this] { openHelp(); }, QKeySequence::HelpContents);
-  addItem(help, tr("Show Log File"), this, [this] { showLogFile(); });
-  addItem(help, tr("Show Log Folder"), this, [this] { showLogFolder(); });
+  addItem(help, tr("Pelmora &Help"), this, [this] { openHelp(); },
+          standardKey(QKeySequence::HelpContents, QKeySequence(Qt::Key_F1)));
+  addItem(help, tr("Show &Log File"), this, [this] { showLogFile(); });
+  addItem(help, tr("Show Log &Folder"), this, [this] { showLogFolder(); });
   help->addSeparator();
-  addItem(help, tr("About Pelmora"), this, [this] { showAbout(); });
+  addItem(help, tr("&About Pelmora"), this, [this] { showAbout(); });
   m_main_menus = {file, m_view_menu, window, help};
 
   QMenu* tray = m_menubar->statusMenu();
-  addItem(tray, tr("Open Pelmora"), this, [this] { openWindows(); });
-  addItem(tray, tr("Processes"), this, [this] { showProcesses(); });
-  addItem(tray, tr("Statistics"), this, [this] { showSystemStats(); });
+  addItem(tray, tr("&Open Pelmora"), this, [this] { openWindows(); });
+  addItem(tray, tr("&Processes"), this, [this] { showProcesses(); });
+  addItem(tray, tr("&Statistics"), this, [this] { showSystemStats(); });
   tray->addMenu(m_dock_menu);
-  addItem(tray, tr("Preferences…"), this, [this] { showPreferences(); });
+  addItem(tray, tr("P&references…"), this, [this] { showPreferences(); });
   tray->addSeparator();
-  addItem(tray, tr("Quit"), this, [this] { quit(); });
+  addItem(tray, tr("&Quit"), this, [this] { quit(); });
   attachMenuBar(m_window);
 }
 
@@ -275,9 +284,10 @@ void AppDelegate::openHelp() {
   if (!m_help) {
     m_help = new QTextBrowser;
     m_help->setAttribute(Qt::WA_DeleteOnClose);
-    m_help->setWindowTitle(tr("Pelmora Help"));
+    m_help->setWindowTitle(pelmoraTitle(tr("Help")));
     m_help->setOpenExternalLinks(true);
     m_help->resize(640, 560);
+    installWindowConventions(m_help);
     const QString folder = QString::fromStdString((paths::resourcesDir() / "help").string());
     m_help->setSearchPaths({folder});
     m_help->setSource(QUrl::fromLocalFile(folder + "/index.html"));
@@ -315,6 +325,9 @@ void AppDelegate::showAbout() {
                                     .arg(QStringLiteral(PELMORA_VERSION)),
                                 QMessageBox::Ok);
     box->setAttribute(Qt::WA_DeleteOnClose);
+    // A message box is application-modal by default: at first launch that would lock the CPU
+    // settings window, and every key, until the box is dismissed.
+    box->setWindowModality(Qt::NonModal);
     m_about = box;
   }
   m_about->show();

@@ -15,7 +15,9 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "app/desktop_icons.h"
 #include "app/system_monitor_entry.h"
+#include "app/window_frame.h"
 #include "helper_link/pelmora.h"
 #include "process_control/cpu_limiter.h"
 #include "process_control/power_monitor.h"
@@ -32,6 +34,7 @@ constexpr const char* kListenerKey = "net.tandrel.pelmora.authchanged.PelmoraWin
 constexpr const char* kAuthChanged = "net.tandrel.pelmora.authchanged";
 constexpr const char* kCpuChanged = "net.tandrel.pelmora.cpuchanged";
 constexpr int kWatchPeriod_ms = 1000;
+constexpr const char* kFrameKey = "PelmoraWindow Frame";
 // A reply cannot hold a negative count, so this marks "the helper did not answer".
 constexpr cpu_numbers_t kNoAnswer{-1, -1, -1, -1};
 
@@ -40,13 +43,14 @@ constexpr cpu_numbers_t kNoAnswer{-1, -1, -1, -1};
 int raisedPriority(int own_priority) { return std::max(own_priority - 5, -20); }
 
 QString headerTitle(bool on_battery) {
-  const QString symbol = on_battery ? QString::fromUtf8("\U0001F50B") : QString::fromUtf8("\U0001F50C");
-  return symbol + QStringLiteral(" - ") + QObject::tr("Pelmora");
+  return QObject::tr("Pelmora") + QStringLiteral(" — ") +
+         (on_battery ? QObject::tr("on battery power") : QObject::tr("on AC power"));
 }
 
 QString constrainedCaption(size_t limited) {
-  if (limited == 0) return QObject::tr("Processes");
-  return QString::number(limited) + QStringLiteral(" ") + QObject::tr("Limited");
+  if (limited == 0) return QObject::tr("none");
+  if (limited == 1) return QObject::tr("1 process");
+  return QObject::tr("%1 processes").arg(limited);
 }
 
 PelmoraWindow::Options PelmoraWindow::currentOptions() {
@@ -90,6 +94,7 @@ PelmoraWindow::PelmoraWindow(Pelmora& helper, PowerMonitor& power, CPULimiter& l
   AddListener(kPowerSourceBroadcast, kListenerKey, [this](const std::string&) { powerSourceChanged(); });
   AddListener(kAuthChanged, kListenerKey, [this](const std::string&) { setEnabledStates(); });
   m_cpucontrol->setDelegate(this);
+  installWindowConventions(this, &m_store, kFrameKey);
 }
 
 PelmoraWindow::~PelmoraWindow() {
@@ -111,7 +116,11 @@ void PelmoraWindow::setChecked(QCheckBox* box, bool on) {
 }
 
 void PelmoraWindow::setHeaderTitle() {
-  m_header_title->setText(headerTitle(m_power.powerSource() == PowerSource::battery));
+  const bool on_battery = m_power.powerSource() == PowerSource::battery;
+  m_header_title->setText(headerTitle(on_battery));
+  const int size_px = m_header_title->fontMetrics().height();
+  m_header_icon->setPixmap(powerSourceIcon(on_battery, palette().color(QPalette::WindowText))
+                               .pixmap(QSize(size_px, size_px), devicePixelRatioF()));
 }
 
 void PelmoraWindow::copySettingsToControls() {

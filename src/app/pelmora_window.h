@@ -66,6 +66,7 @@ class PelmoraWindow : public QWidget, public SliderStepperDelegate {
   void openSystemMonitor();
   void powerSourceChanged();
 
+  QLabel* m_header_icon;  // the power-source symbol
   QLabel* m_header_title;
   QCheckBox* m_hyperthreading;
   QCheckBox* m_prefer_phys;
@@ -118,9 +119,9 @@ class PelmoraWindow : public QWidget, public SliderStepperDelegate {
 
 // The nice value asked for while processes are limited: five below our own, never below -20. Pure.
 int raisedPriority(int own_priority);
-// The header line: battery or plug symbol, " - ", the program's name.
+// The header line beside the power-source symbol: the program's name and the power source.
 QString headerTitle(bool on_battery);
-// The limited-process caption: "N Limited" or "Processes".
+// The caption beside "Limited:": "none", "1 process" or "N processes".
 QString constrainedCaption(size_t limited);
 
 }  // namespace pelmora

@@ -11,6 +11,7 @@
 
 #include "app/pelmora_window.h"
 #include "app/system_monitor_entry.h"
+#include "app/window_frame.h"
 #include "process_control/power_monitor.h"
 
 namespace pelmora {
@@ -18,8 +19,8 @@ namespace pelmora {
 QWidget* PelmoraWindow::buildCountsBox() {
   auto* box = new QGroupBox(tr("Processors"), this);
   auto* form = new QFormLayout(box);
-  m_phys_cpu = new QLabel(QStringLiteral("-"), box);
-  m_log_cpu = new QLabel(QStringLiteral("-"), box);
+  m_phys_cpu = new QLabel(QStringLiteral("—"), box);
+  m_log_cpu = new QLabel(QStringLiteral("—"), box);
   form->addRow(tr("Active physical cores:"), m_phys_cpu);
   form->addRow(tr("Active logical processors:"), m_log_cpu);
   m_ph_controller = new QWidget(box);
@@ -66,14 +67,18 @@ QWidget* PelmoraWindow::buildControlsBox() {
 }
 
 void PelmoraWindow::build() {
-  setWindowTitle(tr("Pelmora"));
+  setWindowTitle(pelmoraTitle(tr("CPU Settings")));
   auto* layout = new QVBoxLayout(this);
   m_header_title = new QLabel(this);
   QFont font = m_header_title->font();
   font.setPointSizeF(font.pointSizeF() * 1.4);
   font.setBold(true);
   m_header_title->setFont(font);
-  layout->addWidget(m_header_title);
+  m_header_icon = new QLabel(this);
+  auto* header = new QHBoxLayout();
+  header->addWidget(m_header_icon);
+  header->addWidget(m_header_title, 1);
+  layout->addLayout(header);
   layout->addWidget(buildCountsBox());
   layout->addWidget(buildControlsBox());
   m_auth = new QPushButton(this);

@@ -8,6 +8,7 @@
 
 #include "app/preferences_pid.h"
 #include "app/process_preferences.h"
+#include "app/window_frame.h"
 #include "graphs/views/preferences_graph.h"
 
 namespace pelmora {
@@ -16,7 +17,7 @@ PreferencesWindow::PreferencesWindow(PreferencesGraph* graph, ProcessPreferences
                                      QWidget* parent)
     : QDialog(parent), prefsGraph(graph), prefsProcess(process), prefsPID(pid), m_toolbar(new QToolBar(this)),
       m_panes(new QStackedWidget(this)), m_group(new QActionGroup(this)) {
-  setWindowTitle(tr("Preferences"));
+  setWindowTitle(pelmoraTitle(tr("Preferences")));
   m_toolbar->setToolButtonStyle(Qt::ToolButtonTextUnderIcon);
   m_toolbar->setMovable(false);
   auto* layout = new QVBoxLayout(this);
@@ -32,6 +33,7 @@ PreferencesWindow::PreferencesWindow(PreferencesGraph* graph, ProcessPreferences
   addPane(process, ProcessPreferences::toolbarTitle(), QStringLiteral("system-run"));
   addPane(pid, PreferencesPID::toolbarTitle(), QStringLiteral("preferences-other"));
   showPane(0);
+  installWindowConventions(this);
 }
 
 void PreferencesWindow::addPane(QWidget* pane, const QString& title, const QString& icon) {

@@ -21,6 +21,12 @@ int threeWay(const T& a, const T& b) {
   return a < b ? -1 : (b < a ? 1 : 0);
 }
 
+// Names as people read them: "bash" before "Xvfb"; names that differ only in case keep a fixed order.
+int caselessThreeWay(const std::string& a, const std::string& b) {
+  if (const int c = threeWay(lowercase(a), lowercase(b)); c != 0) return c;
+  return threeWay(a, b);
+}
+
 // The numeric key of a column, for the columns that sort by one number.
 using NumberKey = double (*)(const ProcessRow&);
 
@@ -64,6 +70,10 @@ bool isProcessColumn(std::string_view id) {
   return std::find(ids.begin(), ids.end(), id) != ids.end();
 }
 
+bool isTextColumn(std::string_view id) {
+  return id == "process" || id == "kind" || id == "user" || id == "sleep";
+}
+
 std::string elapsedText(uint64_t elapsed_ns) {
   const uint64_t seconds = elapsed_ns / 1'000'000'000ULL;
   char buffer[48];
@@ -104,9 +114,9 @@ std::string cellText(std::string_view column, const ProcessRow& row, const CellC
 }
 
 int compareRows(std::string_view column, const ProcessRow& a, const ProcessRow& b) {
-  if (column == "process") return threeWay(a.info.name, b.info.name);
-  if (column == "kind") return threeWay(a.info.kind, b.info.kind);
-  if (column == "user") return threeWay(a.info.user, b.info.user);
+  if (column == "process") return caselessThreeWay(a.info.name, b.info.name);
+  if (column == "kind") return caselessThreeWay(a.info.kind, b.info.kind);
+  if (column == "user") return caselessThreeWay(a.info.user, b.info.user);
   // Later start first: ascending order lists the shortest elapsed time first.
   if (column == "elapsed") return threeWay(b.info.startTime, a.info.startTime);
   if (column == "nice") return threeWay(a.nice, b.nice);

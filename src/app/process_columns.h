@@ -32,9 +32,12 @@ struct ProcessRow {
   int nice = 0;  // the current priority, read from the process when the rows are built
 };
 
-// The nineteen column identifiers in their default order.
+// The column identifiers in their default order.
 const std::vector<std::string>& processColumnIds();
 bool isProcessColumn(std::string_view id);
+// Text columns: name, kind, user, preventing sleep. They align left and open sorted A to Z; every
+// other column opens largest first, as a person looking for the busiest process expects.
+bool isTextColumn(std::string_view id);
 
 // What the cell text depends on besides the row.
 struct CellContext {
@@ -51,6 +54,7 @@ std::string limitText(const ProcessRow& row, bool limit_frontmost);
 std::string elapsedText(uint64_t elapsed_ns);
 
 // Ascending comparison of two rows by a column: <0, 0, >0. An unknown identifier compares as same.
+// Text columns compare without regard to case.
 int compareRows(std::string_view column, const ProcessRow& a, const ProcessRow& b);
 
 // Whether a row passes the owner filter. `application_pids` is only consulted for `application`.

@@ -15,10 +15,6 @@ bool sameProcess(const ProcessRow& a, const ProcessRow& b) {
   return a.info.pid == b.info.pid && a.info.startTime == b.info.startTime;
 }
 
-bool isTextColumn(const std::string& id) {
-  return id == "process" || id == "kind" || id == "user" || id == "sleep";
-}
-
 }  // namespace
 
 ProcessTableModel::ProcessTableModel(QObject* parent) : QAbstractTableModel(parent) {}
@@ -61,6 +57,9 @@ QVariant ProcessTableModel::headerData(int section, Qt::Orientation orientation,
   if (role == Qt::DisplayRole) return columnTitle(columnId(section));
   if (role == Qt::TextAlignmentRole && !isTextColumn(columnId(section)))
     return QVariant::fromValue(Qt::AlignRight | Qt::AlignVCenter);
+  // The order a header click on a new column starts with.
+  if (role == Qt::InitialSortOrderRole)
+    return isTextColumn(columnId(section)) ? Qt::AscendingOrder : Qt::DescendingOrder;
   return {};
 }
 

@@ -27,6 +27,7 @@
 
 #include "app/application_list.h"
 #include "app/process_table_model.h"
+#include "app/window_frame.h"
 #include "process_control/cpu_limiter.h"
 #include "process_control/proc_settings.h"
 #include "support/broadcast.h"
@@ -40,6 +41,7 @@ constexpr const char* kFilterKey = "process_filter";
 constexpr const char* kSortColumnKey = "process_sort_column";
 constexpr const char* kSortAscendingKey = "process_sort_ascending";
 constexpr const char* kFontKey = "process_table_font";
+constexpr const char* kFrameKey = "ProcinfoWindow Frame";
 constexpr const char* kAuthChanged = "net.tandrel.pelmora.authchanged";
 constexpr const char* kCpuChanged = "net.tandrel.pelmora.cpuchanged";
 constexpr const char* kPowerSource = "pelmora.powersource";
@@ -90,7 +92,7 @@ ProcinfoWindow& ProcinfoWindow::open(CPULimiter& limiter, Pelmora& helper, Defau
 
 ProcinfoWindow::ProcinfoWindow(CPULimiter& limiter, Pelmora& helper, DefaultSettings& settings, QWidget* parent)
     : QWidget(parent), m_limiter(limiter), m_helper(helper), m_settings(settings), m_uid(::getuid()) {
-  setWindowTitle(tr("Processes"));
+  setWindowTitle(pelmoraTitle(tr("Processes")));
   m_model = new ProcessTableModel(this);
   m_confirm = [this](const QString& question) { return confirmByDialog(this, question); };
   m_application_pids = [this](const std::map<int32_t, procinfo>& table) {
@@ -139,6 +141,7 @@ ProcinfoWindow::ProcinfoWindow(CPULimiter& limiter, Pelmora& helper, DefaultSett
   listen();
   g_shared = this;
   resize(1040, 640);
+  installWindowConventions(this, &m_settings, kFrameKey);
   rebuild();
   fitColumns();
 }
@@ -183,6 +186,13 @@ void ProcinfoWindow::buildHeader(QWidget* header) {
   m_header_search->setPlaceholderText(tr("Search"));
   m_header_search->setClearButtonEnabled(true);
   m_header_search->setMaximumWidth(220);
+  auto* find = new QAction(this);
+  find->setShortcut(standardKey(QKeySequence::Find, QKeySequence(Qt::CTRL | Qt::Key_F)));
+  connect(find, &QAction::triggered, m_header_search, [this] {
+    m_header_search->setFocus(Qt::ShortcutFocusReason);
+    m_header_search->selectAll();
+  });
+  addAction(find);
   auto* action_button = new QToolButton(header);
   action_button->setText(tr("Actions"));
   action_button->setPopupMode(QToolButton::InstantPopup);

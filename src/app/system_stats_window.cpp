@@ -13,6 +13,7 @@
 #include <set>
 
 #include "app/sampler_client_link.h"
+#include "app/window_frame.h"
 #include "graphs/views/graph_view_cpu.h"
 #include "graphs/views/graph_view_fan.h"
 #include "graphs/views/graph_view_gfx.h"
@@ -112,7 +113,7 @@ QPalette themePalette(const GraphSwitches& switches, const QPalette& default_pal
 
 SystemStatsWindow::SystemStatsWindow(SystemStats& sampler, DefaultSettings& store, SysRoot root, QWidget* parent)
     : QMainWindow(parent), m_sampler(sampler), m_store(store), m_root(std::move(root)) {
-  setWindowTitle(tr("Statistics"));
+  setWindowTitle(pelmoraTitle(tr("Statistics")));
   m_default_appearance = palette();
   m_present = CpuCollector::presentCpus(m_root);
   m_ncpu = m_present.size();
@@ -130,8 +131,7 @@ SystemStatsWindow::SystemStatsWindow(SystemStats& sampler, DefaultSettings& stor
   applyAppearance();
 
   resize(1100, 760);
-  const std::string frame = m_store.loadString(kFrameKey, "");
-  if (!frame.empty()) restoreGeometry(QByteArray::fromBase64(QByteArray::fromStdString(frame)));
+  installWindowConventions(this, &m_store, kFrameKey);
 
   // The link outlives the window inside the sampler's client list until it is removed; cut() below
   // makes any delivery after that a no-op.
@@ -488,7 +488,7 @@ void SystemStatsWindow::saveSettings() {
   m_store.saveBool(kShowDataIOKey, showDataIO());
   m_store.saveString(kLabelFontKey, m_font.toString().toStdString());
   if (m_gfx_views->count() > 0) m_store.saveString(kGfxSplitKey, m_gfx_views->saveState().toBase64().toStdString());
-  m_store.saveString(kFrameKey, saveGeometry().toBase64().toStdString());
+  saveWindowFrame(this);
 }
 
 void SystemStatsWindow::showEvent(QShowEvent* event) {

@@ -38,10 +38,11 @@ const nlohmann::json kStoredBoth = {
 };
 
 TEST(PelmoraWindowText, HeaderCaptionAndPriorityFloor) {
-  EXPECT_EQ(headerTitle(true), QString::fromUtf8("\U0001F50B - Pelmora"));
-  EXPECT_EQ(headerTitle(false), QString::fromUtf8("\U0001F50C - Pelmora"));
-  EXPECT_EQ(constrainedCaption(0), QStringLiteral("Processes"));
-  EXPECT_EQ(constrainedCaption(3), QStringLiteral("3 Limited"));
+  EXPECT_EQ(headerTitle(true), QStringLiteral("Pelmora — on battery power"));
+  EXPECT_EQ(headerTitle(false), QStringLiteral("Pelmora — on AC power"));
+  EXPECT_EQ(constrainedCaption(0), QStringLiteral("none"));
+  EXPECT_EQ(constrainedCaption(1), QStringLiteral("1 process"));
+  EXPECT_EQ(constrainedCaption(3), QStringLiteral("3 processes"));
   struct Case { int own, raised; };
   for (const Case c : {Case{0, -5}, Case{10, 5}, Case{-15, -20}, Case{-18, -20}, Case{-20, -20}})
     EXPECT_EQ(raisedPriority(c.own), c.raised) << c.own;

@@ -23,6 +23,10 @@ TEST(ProcessColumns, EveryComparatorOrdersAscending) {
   };
   const Case cases[] = {
       {"process", [](ProcessRow& r) { r.info.name = "Alpha"; }, [](ProcessRow& r) { r.info.name = "beta"; }},
+      // Case does not decide the order of names ("bash" before "Xvfb"), only a tie of letters.
+      {"process", [](ProcessRow& r) { r.info.name = "bash"; }, [](ProcessRow& r) { r.info.name = "Xvfb"; }},
+      {"process", [](ProcessRow& r) { r.info.name = "Xvfb"; }, [](ProcessRow& r) { r.info.name = "xvfb"; }},
+      {"user", [](ProcessRow& r) { r.info.user = "alice"; }, [](ProcessRow& r) { r.info.user = "Bob"; }},
       {"pid", [](ProcessRow& r) { r.info.pid = 9; }, [](ProcessRow& r) { r.info.pid = 10; }},
       {"kind", [](ProcessRow& r) { r.info.kind = "aarch64"; }, [](ProcessRow& r) { r.info.kind = "x86_64"; }},
       // Later start first: the more recent start (shorter elapsed) sorts first.

@@ -9,6 +9,7 @@
 #include <QSpinBox>
 #include <QTableView>
 #include <QTableWidget>
+#include <QTest>
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -120,6 +121,44 @@ TEST(ProcinfoWindow, FirstOpenWithEmptyDefaultsSortsByShareDescendingAndShowsAll
   EXPECT_EQ(cell(w, 200, "pctcpu"), "80.0");
   EXPECT_FALSE(w.coverBox()->isHidden());
   EXPECT_EQ(ProcinfoWindow::shared(), &w);
+}
+
+// A click on a column's header, as the user makes it.
+void clickHeader(ProcinfoWindow& w, const std::string& column) {
+  QHeaderView* header = w.table()->horizontalHeader();
+  const int section = ProcessTableModel::columnOf(column);
+  w.table()->scrollTo(w.model().index(0, section));
+  const QPoint at(header->sectionViewportPosition(section) + header->sectionSize(section) / 2, header->height() / 2);
+  QTest::mouseClick(header->viewport(), Qt::LeftButton, {}, at);
+}
+
+TEST(ProcinfoWindow, AFirstHeaderClickSortsNamesAToZAndNumbersLargestFirst) {
+  Fixture f;
+  f.standard();
+  ProcinfoWindow w(*f.limiter, f.helper, f.settings);
+  w.show();
+  struct Click {
+    const char* column;
+    bool ascending;
+    std::vector<int32_t> pids;
+  };
+  const Click clicks[] = {
+      {"process", true, {201, 200, 300, 100}},  // bash, firefox, postgres, Xorg
+      {"pid", false, {300, 201, 200, 100}},
+      {"pid", true, {100, 200, 201, 300}},  // the second click turns the order
+      {"pctcpu", false, {200, 100, 300, 201}},
+      {"user", true, {}},
+  };
+  for (const Click& c : clicks) {
+    SCOPED_TRACE(c.column);
+    clickHeader(w, c.column);
+    EXPECT_EQ(w.sortKey(), c.column);
+    EXPECT_EQ(w.sortAscending(), c.ascending);
+    if (!c.pids.empty()) {
+      EXPECT_EQ(shownPids(w), c.pids);
+    }
+  }
+  w.close();
 }
 
 TEST(ProcinfoWindow, SettingsAreReadAtOpenAndWrittenAtClose) {

@@ -1,0 +1,109 @@
+#pragma once
+// The application object offscreen, for the tests that drive it: a scripted helper behind a real
+// client, the real windows, a core that records what start-up, sleep and quit ask of the limiter and
+// power monitor, a real sampler with a recording client, and a sleep source the test drives.
+#include <QCoreApplication>
+#include <QEvent>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "app/app_delegate.h"
+#include "app/procinfo_window.h"
+#include "app/settings_test_support.h"
+#include "app/stats_test_support.h"
+#include "app/system_stats_window.h"
+#include "support/main_queue.h"
+
+namespace pelmora::app_test {
+
+using Steps = std::vector<std::string>;
+
+class RecordingCore : public AppCore {
+ public:
+  RecordingCore(Steps& steps, SystemStats& sampler) : m_steps(steps), m_sampler(sampler) {}
+  void startPowerMonitor() override { m_steps.push_back("core:startPowerMonitor"); }
+  void stopPowerMonitor() override { m_steps.push_back("core:stopPowerMonitor"); }
+  void startLimiter() override { m_steps.push_back("core:startLimiter"); }
+  void stopLimiter() override { m_steps.push_back("core:stopLimiter"); }
+  void samplerSleeping(bool sleeping) override {
+    m_steps.push_back(sleeping ? "core:samplerSleeps" : "core:samplerWakes");
+    m_sampler.sleepStateChanged(sleeping);
+  }
+  void setLimitFrontmost(bool limit) override { m_steps.push_back(limit ? "core:frontmost on" : "core:frontmost off"); }
+
+ private:
+  Steps& m_steps;
+  SystemStats& m_sampler;
+};
+
+struct SourceLog {
+  SleepSource::Deliver deliver;
+  Steps* steps = nullptr;
+};
+
+class DrivenSleepSource : public SleepSource {
+ public:
+  explicit DrivenSleepSource(std::shared_ptr<SourceLog> log) : m_log(std::move(log)) {}
+  bool start(Deliver deliver) override {
+    m_log->deliver = std::move(deliver);
+    return true;
+  }
+  void stop() override { m_log->deliver = nullptr; }
+  void holdSleepDelay() override { m_log->steps->push_back("source:hold"); }
+  void releaseSleepDelay() override { m_log->steps->push_back("source:release"); }
+
+ private:
+  std::shared_ptr<SourceLog> m_log;
+};
+
+class CountingClient : public SystemStatsClient {
+ public:
+  void samplerRestarted() override { ++restarts; }
+  void statsUpdated(const SampleSet&) override {}
+  int restarts = 0;
+};
+
+inline void deleteLater() { QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete); }
+
+// Everything one application run needs; the windows it opens are closed again at the end.
+struct AppRig {
+  explicit AppRig(bool tray_available = false) : sampler(scratch.sampler()), source_log(std::make_shared<SourceLog>()) {
+    scratch.setCpus("0-3", "0-3");
+    source_log->steps = &steps;
+    client = std::make_shared<CountingClient>();
+    sampler->addClient(client);
+    AppServices services{rig.helper, rig.limiter, rig.power, *sampler, rig.store, nullptr, {}};
+    services.core = std::make_unique<RecordingCore>(steps, *sampler);
+    services.window_options.start_watch = false;
+    services.sleep_source = [log = source_log] { return std::make_unique<DrivenSleepSource>(log); };
+    services.tray_available = tray_available;
+    services.trace = [this](const std::string& step) { steps.push_back(step); };
+    app = std::make_unique<AppDelegate>(std::move(services));
+  }
+  ~AppRig() {
+    app.reset();
+    if (auto* processes = ProcinfoWindow::shared()) processes->close();
+    if (auto* stats = SystemStatsWindow::instance()) stats->close();
+    deleteLater();
+    sampler->removeClient(client);
+    RunLoop::main().runUntilIdle();
+  }
+  void send(SleepEvent event) {
+    source_log->deliver(event);
+    RunLoop::main().runUntilIdle();
+  }
+  size_t count(const std::string& step) const { return std::count(steps.begin(), steps.end(), step); }
+
+  settings_test::Rig rig;
+  stats_test::Scratch scratch;
+  std::shared_ptr<SystemStats> sampler;
+  std::shared_ptr<CountingClient> client;
+  std::shared_ptr<SourceLog> source_log;
+  Steps steps;
+  std::unique_ptr<AppDelegate> app;
+};
+
+}  // namespace pelmora::app_test

@@ -1,0 +1,184 @@
+// What a desktop user expects of every window, through the real application object and its real
+// windows: each one opens inside the screen, a saved geometry comes back only where it fits, the
+// close, search, preferences and quit keys work, titles name the program, and the tray icon is never
+// an empty square.
+#include <gtest/gtest.h>
+
+#include <QAction>
+#include <QLineEdit>
+#include <QMenu>
+#include <QScreen>
+#include <QSystemTrayIcon>
+#include <QTest>
+#include <QTextBrowser>
+
+#include "app/app_rig.h"
+#include "app/status_bar_controller.h"
+#include "app/window_frame.h"
+#include "support/broadcast.h"
+#include "support/settings_keys.h"
+
+namespace pelmora {
+namespace {
+
+using namespace app_test;
+
+TEST(WindowFrame, FittedContentsLieInsideTheAvailableArea) {
+  const QRect screen(0, 0, 800, 500);
+  const QMargins frame(2, 20, 2, 2);
+  struct Case {
+    const char* what;
+    QRect contents;
+    QRect fitted;
+  };
+  const Case cases[] = {
+      {"fits already", {100, 100, 400, 300}, {100, 100, 400, 300}},
+      {"too large both ways", {0, 0, 2200, 1520}, {2, 20, 796, 478}},
+      {"off the bottom edge", {100, 300, 400, 300}, {100, 198, 400, 300}},
+      {"off the left and top", {-50, -10, 300, 200}, {2, 20, 300, 200}},
+      {"wider only, off the right", {700, 50, 900, 100}, {2, 50, 796, 100}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const QRect fitted = fittedContents(c.contents, frame, screen);
+    EXPECT_EQ(fitted, c.fitted);
+    EXPECT_TRUE(fitsInside(fitted, frame, screen));
+    EXPECT_EQ(fitsInside(c.contents, frame, screen), c.contents == c.fitted);
+  }
+}
+
+// Every window the application opens, after the menus opened them all.
+std::vector<QWidget*> openAll(AppRig& rig) {
+  rig.app->finishLaunching();
+  rig.app->showProcesses();
+  rig.app->showSystemStats();
+  rig.app->showPreferences();
+  rig.app->openHelp();
+  QCoreApplication::processEvents();
+  return {rig.app->window(), ProcinfoWindow::shared(), SystemStatsWindow::instance(), rig.app->preferences(),
+          rig.app->helpViewer()};
+}
+
+TEST(DesktopConventions, EveryWindowOpensInsideTheScreenWithATitleThatNamesTheProgram) {
+  AppRig rig;
+  const auto windows = openAll(rig);
+  const QRect available = QGuiApplication::primaryScreen()->availableGeometry();
+  // The statistics window's own size (1100 x 760) is larger than the test screen.
+  ASSERT_LT(available.width(), 1100);
+  for (QWidget* window : windows) {
+    ASSERT_NE(window, nullptr);
+    SCOPED_TRACE(window->windowTitle().toStdString());
+    EXPECT_TRUE(window->isVisible());
+    EXPECT_TRUE(fitsInside(window->geometry(), frameMargins(window), available))
+        << window->geometry().width() << "x" << window->geometry().height() << " in " << available.width() << "x"
+        << available.height();
+    EXPECT_TRUE(window->windowTitle().endsWith(QStringLiteral(" — Pelmora")));
+  }
+}
+
+TEST(DesktopConventions, SavedGeometryComesBackOnlyWhereItFits) {
+  AppRig rig;
+  const QRect available = QGuiApplication::primaryScreen()->availableGeometry();
+  struct Case {
+    const char* what;
+    QRect saved;
+    bool used;
+  };
+  const Case cases[] = {
+      {"fits", {available.x() + 40, available.y() + 60, 500, 300}, true},
+      {"larger than the screen", {available.x(), available.y(), available.width() * 2, available.height() * 2}, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    QWidget source;
+    source.setGeometry(c.saved);
+    saveFrame(&source, rig.rig.store, "Test Frame");
+    QWidget window;
+    window.setGeometry(available.x() + 50, available.y() + 50, 320, 200);
+    EXPECT_EQ(restoreFrame(&window, rig.rig.store, "Test Frame"), c.used);
+    EXPECT_EQ(window.size(), c.used ? c.saved.size() : QSize(320, 200));
+    EXPECT_TRUE(fitsInside(window.geometry(), frameMargins(&window), available));
+  }
+  // The statistics window reopens where the user left it.
+  rig.app->finishLaunching();
+  rig.app->showSystemStats();
+  const QRect left_at(available.x() + 30, available.y() + 40, 600, 450);
+  SystemStatsWindow::instance()->setGeometry(left_at);
+  SystemStatsWindow::instance()->close();
+  deleteLater();
+  rig.app->showSystemStats();
+  EXPECT_EQ(SystemStatsWindow::instance()->geometry(), left_at);
+}
+
+// Brings the window to the front and types a key into it, as the user does.
+void typeInto(QWidget* window, QKeySequence keys) {
+  window->show();
+  window->activateWindow();
+  ASSERT_TRUE(QTest::qWaitForWindowActive(window));
+  // The offscreen platform activates the native window but may leave Qt's own notion unset.
+  QApplication::setActiveWindow(window);
+  const QKeyCombination key = keys[0];
+  QTest::keyClick(window, key.key(), key.keyboardModifiers());
+  QCoreApplication::processEvents();
+}
+
+TEST(DesktopConventions, CtrlWAndEscapeCloseEveryWindow) {
+  for (const QKeySequence& key : {QKeySequence(Qt::CTRL | Qt::Key_W), QKeySequence(Qt::Key_Escape)}) {
+    SCOPED_TRACE(key.toString().toStdString());
+    AppRig rig;
+    for (QWidget* window : openAll(rig)) {
+      SCOPED_TRACE(window->windowTitle().toStdString());
+      typeInto(window, key);
+      EXPECT_FALSE(window->isVisible());
+    }
+  }
+}
+
+TEST(DesktopConventions, SearchPreferencesAndQuitKeys) {
+  AppRig rig;
+  rig.app->finishLaunching();
+  rig.app->showProcesses();
+  ProcinfoWindow* processes = ProcinfoWindow::shared();
+  typeInto(processes, QKeySequence(Qt::CTRL | Qt::Key_F));
+  EXPECT_TRUE(processes->findChild<QLineEdit*>()->hasFocus());
+
+  typeInto(rig.app->window(), QKeySequence(Qt::CTRL | Qt::Key_Comma));
+  EXPECT_TRUE(rig.app->preferences()->isVisible());
+
+  // Quit is bound whatever the platform theme offers; triggering it is the quit test's business.
+  QAction* quit = nullptr;
+  for (QAction* action : rig.app->mainMenus().front()->actions())
+    if (action->text().remove('&') == QStringLiteral("Quit")) quit = action;
+  ASSERT_NE(quit, nullptr);
+  EXPECT_EQ(quit->shortcut(), QKeySequence(Qt::CTRL | Qt::Key_Q));
+  // Every menu and item can be reached from the keyboard.
+  for (QMenu* menu : rig.app->mainMenus()) {
+    EXPECT_TRUE(menu->title().contains('&')) << menu->title().toStdString();
+    for (QAction* action : menu->actions())
+      if (!action->isSeparator()) {
+        EXPECT_TRUE(action->text().contains(QLatin1Char('&'))) << action->text().toStdString();
+      }
+  }
+}
+
+TEST(DesktopConventions, TheTrayIconSwitchedOnDuringASessionHasAnIcon) {
+  AppRig rig(true);
+  keys::kAppPelmora.save(rig.rig.store, true);
+  keys::kShowMenubar.save(rig.rig.store, false);
+  rig.app->finishLaunching();
+  ASSERT_FALSE(rig.app->statusItemShown());
+  keys::kShowMenubar.save(rig.rig.store, true);
+  Broadcast(kPrefsChangedBroadcast, false);
+  ASSERT_TRUE(rig.app->statusItemShown());
+  const QIcon icon = rig.app->statusBar()->tray()->icon();
+  ASSERT_FALSE(icon.isNull());
+  const QImage image = icon.pixmap(22, 22).toImage();
+  int painted = 0;
+  for (int y = 0; y < image.height(); ++y)
+    for (int x = 0; x < image.width(); ++x) painted += qAlpha(image.pixel(x, y)) > 0;
+  EXPECT_GT(painted, 22 * 22 / 4);
+  EXPECT_FALSE(rig.app->window()->windowIcon().isNull());
+}
+
+}  // namespace
+}  // namespace pelmora
