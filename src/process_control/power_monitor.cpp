@@ -10,6 +10,7 @@
 #include "support/broadcast.h"
 #include "support/logger.h"
 #include "support/main_queue.h"
+#include "support/power_supply_rules.h"
 #include "support/text.h"
 #include "support/timer_queue.h"
 #include "support/unique_fd.h"
@@ -22,17 +23,10 @@
 namespace pelmora {
 namespace {
 
-bool isExternalSupply(const std::string& type) {
-  // Older kernels spell USB chargers "USB_C", "USB_PD", "USB_DCP", ...: all count as USB.
-  return type == "Mains" || startsWith(type, "USB");
-}
+bool isExternalSupply(const std::string& type) { return PowerSupplyRules::isExternal(type); }
 
 bool isSystemBattery(const PowerSupplyInfo& supply) {
-  if (supply.type != "Battery") return false;
-  // "Device" marks the battery of a peripheral (mouse, keyboard, pen); "System" and "Unknown" (or no
-  // scope at all, which most laptop drivers report) power the machine itself.
-  if (supply.scope == "Device") return false;
-  return supply.present.value_or(1) != 0;
+  return PowerSupplyRules::isSystemBattery(supply.type, supply.scope, supply.present);
 }
 
 }  // namespace

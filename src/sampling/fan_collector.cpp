@@ -1,8 +1,6 @@
 #include "sampling/fan_collector.h"
 
-#include <algorithm>
-
-#include "support/text.h"
+#include "sampling/hwmon_channels.h"
 
 namespace pelmora {
 namespace {
@@ -12,16 +10,7 @@ constexpr int kManualPwmMode = 1;
 }  // namespace
 
 std::vector<int> FanCollector::fanNumbers(const std::vector<std::string>& file_names) {
-  std::vector<int> numbers;
-  constexpr std::string_view kPrefix = "fan", kSuffix = "_input";
-  for (const std::string& name : file_names) {
-    if (!startsWith(name, kPrefix) || name.size() <= kPrefix.size() + kSuffix.size()) continue;
-    if (name.compare(name.size() - kSuffix.size(), kSuffix.size(), kSuffix) != 0) continue;
-    auto n = parseInt64(std::string_view(name).substr(kPrefix.size(), name.size() - kPrefix.size() - kSuffix.size()));
-    if (n && *n >= 0 && *n < 1000) numbers.push_back(static_cast<int>(*n));
-  }
-  std::sort(numbers.begin(), numbers.end());
-  return numbers;
+  return HwmonChannels::numbers(file_names, "fan");
 }
 
 std::vector<fanStats> FanCollector::read(const SysRoot& root) {

@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include "sampling/battery_collector.h"
 #include "support/text.h"
 
 namespace pelmora {
@@ -21,11 +22,7 @@ std::optional<double> PowerMeter::batteryPower_w(std::string_view status, std::o
                                                  std::optional<int64_t> current_now_ua,
                                                  std::optional<int64_t> voltage_now_uv) {
   if (trim(status) != "Discharging") return std::nullopt;
-  // Some firmware reports the discharge current or power as a negative number.
-  auto magnitude = [](int64_t v) { return std::fabs(static_cast<double>(v)); };
-  if (power_now_uw) return magnitude(*power_now_uw) * kMicro;
-  if (current_now_ua && voltage_now_uv) return magnitude(*current_now_ua) * kMicro * magnitude(*voltage_now_uv) * kMicro;
-  return std::nullopt;
+  return BatteryCollector::rate_w(power_now_uw, current_now_ua, voltage_now_uv);
 }
 
 bool PowerMeter::isPackageZone(std::string_view name) {
@@ -81,15 +78,10 @@ std::optional<double> PowerMeter::readHwmon_w(const SysRoot& root) {
 }
 
 std::optional<double> PowerMeter::readBattery_w(const SysRoot& root) {
-  for (const std::string& supply : root.listSys("class/power_supply")) {
-    const std::string base = "class/power_supply/" + supply + "/";
-    if (root.readSysTrimmed(base + "type") != "Battery") continue;
-    // A wireless mouse's battery has scope "Device"; only the machine's own counts.
-    if (root.readSysTrimmed(base + "scope") == "Device") continue;
-    auto watts = batteryPower_w(root.readSysTrimmed(base + "status").value_or(""), root.readSysInt(base + "power_now"),
-                                root.readSysInt(base + "current_now"), root.readSysInt(base + "voltage_now"));
-    if (watts) return watts;
-  }
+  // The batteries and rates the battery figures show, so the two never disagree; a wireless mouse's
+  // battery (scope "Device") is not among them.
+  for (const auto& battery : BatteryCollector::read(root).system)
+    if (battery.status == "discharging" && battery.power_w > 0) return battery.power_w;
   return std::nullopt;
 }
 

@@ -102,6 +102,31 @@ struct fanStats {
   bool operator==(const fanStats&) const = default;
 };
 
+// One temperature sensor, named by its chip and label ("coretemp Package id 0", "nvme Composite") or
+// by its thermal zone ("acpitz"). Millidegrees Celsius, as the kernel counts them.
+struct temperatureStats {
+  std::string name;
+  std::string kind;      // "cpu", "gpu", "disk" or "other": what the chip measures
+  int64_t temp_mC = 0;
+  int64_t crit_mC = 0;   // the critical limit; 0 when the driver publishes none
+  int64_t max_mC = 0;    // the high limit; 0 when the driver publishes none
+  bool operator==(const temperatureStats&) const = default;
+};
+
+// One battery from power_supply. Figures the driver does not publish read 0.
+struct batteryStats {
+  std::string name;           // the supply's directory: BAT0, hidpp_battery_0
+  std::string model;          // model_name, "" when absent
+  std::string status;         // "charging", "discharging", "full", "not charging" or "unknown"
+  double charge_pct = 0.0;
+  double power_w = 0.0;       // the rate of charge or discharge, always positive
+  int64_t time_to_empty_s = 0;  // only while discharging
+  int64_t time_to_full_s = 0;   // only while charging
+  double health_pct = 0.0;    // full capacity over design capacity
+  int64_t cycle_count = 0;
+  bool operator==(const batteryStats&) const = default;
+};
+
 // A copy of everything the sampler stored at one tick; the client owns it.
 struct SampleSet {
   std::vector<cpu_sample_t> cpu_stats;
@@ -114,6 +139,9 @@ struct SampleSet {
   loadAverage load_avg;
   powerStats power_stats;
   std::vector<fanStats> fan_stats;
+  std::vector<temperatureStats> temp_stats;
+  std::vector<batteryStats> battery_stats;     // the machine's own batteries
+  std::vector<batteryStats> device_batteries;  // peripherals' batteries (scope Device): mouse, keyboard
   bool operator==(const SampleSet&) const = default;
 };
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "sampling/battery_collector.h"
 #include "sampling/core_clusters.h"
 #include "sampling/disk_collector.h"
 #include "sampling/fan_collector.h"
@@ -11,6 +12,7 @@
 #include "sampling/memory_collector.h"
 #include "sampling/network_collector.h"
 #include "sampling/power_metrics.h"
+#include "sampling/temperature_collector.h"
 #include "support/logger.h"
 #include "support/main_queue.h"
 #include "support/thread_policy.h"
@@ -179,6 +181,10 @@ void SystemStats::collectLocked() {
   m_power_stats.cpu = 0;
   m_power_stats.gpu = 0;
   m_fan_stats = FanCollector::read(m_root);
+  m_temp_stats = TemperatureCollector::read(m_root);
+  auto batteries = BatteryCollector::read(m_root);
+  m_battery_stats = std::move(batteries.system);
+  m_device_batteries = std::move(batteries.devices);
 }
 
 void SystemStats::collectCpuLocked() {
@@ -197,7 +203,7 @@ void SystemStats::notifyClients() {
 
 SampleSet SystemStats::snapshotLocked() const {
   return SampleSet{m_cpu_stats, m_dsk_stats, m_gfx_cards, m_mem_stats, m_io_stats,
-                   m_proc_stats, m_net_stats, m_load_avg, m_power_stats, m_fan_stats};
+                   m_proc_stats, m_net_stats, m_load_avg, m_power_stats, m_fan_stats, m_temp_stats, m_battery_stats, m_device_batteries};
 }
 
 SampleSet SystemStats::snapshot() {

@@ -39,6 +39,8 @@ class SystemStats : public std::enable_shared_from_this<SystemStats> {
   using loadAverage = pelmora::loadAverage;
   using powerStats = pelmora::powerStats;
   using fanStats = pelmora::fanStats;
+  using temperatureStats = pelmora::temperatureStats;
+  using batteryStats = pelmora::batteryStats;
   // Called on the timer thread with m_mutex held; it may take the process table's lock.
   using ProcessCensusProvider = std::function<ProcessCensus()>;
 
@@ -111,6 +113,9 @@ class SystemStats : public std::enable_shared_from_this<SystemStats> {
   loadAverage m_load_avg;
   powerStats m_power_stats;
   std::vector<fanStats> m_fan_stats;
+  std::vector<temperatureStats> m_temp_stats;
+  std::vector<batteryStats> m_battery_stats;
+  std::vector<batteryStats> m_device_batteries;
   std::shared_ptr<FrequencySource> m_powermetrics;
   Timeval m_sample_time;
   std::vector<std::string> m_cpu_types;
