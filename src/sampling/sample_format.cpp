@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <iterator>
 
+#include "sampling/temperature_collector.h"
+
 namespace pelmora {
 namespace {
 
@@ -68,7 +70,39 @@ std::string fanPart(const SampleSet& current) {
   return out;
 }
 
+// The sensors a graph shows by default; nothing on a machine without them.
+std::string temperaturePart(const SampleSet& current) {
+  std::string out;
+  for (size_t i : TemperatureCollector::defaultChoice(current.temp_stats)) {
+    const auto& sensor = current.temp_stats[i];
+    out += (out.empty() ? " | temp " : ", ") + sensor.name + " " + SampleFormat::celsius(sensor.temp_mC);
+  }
+  return out;
+}
+
+std::string batteryPart(const SampleSet& current) {
+  std::string out;
+  for (const auto& battery : current.battery_stats) {
+    out += " | " + battery.name + printf_string(" %.0f%% ", battery.charge_pct) + battery.status;
+    if (battery.power_w > 0) out += printf_string(" %.1f W", battery.power_w);
+    if (battery.time_to_empty_s > 0) out += " " + SampleFormat::duration(battery.time_to_empty_s) + " to empty";
+    if (battery.time_to_full_s > 0) out += " " + SampleFormat::duration(battery.time_to_full_s) + " to full";
+  }
+  for (const auto& battery : current.device_batteries)
+    out += " | " + (battery.model.empty() ? battery.name : battery.model) + printf_string(" %.0f%%", battery.charge_pct);
+  return out;
+}
+
 }  // namespace
+
+std::string SampleFormat::celsius(int64_t mC) { return printf_string("%.1f \u00b0C", static_cast<double>(mC) / 1000.0); }
+
+std::string SampleFormat::duration(int64_t seconds) {
+  const int64_t minutes = (seconds + 30) / 60;
+  char text[32];
+  std::snprintf(text, sizeof text, "%" PRId64 ":%02" PRId64, minutes / 60, minutes % 60);
+  return text;
+}
 
 std::vector<std::optional<double>> SampleFormat::cpuBusyPercent(const std::vector<cpu_sample_t>& previous,
                                                                 const std::vector<cpu_sample_t>& current) {
@@ -118,6 +152,8 @@ std::string SampleFormat::line(const SampleSet* previous, const SampleSet& curre
                 current.power_stats.total);
   out += tail;
   out += fanPart(current);
+  out += temperaturePart(current);
+  out += batteryPart(current);
   return out;
 }
 
@@ -141,6 +177,16 @@ nlohmann::ordered_json SampleFormat::toJson(const SampleSet& s) {
     nets.push_back({{"intf", n.intf}, {"stats", {{"bytes_in", n.stats.bytes_in}, {"bytes_out", n.stats.bytes_out}}}});
   for (const auto& f : s.fan_stats)
     fans.push_back({{"forced", f.forced}, {"speed", f.speed}, {"max", f.max}, {"min", f.min}});
+  json temps = json::array(), batteries = json::array(), devices = json::array();
+  for (const auto& t : s.temp_stats)
+    temps.push_back({{"name", t.name}, {"kind", t.kind}, {"temp_mC", t.temp_mC}, {"crit_mC", t.crit_mC}, {"max_mC", t.max_mC}});
+  auto battery = [](const batteryStats& b) {
+    return json{{"name", b.name}, {"model", b.model}, {"status", b.status}, {"charge_pct", b.charge_pct},
+                {"power_w", b.power_w}, {"time_to_empty_s", b.time_to_empty_s}, {"time_to_full_s", b.time_to_full_s},
+                {"health_pct", b.health_pct}, {"cycle_count", b.cycle_count}};
+  };
+  for (const auto& b : s.battery_stats) batteries.push_back(battery(b));
+  for (const auto& b : s.device_batteries) devices.push_back(battery(b));
   const auto& m = s.mem_stats;
   const auto& p = s.proc_stats;
   return json{{"cpu_stats", cpus},
@@ -153,7 +199,10 @@ nlohmann::ordered_json SampleFormat::toJson(const SampleSet& s) {
               {"net_stats", nets},
               {"load_avg", {{"oneMin", s.load_avg.oneMin}, {"fiveMin", s.load_avg.fiveMin}, {"fifteenMin", s.load_avg.fifteenMin}}},
               {"power_stats", {{"total", s.power_stats.total}, {"cpu", s.power_stats.cpu}, {"gpu", s.power_stats.gpu}}},
-              {"fan_stats", fans}};
+              {"fan_stats", fans},
+              {"temp_stats", temps},
+              {"battery_stats", batteries},
+              {"device_batteries", devices}};
 }
 
 }  // namespace pelmora

@@ -22,6 +22,10 @@ struct SampleFormat {
   static double ratePerSecond(int64_t previous, int64_t current, int64_t interval_us);
   // 1536 -> "1.5 KiB"; below 1024 whole bytes ("512 B").
   static std::string bytes(double value);
+  // 52000 -> "52.0 °C".
+  static std::string celsius(int64_t mC);
+  // Whole minutes as hours:minutes: 12266 -> "3:24".
+  static std::string duration(int64_t seconds);
   // One line; without a previous sample (or interval) the rates read "--".
   static std::string line(const SampleSet* previous, const SampleSet& current, int64_t interval_us,
                           int64_t page_size_bytes, int64_t memory_total_bytes);

@@ -114,7 +114,8 @@ TEST(SampleFormat, JsonHoldsTheWholeSampleInItsOrder) {
   std::vector<std::string> keys;
   for (const auto& item : json.items()) keys.push_back(item.key());
   EXPECT_EQ(keys, (std::vector<std::string>{"cpu_stats", "dsk_stats", "gfx_cards", "mem_stats", "io_stats", "proc_stats",
-                                            "net_stats", "load_avg", "power_stats", "fan_stats"}));
+                                            "net_stats", "load_avg", "power_stats", "fan_stats", "temp_stats",
+                                            "battery_stats", "device_batteries"}));
   EXPECT_EQ(json["cpu_stats"][0]["totalIdleTime"], 60);
   EXPECT_EQ(json["dsk_stats"][0]["stats"]["bytes_read"], 3072);
   EXPECT_EQ(json["dsk_stats"][0]["name"], "ATA X");
@@ -124,6 +125,33 @@ TEST(SampleFormat, JsonHoldsTheWholeSampleInItsOrder) {
   EXPECT_EQ(json["load_avg"]["fifteenMin"], 0.125);
   EXPECT_EQ(json["fan_stats"][0]["forced"], true);
   EXPECT_EQ(json["fan_stats"][0]["min"], 800);
+}
+
+TEST(SampleFormat, TemperaturesAndBatteriesWhereTheMachineHasThem) {
+  auto sample = sampleAt(1);
+  const std::string without = SampleFormat::line(nullptr, sample, 0, 4096, 4 << 20);
+  EXPECT_EQ(without.find("temp"), std::string::npos) << without;
+  sample.temp_stats = {{"acpitz", "other", 45000, 0, 0},
+                       {"coretemp Package id 0", "cpu", 52000, 100000, 80000},
+                       {"nvme Composite", "disk", 38850, 84850, 81850}};
+  sample.battery_stats = {{"BAT0", "5B10W13930", "discharging", 63.0, 9.8, 12266, 0, 92.98, 187}};
+  sample.device_batteries = {{"hidpp_battery_0", "MX Master 3", "discharging", 80.0, 0.0, 0, 0, 0.0, 0}};
+  const std::string text = SampleFormat::line(nullptr, sample, 0, 4096, 4 << 20);
+  EXPECT_NE(text.find(" | temp coretemp Package id 0 52.0 \u00b0C, nvme Composite 38.9 \u00b0C | "
+                      "BAT0 63% discharging 9.8 W 3:24 to empty | MX Master 3 80%"),
+            std::string::npos)
+      << text;
+  const auto json = SampleFormat::toJson(sample);
+  EXPECT_EQ(json["temp_stats"][1]["crit_mC"], 100000);
+  EXPECT_EQ(json["battery_stats"][0]["time_to_empty_s"], 12266);
+  EXPECT_EQ(json["device_batteries"][0]["model"], "MX Master 3");
+}
+
+TEST(SampleFormat, DurationsInHoursAndRoundedMinutes) {
+  EXPECT_EQ(SampleFormat::duration(0), "0:00");
+  EXPECT_EQ(SampleFormat::duration(12266), "3:24");
+  EXPECT_EQ(SampleFormat::duration(3599), "1:00");
+  EXPECT_EQ(SampleFormat::duration(36000), "10:00");
 }
 
 }  // namespace
