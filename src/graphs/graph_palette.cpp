@@ -66,6 +66,8 @@ const char* GraphPalette::key(GraphClass graph) {
     case GraphClass::proc: return "proc_colors";
     case GraphClass::power: return "power_colors";
     case GraphClass::fan: return "fan_colors";
+    case GraphClass::temp: return "temp_colors";
+    case GraphClass::battery: return "battery_colors";
   }
   return "";
 }
@@ -82,6 +84,8 @@ std::vector<GraphColor> GraphPalette::defaults(GraphClass graph) {
     case GraphClass::proc: return {blue, green, orange, red};
     case GraphClass::power: return {blue, green, red};
     case GraphClass::fan: return {blue, red, green};
+    case GraphClass::temp: return {red, purple, blue};  // processor, GPU, disk
+    case GraphClass::battery: return {green, orange};    // charge, rate
   }
   return {};
 }

@@ -1,5 +1,5 @@
 #pragma once
-// The series colours of the nine graph classes. Colours are per class, not per view: one shared array
+// The series colours of the graph classes. Colours are per class, not per view: one shared array
 // for each class, read from the settings under the class's key and written back when the user picks
 // a new colour in a legend. Stored as "#RRGGBBAA" strings. Main thread only.
 #include <array>
@@ -34,10 +34,10 @@ std::optional<GraphColor> colorFromText(std::string_view text);
 // The fill under a series: the series colour made more transparent by the factor (0...1).
 GraphColor adjustColourAndAlpha(const GraphColor& color, double factor);
 
-enum class GraphClass { cpu, mem, gfx, io, net, load, proc, power, fan };
-inline constexpr std::array<GraphClass, 9> kAllGraphClasses = {
-    GraphClass::cpu, GraphClass::mem,  GraphClass::gfx,   GraphClass::io, GraphClass::net,
-    GraphClass::load, GraphClass::proc, GraphClass::power, GraphClass::fan};
+enum class GraphClass { cpu, mem, gfx, io, net, load, proc, power, fan, temp, battery };
+inline constexpr std::array<GraphClass, 11> kAllGraphClasses = {
+    GraphClass::cpu,  GraphClass::mem,  GraphClass::gfx,   GraphClass::io,  GraphClass::net,  GraphClass::load,
+    GraphClass::proc, GraphClass::power, GraphClass::fan, GraphClass::temp, GraphClass::battery};
 
 class GraphPalette {
  public:

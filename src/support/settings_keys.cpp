@@ -43,7 +43,7 @@ std::vector<SettingKey> buildTable() {
   for (const char* font : {"process_table_font", "openfiles_font", "graph_label_font"})
     t.push_back({font, SettingType::font, nullptr});
   for (const char* colours : {"cpu_colors", "mem_colors", "io_colors", "net_colors", "gfx_colors", "fan_colors",
-                              "loadavg_colors", "power_colors", "proc_colors"})
+                              "loadavg_colors", "power_colors", "proc_colors", "temp_colors", "battery_colors"})
     t.push_back({colours, SettingType::colours, nullptr});
   return t;
 }

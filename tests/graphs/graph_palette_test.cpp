@@ -36,17 +36,19 @@ TEST(GraphColors, TextRoundTripAndRejects) {
   EXPECT_EQ(adjustColourAndAlpha({10, 20, 30, 200}, 0.75), (GraphColor{10, 20, 30, 50}));
 }
 
-TEST(GraphColors, NineClassesWithTheirKeysAndSeriesCounts) {
+TEST(GraphColors, EveryClassWithItsKeyAndSeriesCount) {
   const std::pair<GraphClass, size_t> series[] = {
       {GraphClass::cpu, 2}, {GraphClass::mem, 3},  {GraphClass::gfx, 2},   {GraphClass::io, 2}, {GraphClass::net, 4},
-      {GraphClass::load, 3}, {GraphClass::proc, 4}, {GraphClass::power, 3}, {GraphClass::fan, 3}};
+      {GraphClass::load, 3}, {GraphClass::proc, 4}, {GraphClass::power, 3}, {GraphClass::fan, 3},
+      {GraphClass::temp, 3}, {GraphClass::battery, 2}};
   std::set<std::string> keys;
   for (auto [graph, count] : series) {
     EXPECT_EQ(GraphPalette::defaults(graph).size(), count) << GraphPalette::key(graph);
     keys.insert(GraphPalette::key(graph));
   }
   EXPECT_EQ(keys, (std::set<std::string>{"cpu_colors", "mem_colors", "gfx_colors", "io_colors", "net_colors",
-                                         "loadavg_colors", "proc_colors", "power_colors", "fan_colors"}));
+                                         "loadavg_colors", "proc_colors", "power_colors", "fan_colors",
+                                         "temp_colors", "battery_colors"}));
   EXPECT_EQ(GraphPalette::defaults(GraphClass::cpu),
             (std::vector<GraphColor>{system_colors::green, system_colors::red}));
 }

@@ -19,6 +19,7 @@
 
 #include "graphs/views/graph_legend.h"
 #include "graphs/views/graph_popover.h"
+#include "graphs/views/graph_view_battery.h"
 #include "graphs/views/graph_view_cpu.h"
 #include "graphs/views/graph_view_fan.h"
 #include "graphs/views/graph_view_gfx.h"
@@ -28,6 +29,7 @@
 #include "graphs/views/graph_view_net.h"
 #include "graphs/views/graph_view_power.h"
 #include "graphs/views/graph_view_proc.h"
+#include "graphs/views/graph_view_temperature.h"
 #include "graphs/views/preferences_graph.h"
 #include "graphs/views/text_display.h"
 #include "support/default_settings.h"
@@ -341,6 +343,37 @@ TEST_F(GraphWidgetTest, PreferencesPaneDefaultsDependentControlsAndRestore) {
   EXPECT_EQ(GraphPalette::colors(GraphClass::power), GraphPalette::defaults(GraphClass::power));
   for (GraphClass g : kAllGraphClasses) EXPECT_TRUE(store->contains(GraphPalette::key(g)));
   EXPECT_EQ(store->loadInt("graph_time_grid", 0), 60);
+}
+
+TEST_F(GraphWidgetTest, TemperatureLinesWithTheirCriticalMarksAndTheBatteryState) {
+  GraphViewTemperature temp;
+  temp.resize(100, 50);
+  temp.setLabel("L");
+  std::vector<std::vector<temperatureStats>> history(60, {{"coretemp Package id 0", "cpu", 55000, 100000, 80000},
+                                                          {"nvme Composite", "disk", 44000, 0, 0}});
+  temp.update(history);
+  EXPECT_EQ(temp.labelText().toStdString(),
+            "L\ncoretemp Package id 0: 55.0 \u00b0C (critical 100)\nnvme Composite: 44.0 \u00b0C");
+  const QImage image = temp.grab().toImage();
+  // Scale 110 °C, H - 1 = 49: the processor's 100 °C mark lies 5.5 rows below the top, dashed in its red.
+  int red_in_mark_rows = 0;
+  for (int x = 0; x < 100; ++x)
+    for (int y : {5, 6})
+      if (near(image.pixelColor(x, y), toQColor(system_colors::red), 40)) ++red_in_mark_rows;
+  EXPECT_GT(red_in_mark_rows, 30);
+  EXPECT_LT(red_in_mark_rows, 200);  // dashed, not a solid band
+  // The disk line at 44 / 110 of the height in its blue; no mark where the disk has no limit.
+  EXPECT_TRUE(near(image.pixelColor(95, 50 - 20), toQColor(system_colors::blue), 60))
+      << image.pixelColor(95, 30).name().toStdString();
+
+  GraphViewBattery battery;
+  battery.resize(100, 50);
+  battery.setLabel("L");
+  battery.update({{"BAT0", "", "discharging", 63.0, 9.8, 12266, 0, 92.98, 187}});
+  EXPECT_EQ(battery.labelText().toStdString(), "L\n63% discharging  9.8 W\nEmpty in 3:24\nHealth: 93%");
+  GraphSwitches::current().show_current = false;
+  EXPECT_EQ(temp.labelText(), "L");
+  EXPECT_EQ(battery.labelText(), "L");
 }
 
 }  // namespace

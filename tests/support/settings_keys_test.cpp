@@ -48,7 +48,7 @@ const nlohmann::json kExpected = {
     {"process_table_font", nullptr}, {"openfiles_font", nullptr}, {"graph_label_font", nullptr},
     {"cpu_colors", nullptr}, {"mem_colors", nullptr}, {"io_colors", nullptr}, {"net_colors", nullptr},
     {"gfx_colors", nullptr}, {"fan_colors", nullptr}, {"loadavg_colors", nullptr}, {"power_colors", nullptr},
-    {"proc_colors", nullptr},
+    {"proc_colors", nullptr}, {"temp_colors", nullptr}, {"battery_colors", nullptr},
 };
 
 TEST(SettingsKeys, AFreshStoreYieldsExactlyTheDefaults) {
