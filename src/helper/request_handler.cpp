@@ -9,6 +9,8 @@
 #include <cstring>
 
 #include "helper/frequency_sampler.h"
+#include "helper/nettop_child.h"
+#include "support/paths.h"
 #include "helper/pidfd.h"
 #include "support/xpc_codec.h"
 #include "support/text.h"
@@ -77,6 +79,7 @@ const RequestHandler::Route RequestHandler::kRoutes[] = {
     {"pidname", &RequestHandler::pidName},
     {"pidfiles", &RequestHandler::pidFiles},
     {"powermetrics", &RequestHandler::powerMetrics},
+    {"nettop", &RequestHandler::nettop},
     {"applyboot", &RequestHandler::applyBoot},
     {"authorize", &RequestHandler::authorize},
     {"deauthorize", &RequestHandler::deauthorize},
@@ -340,6 +343,22 @@ XPCDict RequestHandler::powerMetrics(const XPCDict& request, Connection& caller)
   ChildRegistry::Slot slot = m_children.reserve(caller, ChildKind::kPowerMetrics, &error);
   if (!slot) return {{"result", int64_t{1} + EAGAIN}, {"error", error}};
   auto started = FrequencySampler(m_options.root).start(*interval_ms);
+  if (started.error) return {{"result", int64_t{1} + started.error}, {"error", started.error_text}};
+  slot.hold(std::move(started.pidfd));
+  return {{"result", int64_t{1}},
+          {"pid", int64_t{started.pid}},
+          {"fd", XPCValue::descriptor(std::move(started.output))}};
+}
+
+// Only for authorised connections: the tool runs as root and reports every user's traffic.
+XPCDict RequestHandler::nettop(const XPCDict&, Connection& caller) {
+  if (auto why = needAdmin(caller)) return {{"result", int64_t{1} + EPERM}, {"error", *why}};
+  std::string error;
+  ChildRegistry::Slot slot = m_children.reserve(caller, ChildKind::kNettop, &error);
+  if (!slot) return {{"result", int64_t{1} + EAGAIN}, {"error", error}};
+  const std::string program =
+      m_options.nettop_program.empty() ? paths::siblingProgram("pelmora-nettop", "nettop") : m_options.nettop_program;
+  auto started = startNettopChild(program);
   if (started.error) return {{"result", int64_t{1} + started.error}, {"error", started.error_text}};
   slot.hold(std::move(started.pidfd));
   return {{"result", int64_t{1}},

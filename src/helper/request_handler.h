@@ -37,6 +37,8 @@ struct HelperOptions {
   bool privileged = true;
   // The process that must never be signalled or reniced through this handler.
   pid_t self_pid = ::getpid();
+  // The program behind "nettop"; empty: pelmora-nettop beside the daemon or in the libexec folder.
+  std::string nettop_program;
 };
 
 class RequestHandler {
@@ -73,6 +75,7 @@ class RequestHandler {
   XPCDict pidName(const XPCDict& request, Connection& caller);
   XPCDict pidFiles(const XPCDict& request, Connection& caller);
   XPCDict powerMetrics(const XPCDict& request, Connection& caller);
+  XPCDict nettop(const XPCDict& request, Connection& caller);
   XPCDict applyBoot(const XPCDict& request, Connection& caller);
   XPCDict authorize(const XPCDict& request, Connection& caller);
   XPCDict deauthorize(const XPCDict& request, Connection& caller);

@@ -180,6 +180,13 @@ Pelmora::PowerMetricsResult Pelmora::powerMetrics(int sample_interval_ms) {
   return result;
 }
 
+Pelmora::NettopResult Pelmora::nettop() {
+  NettopResult result;
+  send([](XPCDict& r) { r["nettop"] = "nettop"; },
+       [&](const XPCDict& reply) { result = checkPowerMetricsReply(reply); });
+  return result;
+}
+
 void Pelmora::applyBoot(bool install, const std::optional<BootControls>& controls) {
   applyBoot(install, controls, BootLocations::standard());
 }

@@ -47,6 +47,10 @@ class Pelmora {
   // status 0 is success; pid -1 and an invalid fd (the read end of the tool's output) on failure.
   using PowerMetricsResult = PowerMetricsReply;
   PowerMetricsResult powerMetrics(int sample_interval_ms);
+  // "nettop" (authorised connections only): the pid of a pelmora-nettop the daemon runs as root and
+  // the read end of its output, in the same shape; closing the read end ends that tool.
+  using NettopResult = PowerMetricsReply;
+  NettopResult nettop();
 
   // Installs or removes the boot-time apply. Without controls (no settings window) it stops silently.
   void applyBoot(bool install, const std::optional<BootControls>& controls);

@@ -12,6 +12,7 @@
 #include "support/default_settings.h"
 #include "support/execute.h"
 #include "support/logger.h"
+#include "support/paths.h"
 #include "support/thread_policy.h"
 #include "support/timer_queue.h"
 
@@ -21,16 +22,13 @@ namespace {
 constexpr const char* kTimerLabel = "net.tandrel.pelmora.timer";
 constexpr const char* kPrefsListener = "net.tandrel.pelmora.prefschanged.CPULimiter";
 
+constexpr const char* kAuthChangedBroadcast = "net.tandrel.pelmora.authchanged";
+constexpr const char* kAuthListener = "net.tandrel.pelmora.authchanged.CPULimiter";
+
 std::string findNettop(const std::string& configured) {
   if (!configured.empty()) return configured;
   if (const char* env = std::getenv("PELMORA_NETTOP"); env && *env) return env;
-  std::error_code ec;
-  const auto self = std::filesystem::read_symlink("/proc/self/exe", ec).parent_path();
-  for (const auto& candidate : {self / "pelmora-nettop", self / "../nettop/pelmora-nettop",
-                                std::filesystem::path(PELMORA_LIBEXEC_DIR) / "pelmora-nettop"}) {
-    if (::access(candidate.c_str(), X_OK) == 0) return candidate.lexically_normal().string();
-  }
-  return {};
+  return paths::siblingProgram("pelmora-nettop", "nettop");
 }
 
 }  // namespace
@@ -75,7 +73,10 @@ CPULimiter::CPULimiter(Pelmora& helper, SysRoot root, DefaultSettings& settings,
 }
 
 CPULimiter::~CPULimiter() {
-  if (m_listening) RemoveListener(kPrefsChangedBroadcast, kPrefsListener);
+  if (m_listening) {
+    RemoveListener(kPrefsChangedBroadcast, kPrefsListener);
+    RemoveListener(kAuthChangedBroadcast, kAuthListener);
+  }
   stop();
   m_timer->stop();
   // Nobody is left to continue them: never leave a process stopped behind us.
@@ -86,6 +87,8 @@ bool CPULimiter::start() {
   // stop() ends only the network tool, so at wake the timer may still run: start what stop ended.
   if (!m_timer->start(QoS::userInteractive) && !m_timer->running()) return false;
   AddListener(kPrefsChangedBroadcast, kPrefsListener, [this](const std::string&) { loadPIDSettings(); });
+  // Authorised, the daemon's root tool sees every process's sockets; without, our own sees ours.
+  AddListener(kAuthChangedBroadcast, kAuthListener, [this](const std::string&) { restartNettop(); });
   m_listening = true;
   loadPIDSettings();
   m_timer->setQoS(QoS::userInteractive);
@@ -99,17 +102,43 @@ void CPULimiter::startNettop() {
     if (m_nettop) return;
     m_nettop_buffer.clear();
   }
-  const std::string path = findNettop(m_options.nettop_path);
-  if (path.empty()) {
-    Log("pelmora-nettop not found; network rates stay 0.");
-    return;
-  }
-  // Started outside the lock and from this (ordinary) thread: a deadline thread may not fork.
-  auto child = Execute::readPipe(path, QoS::utility, {}, {}, [this](std::string_view chunk) {
+  Execute::Reader reader = [this](std::string_view chunk) {
     if (!chunk.empty()) handleNettopChunk(chunk);
-  });
+  };
+  std::unique_ptr<Execute> child;
+  // Via the helper exactly when authorised: its tool runs as root and sees every process.
+  if (m_helper.authorised()) {
+    auto reply = m_helper.nettop();
+    if (reply.status == 0 && reply.fd)
+      child = Execute::readFd(std::move(reply.fd), reader);
+    else
+      Log("The helper did not start pelmora-nettop; network rates cover this user's processes only.");
+  }
+  if (!child) {
+    const std::string path = findNettop(m_options.nettop_path);
+    if (path.empty()) {
+      Log("pelmora-nettop not found; network rates stay 0.");
+      return;
+    }
+    // Started outside the lock and from this (ordinary) thread: a deadline thread may not fork.
+    child = Execute::readPipe(path, QoS::utility, {}, {}, reader);
+  }
   MutexLock lock(m_mutex);
   if (!m_nettop) m_nettop = std::move(child);
+}
+
+void CPULimiter::restartNettop() {
+  {
+    MutexLock lock(m_mutex);
+    if (!m_nettop) return;  // stopped (asleep, quitting): start() brings it back
+  }
+  stop();
+  {
+    // The new tool counts from zero: its processes start afresh.
+    MutexLock lock(m_mutex);
+    m_netuse.clear();
+  }
+  startNettop();
 }
 
 void CPULimiter::stop() {
@@ -126,6 +155,7 @@ void CPULimiter::stop() {
 void CPULimiter::stopTimer() {
   if (m_listening) {
     RemoveListener(kPrefsChangedBroadcast, kPrefsListener);
+    RemoveListener(kAuthChangedBroadcast, kAuthListener);
     m_listening = false;
   }
   m_timer->stop();

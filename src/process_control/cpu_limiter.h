@@ -134,6 +134,7 @@ class CPULimiter {
   int64_t tickIntervalLocked() const;
   bool due(const Timeval& last, int64_t interval_ms, const Timeval& now) const;
   void startNettop();
+  void restartNettop();
   void saveProcessesIntervalLocked();
   void setTimerSlackLocked();
   // cpu_limiter_refresh.cpp

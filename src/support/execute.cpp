@@ -86,6 +86,13 @@ std::unique_ptr<Execute> Execute::readPipe(const std::string& path, QoS qos, con
   return exe;
 }
 
+std::unique_ptr<Execute> Execute::readFd(UniqueFd fd, Reader reader) {
+  if (!fd) return nullptr;
+  auto exe = std::unique_ptr<Execute>(new Execute(-1, fd.release(), std::move(reader)));
+  exe->m_thread = std::thread([raw = exe.get()] { raw->readLoop(); });
+  return exe;
+}
+
 Execute::Execute(pid_t pid, int read_fd, Reader reader) : m_pid(pid), m_read_fd(read_fd), m_reader(std::move(reader)) {
   int wake[2];
   if (::pipe2(wake, O_CLOEXEC) == 0) {

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "support/thread_policy.h"
+#include "support/unique_fd.h"
 
 namespace pelmora {
 
@@ -29,10 +30,14 @@ class Execute {
   static std::unique_ptr<Execute> readPipe(const std::string& path, QoS qos, const std::vector<std::string>& args,
                                            const std::map<std::string, std::string>& env_overrides,
                                            Reader reader);
+  // Reads an output pipe whose writer is not our child (the daemon's tool, started for us): closing
+  // the read end, as terminate() does, is how that tool learns to end. None without a descriptor.
+  static std::unique_ptr<Execute> readFd(UniqueFd fd, Reader reader);
   ~Execute();
   Execute(const Execute&) = delete;
   Execute& operator=(const Execute&) = delete;
 
+  // -1 for readFd().
   pid_t pid() const { return m_pid; }
   // Ends the child and waits for it and the reader. Safe to call more than once.
   void terminate();

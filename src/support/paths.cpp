@@ -45,4 +45,14 @@ std::filesystem::path resourcesDir() {
   return PELMORA_SOURCE_RESOURCES;
 }
 
+std::string siblingProgram(const std::string& name, const std::string& build_folder) {
+  std::error_code ec;
+  const auto self = std::filesystem::read_symlink("/proc/self/exe", ec).parent_path();
+  for (const auto& candidate : {self / name, self / ".." / build_folder / name,
+                                std::filesystem::path(PELMORA_LIBEXEC_DIR) / name}) {
+    if (::access(candidate.c_str(), X_OK) == 0) return candidate.lexically_normal().string();
+  }
+  return {};
+}
+
 }  // namespace pelmora::paths

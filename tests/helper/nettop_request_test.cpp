@@ -1,0 +1,99 @@
+// The "nettop" request on the real daemon: an authorised connection gets the read end of a root
+// pelmora-nettop that reports another user's traffic; nobody else gets one; the tool ends when the
+// reader closes its end.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include "daemon_harness.h"
+#include "helper/pidfd.h"
+
+namespace pelmora::testing {
+namespace {
+
+XPCDict nettopRequest() { return {{"nettop", "nettop"}}; }
+
+// Lines of the tool's output until one says `pid` sent `bytes` (none after the patience).
+bool reportsSent(int fd, pid_t pid, uint64_t bytes) {
+  const std::string label = "." + std::to_string(pid) + ",,,";
+  std::string text;
+  char buffer[4096];
+  for (int polls = 0; polls < 100; ++polls) {
+    pollfd p{fd, POLLIN, 0};
+    if (::poll(&p, 1, 200) <= 0) continue;
+    const ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n <= 0) return false;
+    text.append(buffer, static_cast<size_t>(n));
+    for (size_t nl; (nl = text.find('\n')) != std::string::npos; text.erase(0, nl + 1)) {
+      const std::string line = text.substr(0, nl);
+      const auto at = line.find(label);
+      if (at != std::string::npos && line.substr(line.rfind(',') + 1) == std::to_string(bytes)) return true;
+    }
+  }
+  return false;
+}
+
+// A process of user nobody that moves `bytes` over a loopback pair of its own, then waits to be killed.
+pid_t nobodyTalking(size_t bytes) {
+  const pid_t pid = ::fork();
+  if (pid != 0) return pid;
+  if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(1);
+  const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof a;
+  ::bind(listener, reinterpret_cast<sockaddr*>(&a), sizeof a);
+  ::listen(listener, 1);
+  ::getsockname(listener, reinterpret_cast<sockaddr*>(&a), &len);
+  const int client = ::socket(AF_INET, SOCK_STREAM, 0);
+  ::connect(client, reinterpret_cast<sockaddr*>(&a), sizeof a);
+  const int server = ::accept(listener, nullptr, nullptr);
+  std::string data(bytes, 'n');
+  if (::write(client, data.data(), bytes) != static_cast<ssize_t>(bytes)) ::_exit(1);
+  for (size_t got = 0; got < bytes;) {
+    const ssize_t n = ::read(server, data.data(), bytes);
+    if (n <= 0) ::_exit(1);
+    got += static_cast<size_t>(n);
+  }
+  for (;;) ::pause();
+}
+
+using NettopRequest = HelperDaemonTest;
+
+TEST_F(NettopRequest, OnlyAnAuthorisedConnectionGetsTheRootTool) {
+  EXPECT_EQ(asNobody([&] {
+              const XPCDict r = SocketTransport(s_daemon->socket()).exchange(nettopRequest()).value_or(XPCDict{});
+              if (xpcInt(r, "result").value_or(1) == 1) return std::string("nobody was given the tool");
+              if (xpcHas(r, "fd") || xpcHas(r, "pid")) return std::string("a refusal carried a descriptor");
+              const std::string* error = xpcString(r, "error");
+              return error && error->find("not authorised") != std::string::npos ? std::string()
+                                                                                  : std::string("no reason given");
+            }),
+            "");
+  EXPECT_EQ(s_daemon->liveChildren(), 0u);
+}
+
+TEST_F(NettopRequest, AnAuthorisedReaderSeesAnotherUsersTrafficAndTheToolEndsWithTheReader) {
+  const pid_t talker = nobodyTalking(4321);
+  SocketTransport root(s_daemon->socket());  // uid 0: authorised from the start
+  const XPCDict reply = root.exchange(nettopRequest()).value_or(XPCDict{});
+  ASSERT_EQ(xpcInt(reply, "result"), 1) << (xpcString(reply, "error") ? *xpcString(reply, "error") : "");
+  const XPCDescriptor* fd = xpcDescriptor(reply, "fd");
+  const pid_t tool = static_cast<pid_t>(xpcInt(reply, "pid").value_or(-1));
+  ASSERT_TRUE(fd && fd->get() >= 0);
+  ASSERT_GT(tool, 1);
+  EXPECT_TRUE(reportsSent(fd->get(), talker, 4321)) << "nobody's 4321 bytes never showed";
+  ::kill(talker, SIGKILL);
+  ::waitpid(talker, nullptr, 0);
+
+  UniqueFd watch = pidfdOpen(tool);
+  fd->fd->reset();  // the reader goes; the connection stays open
+  pollfd p{watch.get(), POLLIN, 0};
+  EXPECT_EQ(::poll(&p, 1, 20'000), 1) << "the root tool outlived its reader";
+  EXPECT_TRUE(eventually([] { return s_daemon->liveChildren() == 0; }));
+}
+
+}  // namespace
+}  // namespace pelmora::testing
