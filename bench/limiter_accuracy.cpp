@@ -4,7 +4,9 @@
 // adjuster (both in-process, as without a daemon), Debian's cpulimit, and the kernel's CFS quota
 // when a cpu cgroup is writable. Achieved share = the child's processor time over the run's wall
 // time; cost = the limiter's own processor time over the same time, in % of one processor.
-//   bench_limiter_accuracy [--seconds N]
+// A last table runs `pelmora limit` as a whole process beside cpulimit, with M extra sleeping
+// processes on the machine (default 1000): its cost counts the process and all its children.
+//   bench_limiter_accuracy [--seconds N] [--extra M]
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
@@ -27,6 +29,7 @@
 #include "helper_link/pelmora.h"
 #include "process_control/cpu_limiter.h"
 #include "support/default_settings.h"
+#include "support/sys_root.h"
 #include "support/text.h"
 
 extern char** environ;
@@ -87,7 +90,30 @@ struct Result {
   double cost = -1;   // fraction of one processor; negative: not measurable
 };
 
-enum class Kind { proportional, pid, cpulimit, cfs };
+// A process's processor time plus that of all its descendants, in seconds.
+double treeCpuSeconds(pid_t pid) {
+  double total = cpuSeconds(pid);
+  const std::string task = "/proc/" + std::to_string(pid) + "/task/";
+  for (const auto& tid : SysRoot::listDir(task)) {
+    for (auto child : splitWhitespace(SysRoot::readFile(task + tid + "/children").value_or("")))
+      if (auto c = parseInt64(child)) total += treeCpuSeconds(static_cast<pid_t>(*c));
+  }
+  return total;
+}
+
+std::vector<pid_t> sleepers(int count) {
+  std::vector<pid_t> pids;
+  for (int i = 0; i < count; ++i) {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+      for (;;) ::pause();
+    }
+    if (pid > 0) pids.push_back(pid);
+  }
+  return pids;
+}
+
+enum class Kind { proportional, pid, cpulimit, cfs, cli };
 
 class Bench {
  public:
@@ -119,6 +145,7 @@ class Bench {
       case Kind::proportional:
       case Kind::pid: r = ours(child, share, kind == Kind::pid); break;
       case Kind::cpulimit: r = cpulimit(child, share); break;
+      case Kind::cli: r = cli(child, share); break;
       case Kind::cfs: r = cfs(child, share); break;
     }
     end(child);
@@ -159,16 +186,33 @@ class Bench {
   }
 
   Result cpulimit(pid_t child, double share) {
+    return external({"cpulimit", "-p", std::to_string(child), "-l", percentText(share)}, child);
+  }
+
+  // `pelmora limit` served in-process (no daemon), as a user without one runs it.
+  Result cli(pid_t child, double share) {
+    ::setenv("PELMORA_HELPER_SOCKET", (m_dir / "no-daemon.sock").c_str(), 1);
+    ::setenv("XDG_STATE_HOME", m_dir.c_str(), 1);
+    return external({PELMORA_CLI_BINARY, "limit", std::to_string(child), percentText(share)}, child);
+  }
+
+  static std::string percentText(double share) {
     char percent[16];
     std::snprintf(percent, sizeof percent, "%d", static_cast<int>(share * 100 + 0.5));
-    const pid_t limiter = spawn({"cpulimit", "-p", std::to_string(child), "-l", percent}, true);
+    return percent;
+  }
+
+  // A limiter program holding `child`; its cost counts its children too.
+  Result external(std::vector<std::string> args, pid_t child) {
+    const pid_t limiter = spawn(std::move(args), true);
     if (limiter < 0) return {};
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    const double own0 = cpuSeconds(limiter);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    const double own0 = treeCpuSeconds(limiter);
     const auto t0 = std::chrono::steady_clock::now();
     Result r;
     r.share = measure(child);
-    r.cost = (cpuSeconds(limiter) - own0) / std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    r.cost = (treeCpuSeconds(limiter) - own0) /
+             std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     ::kill(limiter, SIGTERM);
     ::waitpid(limiter, nullptr, 0);
     return r;
@@ -217,10 +261,12 @@ std::string cell(const Result& r, double target) {
 
 int main(int argc, char** argv) {
   double seconds = 10;
+  int extra = 1000;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--busy" && i + 1 < argc) busy(static_cast<int>(parseInt64(argv[i + 1]).value_or(1)));
     if (arg == "--seconds" && i + 1 < argc) seconds = parseDouble(argv[++i]).value_or(seconds);
+    if (arg == "--extra" && i + 1 < argc) extra = static_cast<int>(parseInt64(argv[++i]).value_or(extra));
   }
   Bench bench(std::filesystem::read_symlink("/proc/self/exe").string(), seconds);
   std::printf("achieved share %% of one processor (error in points) and limiter cost %% of one processor,\n"
@@ -239,5 +285,20 @@ int main(int argc, char** argv) {
       std::fflush(stdout);
     }
   }
+  const auto extra_pids = sleepers(extra);
+  std::printf("\nwhole programs with their children, %zu extra sleeping processes\n", extra_pids.size());
+  std::printf("%-7s %6s | %-19s | %-19s | %s\n", "threads", "target", "pelmora limit", "cpulimit", "cost ratio");
+  for (int threads : {1, 4}) {
+    for (double target : {0.10, 0.25, 0.50, 0.75}) {
+      const Result ours = bench.run(Kind::cli, threads, target);
+      const Result theirs = bench.run(Kind::cpulimit, threads, target);
+      const double ratio = ours.cost >= 0 && theirs.cost > 0 ? ours.cost / theirs.cost : -1;
+      std::printf("%-7d %5.0f%% | %s | %s | %.2f\n", threads, target * 100, cell(ours, target).c_str(),
+                  cell(theirs, target).c_str(), ratio);
+      std::fflush(stdout);
+    }
+  }
+  for (pid_t pid : extra_pids) ::kill(pid, SIGKILL);
+  for (pid_t pid : extra_pids) ::waitpid(pid, nullptr, 0);
   return 0;
 }

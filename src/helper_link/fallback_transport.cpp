@@ -4,6 +4,21 @@
 
 namespace pelmora {
 
+DaemonProbe::DaemonProbe(std::function<bool()> answers, std::chrono::milliseconds interval, Clock now)
+    : m_answers(std::move(answers)), m_interval(interval), m_now(std::move(now)) {}
+
+bool DaemonProbe::operator()() {
+  const auto now = m_now();
+  {
+    MutexLock lock(m_state->mutex);
+    if (now < m_state->quiet_until) return false;
+  }
+  const bool up = m_answers();
+  MutexLock lock(m_state->mutex);
+  m_state->quiet_until = up ? std::chrono::steady_clock::time_point{} : now + m_interval;
+  return up;
+}
+
 FallbackTransport::FallbackTransport(std::unique_ptr<XPCTransport> daemon, std::function<bool()> daemon_answers,
                                      std::unique_ptr<XPCTransport> in_process)
     : m_daemon(std::move(daemon)), m_daemon_answers(std::move(daemon_answers)), m_in_process(std::move(in_process)) {}

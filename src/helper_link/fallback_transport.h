@@ -9,6 +9,7 @@
 // "setcpucount" must not run twice. The next exchange connects again or falls back.
 //
 // The mode in force is logged once, and again whenever it changes.
+#include <chrono>
 #include <functional>
 #include <memory>
 
@@ -16,6 +17,27 @@
 #include "support/xpc_transport.h"
 
 namespace pelmora {
+
+// The daemon_answers of a FallbackTransport that does not knock on a daemon that is not there at
+// every request (a limited process costs about twenty requests a second): after a "no", `answers`
+// is asked again only once `interval` has passed; after a "yes", every time. Copies share state.
+class DaemonProbe {
+ public:
+  using Clock = std::function<std::chrono::steady_clock::time_point()>;
+  DaemonProbe(std::function<bool()> answers, std::chrono::milliseconds interval,
+              Clock now = [] { return std::chrono::steady_clock::now(); });
+  bool operator()();
+
+ private:
+  struct State {
+    Mutex mutex;
+    std::chrono::steady_clock::time_point quiet_until{};  // guarded by mutex
+  };
+  std::function<bool()> m_answers;
+  std::chrono::milliseconds m_interval;
+  Clock m_now;
+  std::shared_ptr<State> m_state = std::make_shared<State>();
+};
 
 class FallbackTransport : public XPCTransport {
  public:

@@ -9,8 +9,10 @@ namespace pelmora {
 std::unique_ptr<XPCTransport> makeHelperTransport() {
   auto socket = std::make_unique<SocketTransport>();
   SocketTransport* daemon = socket.get();  // owned by the fallback transport, which outlives the probe
-  return std::make_unique<FallbackTransport>(std::move(socket), [daemon] { return daemon->connected(); },
-                                             std::make_unique<InProcessTransport>());
+  // A daemon that starts later is found within a second.
+  return std::make_unique<FallbackTransport>(
+      std::move(socket), DaemonProbe([daemon] { return daemon->connected(); }, std::chrono::seconds(1)),
+      std::make_unique<InProcessTransport>());
 }
 
 }  // namespace pelmora

@@ -209,7 +209,10 @@ int64_t CPULimiter::tickIntervalLocked() const {
 // default slack, so that stops and continues keep their timing.
 void CPULimiter::setTimerSlackLocked() {
   constexpr unsigned long kIdleSlack_ns = 50'000'000;
-  setCurrentThreadTimerSlack_ns(m_pids.empty() ? kIdleSlack_ns : 0);
+  const bool idle = m_pids.empty();
+  if (m_idle_slack && *m_idle_slack == idle) return;
+  setCurrentThreadTimerSlack_ns(idle ? kIdleSlack_ns : 0);
+  m_idle_slack = idle;
 }
 
 void CPULimiter::setTimerPeriodLocked() {

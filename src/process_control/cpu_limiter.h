@@ -174,6 +174,7 @@ class CPULimiter {
   PMEnergy m_energy;
   std::map<int32_t, pidInfo> m_pids;
   std::map<int32_t, ProcessCpuClock> m_cpu_clocks;  // of the limited processes, on the live /proc
+  std::optional<bool> m_idle_slack;  // the timer thread's slack: the idle one, or the default
   std::map<int32_t, procinfo> m_processes;
   std::unique_ptr<ProcSettings> m_proc_settings;
   std::map<int32_t, adjustInfo> m_adjustments;

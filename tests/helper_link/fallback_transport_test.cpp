@@ -91,5 +91,33 @@ TEST(FallbackTransport, PelmoraReportsTheModeAndGetsInProcessAnswers) {
   EXPECT_TRUE(client.viaDaemon());
 }
 
+using ms = std::chrono::milliseconds;
+
+TEST(DaemonProbe, AfterANoAsksAgainOnlyOnceTheIntervalPassed) {
+  using namespace std::chrono;
+  steady_clock::time_point now{seconds(100)};
+  bool up = false;
+  int asked = 0;
+  DaemonProbe probe([&] { return ++asked, up; }, seconds(1), [&] { return now; });
+  // (time step before the call, daemon up, answer, times the daemon was asked so far)
+  struct Step {
+    milliseconds advance;
+    bool up, answer;
+    int asked;
+  };
+  const Step steps[] = {
+      {ms(0), false, false, 1},   {ms(10), false, false, 1},  {ms(500), true, false, 1},  // quiet, even if it came up
+      {ms(500), true, true, 2},   {ms(1), true, true, 3},     {ms(1), true, true, 4},     // up: asked every time
+      {ms(1), false, false, 5},   {ms(999), true, false, 5},  {ms(1), true, true, 6},
+  };
+  int i = 0;
+  for (const auto& s : steps) {
+    now += s.advance;
+    up = s.up;
+    EXPECT_EQ(probe(), s.answer) << "step " << i;
+    EXPECT_EQ(asked, s.asked) << "step " << i++;
+  }
+}
+
 }  // namespace
 }  // namespace pelmora
