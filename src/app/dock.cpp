@@ -8,6 +8,7 @@
 
 #include "app/sampler_client_link.h"
 #include "app/system_stats_window.h"
+#include "graphs/views/graph_view_battery.h"
 #include "graphs/views/graph_view_cpu.h"
 #include "graphs/views/graph_view_gfx.h"
 #include "graphs/views/graph_view_io.h"
@@ -16,6 +17,8 @@
 #include "graphs/views/graph_view_net.h"
 #include "graphs/views/graph_view_power.h"
 #include "graphs/views/graph_view_proc.h"
+#include "graphs/views/graph_view_temperature.h"
+#include "sampling/temperature_collector.h"
 #include "sampling/system_stats.h"
 #include "support/default_settings.h"
 
@@ -49,6 +52,8 @@ QString Dock::displayName(Display display) {
     case Display::Network: return tr("Network");
     case Display::Power: return tr("Power");
     case Display::Processes: return tr("Processes");
+    case Display::Temperature: return tr("CPU Temperature");
+    case Display::Battery: return tr("Battery");
   }
   return {};
 }
@@ -65,6 +70,8 @@ std::unique_ptr<GraphView> Dock::makeView(Display display) const {
     case Display::Network: view = std::make_unique<GraphViewNet>(); view->setLabel(tr("Total Network:")); break;
     case Display::Power: view = std::make_unique<GraphViewPower>(); view->setLabel(tr("Power:")); break;
     case Display::Processes: view = std::make_unique<GraphViewProc>(); view->setLabel(tr("Processes:")); break;
+    case Display::Temperature: view = std::make_unique<GraphViewTemperature>(); view->setLabel(tr("CPU Temp:")); break;
+    case Display::Battery: view = std::make_unique<GraphViewBattery>(); view->setLabel(tr("Battery:")); break;
   }
   // Never shown on screen: it is only drawn into the icon's pixmap.
   view->setAttribute(Qt::WA_DontShowOnScreen);
@@ -132,6 +139,8 @@ void Dock::clearHistories() {
   m_power.clear();
   m_proc.clear();
   m_active_gfx.clear();
+  m_cpu_temp.clear();
+  m_battery.clear();
 }
 
 void Dock::samplerRestarted() { clearHistories(); }
@@ -156,8 +165,21 @@ void Dock::statsUpdated(const SampleSet& sample) {
   appendCapped(m_net, total, kHistoryLimit);
   appendCapped(m_power, sample.power_stats, kHistoryLimit);
   appendCapped(m_proc, sample.proc_stats, kHistoryLimit);
+  appendThermal(sample);
   feedView();
   drawIcon(false);
+}
+
+// The icon is too small for three lines: its temperature graph gets the processor's sensors alone.
+// A battery or sensors that went away take their history with them.
+void Dock::appendThermal(const SampleSet& sample) {
+  std::vector<temperatureStats> cpu;
+  for (const auto& sensor : sample.temp_stats)
+    if (sensor.kind == TemperatureCollector::kCpu) cpu.push_back(sensor);
+  if (cpu.empty()) m_cpu_temp.clear();
+  else appendCapped(m_cpu_temp, cpu, kHistoryLimit);
+  if (sample.battery_stats.empty()) m_battery.clear();
+  else appendCapped(m_battery, sample.battery_stats.front(), kHistoryLimit);
 }
 
 void Dock::feedView() {
@@ -186,6 +208,10 @@ void Dock::feedView() {
     power->update(m_power);
   } else if (auto* proc = qobject_cast<GraphViewProc*>(m_view.get())) {
     proc->update(m_proc);
+  } else if (auto* temp = qobject_cast<GraphViewTemperature*>(m_view.get())) {
+    temp->update(m_cpu_temp);
+  } else if (auto* battery = qobject_cast<GraphViewBattery*>(m_view.get())) {
+    battery->update(m_battery);
   }
 }
 

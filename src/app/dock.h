@@ -1,5 +1,5 @@
 #pragma once
-// The live icon: one of nine display kinds. For every kind but Icon a graph view the size of an icon
+// The live icon: one of the display kinds. For every kind but Icon a graph view the size of an icon
 // is kept off screen, fed from a short history of samples (kHistoryLimit), and drawn into a pixmap at
 // most once a second; the pixmap becomes the application's window icon and is offered to the tray
 // (iconChanged), for desktops that cannot show a live window icon. With Icon the application's own
@@ -32,8 +32,8 @@ class SystemStats;
 class Dock : public QObject {
   Q_OBJECT
  public:
-  enum class Display : int { Icon = 0, CPU, DiskIO, GPU, LoadAvg, Memory, Network, Power, Processes };
-  static constexpr int kDisplayCount = 9;
+  enum class Display : int { Icon = 0, CPU, DiskIO, GPU, LoadAvg, Memory, Network, Power, Processes, Temperature, Battery };
+  static constexpr int kDisplayCount = 11;
   static constexpr size_t kHistoryLimit = 72;
   static constexpr int kTileSize_px = 128;
   static constexpr int64_t kIconInterval_us = 1'000'000;
@@ -45,11 +45,11 @@ class Dock : public QObject {
 
   void setDisplay(Display display);
   Display displayType() const { return m_display_type; }
-  // A stored raw value outside the nine kinds reads as Icon.
+  // A stored raw value outside the kinds reads as Icon.
   static Display displayFromRaw(int64_t raw);
   // The menu item text of a kind.
   static QString displayName(Display display);
-  // A "Dock Display" submenu with the nine kinds, the current one checked; it follows later changes.
+  // A "Dock Display" submenu with every kind, the current one checked; it follows later changes.
   QMenu* makeMenu(QWidget* parent);
 
   // The icon shown now: the live graph or, for Icon, the application's own.
@@ -80,6 +80,7 @@ class Dock : public QObject {
   void clearHistories();
   // Hands the histories to the view; the icon is redrawn separately.
   void feedView();
+  void appendThermal(const SampleSet& sample);
   void drawIcon(bool force);
 
   std::unique_ptr<GraphView> m_view;
@@ -94,6 +95,8 @@ class Dock : public QObject {
   std::vector<powerStats> m_power;
   std::vector<procstat> m_proc;
   std::set<std::string> m_active_gfx;
+  std::vector<std::vector<temperatureStats>> m_cpu_temp;  // the processor's sensors only
+  std::vector<batteryStats> m_battery;                     // the machine's first battery
 
   SystemStats& m_sampler;
   DefaultSettings& m_store;

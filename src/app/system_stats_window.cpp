@@ -15,6 +15,7 @@
 #include "app/sampler_client_link.h"
 #include "app/window_frame.h"
 #include "graphs/views/graph_view_cpu.h"
+#include "graphs/views/graph_view_battery.h"
 #include "graphs/views/graph_view_fan.h"
 #include "graphs/views/graph_view_gfx.h"
 #include "graphs/views/graph_view_io.h"
@@ -23,6 +24,8 @@
 #include "graphs/views/graph_view_net.h"
 #include "graphs/views/graph_view_power.h"
 #include "graphs/views/graph_view_proc.h"
+#include "graphs/views/graph_view_temperature.h"
+#include "sampling/temperature_collector.h"
 #include "sampling/cpu_collector.h"
 #include "sampling/system_stats.h"
 #include "support/default_settings.h"
@@ -206,8 +209,10 @@ void SystemStatsWindow::buildLayout() {
   m_split_left->addWidget(m_gfx_views);
   m_fan_views = makeSplitter(Qt::Vertical);
   m_split_left->addWidget(m_fan_views);
+  addGraph(m_split_left, m_temp_view = new GraphViewTemperature, tr("Temperature:"));
+  addGraph(m_split_left, m_battery_view = new GraphViewBattery, tr("Battery:"));
   // The processor columns take most of the height; the total and the device graphs share the rest.
-  m_split_left->setSizes({600, 200, 150, 150});
+  m_split_left->setSizes({600, 200, 150, 150, 150, 150});
 
   addGraph(m_split_right, m_mem_view = new GraphViewMEM, tr("System Memory:"));
   m_mem_view->setToolTip(tr("Gigabytes (base 1024)"));
@@ -222,7 +227,9 @@ void SystemStatsWindow::buildLayout() {
   // Room for the disk and interface graphs once they appear.
   m_split_right->setSizes({110, 110, 220, 220, 100, 110, 100});
 
-  for (auto* device : {m_gfx_views, m_fan_views, m_dsk_views, m_net_views}) device->hide();
+  for (QWidget* device : std::initializer_list<QWidget*>{m_gfx_views, m_fan_views, m_dsk_views, m_net_views,
+                                                        m_temp_view, m_battery_view})
+    device->hide();
   // The GPU dividers are put back once the GPU graphs exist (restoring an empty splitter does nothing).
   m_gfx_state = QByteArray::fromBase64(QByteArray::fromStdString(m_store.loadString(kGfxSplitKey, "")));
 }
@@ -313,6 +320,8 @@ void SystemStatsWindow::samplerRestarted() {
   m_proc.clear();
   m_load.clear();
   m_power.clear();
+  m_temp.clear();
+  m_battery.clear();
 }
 
 void SystemStatsWindow::appendSample(const SampleSet& sample) {
@@ -335,6 +344,11 @@ void SystemStatsWindow::appendSample(const SampleSet& sample) {
   appendCapped(m_proc, sample.proc_stats, kHistoryLimit);
   appendCapped(m_load, sample.load_avg, kHistoryLimit);
   appendCapped(m_power, sample.power_stats, kHistoryLimit);
+  // A machine whose sensors or battery went away (a battery taken out) loses the graph with them.
+  if (sample.temp_stats.empty()) m_temp.clear();
+  else appendCapped(m_temp, sample.temp_stats, kHistoryLimit);
+  if (sample.battery_stats.empty()) m_battery.clear();
+  else appendCapped(m_battery, sample.battery_stats.front(), kHistoryLimit);
   dropVanishedDevices(sample);
 }
 
@@ -354,6 +368,7 @@ size_t SystemStatsWindow::heldSamples() const {
   size_t held = m_total_cpu.size() + m_mem.size() + m_io.size() + m_proc.size() + m_load.size() + m_power.size();
   for (const auto& cpu : m_cpu) held += cpu.size();
   for (const auto& fan : m_fan) held += fan.size();
+  held += m_temp.size() + m_battery.size();
   for (const auto& [name, history] : m_dsk) held += history.size();
   for (const auto& [name, history] : m_net) held += history.size();
   for (const auto& [name, history] : m_gfx) held += history.size();
@@ -387,6 +402,8 @@ void SystemStatsWindow::updateGraphs() {
   m_proc_view->update(m_proc);
   m_load_view->update(m_load);
   m_power_view->update(m_power);
+  m_temp_view->update(m_temp);
+  m_battery_view->update(m_battery);
 }
 
 // Inserts a graph for every key of histories without one, in key order, and deletes the graphs of keys
@@ -413,6 +430,7 @@ static void syncKeyed(QSplitter* splitter, std::map<std::string, View*>& views, 
 void SystemStatsWindow::syncDeviceViews() {
   const auto handle = GraphSwitches::current().thin_dividers ? kThinHandle_px : kThickHandle_px;
   syncFans();
+  syncThermal();
   syncDisks();
   syncInterfaces();
   syncGpus();
@@ -455,6 +473,14 @@ void SystemStatsWindow::syncGpus() {
     m_gfx_views->restoreState(m_gfx_state);
     m_gfx_state.clear();
   }
+}
+
+// No graph where the machine has nothing to show: the temperature graph needs a processor, GPU or
+// disk sensor, the battery graph a battery of the machine's own.
+void SystemStatsWindow::syncThermal() {
+  const bool sensors = !m_temp.empty() && !TemperatureCollector::defaultChoice(m_temp.back()).empty();
+  m_temp_view->setVisible(sensors);
+  m_battery_view->setVisible(!m_battery.empty());
 }
 
 void SystemStatsWindow::syncFans() {

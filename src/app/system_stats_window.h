@@ -27,6 +27,7 @@ namespace pelmora {
 
 class DefaultSettings;
 class GraphView;
+class GraphViewBattery;
 class GraphViewCPU;
 class GraphViewFan;
 class GraphViewGFX;
@@ -36,6 +37,7 @@ class GraphViewMEM;
 class GraphViewNet;
 class GraphViewPower;
 class GraphViewProc;
+class GraphViewTemperature;
 class SamplerClientLink;
 class SystemStats;
 
@@ -103,6 +105,9 @@ class SystemStatsWindow : public QMainWindow {
   GraphViewCPU* totalCpuView() const { return m_total_cpu_view; }
   GraphViewIO* ioView() const { return m_io_view; }
   GraphViewMEM* memView() const { return m_mem_view; }
+  // Hidden on a machine without such sensors or without a battery of its own.
+  GraphViewTemperature* temperatureView() const { return m_temp_view; }
+  GraphViewBattery* batteryView() const { return m_battery_view; }
   int64_t redrawCount() const { return m_redraw_count; }
   // Samples held over every history: bounded however long the window runs.
   size_t heldSamples() const;
@@ -126,6 +131,7 @@ class SystemStatsWindow : public QMainWindow {
   void syncInterfaces();
   void syncGpus();
   void syncFans();
+  void syncThermal();
   void updateGraphs();
   void register_();
   void release();
@@ -146,6 +152,8 @@ class SystemStatsWindow : public QMainWindow {
   GraphViewLoad* m_load_view = nullptr;
   GraphViewProc* m_proc_view = nullptr;
   GraphViewPower* m_power_view = nullptr;
+  GraphViewTemperature* m_temp_view = nullptr;
+  GraphViewBattery* m_battery_view = nullptr;
   QComboBox* m_data_io = nullptr;
 
   // Histories, oldest first, each at most kHistoryLimit long.
@@ -160,6 +168,8 @@ class SystemStatsWindow : public QMainWindow {
   std::vector<procstat> m_proc;
   std::vector<loadAverage> m_load;
   std::vector<powerStats> m_power;
+  std::vector<std::vector<temperatureStats>> m_temp;  // only samples that had sensors
+  std::vector<batteryStats> m_battery;                // the machine's first battery
 
   std::map<std::string, GraphViewIO*> m_disk_views;
   std::map<std::string, std::string> m_disk_names;  // kernel name -> vendor and model

@@ -6,6 +6,7 @@
 
 #include "app/dock.h"
 #include "app/system_stats_window.h"
+#include "graphs/views/graph_view_battery.h"
 #include "graphs/views/graph_view_cpu.h"
 #include "graphs/views/graph_view_gfx.h"
 #include "graphs/views/graph_view_io.h"
@@ -14,6 +15,7 @@
 #include "graphs/views/graph_view_net.h"
 #include "graphs/views/graph_view_power.h"
 #include "graphs/views/graph_view_proc.h"
+#include "graphs/views/graph_view_temperature.h"
 #include "stats_test_support.h"
 #include "support/timeval.h"
 
@@ -58,6 +60,8 @@ TEST_F(DockTest, EachKindShowsItsGraphAndLabel) {
       {Kind::Network, [](GraphView* v) { return qobject_cast<GraphViewNet*>(v) != nullptr; }, "Total Network:"},
       {Kind::Power, [](GraphView* v) { return qobject_cast<GraphViewPower*>(v) != nullptr; }, "Power:"},
       {Kind::Processes, [](GraphView* v) { return qobject_cast<GraphViewProc*>(v) != nullptr; }, "Processes:"},
+      {Kind::Temperature, [](GraphView* v) { return qobject_cast<GraphViewTemperature*>(v) != nullptr; }, "CPU Temp:"},
+      {Kind::Battery, [](GraphView* v) { return qobject_cast<GraphViewBattery*>(v) != nullptr; }, "Battery:"},
   };
   Dock dock(*sampler, scratch.store());
   for (const auto& c : cases) {
@@ -148,7 +152,7 @@ TEST_F(DockTest, SavedKindRestoredAtTheNextStart) {
     EXPECT_EQ(restarted.displayType(), static_cast<Kind>(raw));
     EXPECT_EQ(restarted.attached(), raw != 0);
   }
-  for (int64_t bad : {-1, 9, 1000}) {
+  for (int64_t bad : {int64_t{-1}, int64_t{Dock::kDisplayCount}, int64_t{1000}}) {
     SCOPED_TRACE(bad);
     scratch.store().saveInt("DOCK_display", bad);
     Dock dock(*sampler, scratch.store());
@@ -262,6 +266,20 @@ TEST_F(DockTest, DiskGraphFollowsTheWindowsDataSelector) {
   EXPECT_EQ(io->maxIO(), bytes_peak);
   window->close();
   QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+}
+
+TEST_F(DockTest, ProcessorTemperatureAndChargeWithItsStateFromTheLaptop) {
+  auto laptop = SystemStats::create(SysRoot(std::string(PELMORA_FIXTURES) + "/sampling-laptop/proc",
+                                            std::string(PELMORA_FIXTURES) + "/sampling-laptop/sys"));
+  laptop->tick();
+  const SampleSet sample = laptop->snapshot();
+  Dock dock(*sampler, scratch.store());
+  dock.setDisplay(Kind::Temperature);
+  dock.statsUpdated(sample);
+  // Only the processor: the disk's line would not fit an icon.
+  EXPECT_EQ(dock.view()->labelText().toStdString(), "CPU Temp:\ncoretemp Package id 0: 52.0 \u00b0C (critical 100)");
+  dock.setDisplay(Kind::Battery);
+  EXPECT_EQ(dock.view()->labelText().toStdString(), "Battery:\n63% discharging  9.8 W\nEmpty in 3:24\nHealth: 93%");
 }
 
 }  // namespace

@@ -5,11 +5,13 @@
 #include <gtest/gtest.h>
 
 #include "app/system_stats_window.h"
+#include "graphs/views/graph_view_battery.h"
 #include "graphs/views/graph_view_cpu.h"
 #include "graphs/views/graph_view_fan.h"
 #include "graphs/views/graph_view_gfx.h"
 #include "graphs/views/graph_view_io.h"
 #include "graphs/views/graph_view_net.h"
+#include "graphs/views/graph_view_temperature.h"
 #include "stats_test_support.h"
 #include "support/timeval.h"
 
@@ -322,6 +324,36 @@ TEST_F(StatsWindowTest, SharedInstanceClearedWhenClosed) {
   EXPECT_EQ(SystemStatsWindow::instance(), nullptr);
   EXPECT_EQ(sampler->clientCount(), 0u);
   QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+}
+
+TEST_F(StatsWindowTest, TemperatureAndBatteryGraphsOnlyWhereTheMachineHasThem) {
+  GraphSwitches::current().update_interval = 0;  // 1 s: every sample redraws
+  const struct {
+    const char* machine;
+    std::string temperature, battery;  // the captions; "" where the graph is hidden
+  } cases[] = {
+      {"sampling-laptop", "Temperature:\ncoretemp Package id 0: 52.0 \u00b0C (critical 100)\nnvme Sensor 1: 40.9 \u00b0C",
+       "Battery:\n63% discharging  9.8 W\nEmpty in 3:24\nHealth: 93%"},
+      {"sampling-desktop", "Temperature:\nk10temp Tctl: 61.3 \u00b0C\namdgpu mem: 56.0 \u00b0C (critical 105)", ""},
+      {"sampling-vm", "", ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.machine);
+    const std::string tree = std::string(PELMORA_FIXTURES) + "/" + c.machine;
+    auto machine = SystemStats::create(SysRoot(tree + "/proc", tree + "/sys"));
+    auto window = makeWindow("0-3", "0-3");
+    window->show();
+    for (int k = 0; k < 2; ++k) {
+      machine->tick();
+      clock.advance_us(1'000'000);
+      window->statsUpdated(machine->snapshot());
+    }
+    EXPECT_EQ(window->temperatureView()->isVisible(), !c.temperature.empty());
+    EXPECT_EQ(window->batteryView()->isVisible(), !c.battery.empty());
+    if (!c.temperature.empty()) EXPECT_EQ(window->temperatureView()->labelText().toStdString(), c.temperature);
+    if (!c.battery.empty()) EXPECT_EQ(window->batteryView()->labelText().toStdString(), c.battery);
+    window->close();
+  }
 }
 
 }  // namespace
