@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "graphs/views/graph_view_battery.h"
 #include "graphs/views/graph_view_cpu.h"
 #include "graphs/views/graph_view_fan.h"
 #include "graphs/views/graph_view_gfx.h"
@@ -29,6 +30,7 @@
 #include "graphs/views/graph_view_net.h"
 #include "graphs/views/graph_view_power.h"
 #include "graphs/views/graph_view_proc.h"
+#include "graphs/views/graph_view_temperature.h"
 
 namespace {
 
@@ -41,6 +43,7 @@ double wave(size_t i, double period, double phase) { return 0.5 + 0.5 * std::sin
 
 struct Window {
   std::vector<std::unique_ptr<GraphView>> views;
+  std::vector<std::vector<temperatureStats>> cpu_temps;  // what the live icon's temperature graph gets
 };
 
 // Every graph of the window, sized as the statistics window lays them out, with its history.
@@ -73,6 +76,8 @@ Window buildWindow() {
   std::vector<powerStats> power;
   std::vector<fanStats> fans;
   std::vector<graphicsCardStats> gfx;
+  std::vector<std::vector<temperatureStats>> temps;
+  std::vector<batteryStats> battery;
   ioStats disk;
   netStats link;
   for (size_t i = 0; i < kSamples; ++i) {
@@ -88,6 +93,14 @@ Window buildWindow() {
     power.push_back({25 * wave(i, 20, 0), 12 * wave(i, 20, 1), 6 * wave(i, 20, 2)});
     fans.push_back({false, int64_t(1200 + 3000 * wave(i, 60, 0)), 6000, 1200});
     gfx.push_back({8 << 30, int64_t((3 << 30) * wave(i, 100, 0)), 0, 0, int64_t(100 * wave(i, 8, 0))});
+    temps.push_back({{"coretemp Package id 0", "cpu", int64_t(48000 + 30000 * wave(i, 25, 0)), 100000, 80000},
+                     {"amdgpu edge", "gpu", int64_t(45000 + 15000 * wave(i, 60, 1)), 0, 0},
+                     {"nvme Composite", "disk", int64_t(38000 + 6000 * wave(i, 200, 2)), 84850, 81850}});
+    // Two hours on battery: the charge falls faster while the processor works hard.
+    const double power_w = 6.0 + 8.0 * wave(i, 25, 0);
+    const double charge = 95.0 - 40.0 * double(i) / double(kSamples);
+    battery.push_back({"BAT0", "", "discharging", charge, power_w, int64_t(charge / 100.0 * 57.0 / power_w * 3600), 0,
+                       92.98, 187});
   }
   auto* m = new GraphViewMEM;
   add(m, 300, 100, "System Memory:");
@@ -114,6 +127,13 @@ Window buildWindow() {
   auto* g = new GraphViewGFX;
   add(g, 300, 100, "GPU: Radeon RX 6600");
   g->update(gfx);
+  for (const auto& sample : temps) w.cpu_temps.push_back({sample.front()});
+  auto* t = new GraphViewTemperature;
+  add(t, 300, 100, "Temperature:");
+  t->update(temps);
+  auto* b = new GraphViewBattery;
+  add(b, 300, 100, "Battery:");
+  b->update(battery);
   return w;
 }
 
@@ -170,7 +190,7 @@ BENCHMARK(BM_PaintStatisticsWindow)->Unit(benchmark::kMicrosecond)->Repetitions(
 BENCHMARK(BM_PaintEveryEntry)->Unit(benchmark::kMicrosecond)->Repetitions(kRepetitions)->ReportAggregatesOnly(true);
 
 void printTable(const std::map<std::string, double>& medians_us) {
-  pelmora::bench::printMedianTable(medians_us, "17 graphs, 1800 samples each", "vs ours",
+  pelmora::bench::printMedianTable(medians_us, "19 graphs, 1800 samples each", "vs ours",
                                    {{"BM_PaintStatisticsWindow", "our painter (visible columns only)"},
                                     {"BM_PaintEveryEntry", "naive: every entry of every series"}},
                                    46);
@@ -181,7 +201,7 @@ int writeScreenshots(const QString& dir) {
   app();
   GraphSwitches::current().show_scale_grid = true;
   Window window = buildWindow();
-  const char* names[] = {"cpu", "mem", "io", "net", "load", "proc", "power", "fan", "gfx"};
+  const char* names[] = {"cpu", "mem", "io", "net", "load", "proc", "power", "fan", "gfx", "temp", "battery"};
   // The whole-system CPU graph stands for its class; the rest follow in buildWindow's order.
   std::vector<GraphView*> chosen = {window.views[kCores].get()};
   for (size_t k = kCores + 1; k < window.views.size(); ++k) chosen.push_back(window.views[k].get());
@@ -193,12 +213,21 @@ int writeScreenshots(const QString& dir) {
     }
     std::printf("%s\n", qPrintable(file));
   }
-  GraphView* total = window.views[kCores].get();
-  total->setDisplayDock(true);
-  total->setLabel(QString());
-  total->resize(128, 128);
-  total->grab().save(dir + "/graph-dock.png");
-  std::printf("%s\n", qPrintable(dir + "/graph-dock.png"));
+  // The live icon kinds, as the Dock labels them.
+  const struct {
+    GraphView* view;
+    QString label, file;
+  } icons[] = {{window.views[kCores].get(), QString(), "graph-dock.png"},
+               {chosen[9], "CPU Temp:", "graph-dock-temp.png"},
+               {chosen[10], "Battery:", "graph-dock-battery.png"}};
+  static_cast<GraphViewTemperature*>(chosen[9])->update(window.cpu_temps);
+  for (const auto& icon : icons) {
+    icon.view->setDisplayDock(true);
+    icon.view->setLabel(icon.label);
+    icon.view->resize(128, 128);
+    icon.view->grab().save(dir + "/" + icon.file);
+    std::printf("%s\n", qPrintable(dir + "/" + icon.file));
+  }
   return 0;
 }
 
