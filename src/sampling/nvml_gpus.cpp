@@ -6,6 +6,7 @@
 #include <string>
 
 #include "sampling/gpu_collector.h"
+#include "sampling/temperature_collector.h"
 #include "support/logger.h"
 
 namespace pelmora {
@@ -38,6 +39,8 @@ bool NvmlGpus::loadLocked() {
                      bind(m_library, "nvmlDeviceGetName", api.name) &&
                      bind(m_library, "nvmlDeviceGetUtilizationRates", api.utilization) &&
                      bind(m_library, "nvmlDeviceGetMemoryInfo", api.memory);
+  // Temperatures are a bonus: a driver without the call still reports its cards.
+  (void)bind(m_library, "nvmlDeviceGetTemperature", api.temperature);
   if (bound) return true;
   Log("NVIDIA management library lacks an entry point; NVIDIA cards are not sampled.");
   dlclose(m_library);
@@ -58,7 +61,7 @@ bool NvmlGpus::initLocked() {
   return true;
 }
 
-std::vector<graphicsCard> NvmlGpus::read() {
+std::vector<graphicsCard> NvmlGpus::read(std::vector<temperatureStats>* temperatures) {
   MutexLock lock(m_mutex);
   std::vector<graphicsCard> cards;
   if (!initLocked()) return cards;
@@ -74,8 +77,12 @@ std::vector<graphicsCard> NvmlGpus::read() {
       continue;
     if (!m_api.name || m_api.name(device, name, kNameLength) != nvml::kSuccess) name[0] = '\0';
     std::string label(name, strnlen(name, kNameLength));
-    cards.push_back(GpuCollector::makeCard(label.empty() ? "NVIDIA GPU " + std::to_string(i) : label, util.gpu,
-                                           static_cast<int64_t>(memory.total), static_cast<int64_t>(memory.used)));
+    if (label.empty()) label = "NVIDIA GPU " + std::to_string(i);
+    cards.push_back(GpuCollector::makeCard(label, util.gpu, static_cast<int64_t>(memory.total),
+                                           static_cast<int64_t>(memory.used)));
+    unsigned int degrees = 0;
+    if (temperatures && m_api.temperature && m_api.temperature(device, nvml::kTemperatureGpu, &degrees) == nvml::kSuccess)
+      temperatures->push_back({label, TemperatureCollector::kGpu, int64_t{degrees} * 1000, 0, 0});
   }
   return cards;
 }

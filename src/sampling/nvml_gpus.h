@@ -34,7 +34,10 @@ struct Api {
   Return (*name)(Device, char*, unsigned int) = nullptr;  // nvmlDeviceGetName
   Return (*utilization)(Device, Utilization*) = nullptr;  // nvmlDeviceGetUtilizationRates
   Return (*memory)(Device, Memory*) = nullptr;  // nvmlDeviceGetMemoryInfo
+  // nvmlDeviceGetTemperature; optional. The sensor is NVML_TEMPERATURE_GPU (0), in whole °C.
+  Return (*temperature)(Device, int, unsigned int*) = nullptr;
 };
+constexpr int kTemperatureGpu = 0;
 }  // namespace nvml
 
 class NvmlGpus {
@@ -48,8 +51,9 @@ class NvmlGpus {
   NvmlGpus& operator=(const NvmlGpus&) = delete;
 
   // Empty when the driver is absent or refuses; a card whose utilisation or memory cannot be read
-  // is skipped.
-  std::vector<graphicsCard> read();
+  // is skipped. With temperatures, each reported card's die temperature is added there under the
+  // card's name, where the driver tells it.
+  std::vector<graphicsCard> read(std::vector<temperatureStats>* temperatures = nullptr);
 
  private:
   bool loadLocked();

@@ -168,8 +168,9 @@ void SystemStats::collectLocked() {
   collectCpuLocked();
   if (auto memory = MemoryCollector::read(m_root, m_page_size)) m_mem_stats = *memory;
   m_gfx_cards = GpuCollector::readAmdgpu(m_root);
+  std::vector<temperatureStats> nvidia_temps;
   if (m_real_machine)
-    for (auto& card : m_nvml.read()) m_gfx_cards.push_back(std::move(card));
+    for (auto& card : m_nvml.read(&nvidia_temps)) m_gfx_cards.push_back(std::move(card));
   auto disks = DiskCollector::read(m_root);
   m_dsk_stats = std::move(disks.disks);
   m_io_stats = disks.total;
@@ -182,6 +183,7 @@ void SystemStats::collectLocked() {
   m_power_stats.gpu = 0;
   m_fan_stats = FanCollector::read(m_root);
   m_temp_stats = TemperatureCollector::read(m_root);
+  m_temp_stats.insert(m_temp_stats.end(), nvidia_temps.begin(), nvidia_temps.end());
   auto batteries = BatteryCollector::read(m_root);
   m_battery_stats = std::move(batteries.system);
   m_device_batteries = std::move(batteries.devices);

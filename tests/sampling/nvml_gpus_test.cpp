@@ -45,6 +45,11 @@ struct FakeDriver {
       *m = {12ull << 30, 8ull << 30, 4ull << 30};
       return nvml::kSuccess;
     };
+    a.temperature = [](nvml::Device d, int sensor, unsigned* degrees) -> nvml::Return {
+      if (index(d) == 2 || sensor != nvml::kTemperatureGpu) return 3;  // card 2 has no sensor
+      *degrees = 67;
+      return nvml::kSuccess;
+    };
     return a;
   }
 };
@@ -65,6 +70,13 @@ TEST_F(Nvml, ReportsReadableCardsAndNamesTheNamelessByIndex) {
     EXPECT_EQ(FakeDriver::inits, 1);
   }
   EXPECT_EQ(FakeDriver::shutdowns, 1);
+}
+
+TEST_F(Nvml, DieTemperaturesOfTheReportedCardsWhereTheDriverTellsThem) {
+  NvmlGpus gpus(FakeDriver::api());
+  std::vector<temperatureStats> temps;
+  EXPECT_EQ(gpus.read(&temps).size(), 2u);
+  EXPECT_EQ(temps, (std::vector<temperatureStats>{{"NVIDIA GeForce RTX 3060", "gpu", 67000, 0, 0}}));
 }
 
 TEST_F(Nvml, ADriverThatRefusesIsAskedOnceAndNeverShutDown) {
