@@ -1,12 +1,11 @@
 #include "graphs/views/graph_view_battery.h"
 
+#include "sampling/sample_format.h"
+
 namespace pelmora {
 namespace {
 
-QString hoursMinutes(int64_t seconds) {
-  const int64_t minutes = (seconds + 30) / 60;
-  return QString("%1:%2").arg(minutes / 60).arg(minutes % 60, 2, 10, QChar('0'));
-}
+QString hoursMinutes(int64_t seconds) { return QString::fromStdString(SampleFormat::duration(seconds)); }
 
 }  // namespace
 
