@@ -350,8 +350,12 @@ TEST_F(StatsWindowTest, TemperatureAndBatteryGraphsOnlyWhereTheMachineHasThem) {
     }
     EXPECT_EQ(window->temperatureView()->isVisible(), !c.temperature.empty());
     EXPECT_EQ(window->batteryView()->isVisible(), !c.battery.empty());
-    if (!c.temperature.empty()) EXPECT_EQ(window->temperatureView()->labelText().toStdString(), c.temperature);
-    if (!c.battery.empty()) EXPECT_EQ(window->batteryView()->labelText().toStdString(), c.battery);
+    if (!c.temperature.empty()) {
+      EXPECT_EQ(window->temperatureView()->labelText().toStdString(), c.temperature);
+    }
+    if (!c.battery.empty()) {
+      EXPECT_EQ(window->batteryView()->labelText().toStdString(), c.battery);
+    }
     window->close();
   }
 }
