@@ -291,13 +291,13 @@ start_holder() {
 start_desktop() {
   Xvfb "$display" -screen 0 1600x1000x24 -nolisten tcp -ac >"$logs/xvfb.log" 2>&1 &
   pids+=($!)
-  wait_for 10 xdpyinfo -display "$display" >/dev/null || return 1
+  wait_for 10 xdpyinfo >/dev/null || return 1
   DISPLAY=$display openbox >"$logs/openbox.log" 2>&1 &
   pids+=($!)
   DISPLAY=$display trayer --edge top --align right --widthtype pixel --width 120 --height 28 \
     --transparent false --tint 0xdddddd >"$logs/trayer.log" 2>&1 &
   pids+=($!)
-  wait_for 10 xdotool search --display "$display" --class trayer >/dev/null
+  wait_for 10 xdotool search --class trayer >/dev/null
 }
 
 # Every path on the machine that names Pelmora, outside the source tree and the test users' homes.
