@@ -97,7 +97,8 @@ user_env() {  # user_env USER: the environment of a desktop session of USER on o
 
 # The user's desktop session bus, with the accessibility bus through which drive.py finds widgets.
 start_user_bus() {
-  runuser -u "$1" -- env -i HOME="$(getent passwd "$1" | cut -d: -f6)" XDG_RUNTIME_DIR="/tmp/pmsession-run-$1" \
+  setpriv --reuid="$1" --regid="$1" --init-groups env -i HOME="$(getent passwd "$1" | cut -d: -f6)" \
+    XDG_RUNTIME_DIR="/tmp/pmsession-run-$1" \
     dbus-daemon --session --fork --print-address=1 --print-pid=1 >"$work/session-$1.txt" || return 1
   head -1 "$work/session-$1.txt" >"$work/session-$1.address"
   pids+=("$(sed -n 2p "$work/session-$1.txt")")
@@ -112,30 +113,37 @@ drive() {  # drive USER ARGS...: scripts/session/drive.py as USER in that user's
 
 as_user() {  # as_user USER COMMAND...: runs COMMAND as USER in that session's environment
   local user=$1; shift
+  # setpriv execs, where runuser forks and ends a PAM session (its HUP would end what we start in the
+  # background, and $! would be runuser's pid rather than the program's).
   # shellcheck disable=SC2046
-  runuser -u "$user" -- env -i $(user_env "$user") "$@"
+  setpriv --reuid="$user" --regid="$user" --init-groups env -i $(user_env "$user") "$@"
 }
 
 app_log() { echo "$(getent passwd "$1" | cut -d: -f6)/.local/state/pelmora/pelmora.log"; }
 app_config() { echo "$(getent passwd "$1" | cut -d: -f6)/.config/pelmora/defaults.json"; }
 
 start_app() {  # start_app USER: starts pelmora-app as USER in the background; prints its pid
+  seed_settings "$1"
   as_user "$1" /usr/bin/pelmora-app >>"$logs/app-$1.log" 2>&1 &
   local runner=$!
   pids+=("$runner")
   echo "$runner"
 }
 
+# Before USER's first start: the tray icon on (the journeys start from the tray).
+seed_settings() {
+  local config
+  config=$(app_config "$1")
+  [ -e "$config" ] && return 0
+  install -d -o "$1" -g "$1" "$(dirname "$(dirname "$config")")" "$(dirname "$config")"
+  echo '{"show_menubar": true}' >"$config" && chown "$1:$1" "$config"
+}
+
 # Starts the application for USER unless it runs, waits for its window, and closes the About dialog
 # that a first launch shows. The tray icon is switched on in the user's settings before a first start.
 ensure_app() {
-  local user=$1 config
+  local user=$1
   if app_pid "$user" >/dev/null; then return 0; fi
-  config=$(app_config "$user")
-  if [ ! -e "$config" ]; then
-    install -d -o "$user" -g "$user" "$(dirname "$(dirname "$config")")" "$(dirname "$config")"
-    echo '{"show_menubar": true}' >"$config" && chown "$user:$user" "$config"
-  fi
   start_app "$user" >/dev/null
   wait_for 30 app_pid "$user" >/dev/null || { echo "pelmora-app did not start for $user" >&2; return 1; }
   wait_for 30 tray_icon "$user" >/dev/null || { echo "$user's pelmora-app shows no tray icon" >&2; return 1; }

@@ -224,6 +224,8 @@ void AppDelegate::quit() {
 
 void AppDelegate::openWindows() {
   for (QWidget* window : ourWindows()) {
+    // show() leaves a minimised window minimised: bringing it forward restores it.
+    window->setWindowState(window->windowState() & ~Qt::WindowMinimized);
     window->show();
     window->raise();
     window->activateWindow();
