@@ -297,7 +297,8 @@ start_holder() {
 }
 
 start_desktop() {
-  Xvfb "$display" -screen 0 1600x1000x24 -nolisten tcp -ac >"$logs/xvfb.log" 2>&1 &
+  # -noreset: the server would reset (and refuse connections for a moment) when its last client left.
+  Xvfb "$display" -screen 0 1600x1000x24 -nolisten tcp -ac -noreset >"$logs/xvfb.log" 2>&1 &
   pids+=($!)
   wait_for 10 xdpyinfo >/dev/null || return 1
   DISPLAY=$display openbox >"$logs/openbox.log" 2>&1 &
