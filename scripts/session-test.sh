@@ -92,7 +92,8 @@ user_env() {  # user_env USER: the environment of a desktop session of USER on o
   echo HOME="$home" USER="$1" LOGNAME="$1" PATH=/usr/bin:/bin DISPLAY="$display" \
        DBUS_SYSTEM_BUS_ADDRESS="$bus_address" XDG_RUNTIME_DIR="/tmp/pmsession-run-$1" \
        PELMORA_SYS_ROOT="$sysroot" QT_QPA_PLATFORM=xcb LANG=C.UTF-8 \
-       DBUS_SESSION_BUS_ADDRESS="$(cat "$work/session-$1.address" 2>/dev/null)" QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1
+       DBUS_SESSION_BUS_ADDRESS="$(cat "$work/session-$1.address" 2>/dev/null)" QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1 \
+       AT_SPI_BUS_ADDRESS="$(cat "$work/a11y-$1.address" 2>/dev/null)"
 }
 
 # The user's desktop session bus, with the accessibility bus through which drive.py finds widgets.
@@ -104,6 +105,14 @@ start_user_bus() {
   pids+=("$(sed -n 2p "$work/session-$1.txt")")
   as_user "$1" /usr/libexec/at-spi-bus-launcher --launch-immediately >>"$logs/atspi-$1.log" 2>&1 &
   pids+=($!)
+  # Each user's accessibility bus, named in the environment: the launcher also announces it on the
+  # display's root window, where the last user's launcher wins.
+  wait_for 10 a11y_address "$1" >"$work/a11y-$1.address" || return 1
+}
+
+a11y_address() {
+  as_user "$1" dbus-send --session --dest=org.a11y.Bus --print-reply=literal /org/a11y/bus org.a11y.Bus.GetAddress |
+    tr -d ' ' | grep .
 }
 
 drive() {  # drive USER ARGS...: scripts/session/drive.py as USER in that user's session

@@ -441,6 +441,7 @@ journey_boot_apply() {
 # The purge: stop the helper as systemd would, purge, and find nothing of Pelmora left.
 journey_purge() {
   for user in "$granted" "$refused"; do stop_app "$user"; done
+  rm -f /etc/polkit-1/rules.d/49-pelmora-session.rules  # the session's own grant, not the package's
   # What the package's prerm has systemd do: stop the socket (RemoveOnStop) and the helper.
   kill -TERM "$holder_pid"
   wait_for 15 is_gone "$holder_pid" || fail "the socket holder did not stop" || return

@@ -123,8 +123,17 @@ class PowerMonitor::Watch {
   std::thread m_thread;
 };
 
+PowerMonitor::Options PowerMonitor::optionsFor(const SysRoot& root) {
+  Options options;
+  // Device events describe the machine's own /sys, and only udevd sends them (without it the monitor
+  // starts and hears nothing, as in a container): a tree elsewhere, or no udevd, means polling.
+  options.use_device_monitor = root.sysRoot() == "/sys" && ::access("/run/udev/control", F_OK) == 0;
+  return options;
+}
+
 PowerMonitor& PowerMonitor::shared() {
-  static PowerMonitor* monitor = new PowerMonitor(SysRoot::current());  // lives for the whole run
+  // Lives for the whole run.
+  static PowerMonitor* monitor = new PowerMonitor(SysRoot::current(), optionsFor(SysRoot::current()));
   return *monitor;
 }
 

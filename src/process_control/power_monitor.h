@@ -43,6 +43,8 @@ class PowerMonitor {
     bool use_device_monitor = true;  // false: always poll (tests, machines without udev)
     int64_t poll_interval_us = 5'000'000;
   };
+  // The options for the machine behind root: the device monitor only for the real /sys with udevd.
+  static Options optionsFor(const SysRoot& root);
 
   // The process-wide instance on SysRoot::current(), created on first use.
   static PowerMonitor& shared();
