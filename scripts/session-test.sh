@@ -29,8 +29,12 @@ logs=$out/logs
 rm -rf "$out" && mkdir -p "$shots" "$logs"
 granted=pmsession-admin   # polkit grants the action to this user without a password
 refused=pmsession-guest   # and to nobody else
+# One desktop per user: the accessibility bus is announced on the display's root window, so two
+# users on one display would find each other's bus. The script's own X clients (xdotool, xwininfo,
+# import) act on the granted user's desktop unless a journey names the other.
 display=:57
-export DISPLAY=$display   # for xdotool, xwininfo and import run by the script itself
+other_display=:59
+export DISPLAY=$display
 pids=()                   # every background process we start, stopped in reverse order at the end
 started_s=$SECONDS
 
@@ -84,12 +88,16 @@ wait_for() {  # wait_for SECONDS COMMAND...: true as soon as COMMAND succeeds
   done
 }
 
-shot() { import -display "$display" -window root "$shots/$1.png" 2>/dev/null || note "no screenshot $1"; }
+display_of() { if [ "$1" = "$refused" ]; then echo "$other_display"; else echo "$display"; fi; }
+
+shot() {  # shot NAME [USER]: a screenshot of USER's desktop (the granted user's by default)
+  import -display "$(display_of "${2:-$granted}")" -window root "$shots/$1.png" 2>/dev/null || note "no screenshot $1"
+}
 
 user_env() {  # user_env USER: the environment of a desktop session of USER on our display and buses
   local home
   home=$(getent passwd "$1" | cut -d: -f6)
-  echo HOME="$home" USER="$1" LOGNAME="$1" PATH=/usr/bin:/bin DISPLAY="$display" \
+  echo HOME="$home" USER="$1" LOGNAME="$1" PATH=/usr/bin:/bin DISPLAY="$(display_of "$1")" \
        DBUS_SYSTEM_BUS_ADDRESS="$bus_address" XDG_RUNTIME_DIR="/tmp/pmsession-run-$1" \
        PELMORA_SYS_ROOT="$sysroot" QT_QPA_PLATFORM=xcb LANG=C.UTF-8 \
        DBUS_SESSION_BUS_ADDRESS="$(cat "$work/session-$1.address" 2>/dev/null)" QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1 \
@@ -105,8 +113,7 @@ start_user_bus() {
   pids+=("$(sed -n 2p "$work/session-$1.txt")")
   as_user "$1" /usr/libexec/at-spi-bus-launcher --launch-immediately >>"$logs/atspi-$1.log" 2>&1 &
   pids+=($!)
-  # Each user's accessibility bus, named in the environment: the launcher also announces it on the
-  # display's root window, where the last user's launcher wins.
+  # Each user's accessibility bus, also named in the environment.
   wait_for 10 a11y_address "$1" >"$work/a11y-$1.address" || return 1
 }
 
@@ -168,6 +175,8 @@ show_cpu_settings() {
 # The line of xwininfo -tree that describes USER's icon inside trayer.
 tray_icon() {
   local tray app ids
+  local -x DISPLAY
+  DISPLAY=$(display_of "$1")
   tray=$(xdotool search --class trayer | tail -1)
   app=$(app_pid "$1") || return 1
   ids=$(for w in $(xdotool search --pid "$app" 2>/dev/null); do printf '0x%x\n' "$w"; done)
@@ -181,10 +190,10 @@ tray_menu() {
   local user=$1 line w h x y; shift
   line=$(tray_icon "$user") || { echo "no Pelmora icon in the tray" >&2; return 1; }
   read -r w h x y < <(sed -E 's/.*\)  ([0-9]+)x([0-9]+)[-+][0-9]+[-+][0-9]+  \+(-?[0-9]+)\+(-?[0-9]+).*/\1 \2 \3 \4/' <<<"$line")
-  xdotool mousemove --sync $((x + w / 2)) $((y + h / 2)) click 3
+  DISPLAY=$(display_of "$user") xdotool mousemove --sync $((x + w / 2)) $((y + h / 2)) click 3
   sleep 0.7
-  shot "tray-menu-$(date +%s)"
-  xdotool key "$@"
+  shot "tray-menu-$(date +%s)" "$user"
+  DISPLAY=$(display_of "$user") xdotool key "$@"
 }
 
 app_pid() { pgrep -u "$1" -x pelmora-app | head -1; }
@@ -305,23 +314,20 @@ start_holder() {
   wait_for 10 test -S "$helper_socket"
 }
 
-start_desktop() {
-  # -noreset: the server would reset (and refuse connections for a moment) when its last client left.
-  Xvfb "$display" -screen 0 1600x1000x24 -nolisten tcp -ac -noreset >"$logs/xvfb.log" 2>&1 &
-  pids+=($!)
-  wait_for 10 xdpyinfo >/dev/null || return 1
-  DISPLAY=$display openbox >"$logs/openbox.log" 2>&1 &
-  pids+=($!)
-  DISPLAY=$display trayer --edge top --align right --widthtype pixel --width 120 --height 28 \
-    --transparent false --tint 0xdddddd >"$logs/trayer.log" 2>&1 &
-  pids+=($!)
-  wait_for 10 xdotool search --class trayer >/dev/null
-}
-
-# Every path on the machine that names Pelmora, outside the source tree and the test users' homes.
-pelmora_files() {
-  find /etc /usr /var /run /opt /srv /root /home -xdev \( -path "$repo" -o -path '/home/pmsession-*' \) -prune \
-    -o -iname '*pelmora*' -print 2>/dev/null | sort
+start_desktop() {  # Xvfb with openbox and trayer for each user
+  local d
+  for d in "$display" "$other_display"; do
+    # -noreset: the server would reset (and refuse connections for a moment) when its last client left.
+    Xvfb "$d" -screen 0 1600x1000x24 -nolisten tcp -ac -noreset >>"$logs/xvfb.log" 2>&1 &
+    pids+=($!)
+    DISPLAY=$d wait_for 10 xdpyinfo >/dev/null || return 1
+    DISPLAY=$d openbox >>"$logs/openbox.log" 2>&1 &
+    pids+=($!)
+    DISPLAY=$d trayer --edge top --align right --widthtype pixel --width 120 --height 28 \
+      --transparent false --tint 0xdddddd >>"$logs/trayer.log" 2>&1 &
+    pids+=($!)
+    DISPLAY=$d wait_for 10 xdotool search --class trayer >/dev/null || return 1
+  done
 }
 
 helper_starts() { grep -c ' started ' "$logs/holder.log"; }
@@ -347,7 +353,7 @@ main() {
       exit 1
     fi
   done
-  say "  session up in $((SECONDS - started_s)) s: bus $bus_address, helper socket $helper_socket, display $display"
+  say "  session up in $((SECONDS - started_s)) s: bus $bus_address, helper socket $helper_socket, displays $display and $other_display"
 
   passed=0 failed=0 skipped=0
   run_journey() {  # run_journey N NAME FUNCTION

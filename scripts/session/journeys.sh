@@ -62,7 +62,7 @@ journey_authorisation() {
   ensure_app "$refused" && show_cpu_settings "$refused" || return 1
   drive "$refused" click "push button" "Click the lock to make changes" || return 1
   sleep 2
-  shot journey-1-refused
+  shot journey-1-refused "$refused"
   drive "$refused" wait "*" "*may not administer Pelmora*" --timeout 5 \
     || fail "the refused user's window shows no reason (log: $(grep -h 'authorisation refused' "$(app_log "$refused")" | tail -1))" \
     || return
