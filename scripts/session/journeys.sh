@@ -233,6 +233,7 @@ EOF
   mains=$(start_busy "$granted" pm-mains)
   wait_for 20 is_stopped "$mains" \
     || fail "the remembered mains limit was not applied" || return
+  held_pid=$mains  # stays limited: journey 3 sees it continued for sleep
   local share
   share=$(share_percent "$mains" 4)
   note "pm-mains on AC: ${share}% of one processor (limit 25 %)"
@@ -251,7 +252,6 @@ EOF
   echo 1 >"$sysroot/class/power_supply/AC/online"
   echo Full >"$sysroot/class/power_supply/BAT0/status"
   kill -KILL "$battery"
-  held_pid=$mains  # still limited: journey 3 sees it continued for sleep
 }
 
 # 2. Limit from the tray, with the granted user's application authorised in journey 1: tray menu,
