@@ -392,5 +392,4 @@ main() {
   [ "$failed" -eq 0 ]
 }
 
-main "$@"
-exit $?
+main "$@"; exit $?  # one line: bash has read it whole before main runs
