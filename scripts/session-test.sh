@@ -115,6 +115,9 @@ start_user_bus() {
   pids+=($!)
   # Each user's accessibility bus, also named in the environment.
   wait_for 10 a11y_address "$1" >"$work/a11y-$1.address" || return 1
+  # The accessibility registry, started now: an application embeds itself once, when it starts, and
+  # a registry started later would not know it.
+  as_user "$1" "$python" -c 'import pyatspi; pyatspi.Registry.getDesktop(0).childCount' || return 1
 }
 
 a11y_address() {
