@@ -171,8 +171,26 @@ ensure_app() {
 
 # Brings USER's CPU settings window up (Open Pelmora in the tray menu) unless it shows.
 show_cpu_settings() {
-  drive "$1" wait "push button" "*Click the lock*" --timeout 1 2>/dev/null && return 0
-  tray_menu "$1" Down Return && drive "$1" wait "push button" "*Click the lock*"
+  settings_viewable "$1" && drive "$1" wait "push button" "*Click the lock*" --timeout 1 2>/dev/null && return 0
+  tray_menu "$1" Down Return && wait_for 10 settings_viewable "$1" && drive "$1" wait "push button" "*Click the lock*"
+}
+
+# The X window of USER's CPU settings window (titled "Pelmora", the largest of that name), and
+# whether X shows it: the accessibility tree calls a minimised window showing.
+settings_window() {
+  local -x DISPLAY
+  DISPLAY=$(display_of "$1")
+  local app w
+  app=$(app_pid "$1") || return 1
+  for w in $(xdotool search --pid "$app" --name '^Pelmora$' 2>/dev/null); do
+    xdotool getwindowgeometry --shell "$w" | awk -F= -v w="$w" '/^WIDTH=/{x=$2} /^HEIGHT=/{y=$2} END { print x * y, w }'
+  done | sort -n | tail -1 | cut -d' ' -f2 | grep .
+}
+
+settings_viewable() {
+  local w
+  w=$(settings_window "$1") || return 1
+  DISPLAY=$(display_of "$1") xwininfo -id "$w" | grep -q 'Map State: IsViewable'
 }
 
 # The line of xwininfo -tree that describes USER's icon inside trayer.

@@ -139,13 +139,13 @@ journey_single_instance() {
   ensure_app "$granted" && show_cpu_settings "$granted" || return 1
   local first
   first=$(app_pid "$granted")
-  xdotool windowminimize "$(largest_window "$granted")"
-  drive "$granted" gone "push button" "*Click the lock*" || fail "the CPU settings window did not minimise" || return
+  xdotool windowminimize "$(settings_window "$granted")"
+  wait_for 10 eval '! settings_viewable "$granted"' || fail "the CPU settings window did not minimise" || return
   shot journey-9-minimised
   as_user "$granted" timeout 20 /usr/bin/pelmora-app >>"$logs/app-second.log" 2>&1 \
     || fail "the second start did not end by itself" || return
   [ "$(app_pid "$granted")" = "$first" ] || fail "the first instance is gone" || return
-  drive "$granted" wait "push button" "*Click the lock*" --timeout 10 \
+  wait_for 10 settings_viewable "$granted" \
     || fail "the second start did not bring the first instance's window forward" || return
   shot journey-9-forward
   # The other user takes the abstract name the granted user's instance would listen on.
