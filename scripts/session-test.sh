@@ -238,7 +238,13 @@ share_percent() {  # share_percent PID SECONDS: the percentage of one processor 
 
 within() { awk -v v="$1" -v lo="$2" -v hi="$3" 'BEGIN { exit !(v >= lo && v <= hi) }'; }
 
-online_count() { cat "$sysroot"/devices/system/cpu/cpu[0-9]*/online 2>/dev/null | grep -c 1; }
+online_count() {  # processors on in the fixture: an online file holding 1, or none at all (cpu0)
+  local c n=0
+  for c in "$sysroot"/devices/system/cpu/cpu[0-9]*; do
+    if [ ! -e "$c/online" ] || [ "$(cat "$c/online")" = 1 ]; then n=$((n + 1)); fi
+  done
+  echo "$n"
+}
 
 # ---------------------------------------------------------------------------------------------
 # The session.

@@ -142,8 +142,9 @@ journey_single_instance() {
   xdotool windowminimize "$(settings_window "$granted")"
   wait_for 10 eval '! settings_viewable "$granted"' || fail "the CPU settings window did not minimise" || return
   shot journey-9-minimised
-  as_user "$granted" timeout 20 /usr/bin/pelmora-app >>"$logs/app-second.log" 2>&1 \
-    || fail "the second start did not end by itself" || return
+  local status=0
+  as_user "$granted" timeout 20 /usr/bin/pelmora-app >>"$logs/app-second.log" 2>&1 || status=$?
+  [ "$status" -eq 0 ] || fail "the second start did not end by itself (status $status)" || return
   [ "$(app_pid "$granted")" = "$first" ] || fail "the first instance is gone" || return
   wait_for 10 settings_viewable "$granted" \
     || fail "the second start did not bring the first instance's window forward" || return
