@@ -304,7 +304,7 @@ window_box() {
       xdotool getwindowgeometry --shell "$w" | awk -F= '/^X=/{x=$2} /^Y=/{y=$2} /^WIDTH=/{w=$2} /^HEIGHT=/{h=$2}
         END { print x, y, w, h, w * h }'
     fi
-  done | sort -n -k5 | head -1 | cut -d' ' -f1-4
+  done | awk '$3 >= 60 && $4 >= 40' | sort -n -k5 | head -1 | cut -d' ' -f1-4  # not the tray icon
 }
 
 magenta_in() {  # magenta_in IMAGE X Y W H: how many pixels of the chosen colour lie in that box
