@@ -171,8 +171,11 @@ ensure_app() {
 
 # Brings USER's CPU settings window up (Open Pelmora in the tray menu) unless it shows.
 show_cpu_settings() {
-  settings_viewable "$1" && drive "$1" wait "push button" "*Click the lock*" --timeout 1 2>/dev/null && return 0
-  tray_menu "$1" Down Return && wait_for 10 settings_viewable "$1" && drive "$1" wait "push button" "*Click the lock*"
+  settings_viewable "$1" || { tray_menu "$1" Down Return && wait_for 10 settings_viewable "$1"; } || return 1
+  # On top of the other windows, so that a click on its controls lands on them.
+  DISPLAY=$(display_of "$1") xdotool windowraise "$(settings_window "$1")"
+  sleep 0.5
+  drive "$1" wait "push button" "*Click the lock*"
 }
 
 # The X window of USER's CPU settings window (titled "Pelmora", the largest of that name), and
