@@ -360,6 +360,12 @@ start_desktop() {  # Xvfb with openbox and trayer for each user
   done
 }
 
+# Every path on the machine that names Pelmora, outside the source tree and the test users' homes.
+pelmora_files() {
+  find /etc /usr /var /run /opt /srv /root /home -xdev \( -path "$repo" -o -path '/home/pmsession-*' \) -prune \
+    -o -iname '*pelmora*' -print 2>/dev/null | sort
+}
+
 helper_starts() { grep -c ' started ' "$logs/holder.log"; }
 helper_running() { tail -1 "$logs/holder.log" | grep -q ' started '; }
 
