@@ -178,14 +178,14 @@ show_cpu_settings() {
   drive "$1" wait "push button" "*Click the lock*"
 }
 
-# The X window of USER's CPU settings window (titled "Pelmora", the largest of that name), and
+# The X window of USER's CPU settings window (titled "CPU Settings — Pelmora"), and
 # whether X shows it: the accessibility tree calls a minimised window showing.
 settings_window() {
   local -x DISPLAY
   DISPLAY=$(display_of "$1")
   local app w
   app=$(app_pid "$1") || return 1
-  for w in $(xdotool search --pid "$app" --name '^Pelmora$' 2>/dev/null); do
+  for w in $(xdotool search --pid "$app" --name '^CPU Settings' 2>/dev/null); do
     xdotool getwindowgeometry --shell "$w" | awk -F= -v w="$w" '/^WIDTH=/{x=$2} /^HEIGHT=/{y=$2} END { print x * y, w }'
   done | sort -n | tail -1 | cut -d' ' -f2 | grep .
 }

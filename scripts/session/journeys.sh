@@ -274,7 +274,7 @@ journey_tray_limit() {
   local child share
   child=$(start_busy "$granted" pm-tray)
   tray_menu "$granted" Down Down Return || return 1
-  drive "$granted" click text "" --under "filler:Processes" || fail "the tray's Processes item opened no process window" || return
+  drive "$granted" click text "" --under "*:*Processes —*" || fail "the tray's Processes item opened no process window" || return
   xdotool type pm-tray
   drive "$granted" click "table cell" pm-tray || return 1
   drive "$granted" click "spin button" "" --row "label:CPU limit:" || return 1
@@ -331,10 +331,10 @@ journey_colour() {
   drive "$granted" click "menu item" CPU --under "menu item:Dock Display" 2>/dev/null \
     || drive "$granted" click "menu item" CPU || return 1
   tray_menu "$granted" Down Down Down Return || return 1
-  drive "$granted" wait frame Statistics || return 1
+  drive "$granted" wait "*" "*Statistics —*" || return 1
   sleep 2
   local x y w h
-  read -r x y w h < <(window_box "$granted" Statistics)
+  read -r x y w h < <(window_box "$granted" "Statistics — Pelmora")
   [ -n "${h:-}" ] || fail "no statistics window" || return
   xdotool mousemove --sync $((x + 200)) $((y + 110)) click 1   # the first processor graph
   sleep 1
@@ -354,7 +354,7 @@ journey_colour() {
   xdotool key Escape
   import -window root "$work/coloured.png"
   cp "$work/coloured.png" "$shots/journey-4-coloured.png"
-  read -r x y w h < <(window_box "$granted" Statistics)
+  read -r x y w h < <(window_box "$granted" "Statistics — Pelmora")
   local in_graph in_icon tray
   in_graph=$(magenta_in "$work/coloured.png" "$x" "$y" "$w" "$h")
   tray=$(xdotool search --class trayer | tail -1)
@@ -365,11 +365,11 @@ journey_colour() {
   [ "$in_icon" -gt 0 ] || fail "the chosen colour is not drawn in the live icon" || return
   stop_app "$granted"
   ensure_app "$granted" || return 1
-  drive "$granted" wait frame Statistics --timeout 5 2>/dev/null || { tray_menu "$granted" Down Down Down Return && drive "$granted" wait frame Statistics; } || return 1
+  drive "$granted" wait "*" "*Statistics —*" --timeout 5 2>/dev/null || { tray_menu "$granted" Down Down Down Return && drive "$granted" wait "*" "*Statistics —*"; } || return 1
   sleep 4
   import -window root "$work/restarted.png"
   cp "$work/restarted.png" "$shots/journey-4-restarted.png"
-  read -r x y w h < <(window_box "$granted" Statistics)
+  read -r x y w h < <(window_box "$granted" "Statistics — Pelmora")
   in_graph=$(magenta_in "$work/restarted.png" "$x" "$y" "$w" "$h")
   [ "$in_graph" -gt 20 ] || fail "the colour was not kept after a restart" || return
 }
@@ -383,14 +383,14 @@ unlock() {
 
 # The processor graphs the statistics window shows: its graph views, counted by the accessibility
 # tree (each graph is one unnamed filler inside the window's split panes).
-graph_count() { drive "$granted" names filler "" --under "frame:Statistics" | wc -l; }
+graph_count() { drive "$granted" names filler "" --under "*:*Statistics —*" | wc -l; }
 
 # 5. Processors switched off and on (the granted user's pelmora -n): the statistics window's
 # processor graphs follow the fixture's online set.
 journey_processors() {
   ensure_app "$granted" || return 1
   tray_menu "$granted" Down Down Down Return || return 1
-  drive "$granted" wait frame Statistics || fail "the tray's Statistics item opened no statistics window" || return
+  drive "$granted" wait "*" "*Statistics —*" || fail "the tray's Statistics item opened no statistics window" || return
   sleep 2
   local all fewer back
   all=$(graph_count)
@@ -419,7 +419,7 @@ journey_boot_apply() {
   unlock "$granted" || fail "the lock did not open" || return
   drive "$granted" click "menu item" File || return 1
   drive "$granted" click "menu item" "Preferences…" || return 1
-  drive "$granted" click "*" Processes --under "frame:Preferences" 2>/dev/null \
+  drive "$granted" click "*" Processes --under "*:*Preferences —*" 2>/dev/null \
     || drive "$granted" click "push button" Processes || return 1
   drive "$granted" click "check box" "Apply the CPU settings at system boot" || return 1
   drive "$granted" click "push button" "Apply at Boot" || return 1
