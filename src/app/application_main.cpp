@@ -86,7 +86,8 @@ int claimInstance(bool& other_running) {
   if (peer >= 0 && ::connect(peer, reinterpret_cast<const sockaddr*>(&address), length) == 0) {
     if (peerIsThisUser(peer)) {
       other_running = true;
-      [[maybe_unused]] auto n = ::write(peer, "show\n", 5);
+      // The first instance may read and close before this lands: no SIGPIPE for a second start.
+      [[maybe_unused]] auto n = ::send(peer, "show\n", 5, MSG_NOSIGNAL);
     } else {
       Log("Another user holds this user's single-instance name; starting without the check.");
     }
