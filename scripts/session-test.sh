@@ -135,7 +135,7 @@ as_user() {  # as_user USER COMMAND...: runs COMMAND as USER in that session's e
   # setpriv execs, where runuser forks and ends a PAM session (its HUP would end what we start in the
   # background, and $! would be runuser's pid rather than the program's).
   # shellcheck disable=SC2046
-  setpriv --reuid="$user" --regid="$user" --init-groups env -i $(user_env "$user") "$@"
+  setpriv --reuid="$user" --regid="$(id -g "$user")" --init-groups env -i $(user_env "$user") "$@"
 }
 
 app_log() { echo "$(getent passwd "$1" | cut -d: -f6)/.local/state/pelmora/pelmora.log"; }

@@ -4,7 +4,10 @@
 
 # Journeys that cannot pass on main yet for a reason outside the session's reach are listed here
 # with that reason; PELMORA_SESSION_RUN_BLOCKED=1 runs them anyway.
-declare -A blocked_journeys=()
+declare -A blocked_journeys=(
+  [4]="the colour well's dialog aborts pelmora-app (munmap_chunk(): invalid pointer); the fix is being made in wt w18"
+  [5]="the statistics window does not hear of a processor-set change made outside it (the processor-set signal is being added in wt w18)"
+)
 
 skip_reason() {
   [ -z "${PELMORA_SESSION_RUN_BLOCKED:-}" ] && [ -n "${blocked_journeys[$1]:-}" ] && echo "${blocked_journeys[$1]}"
