@@ -167,7 +167,11 @@ HelperDaemonChild* PowerMetricsOverTheWire::s_daemon = nullptr;
 
 TEST_F(PowerMetricsOverTheWire, TheLinesArriveThroughTheDescriptor) {
   ASSERT_TRUE(s_daemon->ready());
-  const XPCDict reply = ask({{"powermetrics", "powermetrics"}, {"sample_interval", 20}});
+  // The daemon ends a sampler child with the connection that asked for it, so the connection stays
+  // open until every line has been read.
+  SocketTransport transport(s_daemon->socket());
+  const XPCDict reply =
+      transport.exchange({{"powermetrics", "powermetrics"}, {"sample_interval", 20}}).value_or(XPCDict{{"no reply", 1}});
   ASSERT_EQ(xpcInt(reply, "result"), 1) << (xpcString(reply, "error") ? *xpcString(reply, "error") : "");
   const auto pid = xpcInt(reply, "pid");
   const XPCDescriptor* fd = xpcDescriptor(reply, "fd");
