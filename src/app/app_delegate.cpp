@@ -120,10 +120,12 @@ void AppDelegate::finishLaunching() {
                                                   m_services.sleep_source());
   trace("SleepNotify");
   if (!m_services.live_window_icon) {
-    connect(m_dock.get(), &Dock::iconChanged, m_menubar.get(), &StatusBarController::setBaseIcon);
-    m_menubar->setBaseIcon(m_dock->icon());
+    connect(m_dock.get(), &Dock::trayIconChanged, m_menubar.get(), &StatusBarController::setBaseIcon);
+    m_menubar->setBaseIcon(m_dock->trayIcon());
   } else {
-    m_menubar->setBaseIcon(QApplication::windowIcon());
+    // The window icon may already be the live graph: the tray keeps the program's own.
+    m_menubar->setBaseIcon(programIcon());
+    connect(m_dock.get(), &Dock::iconChanged, m_menubar.get(), &StatusBarController::refreshToolTip);
   }
   connect(m_window, &PelmoraWindow::controlsChanged, m_menubar.get(), &StatusBarController::refreshTitle);
   connect(m_menubar.get(), &StatusBarController::activated, this, &AppDelegate::openWindows);

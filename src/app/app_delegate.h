@@ -63,8 +63,9 @@ struct AppServices {
   bool tray_available = false;
   // False where the desktop shows no live window icon (Wayland): the tray shows the live graph.
   bool live_window_icon = true;
-  // The log file revealer (the desktop's file manager); tests record the path instead.
-  std::function<void(const std::string& path)> reveal = nullptr;
+  // Opens a file or folder with the desktop's default application; false when none opened it.
+  // Tests record the path instead.
+  std::function<bool(const std::string& path)> reveal = nullptr;
   // Called with the name of each start-up step as it runs.
   std::function<void(const std::string& step)> trace = nullptr;
 };
@@ -110,6 +111,8 @@ class AppDelegate : public QObject {
   QWidget* preferences() const { return m_preferences; }
   QTextBrowser* helpViewer() const { return m_help; }
   QWidget* aboutBox() const { return m_about; }
+  // The message shown when no application opened the log file, while it is open.
+  QWidget* logFileMessage() const { return m_log_message; }
   const std::vector<QMenu*>& mainMenus() const { return m_main_menus; }
   bool taskBarPresence() const { return m_task_bar; }
   bool statusItemShown() const;
@@ -121,6 +124,7 @@ class AppDelegate : public QObject {
   // Writes every pane's controls back to the store (quit).
   void savePreferences();
   void createDockMenu();
+  bool reveal(const std::string& path);
   void buildMainMenus();
   void attachMenuBar(QWidget* window);
   void updateDockMenuChecks();
@@ -143,6 +147,7 @@ class AppDelegate : public QObject {
   QPointer<QWidget> m_preferences;
   QPointer<QTextBrowser> m_help;
   QPointer<QWidget> m_about;
+  QPointer<QWidget> m_log_message;
   bool m_task_bar = true;
   bool m_first_launch = false;
   bool m_launched = false;

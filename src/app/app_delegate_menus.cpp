@@ -9,6 +9,7 @@
 #include <QMenu>
 #include <QMenuBar>
 #include <QMessageBox>
+#include <QPushButton>
 #include <QTextBrowser>
 #include <QUrl>
 #include <QVBoxLayout>
@@ -299,22 +300,30 @@ void AppDelegate::openHelp() {
   m_help->activateWindow();
 }
 
+bool AppDelegate::reveal(const std::string& path) {
+  if (m_services.reveal) return m_services.reveal(path);
+  return QDesktopServices::openUrl(QUrl::fromLocalFile(QString::fromStdString(path)));
+}
+
 void AppDelegate::showLogFile() {
   const std::string path = Logger::shared().path().string();
-  if (path.empty()) return;
-  if (m_services.reveal)
-    m_services.reveal(path);
-  else
-    QDesktopServices::openUrl(QUrl::fromLocalFile(QString::fromStdString(path)));
+  if (path.empty() || reveal(path)) return;
+  // Minimal desktops often have no application for plain text: say so rather than do nothing.
+  auto* box = new QMessageBox(QMessageBox::Information, pelmoraTitle(tr("Log File")),
+                              tr("No application is set to open the log file."), QMessageBox::NoButton, m_window);
+  box->setInformativeText(QString::fromStdString(path));
+  box->setTextInteractionFlags(Qt::TextSelectableByMouse);
+  QPushButton* folder = box->addButton(tr("Show &Folder"), QMessageBox::AcceptRole);
+  box->addButton(QMessageBox::Close);
+  box->setAttribute(Qt::WA_DeleteOnClose);
+  connect(folder, &QPushButton::clicked, this, [this] { showLogFolder(); });
+  m_log_message = box;
+  box->show();
 }
 
 void AppDelegate::showLogFolder() {
   const std::string path = Logger::shared().path().parent_path().string();
-  if (path.empty()) return;
-  if (m_services.reveal)
-    m_services.reveal(path);
-  else
-    QDesktopServices::openUrl(QUrl::fromLocalFile(QString::fromStdString(path)));
+  if (!path.empty()) reveal(path);
 }
 
 void AppDelegate::showAbout() {

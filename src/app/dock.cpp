@@ -82,6 +82,12 @@ std::unique_ptr<GraphView> Dock::makeView(Display display) const {
 void Dock::setDisplay(Display display) {
   const bool changed = display != m_display_type;
   m_view = makeView(display);
+  m_tray_view = makeView(display);
+  if (m_tray_view) {
+    m_tray_view->resize(kTraySize_px, kTraySize_px);
+    m_tray_view->setShowsCaption(false);
+    m_tray_view->setPalette(QApplication::palette());
+  }
   m_display_type = display;
   if (changed && m_view) feedView();
   m_store.saveInt(kDisplayKey, static_cast<int64_t>(display));
@@ -124,6 +130,7 @@ void Dock::detach() {
 bool Dock::eventFilter(QObject* watched, QEvent* event) {
   if (watched == qApp && event->type() == QEvent::ApplicationPaletteChange && m_view) {
     m_view->setPalette(QApplication::palette());
+    if (m_tray_view) m_tray_view->setPalette(QApplication::palette());
     drawIcon(false);
   }
   return QObject::eventFilter(watched, event);
@@ -183,9 +190,14 @@ void Dock::appendThermal(const SampleSet& sample) {
 }
 
 void Dock::feedView() {
-  if (auto* cpu = qobject_cast<GraphViewCPU*>(m_view.get())) {
+  feed(m_view.get());
+  feed(m_tray_view.get());
+}
+
+void Dock::feed(GraphView* view) {
+  if (auto* cpu = qobject_cast<GraphViewCPU*>(view)) {
     cpu->update(m_total_cpu, true);
-  } else if (auto* gfx = qobject_cast<GraphViewGFX*>(m_view.get())) {
+  } else if (auto* gfx = qobject_cast<GraphViewGFX*>(view)) {
     // The first card by name, so the choice stays put from sample to sample.
     const auto history = m_active_gfx.empty() ? m_gfx.end() : m_gfx.find(*m_active_gfx.begin());
     if (history != m_gfx.end()) {
@@ -194,23 +206,23 @@ void Dock::feedView() {
     } else {
       gfx->update(std::vector<graphicsCardStats>{});
     }
-  } else if (auto* io = qobject_cast<GraphViewIO*>(m_view.get())) {
+  } else if (auto* io = qobject_cast<GraphViewIO*>(view)) {
     const SystemStatsWindow* window = SystemStatsWindow::instance();
     io->setDataRate(window == nullptr || window->showDataIO());
     io->update(m_io);
-  } else if (auto* load = qobject_cast<GraphViewLoad*>(m_view.get())) {
+  } else if (auto* load = qobject_cast<GraphViewLoad*>(view)) {
     load->update(m_load);
-  } else if (auto* mem = qobject_cast<GraphViewMEM*>(m_view.get())) {
+  } else if (auto* mem = qobject_cast<GraphViewMEM*>(view)) {
     mem->update(m_mem, m_sampler.pageSize());
-  } else if (auto* net = qobject_cast<GraphViewNet*>(m_view.get())) {
+  } else if (auto* net = qobject_cast<GraphViewNet*>(view)) {
     net->update(m_net);
-  } else if (auto* power = qobject_cast<GraphViewPower*>(m_view.get())) {
+  } else if (auto* power = qobject_cast<GraphViewPower*>(view)) {
     power->update(m_power);
-  } else if (auto* proc = qobject_cast<GraphViewProc*>(m_view.get())) {
+  } else if (auto* proc = qobject_cast<GraphViewProc*>(view)) {
     proc->update(m_proc);
-  } else if (auto* temp = qobject_cast<GraphViewTemperature*>(m_view.get())) {
+  } else if (auto* temp = qobject_cast<GraphViewTemperature*>(view)) {
     temp->update(m_cpu_temp);
-  } else if (auto* battery = qobject_cast<GraphViewBattery*>(m_view.get())) {
+  } else if (auto* battery = qobject_cast<GraphViewBattery*>(view)) {
     battery->update(m_battery);
   }
 }
@@ -218,20 +230,26 @@ void Dock::feedView() {
 void Dock::drawIcon(bool force) {
   if (!m_view) {
     m_live_icon = QIcon();
+    m_live_tray_icon = QIcon();
     m_last_icon.reset();
     QApplication::setWindowIcon(m_app_icon);
     emit iconChanged(m_app_icon);
+    emit trayIconChanged(m_app_icon);
     return;
   }
   if (!force && m_last_icon && m_last_icon->elapsed() < kIconInterval_us) return;
   m_last_icon = Timeval::now();
   ++m_icon_draws;
   m_live_icon = QIcon(m_view->grab());
+  m_live_tray_icon = QIcon(m_tray_view->grab());
   QApplication::setWindowIcon(m_live_icon);
   emit iconChanged(m_live_icon);
+  emit trayIconChanged(m_live_tray_icon);
 }
 
 QIcon Dock::icon() const { return m_view ? m_live_icon : m_app_icon; }
+
+QIcon Dock::trayIcon() const { return m_view ? m_live_tray_icon : m_app_icon; }
 
 QMenu* Dock::makeMenu(QWidget* parent) {
   auto* menu = new QMenu(tr("Dock Display"), parent);

@@ -36,6 +36,8 @@ class Dock : public QObject {
   static constexpr int kDisplayCount = 11;
   static constexpr size_t kHistoryLimit = 72;
   static constexpr int kTileSize_px = 128;
+  // The common tray size; the tray gets a graph of its own drawn at this size, without a caption.
+  static constexpr int kTraySize_px = 22;
   static constexpr int64_t kIconInterval_us = 1'000'000;
   static constexpr const char* kDisplayKey = "DOCK_display";
 
@@ -54,6 +56,8 @@ class Dock : public QObject {
 
   // The icon shown now: the live graph or, for Icon, the application's own.
   QIcon icon() const;
+  // The same at tray size: the graph without its caption, or the application's own icon.
+  QIcon trayIcon() const;
   GraphView* view() const { return m_view.get(); }
   bool attached() const { return m_attached; }
   int64_t iconDraws() const { return m_icon_draws; }
@@ -67,6 +71,7 @@ class Dock : public QObject {
 
  signals:
   void iconChanged(const QIcon& icon);
+  void trayIconChanged(const QIcon& icon);
   void displayChanged(pelmora::Dock::Display display);
 
  protected:
@@ -78,12 +83,14 @@ class Dock : public QObject {
   void attach();
   void detach();
   void clearHistories();
-  // Hands the histories to the view; the icon is redrawn separately.
+  // Hands the histories to the views; the icon is redrawn separately.
   void feedView();
   void appendThermal(const SampleSet& sample);
+  void feed(GraphView* view);
   void drawIcon(bool force);
 
   std::unique_ptr<GraphView> m_view;
+  std::unique_ptr<GraphView> m_tray_view;
   Display m_display_type = Display::Icon;
   bool m_theme_observer = false;
   std::vector<cpu_sample_t> m_total_cpu;
@@ -104,6 +111,7 @@ class Dock : public QObject {
   bool m_attached = false;
   QIcon m_app_icon;
   QIcon m_live_icon;
+  QIcon m_live_tray_icon;
   std::optional<Timeval> m_last_icon;
   int64_t m_icon_draws = 0;
 };

@@ -118,6 +118,7 @@ void PelmoraWindow::setChecked(QCheckBox* box, bool on) {
 void PelmoraWindow::setHeaderTitle() {
   const bool on_battery = m_power.powerSource() == PowerSource::battery;
   m_header_title->setText(headerTitle(on_battery));
+  m_power_note->setVisible(on_battery && !m_power.hasBattery());
   const int size_px = m_header_title->fontMetrics().height();
   m_header_icon->setPixmap(powerSourceIcon(on_battery, palette().color(QPalette::WindowText))
                                .pixmap(QSize(size_px, size_px), devicePixelRatioF()));

@@ -77,6 +77,7 @@ class PelmoraWindow : public QWidget, public SliderStepperDelegate {
   QCheckBox* m_throttle;
   QComboBox* m_powersource;
   QPushButton* m_power_switch;
+  QLabel* m_power_note;  // why battery settings show on a machine without a battery
   QPushButton* m_auth;
   QWidget* m_ph_controller;
   SliderStepper* m_cpucontrol;

@@ -47,12 +47,19 @@ QWidget* PelmoraWindow::buildControlsBox() {
   m_powersource->addItem(tr("AC Power"));
   m_powersource->addItem(tr("Battery Power"));
   connect(m_powersource, &QComboBox::activated, this, [this] { changePowerSource(); });
-  m_power_switch = new QPushButton(tr("Switch"), box);
-  m_power_switch->setToolTip(tr("Use the settings of the other power source now"));
+  m_power_switch = new QPushButton(tr("S&witch"), box);
+  m_power_switch->setToolTip(tr("Use the settings of the other power source now, until the power source "
+                                "changes or you switch back"));
   connect(m_power_switch, &QPushButton::clicked, this, [this] { m_power.switchSource(); });
   source_row->addWidget(m_powersource, 1);
   source_row->addWidget(m_power_switch);
   form->addRow(tr("Settings for:"), source_row);
+  m_power_note = new QLabel(tr("This computer has no battery: the Battery Power settings are in force "
+                               "because Switch was chosen. Switch again to go back to AC Power."),
+                            box);
+  m_power_note->setWordWrap(true);
+  m_power_note->setHidden(true);
+  form->addRow(m_power_note);
   auto* limited_row = new QHBoxLayout();
   m_constrained = new QLabel(constrainedCaption(0), box);
   m_activity_monitor = new QPushButton(tr("System Monitor"), box);

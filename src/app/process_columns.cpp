@@ -4,16 +4,25 @@
 #include <cctype>
 #include <cstdio>
 #include <functional>
+#include <unordered_map>
+
+#include "graphs/value_formatter.h"
 
 namespace pelmora {
 namespace {
-
-constexpr double kBytesPerMiB = 1048576.0;
 
 std::string format(const char* fmt, double value) {
   char buffer[64];
   std::snprintf(buffer, sizeof buffer, fmt, value);
   return buffer;
+}
+
+std::string withUnit(double value, int base, std::string_view unit) {
+  return formatValue(value, base, 1, unit, [](double v, int decimals) {
+    char buffer[64];
+    std::snprintf(buffer, sizeof buffer, "%.*f", decimals, v);
+    return std::string(buffer);
+  });
 }
 
 template <typename T>
@@ -61,7 +70,7 @@ const std::vector<std::string>& processColumnIds() {
   static const std::vector<std::string> ids = {
       "process", "pid",     "kind",    "elapsed",    "pctcpu",      "wakeups", "energy",
       "user",    "uid",     "sleep",   "limit",      "nice",        "threads", "readpersec",
-      "writepersec", "netread", "netwrite", "memresident", "memvirtual"};
+      "writepersec", "netread", "netwrite", "memresident", "memvirtual", "command"};
   return ids;
 }
 
@@ -71,7 +80,7 @@ bool isProcessColumn(std::string_view id) {
 }
 
 bool isTextColumn(std::string_view id) {
-  return id == "process" || id == "kind" || id == "user" || id == "sleep";
+  return id == "process" || id == "kind" || id == "user" || id == "sleep" || id == "command";
 }
 
 std::string elapsedText(uint64_t elapsed_ns) {
@@ -104,12 +113,15 @@ std::string cellText(std::string_view column, const ProcessRow& row, const CellC
   if (column == "limit") return limitText(row, ctx.limit_frontmost);
   if (column == "nice") return std::to_string(row.nice);
   if (column == "threads") return std::to_string(p.threads);
-  if (column == "readpersec") return format("%.3f", p.readPerSec.current() * 0.001);
-  if (column == "writepersec") return format("%.3f", p.writePerSec.current() * 0.001);
-  if (column == "netread") return format("%.3f", p.netReadPerSec * 0.001);
-  if (column == "netwrite") return format("%.3f", p.netWritePerSec * 0.001);
-  if (column == "memresident") return format("%.3f", double(p.memRes) / kBytesPerMiB);
-  if (column == "memvirtual") return format("%.3f", double(p.memVirtual) / kBytesPerMiB);
+  // Sizes and disk rates in binary units as free(1) and the desktop monitors show them; network
+  // rates in decimal bits, as links are rated.
+  if (column == "readpersec") return withUnit(p.readPerSec.current(), 1024, "B/s");
+  if (column == "writepersec") return withUnit(p.writePerSec.current(), 1024, "B/s");
+  if (column == "netread") return withUnit(p.netReadPerSec, 1000, "bit/s");
+  if (column == "netwrite") return withUnit(p.netWritePerSec, 1000, "bit/s");
+  if (column == "memresident") return withUnit(double(p.memRes), 1024, "B");
+  if (column == "memvirtual") return withUnit(double(p.memVirtual), 1024, "B");
+  if (column == "command") return commandText(p);
   return {};
 }
 
@@ -117,6 +129,7 @@ int compareRows(std::string_view column, const ProcessRow& a, const ProcessRow& 
   if (column == "process") return caselessThreeWay(a.info.name, b.info.name);
   if (column == "kind") return caselessThreeWay(a.info.kind, b.info.kind);
   if (column == "user") return caselessThreeWay(a.info.user, b.info.user);
+  if (column == "command") return caselessThreeWay(commandText(a.info), commandText(b.info));
   // Later start first: ascending order lists the shortest elapsed time first.
   if (column == "elapsed") return threeWay(b.info.startTime, a.info.startTime);
   if (column == "nice") return threeWay(a.nice, b.nice);
@@ -149,6 +162,47 @@ bool passesSearch(const procinfo& info, std::string_view needle, bool contains) 
   return found == contains;
 }
 
+std::string commandText(const procinfo& info) {
+  // As ps shows a process without a command line (a kernel thread): its name in brackets.
+  return info.command.empty() ? "[" + info.name + "]" : info.command;
+}
+
+std::vector<ProcessRow> treeOrder(std::vector<ProcessRow> rows) {
+  std::unordered_map<int32_t, size_t> index_of;
+  for (size_t i = 0; i < rows.size(); ++i) index_of.emplace(rows[i].info.pid, i);
+  std::unordered_map<int32_t, std::vector<size_t>> children;
+  std::vector<size_t> roots;
+  for (size_t i = 0; i < rows.size(); ++i) {
+    const int32_t parent = rows[i].info.ppid;
+    if (parent != rows[i].info.pid && index_of.count(parent))
+      children[parent].push_back(i);
+    else
+      roots.push_back(i);
+  }
+  std::vector<ProcessRow> out;
+  out.reserve(rows.size());
+  std::vector<bool> placed(rows.size(), false);
+  // Depth first, each level in the order it was sorted in; a stale parent link that closes a loop
+  // cannot hide a row: whatever the walk did not reach becomes a root of its own.
+  auto walk = [&](size_t root) {
+    std::vector<std::pair<size_t, int>> stack{{root, 0}};
+    while (!stack.empty()) {
+      const auto [i, depth] = stack.back();
+      stack.pop_back();
+      if (placed[i]) continue;
+      placed[i] = true;
+      out.push_back(rows[i]);
+      out.back().depth = depth;
+      const auto kids = children.find(rows[i].info.pid);
+      if (kids == children.end()) continue;
+      for (auto k = kids->second.rbegin(); k != kids->second.rend(); ++k) stack.emplace_back(*k, depth + 1);
+    }
+  };
+  for (size_t root : roots) walk(root);
+  for (size_t i = 0; i < rows.size(); ++i) walk(i);
+  return out;
+}
+
 std::vector<ProcessRow> buildRows(const std::map<int32_t, procinfo>& table,
                                   const std::map<int32_t, pidInfo>& limits, const RowQuery& query) {
   std::vector<ProcessRow> rows;
@@ -171,7 +225,7 @@ std::vector<ProcessRow> buildRows(const std::map<int32_t, procinfo>& table,
     if (c != 0) return query.sort_ascending ? c < 0 : c > 0;
     return a.info.pid < b.info.pid;
   });
-  return rows;
+  return query.tree ? treeOrder(std::move(rows)) : rows;
 }
 
 }  // namespace pelmora

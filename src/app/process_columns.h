@@ -30,6 +30,7 @@ struct ProcessRow {
   std::optional<double> limit;  // share of one processor; none when not limited
   bool frontmost = false;
   int nice = 0;  // the current priority, read from the process when the rows are built
+  int depth = 0;  // in the tree view: how many ancestors are shown above the row
 };
 
 // The column identifiers in their default order.
@@ -74,7 +75,14 @@ struct RowQuery {
   std::string sort_key = "pctcpu";
   bool sort_ascending = false;
   std::function<int(int32_t pid)> nice_of;  // none: every priority reads 0
+  bool tree = false;                        // children under their parents
 };
+
+// The full command line, or "[name]" for a process without one (a kernel thread).
+std::string commandText(const procinfo& info);
+// Sorted rows rearranged so that every child follows its parent (depth first, siblings in their
+// sorted order) with its depth set; a row whose parent is not shown is a root.
+std::vector<ProcessRow> treeOrder(std::vector<ProcessRow> rows);
 
 // The rows shown: the table filtered, searched and sorted (ties broken by pid so the order is
 // stable between refreshes), with each row's limit and frontmost state from the limiter's records.

@@ -44,10 +44,10 @@ QString ProcessTableModel::columnTitle(const std::string& id) {
       {"energy", "Energy Impact"},  {"user", "User"},
       {"uid", "UID"},               {"sleep", "Preventing Sleep"},
       {"limit", "Limit %"},         {"nice", "Nice"},
-      {"threads", "Threads"},       {"readpersec", "Read kB/s"},
-      {"writepersec", "Write kB/s"}, {"netread", "Net In kbit/s"},
-      {"netwrite", "Net Out kbit/s"}, {"memresident", "Resident MiB"},
-      {"memvirtual", "Virtual MiB"}};
+      {"threads", "Threads"},       {"readpersec", "Disk Read"},
+      {"writepersec", "Disk Write"}, {"netread", "Net In"},
+      {"netwrite", "Net Out"},      {"memresident", "Resident Memory"},
+      {"memvirtual", "Virtual Memory"}, {"command", "Command"}};
   auto it = titles.find(id);
   return it == titles.end() ? QString() : QObject::tr(it->second);
 }
@@ -70,8 +70,13 @@ QVariant ProcessTableModel::data(const QModelIndex& index, int role) const {
   switch (role) {
     case Qt::DisplayRole: {
       const std::string text = cellText(id, row, m_ctx);
-      return id == "sleep" ? QObject::tr(text.c_str()) : QString::fromStdString(text);
+      if (id == "sleep") return QObject::tr(text.c_str());
+      // The tree view indents a child under its parent.
+      if (id == "process" && row.depth > 0) return QString(row.depth * 3, ' ') + QString::fromStdString(text);
+      return QString::fromStdString(text);
     }
+    case Qt::ToolTipRole:
+      return id == "process" || id == "command" ? QVariant(QString::fromStdString(commandText(row.info))) : QVariant();
     case Qt::DecorationRole:
       return id == "process" ? QVariant(iconFor(row.info)) : QVariant();
     case Qt::TextAlignmentRole:

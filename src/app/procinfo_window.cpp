@@ -41,6 +41,7 @@ constexpr const char* kFilterKey = "process_filter";
 constexpr const char* kSortColumnKey = "process_sort_column";
 constexpr const char* kSortAscendingKey = "process_sort_ascending";
 constexpr const char* kFontKey = "process_table_font";
+constexpr const char* kTreeKey = "process_tree";
 constexpr const char* kFrameKey = "ProcinfoWindow Frame";
 constexpr const char* kAuthChanged = "net.tandrel.pelmora.authchanged";
 constexpr const char* kCpuChanged = "net.tandrel.pelmora.cpuchanged";
@@ -153,6 +154,10 @@ void ProcinfoWindow::fitColumns() {
   m_table->resizeColumnsToContents();
   const int process = ProcessTableModel::columnOf("process");
   m_table->setColumnWidth(process, std::max(m_table->columnWidth(process), 200));
+  // A long command line is read in its tooltip; the column takes what room is left.
+  const int command = ProcessTableModel::columnOf("command");
+  m_table->setColumnWidth(command, std::min(m_table->columnWidth(command), 480));
+  m_table->horizontalHeader()->setStretchLastSection(true);
 }
 
 ProcinfoWindow::~ProcinfoWindow() {
@@ -227,6 +232,10 @@ void ProcinfoWindow::buildMenus() {
     group->addAction(action);
     connect(action, &QAction::triggered, this, [this, view] { viewProcesses(view); });
   }
+  m_header_view_processes->addSeparator();
+  m_act_tree = m_header_view_processes->addAction(tr("Tree of Parents and Children"));
+  m_act_tree->setCheckable(true);
+  connect(m_act_tree, &QAction::toggled, this, [this](bool on) { setTreeView(on); });
   auto* frequencies = new QActionGroup(this);
   for (int seconds : {1, 2, 5, 10, 30}) {
     QAction* action = m_header_frequency->addAction(tr("Every %n Second(s)", nullptr, seconds));
@@ -293,6 +302,8 @@ void ProcinfoWindow::loadSettings() {
   m_sort_key = m_settings.loadString(kSortColumnKey, "pctcpu");
   if (!isProcessColumn(m_sort_key)) m_sort_key = "pctcpu";
   m_sort_ascending = m_settings.loadBool(kSortAscendingKey, false);
+  m_tree = m_settings.loadBool(kTreeKey, false);
+  m_act_tree->setChecked(m_tree);
   m_font = m_default_font;
   const std::string font = m_settings.loadString(kFontKey, "");
   QFont stored;
@@ -310,6 +321,7 @@ void ProcinfoWindow::loadSettings() {
 
 void ProcinfoWindow::saveSettings() {
   m_settings.saveInt(kFilterKey, static_cast<int64_t>(m_process_filter));
+  m_settings.saveBool(kTreeKey, m_tree);
   m_settings.saveString(kSortColumnKey, m_sort_key);
   m_settings.saveBool(kSortAscendingKey, m_sort_ascending);
   m_settings.saveString(kFontKey, m_font == m_default_font ? "" : m_font.toString().toStdString());
@@ -356,6 +368,7 @@ void ProcinfoWindow::rebuild() {
   query.search_contains = m_header_search_type->currentIndex() <= 0;
   query.sort_key = m_sort_key;
   query.sort_ascending = m_sort_ascending;
+  query.tree = m_tree;
   query.nice_of = [](int32_t pid) { return PID(pid).priority().value_or(0); };
   m_updating = true;
   m_model->setContext({m_settings.loadBool("LimitFrontmost", false), wallClock_ns()});
@@ -370,6 +383,13 @@ void ProcinfoWindow::rebuild() {
   }
   updateHeaderTitle();
   refreshDetail();
+}
+
+void ProcinfoWindow::setTreeView(bool tree) {
+  if (m_act_tree->isChecked() != tree) m_act_tree->setChecked(tree);  // comes back here once
+  if (m_tree == tree) return;
+  m_tree = tree;
+  rebuild();
 }
 
 void ProcinfoWindow::setUid(uint32_t uid) {

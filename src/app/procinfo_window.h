@@ -68,6 +68,9 @@ class ProcinfoWindow : public QWidget, public SliderStepperDelegate {
 
   // Actions.
   void viewProcesses(processesView view);
+  // Shows children indented under their parents (true) or a flat list; kept under "process_tree".
+  void setTreeView(bool tree);
+  bool treeView() const { return m_tree; }
   void changeSearch(const QString& text);
   void setSearchType(int index);  // 0: name contains, 1: name does not contain
   void sortBy(const std::string& key, bool ascending);
@@ -172,6 +175,8 @@ class ProcinfoWindow : public QWidget, public SliderStepperDelegate {
   bool m_sort_ascending = false;
   int32_t m_selected_pid = -1;
   std::string m_search;
+  bool m_tree = false;  // children under their parents
+  QAction* m_act_tree = nullptr;
   uint32_t m_uid;
   QFont m_font;
   QFont m_default_font;

@@ -8,6 +8,7 @@
 #include <QPixmap>
 #include <QSystemTrayIcon>
 
+#include "graphs/value_formatter.h"
 #include "helper_link/pelmora.h"
 #include "process_control/cpu_limiter.h"
 
@@ -19,18 +20,22 @@ constexpr int kTrayIcon_px = 22;
 
 QString number(double value, int decimals) { return QLocale().toString(value, 'f', decimals); }
 
+QString byteRate(double bytes_per_s) {
+  return QString::fromStdString(formatValue(bytes_per_s, 1024, 1, "B/s", [](double value, int decimals) {
+    return number(value, decimals).toStdString();
+  }));
+}
+
 }  // namespace
 
-std::array<QString, 3> statusReadouts(const usageInfo& usage, const rwInfo& disk, int32_t logical_count,
-                                      const cpu_numbers_t& counts) {
-  const double scale = logical_count * 100.0;
-  const QString cpu = QObject::tr("CPU System:") + " " + number(usage.system * scale, 1) + "% " +
-                      QObject::tr("User:") + " " + number(usage.user * scale, 1) + "% " + QObject::tr("Idle:") +
-                      " " + number(usage.idle * scale, 1) + "%";
-  const QString io = QObject::tr("Disk Read(kB/s):") + " " + number(disk.readPerSec * 0.001, 3) + " " +
-                     QObject::tr("Write(kB/s):") + " " + number(disk.writePerSec * 0.001, 3);
-  const QString cores = QObject::tr("Logical:") + " " + QLocale().toString(counts.logical_cpu) + " " +
-                        QObject::tr("Physical:") + " " + QLocale().toString(counts.physical_cpu);
+std::array<QString, 3> statusReadouts(const usageInfo& usage, const rwInfo& disk, const cpu_numbers_t& counts) {
+  // Shares of the whole machine: system, user and idle add up to 100 %, however many processors.
+  const QString cpu = QObject::tr("CPU: system %1 %, user %2 %, idle %3 %")
+                          .arg(number(usage.system * 100.0, 1), number(usage.user * 100.0, 1),
+                               number(usage.idle * 100.0, 1));
+  const QString io = QObject::tr("Disk: read %1, write %2").arg(byteRate(disk.readPerSec), byteRate(disk.writePerSec));
+  const QString cores = QObject::tr("Processors: %1 logical, %2 physical")
+                            .arg(QLocale().toString(counts.logical_cpu), QLocale().toString(counts.physical_cpu));
   return {cpu, io, cores};
 }
 
@@ -70,7 +75,7 @@ StatusBarController::~StatusBarController() {
 void StatusBarController::install() {
   if (!m_tray) {
     m_tray = new QSystemTrayIcon(this);
-    m_tray->setToolTip(QStringLiteral("Pelmora"));
+    m_tray->setToolTip(toolTip());
     m_tray->setContextMenu(m_menu);
     connect(m_tray, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
       if (reason == QSystemTrayIcon::Trigger || reason == QSystemTrayIcon::DoubleClick) emit activated();
@@ -91,6 +96,7 @@ void StatusBarController::remove() {
 void StatusBarController::setBaseIcon(const QIcon& icon) {
   m_base_icon = icon;
   refreshTitle();
+  refreshToolTip();
 }
 
 void StatusBarController::refreshTitle() {
@@ -105,12 +111,25 @@ void StatusBarController::refreshReadouts() {
   if (first.logical_cpu < 0) return;
   cpu_numbers_t second = m_helper.requestCpuInfo(unknown);
   if (second.logical_cpu < 0) second = {};
-  const auto lines = statusReadouts(m_limiter.usage(), m_limiter.diskRates(), first.logical_cpu, second);
+  m_counts = second;
+  const auto lines = statusReadouts(m_limiter.usage(), m_limiter.diskRates(), second);
   for (size_t i = 0; i < lines.size(); ++i) {
     m_readouts[i]->setText(lines[i]);
     m_readouts[i]->setEnabled(false);
     m_readouts[i]->setVisible(true);
   }
+  refreshToolTip();
+}
+
+QString StatusBarController::toolTip() const {
+  const auto lines = statusReadouts(m_limiter.usage(), m_limiter.diskRates(), m_counts);
+  QString text = QStringLiteral("Pelmora\n") + lines[0] + "\n" + lines[1];
+  if (m_counts.logical_cpu > 0) text += "\n" + lines[2];
+  return text;
+}
+
+void StatusBarController::refreshToolTip() {
+  if (m_tray) m_tray->setToolTip(toolTip());
 }
 
 }  // namespace pelmora

@@ -23,9 +23,9 @@ namespace pelmora {
 class CPULimiter;
 class Pelmora;
 
-// The three read-out lines, numbers in the current locale. Pure.
-std::array<QString, 3> statusReadouts(const usageInfo& usage, const rwInfo& disk, int32_t logical_count,
-                                      const cpu_numbers_t& counts);
+// The three read-out lines (processor split of the whole machine, disk rates, processor counts),
+// numbers in the current locale. Pure.
+std::array<QString, 3> statusReadouts(const usageInfo& usage, const rwInfo& disk, const cpu_numbers_t& counts);
 // The icon with "HT" drawn over it (at 22 x 22 pixels, the common tray size).
 QIcon iconWithHT(const QIcon& base);
 
@@ -53,6 +53,9 @@ class StatusBarController : public QObject {
   // The menuNeedsUpdate: the three read-outs from the helper and the limiter.
   void refreshReadouts();
   QAction* readout(int index) const { return m_readouts.at(static_cast<size_t>(index)); }
+  // The figures behind the icon, shown when the pointer rests on it; refreshed with the icon.
+  QString toolTip() const;
+  void refreshToolTip();
 
  signals:
   // A click on the icon itself (not the menu).
@@ -66,6 +69,7 @@ class StatusBarController : public QObject {
   std::array<QAction*, 3> m_readouts{};
   QSystemTrayIcon* m_tray = nullptr;
   QIcon m_base_icon;
+  cpu_numbers_t m_counts{};  // from the last menu refresh
   bool m_shows_ht = false;
 };
 

@@ -54,4 +54,16 @@ size_t visibleColumns(double width) {
   return static_cast<size_t>(span / step + 1);
 }
 
+double visibleSpan_s(double width, double sample_interval_s) {
+  if (!(width > 0.0)) return 0.0;
+  return std::floor(width / kColumnWidth) * sample_interval_s;
+}
+
+std::string spanText(double seconds) {
+  const auto whole = static_cast<int64_t>(std::llround(seconds));
+  if (whole < 120) return std::to_string(whole) + " s";
+  if (whole < 2 * 3600) return std::to_string((whole + 30) / 60) + " min";
+  return std::to_string((whole + 1800) / 3600) + " h";
+}
+
 }  // namespace pelmora

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <string>
 #include <vector>
 
 namespace pelmora {
@@ -53,5 +54,10 @@ std::vector<GraphLine> gridLines(double width, double height, const GridOptions&
 
 // How many columns a view of this width shows: floor(W + WIDTH - 1) div floor(WIDTH) + 1.
 size_t visibleColumns(double width);
+
+// The time a graph of this width spans: one column per sample, one sample per interval.
+double visibleSpan_s(double width, double sample_interval_s);
+// A span as a person reads it on an axis: "45 s", "15 min", "2 h".
+std::string spanText(double seconds);
 
 }  // namespace pelmora

@@ -29,7 +29,7 @@ std::string writeNumberC(double value, int decimals) {
 
 std::string formatValue(double value, int base, int decimals, std::string_view unit, const NumberWriter& write) {
   const ScaledValue scaled = scaleValue(value, base);
-  std::string out = write(scaled.value, decimals);
+  std::string out = write(scaled.value, scaled.prefix.empty() ? 0 : decimals);
   out += ' ';
   out += scaled.prefix;
   out += unit;

@@ -21,7 +21,8 @@ using NumberWriter = std::function<std::string(double value, int decimals)>;
 // "%.*f" in the C locale.
 std::string writeNumberC(double value, int decimals);
 
-// "12.3 kBytes": the scaled number, a blank, the prefix joined to the unit word.
+// "12.3 MiB/s": the scaled number, a blank, the prefix joined to the unit ("B", "B/s", "bit/s").
+// Below the first prefix the count is whole units ("512 B"), so no decimals are written.
 std::string formatValue(double value, int base, int decimals, std::string_view unit,
                         const NumberWriter& write = writeNumberC);
 

@@ -127,7 +127,9 @@ void CPULimiter::fillNewRow(procinfo& row, int32_t pid, const proc_taskallinfo& 
   row.pid = pid;
   row.uid = info.pbsd.pbi_uid;
   row.user = SysAttr::username(row.uid);
+  row.ppid = static_cast<int32_t>(info.pbsd.pbi_ppid);
   row.bundlePath = PID(pid, m_root).bundlePath();
+  row.command = PID(pid, m_root).commandLine();
   row.startTime = info.pbsd.pbi_start_tvsec * 1'000'000'000ULL + info.pbsd.pbi_start_tvusec * 1000ULL;
 }
 

@@ -1,5 +1,7 @@
 #include "process_control/power_monitor.h"
 
+#include <algorithm>
+
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -39,6 +41,10 @@ std::string providingPowerType(const std::vector<PowerSupplyInfo>& supplies) {
     if (isSystemBattery(supply) && supply.status == "Discharging") discharging = true;
   }
   return (!external_online && discharging) ? kBatteryPowerName : kACPowerName;
+}
+
+bool hasSystemBattery(const std::vector<PowerSupplyInfo>& supplies) {
+  return std::any_of(supplies.begin(), supplies.end(), isSystemBattery);
 }
 
 std::optional<std::vector<PowerSupplyInfo>> readPowerSupplies(const SysRoot& root) {
@@ -198,6 +204,11 @@ void PowerMonitor::switchSource() {
   stopMonitoringLocked();
   m_powersource = m_powersource == PowerSource::mains ? PowerSource::battery : PowerSource::mains;
   Broadcast(kPowerSourceBroadcast, true);
+}
+
+bool PowerMonitor::hasBattery() {
+  const auto supplies = readPowerSupplies(m_root);
+  return supplies && hasSystemBattery(*supplies);
 }
 
 PowerSource PowerMonitor::powerSource() {

@@ -34,6 +34,10 @@ struct PowerSupplyInfo {
 // the system (not of a peripheral) is discharging; "AC Power" for everything else. Pure.
 std::string providingPowerType(const std::vector<PowerSupplyInfo>& supplies);
 
+// Whether one of the supplies is a battery of the machine itself (a mouse's battery does not count).
+// Pure.
+bool hasSystemBattery(const std::vector<PowerSupplyInfo>& supplies);
+
 // Reads every supply under class/power_supply; none when that directory is missing or unreadable.
 std::optional<std::vector<PowerSupplyInfo>> readPowerSupplies(const SysRoot& root);
 
@@ -67,6 +71,8 @@ class PowerMonitor {
 
   PowerSource powerSource();
   std::string powerName();
+  // Reads the supplies now: false on a desktop, where "Battery Power" is only ever a manual switch.
+  bool hasBattery();
 
  private:
   class Watch;

@@ -18,6 +18,8 @@ struct procinfo {
   std::string name;
   std::string user;
   std::string bundlePath;
+  std::string command;  // the full command line; empty for kernel threads
+  int32_t ppid = 0;     // the parent, for the process tree
   uint64_t startTime = 0;  // ns since the epoch
   int64_t totalCPU = 0;    // us, user + system
   int64_t totalTimeStopped = 0;  // us held stopped by the limiter

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 
 #include "support/mutex.h"
@@ -49,6 +50,18 @@ bool PID::isFrontmost() const {
   if (!provider) return false;
   const auto front = provider();
   return front && *front == m_pid;
+}
+
+std::string commandFromCmdline(std::string_view cmdline) {
+  while (!cmdline.empty() && cmdline.back() == '\0') cmdline.remove_suffix(1);
+  std::string text(cmdline);
+  std::replace(text.begin(), text.end(), '\0', ' ');
+  return text;
+}
+
+std::string PID::commandLine() const {
+  if (m_pid < 0) return {};
+  return commandFromCmdline(m_root.readProc(std::to_string(m_pid) + "/cmdline").value_or(""));
 }
 
 std::string PID::bundlePath() const {

@@ -15,6 +15,9 @@ namespace pelmora {
 
 // The nice value (field 19) of a /proc/PID/stat text; none when malformed.
 std::optional<int> niceFromStat(std::string_view stat_text);
+// A /proc/PID/cmdline text as a person reads it: the NUL-separated arguments joined by blanks. A
+// program that rewrote its arguments into one string (many daemons do) keeps its spaces. Pure.
+std::string commandFromCmdline(std::string_view cmdline);
 
 class PID {
  public:
@@ -27,6 +30,8 @@ class PID {
   bool isFrontmost() const;
   // The executable's path; empty for kernel threads and processes we may not look at.
   std::string bundlePath() const;
+  // The full command line; empty for kernel threads and processes that are gone.
+  std::string commandLine() const;
   // The nice value (-20..19); none when the process cannot be read.
   std::optional<int> priority() const;
 

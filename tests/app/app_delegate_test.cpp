@@ -198,17 +198,18 @@ TEST(AppDelegateTest, FrontmostLimitingIsSuspendedWhileWeAreInFront) {
 
 TEST(StatusBarControllerTest, ReadoutsScaleByTheLogicalCount) {
   QLocale::setDefault(QLocale::c());
-  const auto lines = statusReadouts({0.125, 0.25, 0.625}, {1500.0, 2'000'000.0}, 4, {8, 4, 6, 3});
-  EXPECT_EQ(lines[0], "CPU System: 50.0% User: 100.0% Idle: 250.0%");
-  EXPECT_EQ(lines[1], "Disk Read(kB/s): 1.500 Write(kB/s): 2000.000");
-  EXPECT_EQ(lines[2], "Logical: 6 Physical: 3");
+  // The split is of the whole machine: it adds up to 100 % on four processors as on one.
+  const auto lines = statusReadouts({0.125, 0.25, 0.625}, {1500.0, 2'000'000.0}, {8, 4, 6, 3});
+  EXPECT_EQ(lines[0], "CPU: system 12.5 %, user 25.0 %, idle 62.5 %");
+  EXPECT_EQ(lines[1], "Disk: read 1.5 KiB/s, write 1.9 MiB/s");
+  EXPECT_EQ(lines[2], "Processors: 6 logical, 3 physical");
 }
 
 TEST(StatusBarControllerTest, ARefreshWithoutTheHelperLeavesTheItems) {
   settings_test::Rig rig;
   StatusBarController bar(rig.helper, rig.limiter, [] { return false; });
   bar.refreshReadouts();
-  EXPECT_TRUE(bar.readout(2)->text().startsWith("Logical: 6"));
+  EXPECT_TRUE(bar.readout(2)->text().startsWith("Processors: 6 logical"));
   rig.script.answers = false;
   bar.readout(2)->setText("kept");
   bar.refreshReadouts();

@@ -81,6 +81,10 @@ struct AppRig {
     services.sleep_source = [log = source_log] { return std::make_unique<DrivenSleepSource>(log); };
     services.tray_available = tray_available;
     services.trace = [this](const std::string& step) { steps.push_back(step); };
+    services.reveal = [this](const std::string& path) {
+      revealed.push_back(path);
+      return reveal_opens;
+    };
     app = std::make_unique<AppDelegate>(std::move(services));
   }
   ~AppRig() {
@@ -103,6 +107,8 @@ struct AppRig {
   std::shared_ptr<CountingClient> client;
   std::shared_ptr<SourceLog> source_log;
   Steps steps;
+  std::vector<std::string> revealed;  // what the desktop was asked to open
+  bool reveal_opens = true;           // whether it had an application for it
   std::unique_ptr<AppDelegate> app;
 };
 

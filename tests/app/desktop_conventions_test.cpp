@@ -4,9 +4,11 @@
 // an empty square.
 #include <gtest/gtest.h>
 
+#include <QAbstractButton>
 #include <QAction>
 #include <QLineEdit>
 #include <QMenu>
+#include <QMessageBox>
 #include <QScreen>
 #include <QSystemTrayIcon>
 #include <QTest>
@@ -16,6 +18,7 @@
 #include "app/status_bar_controller.h"
 #include "app/window_frame.h"
 #include "support/broadcast.h"
+#include "support/logger.h"
 #include "support/settings_keys.h"
 
 namespace pelmora {
@@ -159,6 +162,29 @@ TEST(DesktopConventions, SearchPreferencesAndQuitKeys) {
         EXPECT_TRUE(action->text().contains(QLatin1Char('&'))) << action->text().toStdString();
       }
   }
+}
+
+TEST(DesktopConventions, ShowLogFileWithoutAnApplicationSaysSoAndOffersTheFolder) {
+  const auto previous_log = Logger::shared().path();
+  for (bool opens : {true, false}) {
+    SCOPED_TRACE(opens ? "an application opens it" : "no application");
+    AppRig rig;
+    rig.reveal_opens = opens;
+    const auto log = rig.rig.dir / "pelmora.log";
+    Logger::shared().setPath(log);
+    rig.app->finishLaunching();
+    rig.app->showLogFile();
+    EXPECT_EQ(rig.revealed, std::vector<std::string>{log.string()});
+    ASSERT_EQ(rig.app->logFileMessage() != nullptr, !opens);
+    if (opens) continue;
+    auto* box = qobject_cast<QMessageBox*>(rig.app->logFileMessage());
+    EXPECT_TRUE(box->isVisible());
+    EXPECT_EQ(box->informativeText().toStdString(), log.string());
+    for (QAbstractButton* button : box->buttons())
+      if (button->text().remove('&') == QStringLiteral("Show Folder")) button->click();
+    EXPECT_EQ(rig.revealed, (std::vector<std::string>{log.string(), log.parent_path().string()}));
+  }
+  Logger::shared().setPath(previous_log);
 }
 
 TEST(DesktopConventions, TheTrayIconSwitchedOnDuringASessionHasAnIcon) {

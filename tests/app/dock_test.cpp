@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
+
 #include "app/dock.h"
 #include "app/system_stats_window.h"
 #include "graphs/views/graph_view_battery.h"
@@ -77,6 +79,28 @@ TEST_F(DockTest, EachKindShowsItsGraphAndLabel) {
   }
   dock.setDisplay(Kind::Icon);
   EXPECT_EQ(dock.view(), nullptr);
+  EXPECT_EQ(dock.trayIcon().cacheKey(), dock.icon().cacheKey());
+}
+
+// The colours of the tray icon before any sample: with a caption there would be anti-aliased text.
+std::set<QRgb> trayColours(const Dock& dock) {
+  const QImage image = dock.trayIcon().pixmap(Dock::kTraySize_px, Dock::kTraySize_px).toImage();
+  std::set<QRgb> colours;
+  for (int y = 0; y < image.height(); ++y)
+    for (int x = 0; x < image.width(); ++x) colours.insert(image.pixel(x, y));
+  return colours;
+}
+
+TEST_F(DockTest, TheTrayGetsAGraphOfItsOwnSizeWithoutACaption) {
+  GraphSwitches::current().show_time_grid = false;
+  GraphSwitches::current().show_scale_grid = false;
+  Dock dock(*sampler, scratch.store());
+  for (Kind kind : {Kind::CPU, Kind::Memory, Kind::Network}) {
+    SCOPED_TRACE(Dock::displayName(kind).toStdString());
+    dock.setDisplay(kind);
+    EXPECT_EQ(dock.trayIcon().availableSizes(), QList<QSize>{QSize(Dock::kTraySize_px, Dock::kTraySize_px)});
+    EXPECT_EQ(trayColours(dock).size(), 1u);
+  }
 }
 
 TEST_F(DockTest, HistoriesKeepTheNewest72) {

@@ -165,6 +165,26 @@ TEST(PelmoraWindow, PowerSourceBroadcastSelectsAndAppliesTheNewSource) {
   RemoveListener("net.tandrel.pelmora.cpuchanged", "test");
 }
 
+TEST(PelmoraWindow, SwitchingToBatteryOnAMachineWithoutOneSaysWhy) {
+  struct Case {
+    const char* fixture;
+    bool note;
+  };
+  for (const Case c : {Case{"power-desktop", true}, Case{"power-desktop-mouse", true}, Case{"power-laptop-mains", false}}) {
+    SCOPED_TRACE(c.fixture);
+    Rig rig(c.fixture);
+    PelmoraWindow w(rig.helper, rig.power, rig.limiter, rig.store, options());
+    EXPECT_TRUE(w.m_power_note->isHidden());
+    w.m_power_switch->click();
+    Rig::deliver();
+    EXPECT_EQ(w.m_powersource->currentIndex(), 1);
+    EXPECT_EQ(!w.m_power_note->isHidden(), c.note);
+    w.m_power_switch->click();
+    Rig::deliver();
+    EXPECT_TRUE(w.m_power_note->isHidden());
+  }
+}
+
 TEST(PelmoraWindow, RefusedProcessorChangeLeavesTheBoxShowingTheTruth) {
   Rig rig;
   rig.store.saveDict("CPU_Settings", kStoredBoth);

@@ -48,6 +48,9 @@ TEST(ProcessColumns, EveryComparatorOrdersAscending) {
       {"netwrite", [](ProcessRow& r) { r.info.netWritePerSec = 5; }, [](ProcessRow& r) { r.info.netWritePerSec = 6; }},
       {"memresident", [](ProcessRow& r) { r.info.memRes = 4096; }, [](ProcessRow& r) { r.info.memRes = 8192; }},
       {"memvirtual", [](ProcessRow& r) { r.info.memVirtual = 1 << 20; }, [](ProcessRow& r) { r.info.memVirtual = 1 << 30; }},
+      // A kernel thread reads as "[name]", which sorts after a path.
+      {"command", [](ProcessRow& r) { r.info.command = "/usr/bin/a"; }, [](ProcessRow& r) { r.info.command = ""; }},
+      {"command", [](ProcessRow& r) { r.info.command = "bash -l"; }, [](ProcessRow& r) { r.info.command = "Xvfb :1"; }},
   };
   std::set<std::string> covered;
   for (const auto& c : cases) {
@@ -87,8 +90,9 @@ TEST(ProcessColumns, CellTexts) {
       {"process", "firefox"}, {"pid", "4242"},        {"kind", "x86_64"},        {"elapsed", "01:02:03"},
       {"pctcpu", "45.6"},     {"wakeups", "12.3"},    {"energy", "3.0"},         {"user", "alice"},
       {"uid", "1000"},        {"sleep", "Yes"},       {"limit", "25.0"},         {"nice", "5"},
-      {"threads", "17"},      {"readpersec", "12.346"}, {"writepersec", "0.000"}, {"netread", "8.000"},
-      {"netwrite", "1.500"},  {"memresident", "3.500"}, {"memvirtual", "1024.000"}, {"bogus", ""},
+      {"threads", "17"},      {"readpersec", "12.1 KiB/s"}, {"writepersec", "0 B/s"}, {"netread", "8.0 kbit/s"},
+      {"netwrite", "1.5 kbit/s"}, {"memresident", "3.5 MiB"}, {"memvirtual", "1.0 GiB"}, {"bogus", ""},
+      {"command", "[firefox]"},
   };
   for (const auto& [column, text] : cases) EXPECT_EQ(cellText(column, r, ctx), text) << column;
   r.info.preventSleep = false;
@@ -101,6 +105,33 @@ TEST(ProcessColumns, CellTexts) {
 }
 
 // Parentheses only while frontmost limiting is off and the process is the frontmost application.
+TEST(ProcessColumns, TreeOrderPutsChildrenUnderTheirParents) {
+  auto row = [](int32_t pid, int32_t ppid) {
+    ProcessRow r = rowOf(pid, "p" + std::to_string(pid));
+    r.info.ppid = ppid;
+    return r;
+  };
+  struct Case {
+    const char* what;
+    std::vector<ProcessRow> sorted;
+    std::vector<std::pair<int32_t, int>> shown;  // pid, depth
+  };
+  const Case cases[] = {
+      {"flat", {row(1, 0), row(2, 0)}, {{1, 0}, {2, 0}}},
+      {"children keep their sorted order under the parent",
+       {row(30, 1), row(1, 0), row(20, 1), row(21, 20)},
+       {{1, 0}, {30, 1}, {20, 1}, {21, 2}}},
+      {"a parent filtered out makes its child a root", {row(5, 4), row(6, 5)}, {{5, 0}, {6, 1}}},
+      {"a loop of stale parent links loses no row", {row(7, 8), row(8, 7), row(9, 9)}, {{9, 0}, {7, 0}, {8, 1}}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::vector<std::pair<int32_t, int>> shown;
+    for (const ProcessRow& r : treeOrder(c.sorted)) shown.emplace_back(r.info.pid, r.depth);
+    EXPECT_EQ(shown, c.shown);
+  }
+}
+
 TEST(ProcessColumns, LimitTextInParenthesesOnlyForAnExemptFrontmostProcess) {
   struct Case { std::optional<double> limit; bool frontmost, limit_frontmost; const char* text; };
   const Case cases[] = {

@@ -12,12 +12,20 @@
 #include "app/preferences_window.h"
 #include "app/process_preferences.h"
 #include "graphs/views/preferences_graph.h"
+#include "app/app_rig.h"
 #include "settings_test_support.h"
+#include "support/settings_keys.h"
 
 namespace pelmora {
 namespace {
 
 using settings_test::Rig;
+
+// NAME.png, or NAME@2x.png in the pass at twice the scale.
+QString shotFile(const char* name) {
+  return qEnvironmentVariable("PELMORA_SCREENSHOT_DIR") + QLatin1Char('/') + QLatin1String(name) +
+         qEnvironmentVariable("PELMORA_SCREENSHOT_SUFFIX") + QStringLiteral(".png");
+}
 
 void save(QWidget& w, const QString& file) {
   w.show();
@@ -45,7 +53,7 @@ TEST(SettingsScreenshots, Render) {
     rig.limiter.setLimit(900002, 0.5);
   }
   window.limiterWatch();
-  save(window, dir + QStringLiteral("/cpu-settings.png"));
+  save(window, shotFile("cpu-settings"));
   rig.limiter.clearLimit(900001);
   rig.limiter.clearLimit(900002);
 
@@ -53,12 +61,23 @@ TEST(SettingsScreenshots, Render) {
                                  BootLocations{rig.dir / "lib", rig.dir / "unit", rig.dir / "res"}};
   auto* process = new ProcessPreferences(rig.store, rig.helper, [] { return std::optional<BootControls>(); }, po);
   PreferencesWindow prefs(new PreferencesGraph(rig.store), process, new PreferencesPID(rig.store));
-  const char* names[] = {"prefs-graph.png", "prefs-processes.png", "prefs-pid.png"};
+  const char* names[] = {"prefs-graph", "prefs-processes", "prefs-pid"};
   for (int i = 0; i < 3; ++i) {
     prefs.showPane(i);
-    save(prefs, dir + QLatin1Char('/') + QLatin1String(names[i]));
+    save(prefs, shotFile(names[i]));
   }
   Rig::deliver();
+}
+
+TEST(SettingsScreenshots, Help) {
+  if (qEnvironmentVariable("PELMORA_SCREENSHOT_DIR").isEmpty()) GTEST_SKIP() << "PELMORA_SCREENSHOT_DIR is not set";
+  app_test::AppRig rig;
+  keys::kAppPelmora.save(rig.rig.store, true);
+  rig.app->finishLaunching();
+  rig.app->openHelp();
+  QWidget* help = rig.app->helpViewer();
+  for (int i = 0; i < 5; ++i) QApplication::processEvents();
+  ASSERT_TRUE(help->grab().save(shotFile("help")));
 }
 
 }  // namespace

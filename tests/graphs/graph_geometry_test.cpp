@@ -86,4 +86,16 @@ TEST(GraphGeometry, VisibleColumnsAndTheSmallestDrawnView) {
   EXPECT_FALSE(drawsContent(100, 0.5));
 }
 
+TEST(GraphGeometry, TheSpanOfTimeAGraphShows) {
+  struct Case {
+    double width, interval_s;
+    const char* text;
+  };
+  const Case cases[] = {
+      {0, 1, "0 s"},     {1, 1, "0 s"},       {200, 1, "100 s"},   {238, 1, "119 s"}, {240, 1, "2 min"},
+      {900, 2, "15 min"}, {1000, 1, "8 min"}, {7198, 2, "120 min"}, {7200, 2, "2 h"},  {36000, 5, "25 h"},
+  };
+  for (const Case& c : cases) EXPECT_EQ(spanText(visibleSpan_s(c.width, c.interval_s)), c.text) << c.width;
+}
+
 }  // namespace

@@ -92,6 +92,7 @@ TEST_F(GraphWidgetTest, SeriesColourAtTheRightEdgeAndTheFillFollowsItsSwitch) {
     SCOPED_TRACE(fill ? "fill on" : "fill off");
     GraphSwitches::current().fill_graph = fill;
     GraphViewCPU view;
+    view.setShowsCaption(false);  // no caption, no axis strip: the data has the whole height
     view.resize(100, 50);
     view.update(halfBusy(80), true);
     const QImage image = view.grab().toImage();
@@ -111,6 +112,46 @@ TEST_F(GraphWidgetTest, SeriesColourAtTheRightEdgeAndTheFillFollowsItsSwitch) {
       EXPECT_EQ(below, QColor(Qt::white));
     }
   }
+}
+
+TEST_F(GraphWidgetTest, TheAxisStripLiesUnderTheDataAndNamesTheSpanAndTheTopOfTheScale) {
+  GraphSwitches::current().fill_graph = true;
+  GraphViewCPU view;
+  view.resize(200, 120);
+  view.update(halfBusy(150), true);
+  const int strip = view.axisStripHeight();
+  ASSERT_GT(strip, 0);
+  EXPECT_EQ(view.plotHeight(), 120 - strip);
+  // 100 columns of one sample a second each.
+  EXPECT_EQ(view.axisText().toStdString(), "last 100 s\ttop: 100 %");
+  const QImage image = view.grab().toImage();
+  // A series' line or its lightened fill: one channel well above the other two.
+  auto inRow = [&](int y, auto dominant) {
+    for (int x = 0; x < image.width(); ++x)
+      if (dominant(image.pixelColor(x, y))) return true;
+    return false;
+  };
+  auto greenInRow = [&](int y) {
+    return inRow(y, [](QColor c) { return c.green() > c.red() + 40 && c.green() > c.blue() + 40; });
+  };
+  auto redInRow = [&](int y) {
+    return inRow(y, [](QColor c) { return c.red() > c.green() + 40 && c.red() > c.blue() + 40; });
+  };
+  for (int y = 120 - strip + 1; y < 120; ++y) EXPECT_FALSE(greenInRow(y) || redInRow(y)) << "row " << y;
+  // The busy half still ends at the middle of the data band, not of the whole view.
+  const int middle = (120 - strip) / 2;
+  EXPECT_TRUE(greenInRow(middle + 1)) << middle;
+  EXPECT_FALSE(greenInRow(middle - 8)) << middle;
+  // The system band is filled down to the strip and stops there.
+  EXPECT_TRUE(redInRow(120 - strip - 1));
+
+  // The live icon and a graph too low for a strip keep the whole height for the data.
+  view.setDisplayDock(true);
+  EXPECT_EQ(view.axisStripHeight(), 0);
+  EXPECT_TRUE(view.axisText().isEmpty());
+  view.setDisplayDock(false);
+  view.resize(200, 2 * strip);
+  EXPECT_EQ(view.axisStripHeight(), 0);
 }
 
 TEST_F(GraphWidgetTest, TheLiveIconIsClippedToARoundedFrameAndOutlined) {
@@ -160,8 +201,8 @@ TEST_F(GraphWidgetTest, CurrentValueTexts) {
   total.setLabel("System CPU:(%)");
   core.update(halfBusy(3), false);
   total.update(halfBusy(3), true);
-  EXPECT_EQ(core.labelText(), "Util(%): 3 CPU\nCurrent: 50.0%\nFrequency (MHz): 1001.0");  // one sample behind
-  EXPECT_EQ(total.labelText(), "System CPU:(%)\nCurrent: 50.0%");
+  EXPECT_EQ(core.labelText(), "Util(%): 3 CPU\nCurrent: 50.0 %\nFrequency: 1001 MHz");  // one sample behind
+  EXPECT_EQ(total.labelText(), "System CPU:(%)\nCurrent: 50.0 %");
   GraphSwitches::current().show_current = false;
   EXPECT_EQ(core.labelText(), "Util(%): 3 CPU");
 
@@ -170,7 +211,7 @@ TEST_F(GraphWidgetTest, CurrentValueTexts) {
   net.resize(100, 40);
   net.update({{0, 0}, {1000, 250}, {3000, 500}});
   EXPECT_DOUBLE_EQ(net.maxBps(), 2000);
-  EXPECT_EQ(net.labelText(), "\nIn: 16.0 kbits per second\nOut: 2.0 kbits per second\nPeak: 16.0 kbits per second");
+  EXPECT_EQ(net.labelText(), "\nIn: 16.0 kbit/s\nOut: 2.0 kbit/s\nPeak: 16.0 kbit/s");
 
   GraphViewLoad load;
   load.resize(100, 40);
@@ -191,6 +232,19 @@ TEST_F(GraphWidgetTest, EveryClassCaptionsItsNewestValuesAndNothingWhenSwitchedO
     view->resize(100, 40);
     view->setLabel("L");
   }
+  // Before the first sample every value reads a dash, never a zero that was not measured.
+  const char* before[] = {
+      "L\nFree: —", "L\nFree: —\nUtilisation: —", "L\nRead: —\nWrite: —", "L\nMy Procs: —", "L\nTotal: —",
+      "L\nCurrent: —",
+  };
+  for (size_t k = 0; k < views.size(); ++k) EXPECT_EQ(views[k]->labelText().toStdString(), before[k]);
+  GraphViewCPU cpu;
+  GraphViewNet net;
+  GraphViewLoad load;
+  EXPECT_EQ(cpu.labelText().toStdString(), "\nCurrent: —\nFrequency: —");
+  EXPECT_EQ(net.labelText().toStdString(), "\nIn: —\nOut: —");
+  EXPECT_EQ(load.labelText().toStdString(), "\n1 Min: —");
+
   mem.update({{1, 1, 1, 1}, {256, 128, 0, 128}}, 4096);  // half of 2 MiB free
   gfx.update({{2048, 1024, 1024, 0, 37}});
   io.update({{0, 0, 0, 0}, {0, 0, 1500, 500}, {0, 0, 2000, 1500}});
@@ -198,11 +252,11 @@ TEST_F(GraphWidgetTest, EveryClassCaptionsItsNewestValuesAndNothingWhenSwitchedO
   power.update({{12.5, 5, 1}, {8.25, 3, 1}});
   fan.update({{false, 3000, 6000, 1200}, {true, 4500, 6000, 1200}});
   const char* expected[] = {
-      "L\nFree: 1.0 MiBytes",
-      "L\nFree: 1.0 KiBytes\nUtilisation: 37.0%",
-      "L\nRead: 500.0 IO/s\nWrite: 1.0 kIO/s\nPeak: 1.5 kIO/s",
+      "L\nFree: 1.0 MiB",
+      "L\nFree: 1.0 KiB\nUtilisation: 37.0 %",
+      "L\nRead: 500 IO/s\nWrite: 1.0 kIO/s\nPeak: 1.5 kIO/s",
       "L\nMy Procs: 12  System: 25\nOther: 3  Translated: 0",
-      "L\nTotal: 8.25 W\nPeak: 12.50 W",
+      "L\nTotal: 8.3 W\nPeak: 12.5 W",
       "L\nCurrent: 4500 forced\nMaximum: 6000\nMinimum: 1200",
   };
   for (size_t k = 0; k < views.size(); ++k) EXPECT_EQ(views[k]->labelText().toStdString(), expected[k]);

@@ -12,17 +12,17 @@ TEST(ValueFormatter, PrefixesAndScaling) {
     int base;
     const char* text;
   } cases[] = {
-      {0, 1000, "0.0 Bytes"},
-      {999, 1000, "999.0 Bytes"},
-      {1000, 1000, "1.0 kBytes"},  // exactly the base already takes the prefix
-      {1023, 1024, "1023.0 Bytes"},
-      {1024, 1024, "1.0 KiBytes"},
-      {1.5e6, 1000, "1.5 MBytes"},
-      {3.0 * 1024 * 1024 * 1024, 1024, "3.0 GiBytes"},
-      {2.5e12, 1000, "2.5 TBytes"},
-      {4e15, 1000, "4000.0 TBytes"},  // nothing beyond T
+      {0, 1000, "0 B/s"},  // whole units below the first prefix
+      {999, 1000, "999 B/s"},
+      {1000, 1000, "1.0 kB/s"},  // exactly the base already takes the prefix
+      {1023, 1024, "1023 B/s"},
+      {1024, 1024, "1.0 KiB/s"},
+      {1.5e6, 1000, "1.5 MB/s"},
+      {3.0 * 1024 * 1024 * 1024, 1024, "3.0 GiB/s"},
+      {2.5e12, 1000, "2.5 TB/s"},
+      {4e15, 1000, "4000.0 TB/s"},  // nothing beyond T
   };
-  for (const auto& c : cases) EXPECT_EQ(formatValue(c.value, c.base, 1, "Bytes"), c.text) << c.value;
+  for (const auto& c : cases) EXPECT_EQ(formatValue(c.value, c.base, 1, "B/s"), c.text) << c.value;
 }
 
 TEST(ValueFormatter, TheNumberWriterDecidesTheLocale) {
@@ -32,7 +32,7 @@ TEST(ValueFormatter, TheNumberWriterDecidesTheLocale) {
       if (ch == '.') ch = ',';
     return s;
   };
-  EXPECT_EQ(formatValue(12345, 1000, 2, "bits per second", comma), "12,35 kbits per second");
+  EXPECT_EQ(formatValue(12345, 1000, 2, "bit/s", comma), "12,35 kbit/s");
   EXPECT_EQ(scaleValue(2048, 1024), (ScaledValue{2.0, "Ki"}));
 }
 

@@ -73,6 +73,17 @@ TEST(ProcessKinds, StatFields) {
   EXPECT_EQ(niceFromStat("1 (x) S 1 2 3"), std::nullopt);
 }
 
+TEST(ProcessKinds, CommandLines) {
+  using namespace std::string_literals;
+  const std::pair<std::string, std::string> cases[] = {
+      {"/usr/bin/python3\0-m\0http.server\0"s, "/usr/bin/python3 -m http.server"},
+      {"sshd: alice@pts/0"s, "sshd: alice@pts/0"},  // rewritten into one string, no trailing NUL
+      {"a\0\0b\0\0"s, "a  b"},                      // an empty argument stays visible as a blank
+      {""s, ""},                                     // kernel thread
+  };
+  for (const auto& [raw, text] : cases) EXPECT_EQ(commandFromCmdline(raw), text);
+}
+
 TEST(ProcessList, WalksNumericEntriesOfAFixtureProc) {
   char pattern[] = "/tmp/pelmora-plist-XXXXXX";
   ASSERT_TRUE(mkdtemp(pattern));

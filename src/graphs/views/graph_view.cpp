@@ -8,6 +8,7 @@
 #include "graphs/value_formatter.h"
 #include "graphs/views/graph_legend.h"
 #include "graphs/views/graph_popover.h"
+#include "sampling/system_stats.h"
 #include "support/default_settings.h"
 
 namespace pelmora {
@@ -97,6 +98,7 @@ void GraphView::paintEvent(QPaintEvent* event) {
     drawGrid(painter);
     drawGraph(painter);
     drawLabel(painter);
+    drawAxis(painter);
     if (m_display_dock) {
       painter.setPen(QPen(textColor(), 1.0));
       painter.setBrush(Qt::NoBrush);
@@ -107,7 +109,7 @@ void GraphView::paintEvent(QPaintEvent* event) {
 }
 
 void GraphView::drawGrid(QPainter& painter) {
-  const double h = height();
+  const double h = plotHeight();
   const auto lines = gridLines(width(), h, GraphSwitches::current().grid());
   if (lines.empty()) return;
   QPainterPath path;
@@ -124,7 +126,7 @@ void GraphView::plot(QPainter& painter, size_t series, size_t count, bool may_fi
                      const std::function<double(size_t)>& value) {
   const auto& colors = GraphPalette::colors(m_graph);
   const GraphColor color = series < colors.size() ? colors[series] : system_colors::gray;
-  const double h = height();
+  const double h = plotHeight();
   const SeriesPath path = plotSeries(width(), h, count, value);
   auto toPath = [h](const std::vector<GraphPoint>& points, bool close) {
     QPainterPath p;
@@ -139,18 +141,50 @@ void GraphView::plot(QPainter& painter, size_t series, size_t count, bool may_fi
 }
 
 void GraphView::drawLabel(QPainter& painter) {
-  const QString text = labelText();
+  const QString text = m_shows_caption ? labelText() : QString();
   if (text.isEmpty()) return;
-  QFont font = m_font.value_or(this->font());
-  font.setPointSizeF(kLabelPointSize);
-  painter.setFont(font);
+  painter.setFont(captionFont());
   painter.setPen(textColor());
-  const QRectF room(kLabelInset, kLabelInset, width() - kLabelInset, height() - kLabelInset);
+  const QRectF room(kLabelInset, kLabelInset, width() - kLabelInset, plotHeight() - kLabelInset);
   const QRectF size = painter.boundingRect(room, Qt::AlignLeft | Qt::AlignTop, text);
   painter.save();
   painter.setClipRect(room);  // long captions are cut, not wrapped
   painter.drawText(QRectF(kLabelInset, kLabelInset, size.width(), size.height()), Qt::AlignLeft | Qt::AlignTop, text);
   painter.restore();
+}
+
+QFont GraphView::captionFont() const {
+  QFont font = m_font.value_or(this->font());
+  font.setPointSizeF(kLabelPointSize);
+  return font;
+}
+
+int GraphView::axisStripHeight() const {
+  if (m_display_dock || !m_shows_caption) return 0;
+  const int strip = QFontMetrics(captionFont()).height() + 2;
+  // A graph must keep at least twice the strip for its data.
+  return height() >= 3 * strip ? strip : 0;
+}
+
+QString GraphView::axisText() const {
+  if (axisStripHeight() == 0) return {};
+  const double interval_s = SystemStats::kDefaultSampleInterval_ms / 1000.0;
+  return tr("last %1").arg(QString::fromStdString(spanText(visibleSpan_s(width(), interval_s)))) +
+         (scaleText().isEmpty() ? QString() : QStringLiteral("\t") + tr("top:") + " " + scaleText());
+}
+
+// Under the data, never over it: the strip has its own band of the view, a hairline above it.
+void GraphView::drawAxis(QPainter& painter) {
+  const int strip = axisStripHeight();
+  if (strip == 0) return;
+  const QStringList parts = axisText().split('\t');
+  const QRectF band(kLabelInset, height() - strip, width() - 2 * kLabelInset, strip);
+  painter.setPen(QPen(kGridGray, 1.0));
+  painter.drawLine(QPointF(0, height() - strip + 0.5), QPointF(width(), height() - strip + 0.5));
+  painter.setFont(captionFont());
+  painter.setPen(textColor());
+  painter.drawText(band, Qt::AlignLeft | Qt::AlignVCenter, parts.value(0));
+  painter.drawText(band, Qt::AlignRight | Qt::AlignVCenter, parts.value(1));
 }
 
 void GraphView::mousePressEvent(QMouseEvent* event) {

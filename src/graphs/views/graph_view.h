@@ -40,11 +40,19 @@ class GraphView : public QWidget {
   const QString& label() const { return m_label; }
   void setLabelFont(const QFont& font);
   void setDisplayDock(bool dock);
+  // Off for the tray meter: at 22 pixels a caption is unreadable, the graph alone says enough.
+  void setShowsCaption(bool shows) { m_shows_caption = shows; }
   bool displayDock() const { return m_display_dock; }
   GraphClass graphClass() const { return m_graph; }
 
   // The caption as drawn: the label followed by the current values.
   QString labelText() const { return m_label + currentText(); }
+  // The axis strip under the data of a window's graph: the span of time shown at the left, the top of
+  // the current scale at the right. Empty for the live icon and the tray, and in graphs too low for it.
+  QString axisText() const;
+  int axisStripHeight() const;
+  // The height the data is drawn in: the view less the axis strip.
+  double plotHeight() const { return height() - axisStripHeight(); }
   GraphLegend* legend() const;
   GraphPopover* popover() const;
   // What a click does: builds the legend when there is none, refreshes it and shows it.
@@ -58,6 +66,8 @@ class GraphView : public QWidget {
   virtual void updateLegend() {}
   virtual void drawGraph(QPainter& painter) { (void)painter; }
   virtual QString currentText() const { return {}; }
+  // The value at the top of the graph ("100 %", "15.5 GiB", "12.0 Mbit/s"); empty when unknown.
+  virtual QString scaleText() const { return {}; }
   virtual void legendClosed(GraphPopover* popover);
 
   // Plots one series: value(i) is entry i as a fraction of full scale, the newest at the right edge.
@@ -65,6 +75,8 @@ class GraphView : public QWidget {
             const std::function<double(size_t)>& value);
   // Fills the legend with the class's colours and a closure that stores and saves a new one.
   void setUpLegend(const QString& title, const QStringList& labels);
+  // What a value reads before the first sample: a dash, never a made-up zero.
+  static QString pending() { return QStringLiteral("—"); }
   // A number in the user's locale, and a value scaled to a unit prefix.
   static QString number(double value, int decimals);
   static QString formatted(double value, int base, int decimals, const QString& unit);
@@ -78,6 +90,8 @@ class GraphView : public QWidget {
  private:
   void drawGrid(QPainter& painter);
   void drawLabel(QPainter& painter);
+  void drawAxis(QPainter& painter);
+  QFont captionFont() const;
   QColor backgroundColor() const;
   QColor textColor() const;
 
@@ -87,6 +101,7 @@ class GraphView : public QWidget {
   QString m_label;
   std::optional<QFont> m_font;
   bool m_display_dock = false;
+  bool m_shows_caption = true;
 };
 
 }  // namespace pelmora

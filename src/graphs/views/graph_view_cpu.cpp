@@ -23,13 +23,19 @@ void GraphViewCPU::drawGraph(QPainter& painter) {
 QString GraphViewCPU::currentText() const {
   const auto& s = GraphSwitches::current();
   if (!s.show_current) return {};
-  const double busy = m_utils.empty() ? 0.0 : m_utils.back().pctUser + m_utils.back().pctSystem;
-  QString text = "\n" + tr("Current:") + " " + number(busy * 100.0, 1) + "%";
+  const bool none = m_utils.empty();
+  const double busy = none ? 0.0 : m_utils.back().pctUser + m_utils.back().pctSystem;
+  QString text = "\n" + tr("Current:") + " " + (none ? pending() : number(busy * 100.0, 1) + " %");
   if (s.show_cpu_frequency && !m_total_system) {
-    const double mhz = m_utils.empty() ? 0.0 : m_utils.back().frequency;
-    text += "\n" + tr("Frequency (MHz):") + " " + number(mhz, 1);
+    // The frequency reader reports nothing on machines without cpufreq or MSRs: 0 means unknown.
+    const double mhz = none ? 0.0 : m_utils.back().frequency;
+    text += "\n" + tr("Frequency:") + " " + (mhz > 0.0 ? number(mhz, 0) + " MHz" : pending());
   }
   return text;
+}
+
+QString GraphViewCPU::scaleText() const {
+  return QStringLiteral("100 %");
 }
 
 }  // namespace pelmora

@@ -20,6 +20,7 @@ class GraphViewCPU : public GraphView {
   void updateLegend() override;
   void drawGraph(QPainter& painter) override;
   QString currentText() const override;
+  QString scaleText() const override;
 
  private:
   std::vector<cpu_util> m_utils;

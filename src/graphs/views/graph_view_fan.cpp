@@ -23,11 +23,16 @@ void GraphViewFan::drawGraph(QPainter& painter) {
 
 QString GraphViewFan::currentText() const {
   if (!GraphSwitches::current().show_current) return {};
-  const fan_column newest = m_fan_speeds.empty() ? fan_column{} : m_fan_speeds.back();
+  if (m_fan_speeds.empty()) return "\n" + tr("Current:") + " " + pending();
+  const fan_column newest = m_fan_speeds.back();
   const double max = static_cast<double>(m_max_speed);
   return "\n" + tr("Current:") + " " + number(newest.speed * max, 0) + " " +
          (newest.forced ? tr("forced") : tr("auto")) + "\n" + tr("Maximum:") + " " + number(newest.max * max, 0) +
          "\n" + tr("Minimum:") + " " + number(newest.min * max, 0);
+}
+
+QString GraphViewFan::scaleText() const {
+  return m_max_speed > 0 ? number(static_cast<double>(m_max_speed), 0) + " rpm" : QString();
 }
 
 }  // namespace pelmora

@@ -21,6 +21,7 @@ class GraphViewFan : public GraphView {
   void updateLegend() override;
   void drawGraph(QPainter& painter) override;
   QString currentText() const override;
+  QString scaleText() const override;
 
  private:
   std::vector<fan_column> m_fan_speeds;

@@ -19,9 +19,14 @@ void GraphViewGFX::drawGraph(QPainter& painter) {
 
 QString GraphViewGFX::currentText() const {
   if (!GraphSwitches::current().show_current) return {};
-  const graphicsCardStats newest = m_gfx_stats.empty() ? graphicsCardStats{} : m_gfx_stats.back();
-  return "\n" + tr("Free:") + " " + formatted(static_cast<double>(newest.freeVRAM), 1024, 1, tr("Bytes")) +
-         "\n" + tr("Utilisation:") + " " + number(static_cast<double>(newest.pctUtil), 1) + "%";
+  if (m_gfx_stats.empty()) return "\n" + tr("Free:") + " " + pending() + "\n" + tr("Utilisation:") + " " + pending();
+  const graphicsCardStats newest = m_gfx_stats.back();
+  return "\n" + tr("Free:") + " " + formatted(static_cast<double>(newest.freeVRAM), 1024, 1, QStringLiteral("B")) +
+         "\n" + tr("Utilisation:") + " " + number(static_cast<double>(newest.pctUtil), 1) + " %";
+}
+
+QString GraphViewGFX::scaleText() const {
+  return QStringLiteral("100 %");
 }
 
 }  // namespace pelmora

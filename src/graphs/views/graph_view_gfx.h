@@ -19,6 +19,7 @@ class GraphViewGFX : public GraphView {
   void updateLegend() override;
   void drawGraph(QPainter& painter) override;
   QString currentText() const override;
+  QString scaleText() const override;
 
  private:
   std::vector<graphicsCardStats> m_gfx_stats;

@@ -40,10 +40,12 @@ void GraphViewIO::drawGraph(QPainter& painter) {
 
 QString GraphViewIO::currentText() const {
   if (!GraphSwitches::current().show_current) return {};
-  const io_rate newest = m_io_stats.empty() ? io_rate{} : m_io_stats.back();
+  if (m_io_stats.empty())
+    return "\n" + tr("Read:") + " " + pending() + "\n" + tr("Write:") + " " + pending();
+  const io_rate newest = m_io_stats.back();
   // Byte rates in binary units like the memory graph; operation counts in plain thousands.
   const int base = m_data_rate ? 1024 : 1000;
-  const QString unit = m_data_rate ? tr("Bytes per second") : tr("IO/s");
+  const QString unit = m_data_rate ? QStringLiteral("B/s") : tr("IO/s");
   return "\n" + tr("Read:") + " " + formatted(newest.reads * m_max_io, base, 1, unit) + "\n" + tr("Write:") + " " +
          formatted(newest.writes * m_max_io, base, 1, unit) + "\n" + tr("Peak:") + " " +
          formatted(m_max_io, base, 1, unit);
@@ -76,6 +78,11 @@ void GraphViewIO::legendClosed(GraphPopover* popover) {
     return;
   }
   GraphView::legendClosed(popover);
+}
+
+QString GraphViewIO::scaleText() const {
+  if (!(m_max_io > 0.0)) return {};
+  return formatted(m_max_io, m_data_rate ? 1024 : 1000, 1, m_data_rate ? QStringLiteral("B/s") : tr("IO/s"));
 }
 
 }  // namespace pelmora

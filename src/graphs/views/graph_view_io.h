@@ -31,6 +31,7 @@ class GraphViewIO : public GraphView {
   void updateLegend() override;
   void drawGraph(QPainter& painter) override;
   QString currentText() const override;
+  QString scaleText() const override;
   void legendClosed(GraphPopover* popover) override;
   void mousePressEvent(QMouseEvent* event) override;
 

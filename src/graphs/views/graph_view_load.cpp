@@ -24,10 +24,15 @@ void GraphViewLoad::drawGraph(QPainter& painter) {
 
 QString GraphViewLoad::currentText() const {
   if (!GraphSwitches::current().show_current) return {};
-  const load_column newest = m_load_avg.empty() ? load_column{} : m_load_avg.back();
+  if (m_load_avg.empty()) return "\n" + tr("1 Min:") + " " + pending();
+  const load_column newest = m_load_avg.back();
   auto value = [&](double fraction) { return number(fraction * m_max_load, 2); };
   return "\n" + tr("1 Min:") + " " + value(newest.one) + "  " + tr("5 Min:") + " " + value(newest.five) + "  " +
          tr("15 Min:") + " " + value(newest.fifteen) + "\n" + tr("Peak:") + " " + number(m_max_load, 2);
+}
+
+QString GraphViewLoad::scaleText() const {
+  return m_max_load > 0.0 ? number(m_max_load, 2) : QString();
 }
 
 }  // namespace pelmora

@@ -20,6 +20,7 @@ class GraphViewLoad : public GraphView {
   void updateLegend() override;
   void drawGraph(QPainter& painter) override;
   QString currentText() const override;
+  QString scaleText() const override;
 
  private:
   std::vector<load_column> m_load_avg;

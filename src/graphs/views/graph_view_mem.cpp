@@ -29,8 +29,12 @@ void GraphViewMEM::drawGraph(QPainter& painter) {
 
 QString GraphViewMEM::currentText() const {
   if (!GraphSwitches::current().show_current) return {};
-  const double free_bytes = m_mem_stats.empty() ? 0.0 : m_mem_stats.back().free_count * m_total_mem;
-  return "\n" + tr("Free:") + " " + formatted(free_bytes, 1024, 1, tr("Bytes"));
+  if (m_mem_stats.empty()) return "\n" + tr("Free:") + " " + pending();
+  return "\n" + tr("Free:") + " " + formatted(m_mem_stats.back().free_count * m_total_mem, 1024, 1, QStringLiteral("B"));
+}
+
+QString GraphViewMEM::scaleText() const {
+  return m_total_mem > 0.0 ? formatted(m_total_mem, 1024, 1, QStringLiteral("B")) : QString();
 }
 
 }  // namespace pelmora

@@ -20,6 +20,7 @@ class GraphViewMEM : public GraphView {
   void updateLegend() override;
   void drawGraph(QPainter& painter) override;
   QString currentText() const override;
+  QString scaleText() const override;
 
  private:
   std::vector<mem_stats> m_mem_stats;

@@ -43,8 +43,9 @@ void GraphViewNet::drawGraph(QPainter& painter) {
 
 QString GraphViewNet::currentText() const {
   if (!GraphSwitches::current().show_current) return {};
-  const bit_rate newest = m_net_stats.empty() ? bit_rate{} : m_net_stats.back();
-  const QString unit = tr("bits per second");
+  if (m_net_stats.empty()) return "\n" + tr("In:") + " " + pending() + "\n" + tr("Out:") + " " + pending();
+  const bit_rate newest = m_net_stats.back();
+  const QString unit = QStringLiteral("bit/s");
   auto bits = [&](double fraction) { return formatted(fraction * m_max_bps * kBitsPerByte, 1000, 1, unit); };
   return "\n" + tr("In:") + " " + bits(newest.bps_in) + "\n" + tr("Out:") + " " + bits(newest.bps_out) + "\n" +
          tr("Peak:") + " " + bits(m_max_bps > 0.0 ? 1.0 : 0.0);
@@ -77,6 +78,10 @@ void GraphViewNet::legendClosed(GraphPopover* popover) {
     return;
   }
   GraphView::legendClosed(popover);
+}
+
+QString GraphViewNet::scaleText() const {
+  return m_max_bps > 0.0 ? formatted(m_max_bps * kBitsPerByte, 1000, 1, QStringLiteral("bit/s")) : QString();
 }
 
 }  // namespace pelmora

@@ -22,8 +22,13 @@ void GraphViewPower::drawGraph(QPainter& painter) {
 
 QString GraphViewPower::currentText() const {
   if (!GraphSwitches::current().show_current) return {};
-  const double total = m_power.empty() ? 0.0 : m_power.back().total * m_max_power;
-  return "\n" + tr("Total:") + " " + number(total, 2) + " W\n" + tr("Peak:") + " " + number(m_max_power, 2) + " W";
+  if (m_power.empty()) return "\n" + tr("Total:") + " " + pending();
+  const double total = m_power.back().total * m_max_power;
+  return "\n" + tr("Total:") + " " + number(total, 1) + " W\n" + tr("Peak:") + " " + number(m_max_power, 1) + " W";
+}
+
+QString GraphViewPower::scaleText() const {
+  return m_max_power > 0.0 ? number(m_max_power, 1) + " W" : QString();
 }
 
 }  // namespace pelmora

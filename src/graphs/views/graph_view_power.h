@@ -20,6 +20,7 @@ class GraphViewPower : public GraphView {
   void updateLegend() override;
   void drawGraph(QPainter& painter) override;
   QString currentText() const override;
+  QString scaleText() const override;
 
  private:
   std::vector<power_column> m_power;

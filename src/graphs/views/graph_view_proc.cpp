@@ -28,12 +28,17 @@ void GraphViewProc::drawGraph(QPainter& painter) {
 
 QString GraphViewProc::currentText() const {
   if (!GraphSwitches::current().show_current) return {};
-  const procStat newest = m_proc_stats.empty() ? procStat{} : m_proc_stats.back();
+  if (m_proc_stats.empty()) return "\n" + tr("My Procs:") + " " + pending();
+  const procStat newest = m_proc_stats.back();
   const double max = static_cast<double>(m_max_procs);
   auto count = [&](double fraction) { return number(std::round(fraction * max), 0); };
   return "\n" + tr("My Procs:") + " " + count(newest.user) + "  " + tr("System:") + " " + count(newest.system) +
          "\n" + tr("Other:") + " " + count(newest.other) + "  " + tr("Translated:") + " " +
          count(newest.translated);
+}
+
+QString GraphViewProc::scaleText() const {
+  return m_max_procs > 0 ? number(static_cast<double>(m_max_procs), 0) : QString();
 }
 
 }  // namespace pelmora

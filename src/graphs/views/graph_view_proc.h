@@ -21,6 +21,7 @@ class GraphViewProc : public GraphView {
   void updateLegend() override;
   void drawGraph(QPainter& painter) override;
   QString currentText() const override;
+  QString scaleText() const override;
 
  private:
   std::vector<procStat> m_proc_stats;
