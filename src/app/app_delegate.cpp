@@ -16,6 +16,7 @@
 #include "helper_link/pelmora.h"
 #include "process_control/cpu_limiter.h"
 #include "process_control/power_monitor.h"
+#include "process_control/process_census.h"
 #include "sampling/system_stats.h"
 #include "support/broadcast.h"
 #include "support/default_settings.h"
@@ -87,6 +88,8 @@ void AppDelegate::finishLaunching() {
   m_window = new PelmoraWindow(m_services.helper, m_services.power, m_services.limiter, store,
                                m_services.window_options);
   trace("PelmoraWindow");
+  // The process counts of the statistics window and the live icon come from the limiter's table.
+  m_services.sampler.setProcessCensusProvider(processCensusProvider(m_services.limiter));
   m_dock = std::make_unique<Dock>(m_services.sampler, store);
   createDockMenu();
   trace("Dock");
@@ -152,6 +155,8 @@ void AppDelegate::terminate() {
   // Destroying the Dock leaves the sampler's client list (stopping it when it was the last) and
   // gives the windows their own icon back.
   m_dock.reset();
+  // The sampler outlives the limiter it would otherwise still ask.
+  m_services.sampler.setProcessCensusProvider(nullptr);
   if (m_frontmost) FrontmostProvider::install(nullptr);
   Logger::shared().close();
 }

@@ -39,7 +39,7 @@ OpenFilesWindow::OpenFilesWindow(Pelmora& helper, const procinfo& process, const
   reload();
 }
 
-void OpenFilesWindow::reload() { showFiles(m_helper.pidFiles(m_pid, true)); }
+void OpenFilesWindow::reload() { showFiles(m_helper.pidFiles(m_pid, m_helper.authorised())); }
 
 void OpenFilesWindow::showFiles(const std::optional<std::map<int, std::string>>& files) {
   m_list->setRowCount(0);

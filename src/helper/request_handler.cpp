@@ -134,7 +134,7 @@ std::optional<TargetProcess> RequestHandler::readTarget(pid_t pid, bool need_own
   return t;
 }
 
-RequestHandler::Admission RequestHandler::locate(const XPCDict& request, bool need_owner,
+RequestHandler::Admission RequestHandler::locate(const XPCDict& request, Act act, bool need_owner,
                                                  const RecentProcess* recent) {
   Admission a;
   auto pid = intField(request, "pid", INT32_MIN, INT32_MAX, &a.refusal);
@@ -143,9 +143,16 @@ RequestHandler::Admission RequestHandler::locate(const XPCDict& request, bool ne
     return a;
   }
   a.pid = static_cast<pid_t>(*pid);
-  if (auto why = protectedTarget(a.pid, m_options.self_pid, nullptr)) {
+  const bool changes = act == Act::kChange;
+  if (auto why = changes ? protectedTarget(a.pid, m_options.self_pid, nullptr) : std::nullopt) {
     a.error = EPERM;
     a.refusal = *why;
+    return a;
+  }
+  if (a.pid <= 0) {
+    // 0 and the negative numbers name process groups, never one process.
+    a.error = ESRCH;
+    a.refusal = "no process " + std::to_string(a.pid);
     return a;
   }
   auto target = readTarget(a.pid, need_owner, a, recent && recent->pid == a.pid ? recent : nullptr);
@@ -155,7 +162,7 @@ RequestHandler::Admission RequestHandler::locate(const XPCDict& request, bool ne
     return a;
   }
   a.target = *target;
-  if (auto why = protectedTarget(a.pid, m_options.self_pid, &a.target)) {
+  if (auto why = changes ? protectedTarget(a.pid, m_options.self_pid, &a.target) : std::nullopt) {
     a.error = EPERM;
     a.refusal = *why;
   }
@@ -170,9 +177,9 @@ void RequestHandler::checkCaller(Admission& a, const Connection& caller, Access 
   }
 }
 
-RequestHandler::Admission RequestHandler::admit(const XPCDict& request, const Connection& caller, Access need,
-                                                const RecentProcess* recent) {
-  Admission a = locate(request, need != Access::kAnyone, recent);
+RequestHandler::Admission RequestHandler::admit(const XPCDict& request, const Connection& caller, Act act,
+                                                Access need, const RecentProcess* recent) {
+  Admission a = locate(request, act, need != Access::kAnyone, recent);
   checkCaller(a, caller, need);
   return a;
 }
@@ -184,7 +191,7 @@ const RecentProcess* RequestHandler::recentFor(Connection& caller, const XPCDict
   constexpr auto kRecentValid = std::chrono::milliseconds(5);
   const RecentProcess& recent = caller.recentProcess();
   const auto pid = xpcInt(request, "pid");
-  if (!pid || recent.pid <= 1 || *pid != recent.pid || !recent.pidfd) return nullptr;
+  if (!pid || recent.pid <= 0 || *pid != recent.pid || !recent.pidfd) return nullptr;
   if (std::chrono::steady_clock::now() - recent.read_at > kRecentValid) return nullptr;
   // Any answer but "no such process" (EPERM in-process, for another user's) means it is alive.
   return pidfdSignal(recent.pidfd.get(), 0) == ESRCH ? nullptr : &recent;
@@ -237,7 +244,7 @@ XPCDict RequestHandler::setPriority(const XPCDict& request, Connection& caller) 
   std::string error;
   auto priority = intField(request, "priority", -20, 19, &error);
   if (!priority) return {{"setpriority", error}};
-  Admission a = locate(request, true);
+  Admission a = locate(request, Act::kChange, true);
   // Lowering the nice value takes administrator rights; raising it is the owner's own business.
   checkCaller(a, caller, *priority < a.target.nice ? Access::kAuthorised : Access::kOwnerOrAuthorised);
   if (!a.refusal.empty()) return {{"setpriority", a.refusal}};
@@ -261,7 +268,7 @@ XPCDict RequestHandler::kill(const XPCDict& request, Connection& caller) {
   // the process that was checked (and fails, as it is gone), never to the newcomer.
   auto pid = xpcInt(request, "pid");
   UniqueFd pidfd = pid && *pid > 1 && *pid <= INT32_MAX ? pidfdOpen(static_cast<pid_t>(*pid)) : UniqueFd();
-  Admission a = admit(request, caller, Access::kOwnerOrAuthorised);
+  Admission a = admit(request, caller, Act::kChange, Access::kOwnerOrAuthorised);
   if (!a.refusal.empty()) return {{"kill", a.error}, {"error", a.refusal}};
   if (!pidfd) return {{"kill", ESRCH}, {"error", "no process " + std::to_string(a.pid)}};
   if (int failure = pidfdSignal(pidfd.get(), static_cast<int>(*signal))) {
@@ -276,7 +283,7 @@ XPCDict RequestHandler::kill(const XPCDict& request, Connection& caller) {
 }
 
 XPCDict RequestHandler::taskInfo(const XPCDict& request, Connection& caller) {
-  Admission a = admit(request, caller, Access::kAnyone);
+  Admission a = admit(request, caller, Act::kRead, Access::kAnyone);
   if (!a.refusal.empty()) return queryReply("taskinfo", a.error, a.refusal);
   int error = 0;
   auto record = m_reader.taskInfo(a.pid, &error, known(a));
@@ -287,9 +294,9 @@ XPCDict RequestHandler::taskAllInfo(const XPCDict& request, Connection& caller) 
   // Opened before the files are read: while it names a live process, the pid was not recycled
   // after the reads, so a following "rusage" may use them (see recentFor).
   const auto pid = xpcInt(request, "pid");
-  UniqueFd pidfd = pid && *pid > 1 && *pid <= INT32_MAX ? pidfdOpen(static_cast<pid_t>(*pid)) : UniqueFd();
+  UniqueFd pidfd = pid && *pid > 0 && *pid <= INT32_MAX ? pidfdOpen(static_cast<pid_t>(*pid)) : UniqueFd();
   // The record needs status anyway, so the owner's ids come with the checks.
-  Admission a = locate(request, true);
+  Admission a = locate(request, Act::kRead, true);
   checkCaller(a, caller, Access::kAnyone);
   if (!a.refusal.empty()) return queryReply("taskallinfo", a.error, a.refusal);
   int error = 0;
@@ -300,7 +307,7 @@ XPCDict RequestHandler::taskAllInfo(const XPCDict& request, Connection& caller) 
 }
 
 XPCDict RequestHandler::rusage(const XPCDict& request, Connection& caller) {
-  Admission a = admit(request, caller, Access::kOwnerOrAuthorised, recentFor(caller, request));
+  Admission a = admit(request, caller, Act::kRead, Access::kOwnerOrAuthorised, recentFor(caller, request));
   caller.recentProcess() = {};  // used once at most
   if (!a.refusal.empty()) return queryReply("rusage", a.error, a.refusal);
   int error = 0;
@@ -309,13 +316,13 @@ XPCDict RequestHandler::rusage(const XPCDict& request, Connection& caller) {
 }
 
 XPCDict RequestHandler::pidName(const XPCDict& request, Connection& caller) {
-  Admission a = admit(request, caller, Access::kAnyone);
+  Admission a = admit(request, caller, Act::kRead, Access::kAnyone);
   if (!a.refusal.empty()) return {{"reply_pidname", ""}, {"error", a.refusal}};
   return {{"reply_pidname", m_reader.pidName(a.pid).value_or("")}};
 }
 
 XPCDict RequestHandler::pidFiles(const XPCDict& request, Connection& caller) {
-  Admission a = admit(request, caller, Access::kOwnerOrAuthorised);
+  Admission a = admit(request, caller, Act::kRead, Access::kOwnerOrAuthorised);
   if (!a.refusal.empty()) return queryReply("pidfiles", a.error, a.refusal);
   int error = 0;
   auto files = m_reader.pidFiles(a.pid, &error);

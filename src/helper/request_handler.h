@@ -4,9 +4,10 @@
 // its user's own rights, when no daemon answers (see inProcessOptions()).
 //
 // Nothing in a request is trusted: every field's type and range is checked, every process target
-// is checked against the caller (owner, authorisation) and against the processes nobody may touch
-// (pid <= 1, the helper itself, kernel threads). A request that fails a check is answered with an
-// error text (and an errno-based status for the queries), never acted on.
+// is checked against the caller (owner, authorisation), and signals and priority changes against
+// the processes nobody may touch (pid <= 1, the helper itself, kernel threads); the read-only
+// queries answer for every process. A request that fails a check is answered with an error text
+// (and an errno-based status for the queries), never acted on.
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -90,13 +91,16 @@ class RequestHandler {
     int error = 0;                     // errno value when refused
     std::string refusal;               // empty when admitted
   };
-  // Reads and checks "pid" and finds the process; refuses the protected ones. The owner's ids are
-  // read only when the access check needs them.
+  // What a request does to its target: reading it is allowed for every process, changing it
+  // (signals, priorities) is refused for the protected ones.
+  enum class Act { kRead, kChange };
+  // Reads and checks "pid" and finds the process; for a change, refuses the protected ones. The
+  // owner's ids are read only when the access check needs them.
   // With `recent`, the files a previous request read for the same live process stand in for reading.
-  Admission locate(const XPCDict& request, bool need_owner, const RecentProcess* recent = nullptr);
+  Admission locate(const XPCDict& request, Act act, bool need_owner, const RecentProcess* recent = nullptr);
   // Adds the caller's right to act on the located target.
   void checkCaller(Admission& admission, const Connection& caller, Access need) const;
-  Admission admit(const XPCDict& request, const Connection& caller, Access need,
+  Admission admit(const XPCDict& request, const Connection& caller, Act act, Access need,
                   const RecentProcess* recent = nullptr);
   std::optional<TargetProcess> readTarget(pid_t pid, bool need_owner, Admission& files,
                                           const RecentProcess* recent) const;

@@ -4,7 +4,6 @@
 #include "helper_link/helper_transport.h"
 #include "support/broadcast.h"
 #include "support/logger.h"
-#include "support/proc_task_reader.h"
 #include "support/xpc.h"
 
 namespace pelmora {
@@ -99,7 +98,8 @@ int Pelmora::sendSignal(int32_t pid, int32_t signal) {
   return result;
 }
 
-std::optional<std::string> Pelmora::pidName(int32_t pid) {
+std::optional<std::string> Pelmora::pidName(int32_t pid, bool via_helper) {
+  if (!via_helper) return pid < 0 ? std::nullopt : m_local.pidName(pid);
   std::optional<std::string> result;
   send(
       [=](XPCDict& r) {
@@ -112,7 +112,7 @@ std::optional<std::string> Pelmora::pidName(int32_t pid) {
 
 std::optional<proc_taskinfo> Pelmora::taskInfo(int32_t pid, bool via_helper) {
   if (pid < 0) return std::nullopt;
-  if (!via_helper) return ProcTaskReader().taskInfo(pid);
+  if (!via_helper) return m_local.taskInfo(pid);
   std::optional<proc_taskinfo> result;
   send(
       [=](XPCDict& r) {
@@ -125,7 +125,7 @@ std::optional<proc_taskinfo> Pelmora::taskInfo(int32_t pid, bool via_helper) {
 
 std::optional<proc_taskallinfo> Pelmora::taskAllInfo(int32_t pid, bool via_helper) {
   if (pid < 0) return std::nullopt;
-  if (!via_helper) return ProcTaskReader().taskAllInfo(pid);
+  if (!via_helper) return m_local.taskAllInfo(pid);
   std::optional<proc_taskallinfo> result;
   send(
       [=](XPCDict& r) {
@@ -138,7 +138,7 @@ std::optional<proc_taskallinfo> Pelmora::taskAllInfo(int32_t pid, bool via_helpe
 
 std::optional<rusage_info_v3> Pelmora::rusage(int32_t pid, bool via_helper) {
   if (pid < 0) return std::nullopt;
-  if (!via_helper) return ProcTaskReader().rusage(pid);
+  if (!via_helper) return m_local.rusage(pid);
   std::optional<rusage_info_v3> result;
   send(
       [=](XPCDict& r) {
@@ -153,7 +153,7 @@ std::optional<std::map<int, std::string>> Pelmora::pidFiles(int32_t pid, bool vi
   if (pid < 0) return std::nullopt;
   std::optional<std::map<int, std::string>> result;
   if (!via_helper) {
-    result = ProcTaskReader().pidFiles(pid);
+    result = m_local.pidFiles(pid);
   } else {
     send(
         [=](XPCDict& r) {

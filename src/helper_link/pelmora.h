@@ -15,6 +15,7 @@
 #include "helper_link/reply_checks.h"
 #include "support/kernel_records.h"
 #include "support/mutex.h"
+#include "support/proc_task_reader.h"
 #include "support/unique_fd.h"
 #include "support/xpc_transport.h"
 
@@ -38,7 +39,7 @@ class Pelmora {
   bool setPriority(int32_t pid, int nice);
   // The helper's "kill" reply: 0 for success; -1 when there was no answer.
   int sendSignal(int32_t pid, int32_t signal);
-  std::optional<std::string> pidName(int32_t pid);
+  std::optional<std::string> pidName(int32_t pid, bool via_helper = true);
   std::optional<proc_taskinfo> taskInfo(int32_t pid, bool via_helper);
   std::optional<proc_taskallinfo> taskAllInfo(int32_t pid, bool via_helper);
   std::optional<rusage_info_v3> rusage(int32_t pid, bool via_helper);
@@ -82,6 +83,8 @@ class Pelmora {
   std::string sendAuthorize();
 
   std::unique_ptr<XPC> m_xpc;
+  // The queries asked with via_helper false read /proc here, with the user's own rights.
+  const ProcTaskReader m_local;
   bool m_authorised = false;
   uint64_t m_authorised_connection = 0;  // the connection "authorize" was last answered on
   Mutex m_mutex;  // guards m_authorised and m_authorised_connection

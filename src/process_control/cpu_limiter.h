@@ -139,7 +139,7 @@ class CPULimiter {
   void setTimerSlackLocked();
   // cpu_limiter_refresh.cpp
   void refreshLocked();
-  bool refreshOne(int32_t pid, const std::map<int32_t, bool>& awake, const Timeval& now,
+  bool refreshOne(int32_t pid, bool via_helper, const std::map<int32_t, bool>& awake,
                   std::map<int32_t, procinfo>& table, rwInfo& totals);
   void fillNewRow(procinfo& row, int32_t pid, const proc_taskallinfo& info);
   void applySavedSettingsLocked(const procinfo& row);

@@ -41,9 +41,11 @@ int64_t checkedSize(uint64_t value) {
 
 void CPULimiter::refreshLocked() {
   std::map<int32_t, procinfo> table;
-  const Timeval now;
   m_translated_count = 0;
   const auto awake = PowerAssertion::assertions();
+  // Via the helper exactly when authorised: it can read every process's counters, while an
+  // unauthorised client reads /proc itself, with its own rights and without round trips.
+  const bool via_helper = m_helper.authorised();
   rwInfo totals;
   std::set<int32_t> unreadable;
   const bool walked = m_proclist.iterate([&](int32_t pid) {
@@ -51,9 +53,7 @@ void CPULimiter::refreshLocked() {
       Log("proclist.iterate failed");
       return;
     }
-    // The helper answers nothing about kernel threads (they cannot be limited or reniced either).
-    if (m_proclist.kind(pid) == "kernel") return;
-    if (!refreshOne(pid, awake, now, table, totals)) unreadable.insert(pid);
+    if (!refreshOne(pid, via_helper, awake, table, totals)) unreadable.insert(pid);
   });
   m_unreadable = std::move(unreadable);
   if (!walked) Log("proclist.iterate failed");
@@ -64,9 +64,12 @@ void CPULimiter::refreshLocked() {
   Broadcast(kProcessesUpdatedBroadcast, true);
 }
 
-bool CPULimiter::refreshOne(int32_t pid, const std::map<int32_t, bool>& awake, const Timeval& now,
+bool CPULimiter::refreshOne(int32_t pid, bool via_helper, const std::map<int32_t, bool>& awake,
                             std::map<int32_t, procinfo>& table, rwInfo& totals) {
-  const auto info = m_helper.taskAllInfo(pid, true);
+  const auto info = m_helper.taskAllInfo(pid, via_helper);
+  // This row's own moment: a refresh of many processes takes a good part of a second, and a rate
+  // over one shared timestamp would be off by the time between the two reads of each row.
+  const Timeval now;
   // A process we may not read stays unreadable: its line is logged when it starts failing, not at
   // every refresh.
   const bool failed_before = m_unreadable.count(pid) > 0;
@@ -81,7 +84,7 @@ bool CPULimiter::refreshOne(int32_t pid, const std::map<int32_t, bool>& awake, c
     row = old->second;
   } else {
     row.update = now;
-    auto name = m_helper.pidName(pid);
+    auto name = m_helper.pidName(pid, via_helper);
     if (!name) {
       if (!failed_before) Log("procinfo_pidname failed");
       return false;
@@ -96,7 +99,7 @@ bool CPULimiter::refreshOne(int32_t pid, const std::map<int32_t, bool>& awake, c
   row.threads = info->ptinfo.pti_threadnum;
   row.memVirtual = checkedSize(info->ptinfo.pti_virtual_size);
   row.memRes = checkedSize(info->ptinfo.pti_resident_size);
-  if (const auto usage = m_helper.rusage(pid, true)) {
+  if (const auto usage = m_helper.rusage(pid, via_helper)) {
     row.totalIdleWakeups = usage->ri_pkg_idle_wkups;
     row.totalBytesRead = usage->ri_diskio_bytesread;
     row.totalBytesWrite = usage->ri_diskio_byteswritten;

@@ -267,8 +267,6 @@ std::optional<ProcFacts> ProcTaskReader::gather(pid_t pid, int extras, int* erro
   }
   if (known.stat && known.stat->pid != pid) known = {};
   ProcFacts f;
-  // "taskinfo" is asked for every limited process many times a second: it reads only stat, which
-  // also holds the two sizes statm would give (the same kernel counters), so statm is not read.
   // The owner ids and context switches of status come with the fuller records.
   const bool need_status = extras & (kBsd | kWakeups);
   auto stat = known.stat ? std::optional<ProcPidStat>(*known.stat) : readStat(pid);
@@ -285,7 +283,12 @@ std::optional<ProcFacts> ProcTaskReader::gather(pid_t pid, int extras, int* erro
   static const auto page_bytes = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
   f.clk_tck = clk_tck;
   f.page_bytes = page_bytes;
-  f.statm = {f.stat.vsize_bytes / page_bytes, f.stat.rss_pages};
+  // The resident size of stat is the kernel's per-CPU approximation, low by up to a few hundred
+  // kB; statm sums the per-CPU counters exactly (as ps and psutil show it). stat's stands in only
+  // when statm cannot be read.
+  auto statm_text = SysRoot::readFile(procPath(pid, "statm"));
+  auto statm = statm_text ? parseProcStatm(*statm_text) : std::nullopt;
+  f.statm = statm ? *statm : ProcStatm{f.stat.vsize_bytes / page_bytes, f.stat.rss_pages};
   f.cpu_total_ns = ticksToNs(f.stat.utime_ticks + f.stat.stime_ticks, f.clk_tck);
   clockid_t clock;
   timespec ts{};

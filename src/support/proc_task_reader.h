@@ -38,7 +38,7 @@ struct ProcPidStat {
   int64_t num_threads = 0;
   uint64_t starttime_ticks = 0;  // since boot
   uint64_t vsize_bytes = 0;
-  uint64_t rss_pages = 0;  // the same resident count as statm's second column
+  uint64_t rss_pages = 0;  // approximate: the per-CPU counters unsummed (statm is exact)
 };
 
 // /proc/PID/status, by key.

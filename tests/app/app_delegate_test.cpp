@@ -18,6 +18,7 @@
 #include "app/procinfo_window.h"
 #include "app/status_bar_controller.h"
 #include "app/system_stats_window.h"
+#include "graphs/views/graph_view_proc.h"
 #include "app/settings_test_support.h"
 #include "app/stats_test_support.h"
 #include "support/broadcast.h"
@@ -42,6 +43,34 @@ TEST(AppDelegateTest, StartUpCreatesTheObjectsInOrder) {
   EXPECT_TRUE(rig.app->sleepListening());
   EXPECT_NE(ProcinfoWindow::shared(), nullptr);
   EXPECT_NE(SystemStatsWindow::instance(), nullptr);
+}
+
+// The counts are read from the limiter's table of this machine's /proc, so they are never all 0:
+// this test program itself is one of them, counted as the system's when it runs as root.
+TEST(AppDelegateTest, TheStatisticsWindowCountsTheProcessesOfTheLimitersTable) {
+  AppRig rig;
+  keys::kAppPelmora.save(rig.rig.store, true);
+  rig.app->finishLaunching();
+  rig.app->showSystemStats();
+  rig.rig.limiter.refresh();
+  const auto table = rig.rig.limiter.processes();
+  ASSERT_TRUE(table.count(static_cast<int32_t>(getpid())));
+  rig.sampler->tick();
+  RunLoop::main().runUntilIdle();
+  const procstat counts = rig.sampler->snapshot().proc_stats;
+  EXPECT_EQ(counts.user + counts.system + counts.other, static_cast<int64_t>(table.size()));
+  EXPECT_GE(getuid() == 0 ? counts.system : counts.user, 1);
+  auto* view = SystemStatsWindow::instance()->findChild<GraphViewProc*>();
+  ASSERT_NE(view, nullptr);
+  const std::string shown = view->labelText().toStdString();
+  const std::string mine = getuid() == 0 ? "System: " + std::to_string(counts.system)
+                                         : "My Procs: " + std::to_string(counts.user);
+  EXPECT_NE(shown.find(mine), std::string::npos) << shown;
+
+  // After quit the sampler no longer asks the limiter, which may be gone.
+  rig.app->terminate();
+  rig.sampler->tick();
+  EXPECT_EQ(rig.sampler->snapshot().proc_stats, procstat{});
 }
 
 TEST(AppDelegateTest, FirstLaunchOpensOnlyTheCpuSettingsWindowAndTheAboutBox) {

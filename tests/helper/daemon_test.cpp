@@ -206,7 +206,7 @@ TEST_F(HelperDaemonTest, ProtectedTargetsAndBadFieldsAreRefused) {
     XPCDict reply = ask(request);
     EXPECT_NE(xpcInt(reply, "kill").value_or(0), 0);
     EXPECT_TRUE(xpcString(reply, "error"));
-    // The same targets cannot be reniced or read either.
+    // The same targets cannot be reniced either.
     XPCDict renice{{"setpriority", ""}, {"priority", 19}};
     if (!c.pid.isNull()) renice["pid"] = c.pid;
     if (c.signal == XPCValue(SIGSTOP)) {
@@ -215,7 +215,43 @@ TEST_F(HelperDaemonTest, ProtectedTargetsAndBadFieldsAreRefused) {
   }
   EXPECT_EQ(procState(sleeper.pid()), 'S');
   EXPECT_NE(procState(s_daemon->pid()), 'T');
-  EXPECT_GT(xpcInt(ask({{"taskinfo", "taskinfo"}, {"pid", 1}}), "result").value_or(0), 1);
+}
+
+// Reading is never refused for who the target is: init, kernel threads and the daemon itself are in
+// every process table. Only the owner's rules apply ("rusage" of root's processes needs rights).
+TEST_F(HelperDaemonTest, ReadOnlyQueriesAnswerForEveryProcess) {
+  const pid_t kthread = someKernelThread();
+  ASSERT_NE(kthread, 0);
+  const struct {
+    const char* name;
+    pid_t pid;
+    const char* pidname;
+  } targets[] = {
+      {"init", 1, nullptr}, {"kthreadd", 2, "kthreadd"}, {"a kernel thread", kthread, nullptr},
+      {"the daemon", s_daemon->pid(), "pelmora-helper"},
+  };
+  const std::string socket = s_daemon->socket();
+  const std::string failures = asNobody([&]() -> std::string {
+    SocketTransport transport(socket);
+    std::string out;
+    for (const auto& t : targets) {
+      for (const char* query : {"taskinfo", "taskallinfo"}) {
+        auto reply = transport.exchange({{query, query}, {"pid", int64_t{t.pid}}});
+        const auto result = reply ? xpcInt(*reply, "result").value_or(-1) : -1;
+        if (result != 1) out += std::string(t.name) + " " + query + ": " + std::to_string(result) + "\n";
+      }
+      auto reply = transport.exchange({{"pidname", "pidname"}, {"pid", int64_t{t.pid}}});
+      const std::string* name = reply ? xpcString(*reply, "reply_pidname") : nullptr;
+      if (!name || name->empty() || (t.pidname && *name != t.pidname))
+        out += std::string(t.name) + " pidname: " + (name ? *name : "<none>") + "\n";
+      auto rusage = transport.exchange({{"rusage", "rusage"}, {"pid", int64_t{t.pid}}});
+      if (!rusage || xpcInt(*rusage, "result") != 1 + EPERM) out += std::string(t.name) + " rusage answered\n";
+    }
+    return out;
+  });
+  EXPECT_EQ(failures, "");
+  // An authorised connection (root) reads every counter of them.
+  for (const auto& t : targets) EXPECT_EQ(xpcInt(ask({{"rusage", "rusage"}, {"pid", int64_t{t.pid}}}), "result"), 1) << t.name;
 }
 
 TEST_F(HelperDaemonTest, StopsAndContinuesARealProcess) {
