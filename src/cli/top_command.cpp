@@ -1,5 +1,6 @@
-// pelmora top [--json]: the process table once, with rates over the second between two refreshes,
-// as a table sorted by processor share or as JSON.
+// pelmora top [--json]: the process table once, with rates over the second (or a little more)
+// between two refreshes, and network rates over one second of the network tool, as a table sorted
+// by processor share or as JSON.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -68,6 +69,18 @@ void printTable(std::vector<procinfo> rows, const usageInfo& usage, const rwInfo
   }
 }
 
+// The network tool writes once a second, and a process's rate is the bytes between its first two
+// lines: waits (a little, as a loaded machine may start the tool late) until some process has one.
+void waitForNetworkRates(CPULimiter& limiter) {
+  constexpr auto kPoll = std::chrono::milliseconds(50);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(1500);
+  while (limiter.nettopRunning() && std::chrono::steady_clock::now() < deadline) {
+    const auto use = limiter.netUse();
+    if (std::any_of(use.begin(), use.end(), [](const auto& entry) { return entry.second.rx_rate.seeded; })) return;
+    std::this_thread::sleep_for(kPoll);
+  }
+}
+
 }  // namespace
 
 int runTopCommand(const std::vector<std::string>& args) {
@@ -82,8 +95,8 @@ int runTopCommand(const std::vector<std::string>& args) {
   CliLimiter limiter;
   limiter->start();  // for the network tool; the table refreshes below
   limiter->refresh();
-  // The network tool writes once a second; its second line gives the first rates.
-  std::this_thread::sleep_for(std::chrono::milliseconds(1300));
+  std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+  waitForNetworkRates(*limiter);
   limiter->refresh();
   limiter->updateMachineSplit();
   std::vector<procinfo> rows;

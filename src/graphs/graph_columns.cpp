@@ -8,7 +8,6 @@
 namespace pelmora {
 namespace {
 
-constexpr int64_t kWrap32 = int64_t{1} << 32;
 
 // A tick counter that did not grow (or went backwards after a CPU came back) counts as no change.
 double grown(uint64_t older, uint64_t newer) { return newer > older ? static_cast<double>(newer - older) : 0.0; }
@@ -35,14 +34,9 @@ PeakColumns<Column> scaleToPeak(std::vector<Column> columns, PeakOf peak_of, Div
 
 }  // namespace
 
-int64_t unwrapCounterDelta(int64_t older, int64_t newer) {
-  // Subtract in unsigned arithmetic: 64-bit counters far apart must not overflow.
-  const auto delta = static_cast<int64_t>(static_cast<uint64_t>(newer) - static_cast<uint64_t>(older));
-  if (delta >= 0) return delta;
-  // As many 2^32 as it takes to come back to zero or above.
-  const uint64_t missing = static_cast<uint64_t>(-(delta + 1)) + 1;
-  const uint64_t wraps = (missing + static_cast<uint64_t>(kWrap32) - 1) / static_cast<uint64_t>(kWrap32);
-  return static_cast<int64_t>(static_cast<uint64_t>(delta) + wraps * static_cast<uint64_t>(kWrap32));
+int64_t counterDelta(int64_t older, int64_t newer) {
+  // Subtract in unsigned arithmetic: counters far apart must not overflow.
+  return newer >= older ? static_cast<int64_t>(static_cast<uint64_t>(newer) - static_cast<uint64_t>(older)) : 0;
 }
 
 std::vector<cpu_util> cpuColumns(const std::vector<cpu_sample_t>& history) {
@@ -90,11 +84,11 @@ PeakColumns<io_rate> ioColumns(const std::vector<ioStats>& history, bool data_ra
     const auto& a = history[k];
     const auto& b = history[k + 1];
     if (data_rate)
-      rates.push_back({static_cast<double>(unwrapCounterDelta(a.bytes_read, b.bytes_read)),
-                       static_cast<double>(unwrapCounterDelta(a.bytes_write, b.bytes_write))});
+      rates.push_back({static_cast<double>(counterDelta(a.bytes_read, b.bytes_read)),
+                       static_cast<double>(counterDelta(a.bytes_write, b.bytes_write))});
     else
-      rates.push_back({static_cast<double>(unwrapCounterDelta(a.count_read, b.count_read)),
-                       static_cast<double>(unwrapCounterDelta(a.count_write, b.count_write))});
+      rates.push_back({static_cast<double>(counterDelta(a.count_read, b.count_read)),
+                       static_cast<double>(counterDelta(a.count_write, b.count_write))});
   }
   return scaleToPeak(
       newest(rates, width), [](const io_rate& r) { return std::max(r.reads, r.writes); },
@@ -172,16 +166,21 @@ std::vector<bit_rate> networkRates(const std::vector<netStats>& history, const N
   const double alpha = 1.0 - std::exp(-1.0 / n);
   double avg_in = 0.0, avg_out = 0.0;
   for (size_t i = 1; i < history.size(); ++i) {
-    const double d_in = static_cast<double>(unwrapCounterDelta(history[i - 1].bytes_in, history[i].bytes_in));
-    const double d_out = static_cast<double>(unwrapCounterDelta(history[i - 1].bytes_out, history[i].bytes_out));
+    const double d_in = static_cast<double>(counterDelta(history[i - 1].bytes_in, history[i].bytes_in));
+    const double d_out = static_cast<double>(counterDelta(history[i - 1].bytes_out, history[i].bytes_out));
     if (averaging.exponential) {
       avg_in += alpha * (d_in - avg_in);
       avg_out += alpha * (d_out - avg_out);
-    } else {
-      // Divided by N even while fewer than N earlier samples exist: the first averages read low.
-      const size_t j = i > static_cast<size_t>(n) ? i - static_cast<size_t>(n) : 0;
-      avg_in = static_cast<double>(unwrapCounterDelta(history[j].bytes_in, history[i].bytes_in)) / n;
-      avg_out = static_cast<double>(unwrapCounterDelta(history[j].bytes_out, history[i].bytes_out)) / n;
+      rates.push_back({d_in, d_out, avg_in, avg_out});
+      continue;
+    }
+    // The sum of the last N steps (a reset inside the window counts 0), divided by N even while
+    // fewer than N earlier samples exist: the first averages read low.
+    avg_in = d_in / n;
+    avg_out = d_out / n;
+    for (size_t k = rates.size(); k > 0 && rates.size() - k + 1 < static_cast<size_t>(n); --k) {
+      avg_in += rates[k - 1].bps_in / n;
+      avg_out += rates[k - 1].bps_out / n;
     }
     rates.push_back({d_in, d_out, avg_in, avg_out});
   }

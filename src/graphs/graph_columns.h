@@ -85,9 +85,10 @@ struct FanColumns {
   int64_t max_speed = 0;
 };
 
-// The difference of two readings of a counter that may have wrapped at 32 bits: 2^32 is added until
-// the difference is not negative.
-int64_t unwrapCounterDelta(int64_t older, int64_t newer);
+// The difference of two readings of a 64-bit kernel counter. Such a counter never wraps; one that
+// went backwards was reset (a disk or network card left, a driver reloaded), and that step counts 0
+// rather than a spike as large as everything counted before.
+int64_t counterDelta(int64_t older, int64_t newer);
 
 std::vector<cpu_util> cpuColumns(const std::vector<cpu_sample_t>& history);
 std::vector<mem_stats> memColumns(const std::vector<memoryStats>& history);

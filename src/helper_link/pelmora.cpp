@@ -20,8 +20,8 @@ std::optional<Record> recordOf(const RecordReply<Record>& reply) {
 
 }  // namespace
 
-Pelmora::Pelmora(std::unique_ptr<XPCTransport> transport)
-    : m_xpc(std::make_unique<XPC>(kServiceLabel, std::move(transport))) {}
+Pelmora::Pelmora(std::unique_ptr<XPCTransport> transport, SysRoot local_root)
+    : m_xpc(std::make_unique<XPC>(kServiceLabel, std::move(transport))), m_local(std::move(local_root)) {}
 
 Pelmora::~Pelmora() = default;
 

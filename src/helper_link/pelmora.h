@@ -26,8 +26,9 @@ class XPC;
 class Pelmora {
  public:
   static Pelmora& shared();
-  // A client over the given transport (tests; tools that talk to a chosen socket).
-  explicit Pelmora(std::unique_ptr<XPCTransport> transport);
+  // A client over the given transport (tests; tools that talk to a chosen socket); the queries it
+  // answers itself read `local_root`.
+  explicit Pelmora(std::unique_ptr<XPCTransport> transport, SysRoot local_root = SysRoot::current());
   ~Pelmora();
 
   // Fields stay as in `current` when the reply has no "cpuinfo".

@@ -4,6 +4,7 @@
 // shares as fractions of one processor (1.0 = one processor busy), disk rates in bytes per second,
 // network rates in bits per second.
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "support/timeval.h"
@@ -68,6 +69,7 @@ struct netUsage {
   WeightedStats rx_rate;  // bits per second
   int64_t tx_bytes = 0;
   WeightedStats tx_rate;  // bits per second
+  std::optional<double> time_s;  // the time of day of the tool's last line, when it gave one
 };
 
 }  // namespace pelmora

@@ -55,8 +55,11 @@ struct Fixture {
   std::unique_ptr<CPULimiter> limiter;
   std::map<int32_t, double> demand;
 
+  // Authorised while the table is filled, so that the simulated helper answers every query; the
+  // tests of the controls set the flag they need.
   Fixture() {
     ensureApp();
+    helper.setAuthorised(true);
     RunLoop::main().runUntilIdle();
     CPULimiter::Options options;
     options.journal_dir = dir.journalDir();

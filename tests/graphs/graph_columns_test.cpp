@@ -45,17 +45,29 @@ TEST(GfxColumns, VramAndUtilisation) {
   EXPECT_DOUBLE_EQ(utilisationFraction({0, 0, 0, 0, 40}), 0.4);
 }
 
-TEST(CounterDelta, Unwraps32BitCounters) {
+TEST(CounterDelta, ACounterThatWentBackwardsWasResetAndCountsZero) {
   struct Case {
     int64_t older, newer, delta;
   } cases[] = {
-      {k2to32 - 6, 10, 16},
       {5, 9, 4},
       {7, 7, 0},
-      {3 * k2to32 + 5, 1, k2to32 - 4},      // a 64-bit counter that went back: wraps until non-negative
-      {INT64_MAX, 0, 1},                     // no overflow on the way
+      {0, INT64_MAX, INT64_MAX},        // no overflow on the way
+      {k2to32 - 6, 10, 0},              // 64-bit counters never wrap at 32 bits
+      {3 * k2to32 + 5, 1, 0},           // a network card left and came back
+      {INT64_MAX, 0, 0},
   };
-  for (const auto& c : cases) EXPECT_EQ(unwrapCounterDelta(c.older, c.newer), c.delta) << c.older << " " << c.newer;
+  for (const auto& c : cases) EXPECT_EQ(counterDelta(c.older, c.newer), c.delta) << c.older << " " << c.newer;
+}
+
+// A disk that leaves takes its bytes out of the total: the step down is no gigabyte spike that
+// would flatten every other column of the Total Disk I/O graph.
+TEST(IoColumns, AResetTotalGivesAZeroColumnNotAPeak) {
+  const int64_t gib = int64_t{1} << 30;
+  const std::vector<ioStats> history = {{gib, gib, 0, 0}, {gib + 100, gib + 200, 0, 0}, {50, 60, 0, 0},
+                                        {150, 160, 0, 0}};
+  auto bytes = ioColumns(history, true, 100);
+  EXPECT_DOUBLE_EQ(bytes.max, 200);
+  EXPECT_EQ(bytes.columns, (std::vector<io_rate>{{0.5, 1.0}, {0, 0}, {0.5, 0.5}}));
 }
 
 TEST(IoColumns, DeltasOfTheChosenCountersScaledToTheVisiblePeak) {
@@ -125,19 +137,22 @@ TEST(NetworkAveraging, BothMethods) {
   EXPECT_EQ(networkAveragingLength(2), 60);
   EXPECT_EQ(networkAveragingLength(-1), 60);
 
-  // bytes in grow by 100 per sample, bytes out by 10; the out counter wraps at 32 bits once.
+  // bytes in grow by 100 per sample, bytes out by 10, except that the out counter is reset (the
+  // card left and came back) between samples 3 and 4, where that step counts 0.
   std::vector<netStats> history;
-  for (int64_t i = 0; i < 8; ++i) history.push_back({1000 + 100 * i, (k2to32 - 25 + 10 * i) % k2to32});
+  for (int64_t i = 0; i < 8; ++i) history.push_back({1000 + 100 * i, i < 4 ? k2to32 + 10 * i : 10 * (i - 4)});
+  const std::vector<double> out = {10, 10, 10, 0, 10, 10, 10};
   EXPECT_TRUE(networkRates({history[0]}, {5, true}).empty());
 
   struct Case {
     const char* what;
     NetworkAveraging averaging;
     std::vector<double> avg_in;
+    std::vector<double> avg_out;
   } cases[] = {
-      // Plain: the difference over N samples divided by N, even while fewer exist (reads low first).
-      {"plain, 5", {5, false}, {20, 40, 60, 80, 100, 100, 100}},
-      {"plain, 10", {10, false}, {10, 20, 30, 40, 50, 60, 70}},
+      // Plain: the sum of the last N steps divided by N, even while fewer exist (reads low first).
+      {"plain, 5", {5, false}, {20, 40, 60, 80, 100, 100, 100}, {2, 4, 6, 6, 8, 8, 8}},
+      {"plain, 10", {10, false}, {10, 20, 30, 40, 50, 60, 70}, {1, 2, 3, 3, 4, 5, 6}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -145,9 +160,9 @@ TEST(NetworkAveraging, BothMethods) {
     ASSERT_EQ(rates.size(), 7u);
     for (size_t i = 0; i < rates.size(); ++i) {
       EXPECT_DOUBLE_EQ(rates[i].bps_in, 100);
-      EXPECT_DOUBLE_EQ(rates[i].bps_out, 10);  // including across the wrap
+      EXPECT_DOUBLE_EQ(rates[i].bps_out, out[i]);
       EXPECT_DOUBLE_EQ(rates[i].avg_bps_in, c.avg_in[i]);
-      EXPECT_DOUBLE_EQ(rates[i].avg_bps_out, c.avg_in[i] / 10);
+      EXPECT_DOUBLE_EQ(rates[i].avg_bps_out, c.avg_out[i]);
     }
   }
 

@@ -12,7 +12,7 @@ TEST(NettopLine, LabelsAndFields) {
     std::optional<NettopSample> expected;
   };
   const Case cases[] = {
-      {"12:00:00.5,firefox.4242,,,1000,200", NettopSample{4242, 1000, 200}},
+      {"12:00:00.5,firefox.4242,,,1000,200", NettopSample{4242, 1000, 200, 43200.5}},
       {"t, Web Content.1.2.77 ,,,5,6", NettopSample{77, 5, 6}},   // dots and spaces in the name
       {"t,python3.11.900,,,0,0,extra", NettopSample{900, 0, 0}},  // more fields are fine
       {"t,name.12,,,7,8\r", NettopSample{12, 7, 8}},
@@ -72,12 +72,46 @@ TEST(NettopRates, BitsPerSecondNeverNegativeNewProcessesStartAtZero) {
   }
 }
 
-TEST(NettopRates, SmoothedWithTheGivenTimeConstantOverOneSecondSteps) {
+TEST(NettopLine, TimesOfDayAndTheStepsBetweenThem) {
+  const struct {
+    const char* text;
+    std::optional<double> seconds;
+  } times[] = {
+      {"12:00:00.5", 43200.5}, {"00:00:01", 1.0}, {"23:59:59.250000", 86399.25}, {"01:02:03.000001", 3723.000001},
+      {"24:00:00", std::nullopt}, {"1:00:00", std::nullopt}, {"12:00:00,5", std::nullopt},
+      {"12:00:00.", std::nullopt}, {"12:60:00", std::nullopt}, {"t", std::nullopt}, {"", std::nullopt},
+  };
+  for (const auto& t : times) {
+    SCOPED_TRACE(t.text);
+    const auto got = parseTimeOfDay_s(t.text);
+    ASSERT_EQ(got.has_value(), t.seconds.has_value());
+    if (got) EXPECT_NEAR(*got, *t.seconds, 1e-9);
+  }
+  const struct {
+    double earlier, later;
+    std::optional<double> step;
+  } steps[] = {
+      {10.0, 11.5, 1.5}, {86399.5, 0.5, 1.0}, {10.0, 10.0, std::nullopt}, {10.0, 9.0, std::nullopt},
+      {10.0, 100.0, std::nullopt},
+  };
+  for (const auto& s : steps) EXPECT_EQ(timeOfDayStep_s(s.earlier, s.later), s.step) << s.earlier << " " << s.later;
+}
+
+// The first measured rate is shown as it is (an average starting from 0 would read a steady
+// 8 kbit/s as 1.5 kbit/s after a second); later ones are smoothed over the real step between lines.
+TEST(NettopRates, FirstRateAsMeasuredThenSmoothedOverTheRealStep) {
   std::map<int32_t, netUsage> table;
-  recordNettopSample(table, {1, 0, 0}, 5.0);
-  recordNettopSample(table, {1, 1000, 0}, 5.0);
+  recordNettopSample(table, {1, 0, 0, 100.0}, 5.0);
+  recordNettopSample(table, {1, 1000, 0, 101.0}, 5.0);
+  EXPECT_DOUBLE_EQ(table[1].rx_rate.current(), 8000.0);
+  // The tool ran late: 2000 bytes over two seconds is the same 8 kbit/s.
+  recordNettopSample(table, {1, 3000, 0, 103.0}, 5.0);
+  EXPECT_DOUBLE_EQ(table[1].rx_rate.current(), 8000.0);
+  // A line without a time counts as one second after the one before: 2000 bytes are 16 kbit/s.
+  recordNettopSample(table, {1, 5000, 0}, 5.0);
   const double alpha = 1.0 - std::exp(-1.0 / 5.0);
-  EXPECT_NEAR(table[1].rx_rate.current(), alpha * 8000.0, 1e-9);
+  EXPECT_NEAR(table[1].rx_rate.current(), 8000.0 + alpha * (16000.0 - 8000.0), 1e-9);
+  EXPECT_DOUBLE_EQ(table[1].rx_rate.last_sample, 16000.0);
 }
 
 }  // namespace

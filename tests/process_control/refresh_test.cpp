@@ -1,6 +1,8 @@
 // The process-table refresh against a simulated helper and a fake clock.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 
 #include "process_control/cpu_limiter.h"
@@ -25,7 +27,11 @@ struct Table {
   DefaultSettings settings{dir.settingsFile()};
   std::unique_ptr<CPULimiter> limiter;
 
-  Table() { RunLoop::main().runUntilIdle(); }
+  // Authorised, so that every query goes to the simulated helper.
+  Table() {
+    helper.setAuthorised(true);
+    RunLoop::main().runUntilIdle();
+  }
   ~Table() { limiter.reset(); RunLoop::main().runUntilIdle(); }
   CPULimiter& make() {
     CPULimiter::Options options;
@@ -80,6 +86,55 @@ TEST(Refresh, FirstSightingHasNoRatesSecondHasRatesOverTheRealInterval) {
   EXPECT_DOUBLE_EQ(limiter.diskRates().readPerSec, second->readPerSec.current());
   EXPECT_GT(second->energyImpact, 0.0);
   EXPECT_EQ(second->update.microseconds(), t.clock.now_us());
+}
+
+// A refresh of many processes takes a while: each row's rates run from the moment that row was
+// read, so a slow refresh after a quick one still shows a busy loop at exactly one processor.
+TEST(Refresh, EachRowsIntervalRunsFromItsOwnRead) {
+  Table t;
+  auto& limiter = t.make();
+  t.add(40, {.name = "first"});
+  t.add(41, {.name = "second"});
+  limiter.refresh();
+  t.clock.advance_us(1'000'000);
+  t.wire->run(1'000'000);
+  t.wire->before_taskallinfo = [&] {
+    t.clock.advance_us(400'000);
+    t.wire->run(400'000);
+  };
+  limiter.refresh();
+  for (int32_t pid : {40, 41}) EXPECT_DOUBLE_EQ(limiter.rowFor(pid)->pctCPU, 1.0) << pid;
+}
+
+// Via the helper exactly when authorised: otherwise the rows come from reading /proc directly.
+TEST(Refresh, UnauthorisedReadsProcItselfAuthorisedAsksTheHelper) {
+  const SysRoot fixture(std::string(PELMORA_FIXTURES) + "/proc-task", "/nonexistent");
+  Table t;
+  Pelmora helper(std::make_unique<test::SimTransport>(t.wire), fixture);
+  CPULimiter::Options options;
+  options.journal_dir = t.dir.journalDir();
+  CPULimiter limiter(helper, fixture, t.settings, options);
+  t.wire->procs[4242] = {.name = "told by the helper", .threads = 9};
+  t.wire->procs[4250] = {.name = "solo", .threads = 9};
+
+  limiter.refresh();
+  EXPECT_TRUE(t.wire->requests.empty());
+  const auto local = limiter.rowFor(4242);
+  ASSERT_TRUE(local);
+  EXPECT_EQ(local->name, "my (odd) prog");
+  EXPECT_EQ(local->threads, 3);
+  EXPECT_EQ(local->memRes, 2560 * ::sysconf(_SC_PAGESIZE));
+  EXPECT_TRUE(limiter.rowFor(4250));
+
+  helper.setAuthorised(true);
+  limiter.refresh();
+  for (const char* query : {"taskallinfo", "rusage"}) {
+    EXPECT_EQ(std::count_if(t.wire->requests.begin(), t.wire->requests.end(),
+                            [&](const XPCDict& r) { return xpcHas(r, query); }),
+              2)
+        << query;
+  }
+  EXPECT_EQ(limiter.rowFor(4242)->threads, 9);
 }
 
 TEST(Refresh, CountersGoingBackwardsGiveZeroRates) {

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -44,6 +45,8 @@ struct SimWire {
   std::vector<std::pair<int32_t, int64_t>> signals;  // (pid, signal) of every "kill"
   std::vector<std::pair<int32_t, int64_t>> priorities;
   int32_t logical_cpus = 4;
+  // Runs before each "taskallinfo" is answered (a test's clock advancing while a refresh reads).
+  std::function<void()> before_taskallinfo;
 
   // Runs every process that is not stopped for `us` microseconds of processor time at `demand`
   // processors (a busy loop is 1.0).
@@ -76,7 +79,11 @@ class SimTransport : public XPCTransport {
       return XPCDict{{"cpuinfo", XPCDict{{"logical_cpu_max", 4}, {"physical_cpu_max", 2},
                                          {"logical_cpu", m_wire->logical_cpus}, {"physical_cpu", 2}}}};
     if (r.count("pidname")) return XPCDict{{"reply_pidname", (p && !p->pidname_fails) ? p->name : ""}};
-    if (r.count("taskallinfo")) return taskAllInfo(pid, p);
+    if (r.count("taskallinfo")) {
+      if (m_wire->before_taskallinfo) m_wire->before_taskallinfo();
+      return taskAllInfo(pid, p);
+    }
+    if (r.count("authorize")) return XPCDict{{"authorize", "OK"}};
     if (r.count("taskinfo")) return taskInfo(p);
     if (r.count("rusage")) return rusage(p);
     if (r.count("kill")) return kill(pid, p, xpcInt(r, "signal").value_or(0));
