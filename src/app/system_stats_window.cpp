@@ -315,6 +315,7 @@ void SystemStatsWindow::samplerRestarted() {
   m_dsk.clear();
   m_net.clear();
   m_gfx.clear();
+  m_gfx_missed.clear();
   m_mem.clear();
   m_io.clear();
   m_proc.clear();
@@ -361,7 +362,11 @@ void SystemStatsWindow::dropVanishedDevices(const SampleSet& sample) {
   keepOnly(m_disk_names, disks);
   keepOnly(m_disk_numbers, disks);
   keepOnly(m_net, intfs);
-  keepOnly(m_gfx, cards);
+  for (const auto& name : cards) m_gfx_missed[name] = 0;
+  std::erase_if(m_gfx, [&](const auto& entry) {
+    return !cards.contains(entry.first) && ++m_gfx_missed[entry.first] > kGpuMissedSamplesKept;
+  });
+  std::erase_if(m_gfx_missed, [&](const auto& entry) { return !m_gfx.contains(entry.first); });
 }
 
 size_t SystemStatsWindow::heldSamples() const {

@@ -67,6 +67,9 @@ class SystemStatsWindow : public QMainWindow {
   Q_OBJECT
  public:
   static constexpr size_t kHistoryLimit = 1800;
+  // A card's statistics can fail to read for a sample or two (a busy driver, NVML starting up):
+  // its history waits this many samples before the card counts as gone.
+  static constexpr int64_t kGpuMissedSamplesKept = 10;
   static constexpr int kThinHandle_px = 1;
   static constexpr int kThickHandle_px = 6;
 
@@ -162,7 +165,8 @@ class SystemStatsWindow : public QMainWindow {
   std::vector<std::vector<fanStats>> m_fan;
   std::map<std::string, std::vector<ioStats>> m_dsk;  // by kernel name
   std::map<std::string, std::vector<netStats>> m_net;
-  std::map<std::string, std::vector<graphicsCardStats>> m_gfx;
+  std::map<std::string, std::vector<graphicsCardStats>> m_gfx;  // by card name
+  std::map<std::string, int64_t> m_gfx_missed;  // samples in a row a card was missing from
   std::vector<memoryStats> m_mem;
   std::vector<ioStats> m_io;
   std::vector<procstat> m_proc;

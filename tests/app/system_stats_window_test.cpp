@@ -175,10 +175,11 @@ TEST_F(StatsWindowTest, DeviceGraphsFollowTheDevicesAtTheNextRedraw) {
     std::vector<std::string> disks, interfaces, gpus;
     size_t fans;
   } steps[] = {
+      // A card missing from a sample or two keeps its graph (see GpuHistoryOutlivesMissedSamples).
       {{4, {"nvme0n1", "sda"}, {"eth0"}, {"Radeon"}, 2}, {"nvme0n1", "sda"}, {"eth0"}, {"Radeon"}, 2},
-      {{4, {"nvme0n1"}, {"eth0", "wlan0"}, {}, 1}, {"nvme0n1"}, {"eth0", "wlan0"}, {}, 1},
+      {{4, {"nvme0n1"}, {"eth0", "wlan0"}, {}, 1}, {"nvme0n1"}, {"eth0", "wlan0"}, {"Radeon"}, 1},
       {{4, {"nvme0n1", "sdb"}, {"wlan0"}, {"Radeon", "GeForce"}, 3}, {"nvme0n1", "sdb"}, {"wlan0"}, {"GeForce", "Radeon"}, 3},
-      {{4, {}, {}, {}, 0}, {}, {}, {}, 0},
+      {{4, {}, {}, {"GeForce"}, 0}, {}, {}, {"GeForce", "Radeon"}, 0},
   };
   int64_t k = 0;
   for (const auto& step : steps) {
@@ -201,6 +202,26 @@ TEST_F(StatsWindowTest, DeviceGraphsFollowTheDevicesAtTheNextRedraw) {
                                                                         window->diskViews().find(name))));
     }
   }
+  window->close();
+}
+
+// A card's statistics that fail to read for a few samples do not cost it its history: it goes on
+// where it stopped, and only a card gone for longer is dropped.
+TEST_F(StatsWindowTest, GpuHistoryOutlivesMissedSamples) {
+  GraphSwitches::current().update_interval = 0;
+  auto window = makeWindow("0-3", "0-3");
+  window->show();
+  const Devices both{4, {}, {}, {"GeForce", "Radeon"}, 0}, radeon{4, {}, {}, {"Radeon"}, 0};
+  const int64_t kept = SystemStatsWindow::kGpuMissedSamplesKept;
+  feed(*window, both, 0, 20);
+  feed(*window, radeon, 20, 20 + kept);
+  feed(*window, both, 20 + kept, 30 + kept);
+  ASSERT_EQ(keys(window->gpuViews()), (std::vector<std::string>{"GeForce", "Radeon"}));
+  // GeForce's 20 samples before the gap and 10 after it: nothing was cleared.
+  EXPECT_EQ(window->gpuViews().at("GeForce")->gfxStats().size(), 30u);
+  EXPECT_EQ(window->gpuViews().at("Radeon")->gfxStats().size(), static_cast<size_t>(30 + kept));
+  feed(*window, radeon, 30 + kept, 31 + 2 * kept);
+  EXPECT_EQ(keys(window->gpuViews()), (std::vector<std::string>{"Radeon"}));
   window->close();
 }
 
@@ -240,8 +261,8 @@ TEST_F(StatsWindowTest, LongRunKeepsEveryHistoryCapped) {
   EXPECT_EQ(window->heldSamples(), series * SystemStatsWindow::kHistoryLimit);
   // The graphs were handed the capped history: one column per pair of samples.
   EXPECT_EQ(window->totalCpuView()->utils().size(), SystemStatsWindow::kHistoryLimit - 1);
-  // A device that vanishes takes its history with it.
-  feed(*window, {4, {"sda"}, {}, {}, 0}, 5000, 5001);
+  // A device that vanishes takes its history with it (a GPU once it stayed away a while).
+  feed(*window, {4, {"sda"}, {}, {}, 0}, 5000, 5001 + SystemStatsWindow::kGpuMissedSamplesKept);
   // 4 processors, the total, sda and the five machine-wide series; sdb, the interface, the GPU and
   // the fans are gone.
   EXPECT_EQ(window->heldSamples(), 11 * SystemStatsWindow::kHistoryLimit);
