@@ -83,7 +83,8 @@ std::vector<std::string> SysRoot::listDir(const std::string& path) {
     names.emplace_back(name);
   }
   ::closedir(dir);
-  std::sort(names.begin(), names.end());
+  // card2 before card10, hwmon9 before hwmon10, and process 99 before 100.
+  std::sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) { return naturalLess(a, b); });
   return names;
 }
 

@@ -97,4 +97,41 @@ std::optional<std::vector<int>> parseCpuList(std::string_view text) {
   return cpus;
 }
 
+namespace {
+
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+// Compares the runs of digits at the front of a and b by value (without converting: a run may be
+// longer than any integer), and consumes them.
+int compareNumberRuns(std::string_view& a, std::string_view& b) {
+  auto take = [](std::string_view& s) {
+    size_t n = 0;
+    while (n < s.size() && isDigit(s[n])) ++n;
+    std::string_view run = s.substr(0, n);
+    s.remove_prefix(n);
+    while (run.size() > 1 && run.front() == '0') run.remove_prefix(1);
+    return run;
+  };
+  const std::string_view x = take(a), y = take(b);
+  if (x.size() != y.size()) return x.size() < y.size() ? -1 : 1;
+  return x.compare(y);
+}
+
+}  // namespace
+
+bool naturalLess(std::string_view a, std::string_view b) {
+  const std::string_view whole_a = a, whole_b = b;
+  while (!a.empty() && !b.empty()) {
+    if (isDigit(a.front()) && isDigit(b.front())) {
+      if (const int order = compareNumberRuns(a, b)) return order < 0;
+      continue;
+    }
+    if (a.front() != b.front()) return static_cast<unsigned char>(a.front()) < static_cast<unsigned char>(b.front());
+    a.remove_prefix(1);
+    b.remove_prefix(1);
+  }
+  if (a.empty() != b.empty()) return a.empty();
+  return whole_a < whole_b;
+}
+
 }  // namespace pelmora

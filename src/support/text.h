@@ -21,6 +21,9 @@ std::optional<double> parseDouble(std::string_view text);
 bool startsWith(std::string_view text, std::string_view prefix);
 std::string toLower(std::string_view text);
 std::string toUpper(std::string_view text);
+// Orders names as a person would: runs of digits by their value, so "card2" comes before "card10"
+// and "hwmon9" before "hwmon10". Names equal by that rule fall back to byte order.
+bool naturalLess(std::string_view a, std::string_view b);
 // "0-3,8,10-11" (a kernel CPU list) to the numbers it names; none when malformed.
 std::optional<std::vector<int>> parseCpuList(std::string_view text);
 

@@ -40,3 +40,18 @@ TEST(Text, SplitKeepsOrDropsEmptyPieces) {
   EXPECT_EQ(splitWhitespace("  2064   MHz \n").size(), 2u);
   EXPECT_EQ(trim(" \t x y \n"), "x y");
 }
+
+TEST(Text, NaturalOrderOfDeviceNames) {
+  const std::vector<std::string> ordered = {
+      "card0", "card1", "card2", "card9", "card10", "card10-DP-1", "card11", "card100",
+      "fan1_input", "fan2_input", "fan10_input", "hwmon0", "hwmon01", "hwmon1", "hwmon9", "hwmon10",
+      "intel-rapl:0", "intel-rapl:0:1", "intel-rapl:1", "renderD128", "version",
+  };
+  for (size_t i = 0; i < ordered.size(); ++i) {
+    for (size_t j = 0; j < ordered.size(); ++j) {
+      EXPECT_EQ(naturalLess(ordered[i], ordered[j]), i < j) << ordered[i] << " vs " << ordered[j];
+    }
+  }
+  // Runs of digits longer than any integer still compare by value.
+  EXPECT_TRUE(naturalLess("x99999999999999999999999", "x100000000000000000000000"));
+}
