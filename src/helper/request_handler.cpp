@@ -12,6 +12,7 @@
 #include "helper/nettop_child.h"
 #include "support/paths.h"
 #include "helper/pidfd.h"
+#include "support/rapl_zones.h"
 #include "support/xpc_codec.h"
 #include "support/text.h"
 
@@ -80,6 +81,7 @@ const RequestHandler::Route RequestHandler::kRoutes[] = {
     {"pidfiles", &RequestHandler::pidFiles},
     {"powermetrics", &RequestHandler::powerMetrics},
     {"nettop", &RequestHandler::nettop},
+    {"energy", &RequestHandler::energy},
     {"applyboot", &RequestHandler::applyBoot},
     {"authorize", &RequestHandler::authorize},
     {"deauthorize", &RequestHandler::deauthorize},
@@ -371,6 +373,20 @@ XPCDict RequestHandler::nettop(const XPCDict&, Connection& caller) {
   return {{"result", int64_t{1}},
           {"pid", int64_t{started.pid}},
           {"fd", XPCValue::descriptor(std::move(started.output))}};
+}
+
+XPCDict RequestHandler::energy(const XPCDict&, Connection&) {
+  // Anyone may ask: the counters say how much the whole machine uses, nothing about a process.
+  const RaplZones zones = RaplZones::read(m_options.root);
+  XPCArray readings;
+  for (const RaplReading& r : zones.readings) {
+    readings.emplace_back(XPCDict{{"zone", r.zone},
+                                  {"energy_uj", static_cast<int64_t>(r.energy_uj)},
+                                  {"max_energy_range_uj", static_cast<int64_t>(r.max_energy_range_uj)}});
+  }
+  XPCDict reply{{"energy", std::move(readings)}};
+  if (zones.denied) reply["error"] = m_options.privileged ? "the energy counters cannot be read" : kHelperNotRunning;
+  return reply;
 }
 
 // --- boot-time apply, authorisation, quit ----------------------------------------------------------

@@ -77,6 +77,7 @@ class RequestHandler {
   XPCDict pidFiles(const XPCDict& request, Connection& caller);
   XPCDict powerMetrics(const XPCDict& request, Connection& caller);
   XPCDict nettop(const XPCDict& request, Connection& caller);
+  XPCDict energy(const XPCDict& request, Connection& caller);
   XPCDict applyBoot(const XPCDict& request, Connection& caller);
   XPCDict authorize(const XPCDict& request, Connection& caller);
   XPCDict deauthorize(const XPCDict& request, Connection& caller);

@@ -187,6 +187,12 @@ Pelmora::NettopResult Pelmora::nettop() {
   return result;
 }
 
+std::optional<std::vector<RaplReading>> Pelmora::energy() {
+  std::optional<std::vector<RaplReading>> result;
+  send([](XPCDict& r) { r["energy"] = "energy"; }, [&](const XPCDict& reply) { result = checkEnergyReply(reply); });
+  return result;
+}
+
 void Pelmora::applyBoot(bool install, const std::optional<BootControls>& controls) {
   applyBoot(install, controls, BootLocations::standard());
 }

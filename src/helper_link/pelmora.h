@@ -54,6 +54,9 @@ class Pelmora {
   using NettopResult = PowerMetricsReply;
   NettopResult nettop();
 
+  // The RAPL package zones' energy counters as the daemon (root) reads them; none when it cannot.
+  std::optional<std::vector<RaplReading>> energy();
+
   // Installs or removes the boot-time apply. Without controls (no settings window) it stops silently.
   void applyBoot(bool install, const std::optional<BootControls>& controls);
   // The same against chosen locations (tests: an install root and a resources folder).

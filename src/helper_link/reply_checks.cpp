@@ -163,4 +163,19 @@ PowerMetricsReply checkPowerMetricsReply(const XPCDict& reply) {
   return out;
 }
 
+std::optional<std::vector<RaplReading>> checkEnergyReply(const XPCDict& reply) {
+  const XPCArray* zones = xpcArray(reply, "energy");
+  if (!zones || xpcHas(reply, "error")) return std::nullopt;
+  std::vector<RaplReading> readings;
+  for (const XPCValue& entry : *zones) {
+    const XPCDict* zone = entry.asDict();
+    const std::string* name = zone ? xpcString(*zone, "zone") : nullptr;
+    const auto energy = zone ? xpcInt(*zone, "energy_uj") : std::nullopt;
+    const auto range = zone ? xpcInt(*zone, "max_energy_range_uj") : std::nullopt;
+    if (!name || !energy || !range || *energy < 0 || *range < 0) return std::nullopt;
+    readings.push_back({*name, static_cast<uint64_t>(*energy), static_cast<uint64_t>(*range)});
+  }
+  return readings;
+}
+
 }  // namespace pelmora

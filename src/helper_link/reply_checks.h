@@ -11,8 +11,10 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "support/kernel_records.h"
+#include "support/rapl_zones.h"
 #include "support/unique_fd.h"
 #include "support/xpc_value.h"
 
@@ -79,5 +81,9 @@ struct PowerMetricsReply {
   UniqueFd fd;
 };
 PowerMetricsReply checkPowerMetricsReply(const XPCDict& reply);
+
+// "energy": one reading per RAPL package zone (an empty list on a machine without RAPL); none when
+// the reply says "error", is missing or holds a malformed reading.
+std::optional<std::vector<RaplReading>> checkEnergyReply(const XPCDict& reply);
 
 }  // namespace pelmora

@@ -25,11 +25,6 @@ std::optional<double> PowerMeter::batteryPower_w(std::string_view status, std::o
   return BatteryCollector::rate_w(power_now_uw, current_now_ua, voltage_now_uv);
 }
 
-bool PowerMeter::isPackageZone(std::string_view name) {
-  if (!startsWith(name, "intel-rapl:")) return false;
-  return parseInt64(name.substr(11)).has_value();
-}
-
 std::optional<double> PowerMeter::raplWatts(const std::vector<RaplReading>& readings, int64_t now_us) {
   std::map<std::string, uint64_t> current;
   for (const auto& r : readings) current[r.zone] = r.energy_uj;
@@ -54,17 +49,10 @@ std::optional<double> PowerMeter::raplWatts(const std::vector<RaplReading>& read
   return watts;
 }
 
-std::vector<RaplReading> PowerMeter::readRapl(const SysRoot& root) {
-  std::vector<RaplReading> readings;
-  for (const std::string& zone : root.listSys("class/powercap")) {
-    if (!isPackageZone(zone)) continue;
-    const std::string base = "class/powercap/" + zone + "/";
-    auto energy = root.readSysInt(base + "energy_uj");
-    auto range = root.readSysInt(base + "max_energy_range_uj");
-    if (!energy || !range || *energy < 0 || *range < 0) continue;
-    readings.push_back(RaplReading{zone, static_cast<uint64_t>(*energy), static_cast<uint64_t>(*range)});
-  }
-  return readings;
+std::vector<RaplReading> PowerMeter::readRapl(const SysRoot& root) const {
+  RaplZones zones = RaplZones::read(root);
+  if (!zones.denied || !m_energy_source) return std::move(zones.readings);
+  return m_energy_source().value_or(std::vector<RaplReading>{});
 }
 
 std::optional<double> PowerMeter::readHwmon_w(const SysRoot& root) {
@@ -85,12 +73,12 @@ std::optional<double> PowerMeter::readBattery_w(const SysRoot& root) {
   return std::nullopt;
 }
 
-double PowerMeter::read_w(const SysRoot& root, int64_t now_us) {
+std::optional<double> PowerMeter::read_w(const SysRoot& root, int64_t now_us) {
   const auto rapl = readRapl(root);
   if (!rapl.empty()) return raplWatts(rapl, now_us).value_or(0.0);
   m_previous_uj.clear();
-  if (auto watts = readHwmon_w(root)) return *watts;
-  return readBattery_w(root).value_or(0.0);
+  if (auto watts = readHwmon_w(root)) return watts;
+  return readBattery_w(root);
 }
 
 }  // namespace pelmora

@@ -148,9 +148,10 @@ std::string SampleFormat::line(const SampleSet* previous, const SampleSet& curre
     out += " | " + card.name + " " + std::to_string(card.stats.pctUtil) + "%";
   const auto& load = current.load_avg;
   char tail[96];
-  std::snprintf(tail, sizeof tail, " | load %.2f %.2f %.2f | power %.1f W", load.oneMin, load.fiveMin, load.fifteenMin,
-                current.power_stats.total);
+  std::snprintf(tail, sizeof tail, " | load %.2f %.2f %.2f", load.oneMin, load.fiveMin, load.fifteenMin);
   out += tail;
+  out += current.power_stats.sensor ? printf_string(" | power %.1f W", current.power_stats.total)
+                                    : std::string(" | no power sensor");
   out += fanPart(current);
   out += temperaturePart(current);
   out += batteryPart(current);
@@ -198,7 +199,9 @@ nlohmann::ordered_json SampleFormat::toJson(const SampleSet& s) {
               {"proc_stats", {{"user", p.user}, {"system", p.system}, {"other", p.other}, {"translated", p.translated}}},
               {"net_stats", nets},
               {"load_avg", {{"oneMin", s.load_avg.oneMin}, {"fiveMin", s.load_avg.fiveMin}, {"fifteenMin", s.load_avg.fifteenMin}}},
-              {"power_stats", {{"total", s.power_stats.total}, {"cpu", s.power_stats.cpu}, {"gpu", s.power_stats.gpu}}},
+              {"power_stats", {{"total", s.power_stats.sensor ? json(s.power_stats.total) : json(nullptr)},
+                               {"cpu", s.power_stats.cpu}, {"gpu", s.power_stats.gpu},
+                               {"sensor", s.power_stats.sensor}}},
               {"fan_stats", fans},
               {"temp_stats", temps},
               {"battery_stats", batteries},

@@ -91,6 +91,7 @@ struct powerStats {
   double total = 0.0;
   double cpu = 0.0;
   double gpu = 0.0;
+  bool sensor = false;  // false: the machine has no power source we can read, and total means nothing
   bool operator==(const powerStats&) const = default;
 };
 

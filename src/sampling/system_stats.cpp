@@ -11,6 +11,7 @@
 #include "sampling/gpu_collector.h"
 #include "sampling/memory_collector.h"
 #include "sampling/network_collector.h"
+#include "helper_link/pelmora.h"
 #include "sampling/power_metrics.h"
 #include "sampling/temperature_collector.h"
 #include "support/logger.h"
@@ -34,6 +35,7 @@ SystemStats& SystemStats::shared() {
   static auto* instance = [] {
     auto* stats = new std::shared_ptr<SystemStats>(create(SysRoot::current()));
     (*stats)->setFrequencySource(PowerMetrics::shared());
+    (*stats)->setEnergySource([] { return Pelmora::shared().energy(); });
     return stats;
   }();
   return **instance;
@@ -143,6 +145,11 @@ void SystemStats::setProcessCensusProvider(ProcessCensusProvider provider) {
   m_process_census = std::move(provider);
 }
 
+void SystemStats::setEnergySource(PowerMeter::EnergySource source) {
+  MutexLock lock(m_mutex);
+  m_power_meter.setEnergySource(std::move(source));
+}
+
 void SystemStats::setFrequencySource(std::shared_ptr<FrequencySource> source) {
   Lock lock(m_mutex);
   if (m_running) stopFrequencySourceLocked();
@@ -178,7 +185,9 @@ void SystemStats::collectLocked() {
   m_net_stats.clear();
   m_net_stats = NetworkCollector::read(m_root);
   m_load_avg = LoadCollector::read();
-  m_power_stats.total = m_power_meter.read_w(m_root, Timeval::nowMicroseconds());
+  const auto watts = m_power_meter.read_w(m_root, Timeval::nowMicroseconds());
+  m_power_stats.total = watts.value_or(0.0);
+  m_power_stats.sensor = watts.has_value();
   m_power_stats.cpu = 0;
   m_power_stats.gpu = 0;
   m_fan_stats = FanCollector::read(m_root);

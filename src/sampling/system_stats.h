@@ -70,6 +70,8 @@ class SystemStats : public std::enable_shared_from_this<SystemStats> {
   void setProcessCensusProvider(ProcessCensusProvider provider);
   void setFrequencySource(std::shared_ptr<FrequencySource> source);
   std::shared_ptr<FrequencySource> frequencySource();
+  // Where RAPL readings come from when this process may not read them (the helper).
+  void setEnergySource(PowerMeter::EnergySource source);
 
   // One tick on the calling thread, as the timer runs it (benchmarks, tests).
   void tick();

@@ -93,7 +93,7 @@ inline SampleSet makeSample(const Devices& devices, int64_t k) {
   s.io_stats = {k * 4096, k * 8192, k, 2 * k};
   s.proc_stats = {100, 200, 5, 0};
   s.load_avg = {static_cast<double>(k), 1.0, 0.5};
-  s.power_stats = {10.0 + static_cast<double>(k % 7), 0.0, 0.0};
+  s.power_stats = {10.0 + static_cast<double>(k % 7), 0.0, 0.0, true};
   return s;
 }
 

@@ -216,5 +216,29 @@ TEST(ReplyChecks, PowerMetricsReadsPidAndDescriptorOnlyOnSuccess) {
   EXPECT_FALSE(none.fd.valid());
 }
 
+TEST(ReplyChecks, EnergyReadingsAllOrNothing) {
+  auto zone = [](XPCValue name, XPCValue energy, XPCValue range) {
+    return XPCValue(XPCDict{{"zone", name}, {"energy_uj", energy}, {"max_energy_range_uj", range}});
+  };
+  using Readings = std::optional<std::vector<RaplReading>>;
+  const struct {
+    const char* what;
+    XPCDict reply;
+    Readings expected;
+  } cases[] = {
+      {"two packages", {{"energy", XPCArray{zone("intel-rapl:0", 5, 100), zone("intel-rapl:1", 7, 100)}}},
+       std::vector<RaplReading>{{"intel-rapl:0", 5, 100}, {"intel-rapl:1", 7, 100}}},
+      {"a machine without RAPL", {{"energy", XPCArray{}}}, std::vector<RaplReading>{}},
+      {"the daemon could not read them", {{"energy", XPCArray{}}, {"error", "no"}}, std::nullopt},
+      {"no answer", {}, std::nullopt},
+      {"not a list", {{"energy", "5"}}, std::nullopt},
+      {"negative counter", {{"energy", XPCArray{zone("intel-rapl:0", -5, 100)}}}, std::nullopt},
+      {"counter as text", {{"energy", XPCArray{zone("intel-rapl:0", "5", 100)}}}, std::nullopt},
+      {"no zone name", {{"energy", XPCArray{zone(1, 5, 100)}}}, std::nullopt},
+      {"an entry that is no map", {{"energy", XPCArray{XPCValue(5)}}}, std::nullopt},
+  };
+  for (const auto& c : cases) EXPECT_EQ(checkEnergyReply(c.reply), c.expected) << c.what;
+}
+
 }  // namespace
 }  // namespace pelmora

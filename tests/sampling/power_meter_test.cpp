@@ -80,10 +80,10 @@ INSTANTIATE_TEST_SUITE_P(
     byLabel);
 
 TEST(PowerMeter, OnlyTopLevelRaplZonesArePackages) {
-  EXPECT_TRUE(PowerMeter::isPackageZone("intel-rapl:0"));
-  EXPECT_TRUE(PowerMeter::isPackageZone("intel-rapl:1"));
+  EXPECT_TRUE(RaplZones::isPackageZone("intel-rapl:0"));
+  EXPECT_TRUE(RaplZones::isPackageZone("intel-rapl:1"));
   for (const char* zone : {"intel-rapl:0:0", "intel-rapl-mmio:0", "intel-rapl", "intel-rapl:", "dtpm"})
-    EXPECT_FALSE(PowerMeter::isPackageZone(zone)) << zone;
+    EXPECT_FALSE(RaplZones::isPackageZone(zone)) << zone;
 }
 
 // The laptop fixture copied so a test can move the energy counter and take sources away.
@@ -104,6 +104,26 @@ class LaptopPower : public ::testing::Test {
   std::filesystem::path m_dir;
 };
 
+// A counter this process may not read (a root-only file; as root in this test, a directory stands
+// in for it) is asked of the energy source, which is the helper in the program.
+TEST_F(LaptopPower, ACounterWeMayNotReadComesFromTheEnergySource) {
+  remove("class/powercap/intel-rapl:0/energy_uj");
+  std::filesystem::create_directory(m_dir / "sys/class/powercap/intel-rapl:0/energy_uj");
+  EXPECT_TRUE(RaplZones::read(root()).denied);
+  PowerMeter meter;
+  EXPECT_EQ(meter.read_w(root(), 1'000'000), 8.0);  // without a source: the next one, hwmon
+  uint64_t energy_uj = 1'000'000;
+  meter.setEnergySource([&]() -> std::optional<std::vector<RaplReading>> {
+    return std::vector<RaplReading>{{"intel-rapl:0", energy_uj, 262'143'328'850}};
+  });
+  EXPECT_EQ(meter.read_w(root(), 2'000'000), 0.0);
+  energy_uj += 3'000'000;
+  EXPECT_EQ(meter.read_w(root(), 3'000'000), 3.0);
+  // The helper could not read them either: the next source again.
+  meter.setEnergySource([] { return std::optional<std::vector<RaplReading>>(); });
+  EXPECT_EQ(meter.read_w(root(), 4'000'000), 8.0);
+}
+
 TEST_F(LaptopPower, RaplIsPreferredAndMeasuredAcrossItsWrap) {
   PowerMeter meter;
   EXPECT_EQ(meter.read_w(root(), 1'000'000), 0.0);  // first reading only primes the meter
@@ -115,7 +135,7 @@ TEST_F(LaptopPower, RaplIsPreferredAndMeasuredAcrossItsWrap) {
 struct FallbackCase {
   const char* label;
   std::vector<std::string> removed;
-  double expected_w;
+  std::optional<double> expected_w;  // none: no power sensor
 };
 
 class LaptopFallback : public LaptopPower, public ::testing::WithParamInterface<FallbackCase> {};
@@ -123,16 +143,16 @@ class LaptopFallback : public LaptopPower, public ::testing::WithParamInterface<
 TEST_P(LaptopFallback, UsesTheNextSource) {
   for (const auto& path : GetParam().removed) remove(path);
   PowerMeter meter;
-  EXPECT_DOUBLE_EQ(meter.read_w(root(), 1'000'000), GetParam().expected_w);
+  EXPECT_EQ(meter.read_w(root(), 1'000'000), GetParam().expected_w);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Sources, LaptopFallback,
     ::testing::Values(
         // energy_uj is root-only since 5.10: a zone we cannot read does not count.
-        FallbackCase{"unreadable rapl then hwmon", {"class/powercap/intel-rapl:0/energy_uj"}, 8.0},
+        FallbackCase{"no rapl counter then hwmon", {"class/powercap/intel-rapl:0/energy_uj"}, 8.0},
         FallbackCase{"no hwmon power then battery", {"class/powercap", "class/hwmon/hwmon2"}, 9.8},
-        FallbackCase{"nothing at all", {"class/powercap", "class/hwmon", "class/power_supply"}, 0.0}),
+        FallbackCase{"nothing at all", {"class/powercap", "class/hwmon", "class/power_supply"}, std::nullopt}),
     byLabel);
 
 }  // namespace

@@ -78,7 +78,7 @@ SampleSet sampleAt(int64_t step) {
   s.net_stats = {{"eth0", {step * 2048, step * 4096}}};
   s.mem_stats = {256, 0, 0, 0};
   s.load_avg = {1.5, 0.25, 0.125};
-  s.power_stats = {12.34, 0, 0};
+  s.power_stats = {12.34, 0, 0, true};
   s.fan_stats = {{true, 2400, 5000, 800}};
   return s;
 }
@@ -92,6 +92,19 @@ TEST(SampleFormat, LineShowsRatesOnlyOnceThereIsAPreviousSample) {
   EXPECT_EQ(SampleFormat::line(&first, second, 1'000'000, page, total),
             "cpu 50% | mem 3.0 MiB / 4.0 MiB | sda r 1.0 KiB/s w 0 B/s | eth0 in 2.0 KiB/s out 4.0 KiB/s"
             " | load 1.50 0.25 0.12 | power 12.3 W | fans 2400 rpm (forced)");
+}
+
+// A machine without a readable power source draws no "0.0 W".
+TEST(SampleFormat, NoPowerSensorIsSaidNotShownAsZero) {
+  auto sample = sampleAt(1);
+  sample.power_stats = {};
+  const auto text = SampleFormat::line(nullptr, sample, 0, 4096, 4 << 20);
+  EXPECT_NE(text.find("| load 1.50 0.25 0.12 | no power sensor | fans"), std::string::npos) << text;
+  EXPECT_EQ(text.find(" W"), std::string::npos) << text;
+  const auto json = SampleFormat::toJson(sample);
+  EXPECT_TRUE(json["power_stats"]["total"].is_null());
+  EXPECT_EQ(json["power_stats"]["sensor"], false);
+  EXPECT_EQ(SampleFormat::toJson(sampleAt(1))["power_stats"]["total"], 12.34);
 }
 
 TEST(SampleFormat, ADeviceThatAppearedHasNoRateYet) {

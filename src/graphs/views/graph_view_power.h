@@ -15,6 +15,8 @@ class GraphViewPower : public GraphView {
   void update(const std::vector<powerStats>& history);
   const std::vector<power_column>& power() const { return m_power; }
   double maxPower() const { return m_max_power; }
+  // False when the newest sample came from a machine without a readable power source.
+  bool hasSensor() const { return m_sensor; }
 
  protected:
   void updateLegend() override;
@@ -25,6 +27,7 @@ class GraphViewPower : public GraphView {
  private:
   std::vector<power_column> m_power;
   double m_max_power = 0.0;
+  bool m_sensor = false;
 };
 
 }  // namespace pelmora
