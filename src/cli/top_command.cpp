@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -15,8 +16,11 @@
 namespace pelmora::cli {
 namespace {
 
-nlohmann::json rowJson(const procinfo& p) {
+// `interval_us`: the time between this row's two reads, over which its rates are measured; none
+// for a process that appeared between them (its rates are 0).
+nlohmann::json rowJson(const procinfo& p, std::optional<int64_t> interval_us) {
   return {{"pid", p.pid},
+          {"interval_us", interval_us ? nlohmann::json(*interval_us) : nlohmann::json(nullptr)},
           {"uid", p.uid},
           {"user", p.user},
           {"name", p.name},
@@ -95,6 +99,7 @@ int runTopCommand(const std::vector<std::string>& args) {
   CliLimiter limiter;
   limiter->start();  // for the network tool; the table refreshes below
   limiter->refresh();
+  const auto first = limiter->processes();
   std::this_thread::sleep_for(std::chrono::milliseconds(1000));
   waitForNetworkRates(*limiter);
   limiter->refresh();
@@ -116,7 +121,11 @@ int runTopCommand(const std::vector<std::string>& args) {
   out["disk"] = {{"read_bytes_per_s", disk.readPerSec}, {"write_bytes_per_s", disk.writePerSec}};
   out["translated"] = limiter->translatedCount();
   out["processes"] = nlohmann::json::array();
-  for (const auto& p : rows) out["processes"].push_back(rowJson(p));
+  for (const auto& p : rows) {
+    const auto before = first.find(p.pid);
+    out["processes"].push_back(rowJson(p, before == first.end() ? std::nullopt
+                                                                : std::optional(before->second.update.elapsedUntil(p.update))));
+  }
   // Process names are bytes, not always UTF-8.
   std::printf("%s\n", out.dump(1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
   return kExitOk;

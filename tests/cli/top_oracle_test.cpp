@@ -1,0 +1,373 @@
+// `pelmora top --json` and `pelmora sample --json` against the kernel, with known workloads: a busy
+// loop, a process holding 200 MiB, one with 8 threads, a loopback TCP pair at a known rate and a
+// stopped child. The truth is read by this test itself, from /proc and the kernel's process CPU
+// clocks, never through Pelmora's own parsers. The busy loop's share is compared over the very
+// interval Pelmora measured it (the row's "interval_us" ending where its "cpu_us" was read), so
+// other work on the machine changes both sides alike.
+#include <gtest/gtest.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace {
+
+constexpr size_t kResidentBytes = size_t{200} << 20;
+constexpr int64_t kSendBytesPerTick = 10'000;  // every 10 ms: 1,000,000 B/s, 8 Mbit/s
+constexpr double kSendBitsPerSecond = 8'000'000.0;
+
+std::string readText(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+std::vector<std::string> words(const std::string& text) {
+  std::istringstream in(text);
+  std::vector<std::string> out;
+  for (std::string w; in >> w;) out.push_back(w);
+  return out;
+}
+
+char procState(pid_t pid) {
+  const std::string stat = readText("/proc/" + std::to_string(pid) + "/stat");
+  const auto close = stat.rfind(')');
+  return close != std::string::npos && close + 2 < stat.size() ? stat[close + 2] : '?';
+}
+
+// "Threads:" and the like from /proc/PID/status.
+int64_t statusValue(pid_t pid, const std::string& key) {
+  std::istringstream in(readText("/proc/" + std::to_string(pid) + "/status"));
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind(key + ":", 0) == 0) return std::stoll(line.substr(key.size() + 1));
+  }
+  return -1;
+}
+
+std::set<pid_t> procPids() {
+  std::set<pid_t> pids;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    const std::string name = entry.path().filename();
+    if (!name.empty() && name.find_first_not_of("0123456789") == std::string::npos) pids.insert(std::stoi(name));
+  }
+  return pids;
+}
+
+int64_t monotonic_ns() {
+  timespec ts{};
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return int64_t{ts.tv_sec} * 1'000'000'000 + ts.tv_nsec;
+}
+
+// A child running `body`; killed (after a SIGCONT, so it is never left stopped) when it goes.
+class Child {
+ public:
+  explicit Child(const std::function<void()>& body) {
+    m_pid = ::fork();
+    if (m_pid == 0) {
+      body();
+      ::_exit(0);
+    }
+  }
+  ~Child() {
+    ::kill(m_pid, SIGCONT);
+    ::kill(m_pid, SIGKILL);
+    ::waitpid(m_pid, nullptr, 0);
+  }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+  pid_t pid() const { return m_pid; }
+
+ private:
+  pid_t m_pid = -1;
+};
+
+void waitUntil(const std::function<bool()>& ready) {
+  for (int i = 0; i < 1000 && !ready(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+}
+
+// Real-time priority (root only) keeps the paced sender and its reader on time on a busy machine.
+void realTime() {
+  sched_param param{};
+  param.sched_priority = 10;
+  ::sched_setscheduler(0, SCHED_FIFO, &param);
+}
+
+// The kernel's CPU clock of one process, sampled every 2 ms from a thread, with the monotonic time.
+class CpuClockTrace {
+ public:
+  explicit CpuClockTrace(pid_t pid) {
+    ::clock_getcpuclockid(pid, &m_clock);
+    m_thread = std::thread([this] {
+      while (!m_stop) {
+        timespec cpu{};
+        ::clock_gettime(m_clock, &cpu);
+        const int64_t now = monotonic_ns();
+        {
+          std::lock_guard lock(m_mutex);
+          m_points.push_back({now, int64_t{cpu.tv_sec} * 1'000'000'000 + cpu.tv_nsec});
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+      }
+    });
+  }
+  ~CpuClockTrace() { stop(); }
+  void stop() {
+    m_stop = true;
+    if (m_thread.joinable()) m_thread.join();
+  }
+  // The share of one processor over the interval_us that ended when the clock read cpu_us.
+  std::optional<double> shareBefore(int64_t cpu_us, int64_t interval_us) {
+    std::lock_guard lock(m_mutex);
+    const int64_t cpu_end = cpu_us * 1000;
+    std::optional<int64_t> t_end;
+    for (size_t i = 1; i < m_points.size() && !t_end; ++i) {
+      if (m_points[i].cpu_ns >= cpu_end) t_end = interpolateTime(m_points[i - 1], m_points[i], cpu_end);
+    }
+    if (!t_end) return std::nullopt;
+    const int64_t t_start = *t_end - interval_us * 1000;
+    for (size_t i = 1; i < m_points.size(); ++i) {
+      if (m_points[i].time_ns >= t_start && m_points[i - 1].time_ns <= t_start) {
+        const double cpu_start = interpolateCpu(m_points[i - 1], m_points[i], t_start);
+        return (static_cast<double>(cpu_end) - cpu_start) / static_cast<double>(interval_us * 1000);
+      }
+    }
+    return std::nullopt;
+  }
+
+ private:
+  struct Point {
+    int64_t time_ns;
+    int64_t cpu_ns;
+  };
+  static int64_t interpolateTime(const Point& a, const Point& b, int64_t cpu) {
+    if (b.cpu_ns == a.cpu_ns) return b.time_ns;
+    return a.time_ns + (b.time_ns - a.time_ns) * (cpu - a.cpu_ns) / (b.cpu_ns - a.cpu_ns);
+  }
+  static double interpolateCpu(const Point& a, const Point& b, int64_t time) {
+    if (b.time_ns == a.time_ns) return static_cast<double>(b.cpu_ns);
+    return static_cast<double>(a.cpu_ns) +
+           static_cast<double>(b.cpu_ns - a.cpu_ns) * static_cast<double>(time - a.time_ns) /
+               static_cast<double>(b.time_ns - a.time_ns);
+  }
+
+  clockid_t m_clock{};
+  std::atomic<bool> m_stop{false};
+  std::mutex m_mutex;
+  std::vector<Point> m_points;
+  std::thread m_thread;
+};
+
+// Every pid that /proc listed while it ran, looked at every few milliseconds, so that most of the
+// short-lived processes of a busy machine are seen too.
+class PidWatcher {
+ public:
+  PidWatcher() : m_seen(procPids()) {
+    m_thread = std::thread([this] {
+      while (!m_stop) {
+        const auto now = procPids();
+        std::lock_guard lock(m_mutex);
+        m_seen.insert(now.begin(), now.end());
+      }
+    });
+  }
+  std::set<pid_t> stop() {
+    m_stop = true;
+    m_thread.join();
+    return m_seen;
+  }
+
+ private:
+  std::atomic<bool> m_stop{false};
+  std::mutex m_mutex;
+  std::set<pid_t> m_seen;
+  std::thread m_thread;
+};
+
+// Runs the real tool; its standard output, and its pid.
+std::string runPelmora(const std::vector<std::string>& args, pid_t* pid_out) {
+  const std::string binary = std::string(PELMORA_BINARY_DIR) + "/src/cli/pelmora";
+  int out[2];
+  if (::pipe(out) != 0) return {};
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::dup2(out[1], 1);
+    ::close(out[0]);
+    std::vector<char*> argv{const_cast<char*>("pelmora")};
+    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    ::execv(binary.c_str(), argv.data());
+    ::_exit(127);
+  }
+  ::close(out[1]);
+  if (pid_out) *pid_out = pid;
+  std::string text;
+  char buffer[65536];
+  ssize_t n;
+  while ((n = ::read(out[0], buffer, sizeof buffer)) > 0) text.append(buffer, static_cast<size_t>(n));
+  ::close(out[0]);
+  ::waitpid(pid, nullptr, 0);
+  return text;
+}
+
+class TopOracle : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root: the network tool sees every process's sockets only as root";
+  }
+};
+
+TEST_F(TopOracle, EveryFigureMatchesTheKernel) {
+  const long page = ::sysconf(_SC_PAGESIZE);
+  Child busy([] {
+    for (volatile uint64_t spin = 0;; ++spin) {
+    }
+  });
+  Child resident([] {
+    void* memory = ::mmap(nullptr, kResidentBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) ::_exit(1);
+    std::memset(memory, 1, kResidentBytes);
+    for (;;) ::pause();
+  });
+  Child threads([] {
+    std::vector<std::thread> seven;
+    for (int i = 0; i < 7; ++i) seven.emplace_back([] { for (;;) ::pause(); });
+    for (;;) ::pause();
+  });
+  Child stopped([] { for (;;) ::pause(); });
+  ::kill(stopped.pid(), SIGSTOP);
+
+  const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(listener, 1), 0);
+  ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  Child receiver([&] {
+    realTime();
+    const int connection = ::accept(listener, nullptr, nullptr);
+    char buffer[65536];
+    while (::read(connection, buffer, sizeof buffer) > 0) {
+    }
+  });
+  ::close(listener);
+  Child sender([&] {
+    realTime();
+    const int s = ::socket(AF_INET, SOCK_STREAM, 0);
+    if (::connect(s, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) ::_exit(1);
+    static char chunk[kSendBytesPerTick];
+    timespec next{};
+    ::clock_gettime(CLOCK_MONOTONIC, &next);
+    for (;;) {
+      if (::write(s, chunk, sizeof chunk) != static_cast<ssize_t>(sizeof chunk)) ::_exit(1);
+      next.tv_nsec += 10'000'000;
+      if (next.tv_nsec >= 1'000'000'000) {
+        next.tv_nsec -= 1'000'000'000;
+        ++next.tv_sec;
+      }
+      ::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &next, nullptr);
+    }
+  });
+  waitUntil([&] {
+    return statusValue(resident.pid(), "VmRSS") * 1024 >= static_cast<int64_t>(kResidentBytes) &&
+           statusValue(threads.pid(), "Threads") == 8 && procState(stopped.pid()) == 'T';
+  });
+  // A second of traffic before the tool starts, so both ends' counters run steadily.
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+
+  CpuClockTrace trace(busy.pid());
+  const std::set<pid_t> before = procPids();
+  pid_t top_pid = -1;
+  const std::string text = runPelmora({"top", "--json"}, &top_pid);
+  const std::set<pid_t> after = procPids();
+  trace.stop();
+  const auto out = nlohmann::json::parse(text, nullptr, false);
+  ASSERT_FALSE(out.is_discarded()) << text.substr(0, 200);
+  std::map<pid_t, nlohmann::json> rows;
+  for (const auto& row : out["processes"]) rows[row["pid"].get<pid_t>()] = row;
+
+  // Every process that lived through the run is in the table: init, kernel threads, the tool itself.
+  for (pid_t pid : before) {
+    if (after.count(pid)) EXPECT_TRUE(rows.count(pid)) << "process " << pid << " missing";
+  }
+  ASSERT_TRUE(rows.count(1) && rows.count(2) && rows.count(top_pid));
+  EXPECT_NE(rows[1]["kind"], "kernel");
+  EXPECT_EQ(rows[2]["kind"], "kernel");
+  EXPECT_EQ(rows[2]["name"], "kthreadd");
+  EXPECT_EQ(rows[top_pid]["name"], "pelmora");
+
+  // Sizes and counts exact.
+  for (pid_t pid : {resident.pid(), threads.pid()}) {
+    ASSERT_TRUE(rows.count(pid));
+    const auto statm = words(readText("/proc/" + std::to_string(pid) + "/statm"));
+    EXPECT_EQ(rows[pid]["resident_bytes"], std::stoll(statm.at(1)) * page) << pid;
+    EXPECT_EQ(rows[pid]["virtual_bytes"], std::stoll(statm.at(0)) * page) << pid;
+    EXPECT_EQ(rows[pid]["uid"], statusValue(pid, "Uid"));
+  }
+  EXPECT_GE(rows[resident.pid()]["resident_bytes"].get<int64_t>(), static_cast<int64_t>(kResidentBytes));
+  EXPECT_EQ(rows[threads.pid()]["threads"], 8);
+
+  // The stopped child is listed, used nothing, and was left as we left it.
+  ASSERT_TRUE(rows.count(stopped.pid()));
+  EXPECT_EQ(rows[stopped.pid()]["cpu_share"], 0.0);
+  EXPECT_EQ(procState(stopped.pid()), 'T');
+
+  // The busy loop's share over Pelmora's own interval, from the kernel's clock, within a point.
+  ASSERT_TRUE(rows.count(busy.pid()));
+  const auto& spin = rows[busy.pid()];
+  ASSERT_TRUE(spin["interval_us"].is_number());
+  const auto truth = trace.shareBefore(spin["cpu_us"].get<int64_t>(), spin["interval_us"].get<int64_t>());
+  ASSERT_TRUE(truth);
+  EXPECT_NEAR(spin["cpu_share"].get<double>(), *truth, 0.01);
+
+  // The paced TCP pair, within 5 % each way.
+  ASSERT_TRUE(rows.count(sender.pid()) && rows.count(receiver.pid()));
+  EXPECT_NEAR(rows[sender.pid()]["net_out_bits_per_s"].get<double>(), kSendBitsPerSecond, 0.05 * kSendBitsPerSecond);
+  EXPECT_NEAR(rows[receiver.pid()]["net_in_bits_per_s"].get<double>(), kSendBitsPerSecond,
+              0.05 * kSendBitsPerSecond);
+}
+
+// The sampler's process counts are the table's: every process of the machine, each counted once.
+TEST_F(TopOracle, SampleCountsEveryProcess) {
+  const std::set<pid_t> before = procPids();
+  PidWatcher watcher;
+  const std::string text = runPelmora({"sample", "--count", "1", "--json"}, nullptr);
+  const std::set<pid_t> seen = watcher.stop();
+  const std::set<pid_t> after = procPids();
+  const auto out = nlohmann::json::parse(text.substr(0, text.find('\n')), nullptr, false);
+  ASSERT_FALSE(out.is_discarded()) << text.substr(0, 200);
+  const auto& counts = out["proc_stats"];
+  const int64_t total = counts["user"].get<int64_t>() + counts["system"].get<int64_t>() + counts["other"].get<int64_t>();
+  std::set<pid_t> lived;
+  for (pid_t pid : before)
+    if (after.count(pid)) lived.insert(pid);
+  // Processes come and go while it runs: at least those that lived throughout, at most all that
+  // were seen (a task counted per thread would be far more).
+  EXPECT_GE(total, static_cast<int64_t>(lived.size()));
+  EXPECT_LE(total, static_cast<int64_t>(seen.size()));
+}
+
+}  // namespace
