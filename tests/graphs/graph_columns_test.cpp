@@ -72,7 +72,7 @@ TEST(IoColumns, AResetTotalGivesAZeroColumnNotAPeak) {
 
 TEST(IoColumns, DeltasOfTheChosenCountersScaledToTheVisiblePeak) {
   // bytes_read, bytes_write, count_read, count_write
-  const std::vector<ioStats> history = {{0, 0, k2to32 - 6, 0}, {100, 400, 10, 4}, {300, 400, 18, 8}};
+  const std::vector<ioStats> history = {{0, 0, 2, 0}, {100, 400, 18, 4}, {300, 400, 26, 8}};
   auto ops = ioColumns(history, false, 100);
   EXPECT_DOUBLE_EQ(ops.max, 16);
   EXPECT_EQ(ops.columns, (std::vector<io_rate>{{1.0, 0.25}, {0.5, 0.25}}));

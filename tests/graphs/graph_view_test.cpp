@@ -249,7 +249,7 @@ TEST_F(GraphWidgetTest, EveryClassCaptionsItsNewestValuesAndNothingWhenSwitchedO
   gfx.update({{2048, 1024, 1024, 0, 37}});
   io.update({{0, 0, 0, 0}, {0, 0, 1500, 500}, {0, 0, 2000, 1500}});
   proc.update({{10, 20, 5, 1}, {12, 25, 3, 0}});
-  power.update({{12.5, 5, 1}, {8.25, 3, 1}});
+  power.update({{12.5, 5, 1, true}, {8.25, 3, 1, true}});
   fan.update({{false, 3000, 6000, 1200}, {true, 4500, 6000, 1200}});
   const char* expected[] = {
       "L\nFree: 1.0 MiB",
@@ -260,6 +260,9 @@ TEST_F(GraphWidgetTest, EveryClassCaptionsItsNewestValuesAndNothingWhenSwitchedO
       "L\nCurrent: 4500 forced\nMaximum: 6000\nMinimum: 1200",
   };
   for (size_t k = 0; k < views.size(); ++k) EXPECT_EQ(views[k]->labelText().toStdString(), expected[k]);
+  // A machine without a readable power source: said so, not drawn as "0.00 W".
+  power.update({{0, 0, 0, false}, {0, 0, 0, false}});
+  EXPECT_EQ(power.labelText().toStdString(), "L\nno power sensor");
   GraphSwitches::current().show_current = false;
   for (GraphView* view : views) EXPECT_EQ(view->labelText(), "L");
 }

@@ -13,9 +13,9 @@ TEST(NettopLine, LabelsAndFields) {
   };
   const Case cases[] = {
       {"12:00:00.5,firefox.4242,,,1000,200", NettopSample{4242, 1000, 200, 43200.5}},
-      {"t, Web Content.1.2.77 ,,,5,6", NettopSample{77, 5, 6}},   // dots and spaces in the name
-      {"t,python3.11.900,,,0,0,extra", NettopSample{900, 0, 0}},  // more fields are fine
-      {"t,name.12,,,7,8\r", NettopSample{12, 7, 8}},
+      {"t, Web Content.1.2.77 ,,,5,6", NettopSample{77, 5, 6, {}}},   // dots and spaces in the name
+      {"t,python3.11.900,,,0,0,extra", NettopSample{900, 0, 0, {}}},  // more fields are fine
+      {"t,name.12,,,7,8\r", NettopSample{12, 7, 8, {}}},
       {"t,nodot,,,1,2", std::nullopt},
       {"t,name.,,,1,2", std::nullopt},
       {"t,name.x1,,,1,2", std::nullopt},
@@ -34,7 +34,7 @@ TEST(NettopLine, LabelsAndFields) {
 
 TEST(NettopLine, ChunksSplitAnywhereYieldEachLineOnceWhenItEnds) {
   const std::string output = "t,a.1,,,10,20\nt,b b.2,,,30,40\nbad line\nt,c.3,,,50,60\nt,d.4,,,1";
-  const std::vector<NettopSample> complete = {{1, 10, 20}, {2, 30, 40}, {3, 50, 60}};
+  const std::vector<NettopSample> complete = {{1, 10, 20, {}}, {2, 30, 40, {}}, {3, 50, 60, {}}};
   for (size_t cut1 = 0; cut1 <= output.size(); cut1 += 3) {
     for (size_t cut2 = cut1; cut2 <= output.size(); cut2 += 7) {
       std::string buffer;
@@ -51,7 +51,7 @@ TEST(NettopLine, ChunksSplitAnywhereYieldEachLineOnceWhenItEnds) {
 TEST(NettopRates, BitsPerSecondNeverNegativeNewProcessesStartAtZero) {
   std::map<int32_t, netUsage> table;
   const double tau = 0.0;  // no smoothing: the rate is the last sample
-  recordNettopSample(table, {5, 1000, 500}, tau);
+  recordNettopSample(table, {5, 1000, 500, {}}, tau);
   EXPECT_EQ(table[5].rx_rate.current(), 0.0);
   EXPECT_EQ(table[5].tx_rate.current(), 0.0);
   struct Step {
@@ -65,7 +65,7 @@ TEST(NettopRates, BitsPerSecondNeverNegativeNewProcessesStartAtZero) {
       {300, 150, 1600, 800},  // and counting goes on from the new values
   };
   for (const auto& s : steps) {
-    recordNettopSample(table, {5, s.rx, s.tx}, tau);
+    recordNettopSample(table, {5, s.rx, s.tx, {}}, tau);
     EXPECT_DOUBLE_EQ(table[5].rx_rate.current(), s.rx_bits);
     EXPECT_DOUBLE_EQ(table[5].tx_rate.current(), s.tx_bits);
     EXPECT_EQ(table[5].rx_bytes, s.rx);
@@ -94,7 +94,9 @@ TEST(NettopLine, TimesOfDayAndTheStepsBetweenThem) {
       {10.0, 11.5, 1.5}, {86399.5, 0.5, 1.0}, {10.0, 10.0, std::nullopt}, {10.0, 9.0, std::nullopt},
       {10.0, 100.0, std::nullopt},
   };
-  for (const auto& s : steps) EXPECT_EQ(timeOfDayStep_s(s.earlier, s.later), s.step) << s.earlier << " " << s.later;
+  for (const auto& s : steps) {
+    EXPECT_EQ(timeOfDayStep_s(s.earlier, s.later), s.step) << s.earlier << " " << s.later;
+  }
 }
 
 // The first measured rate is shown as it is (an average starting from 0 would read a steady
@@ -108,7 +110,7 @@ TEST(NettopRates, FirstRateAsMeasuredThenSmoothedOverTheRealStep) {
   recordNettopSample(table, {1, 3000, 0, 103.0}, 5.0);
   EXPECT_DOUBLE_EQ(table[1].rx_rate.current(), 8000.0);
   // A line without a time counts as one second after the one before: 2000 bytes are 16 kbit/s.
-  recordNettopSample(table, {1, 5000, 0}, 5.0);
+  recordNettopSample(table, {1, 5000, 0, {}}, 5.0);
   const double alpha = 1.0 - std::exp(-1.0 / 5.0);
   EXPECT_NEAR(table[1].rx_rate.current(), 8000.0 + alpha * (16000.0 - 8000.0), 1e-9);
   EXPECT_DOUBLE_EQ(table[1].rx_rate.last_sample, 16000.0);
