@@ -18,7 +18,9 @@
 #include "app/procinfo_window.h"
 #include "app/status_bar_controller.h"
 #include "app/system_stats_window.h"
+#include "graphs/graph_switches.h"
 #include "graphs/views/graph_view_proc.h"
+#include "support/timeval.h"
 #include "app/settings_test_support.h"
 #include "app/stats_test_support.h"
 #include "support/broadcast.h"
@@ -48,13 +50,19 @@ TEST(AppDelegateTest, StartUpCreatesTheObjectsInOrder) {
 // The counts are read from the limiter's table of this machine's /proc, so they are never all 0:
 // this test program itself is one of them, counted as the system's when it runs as root.
 TEST(AppDelegateTest, TheStatisticsWindowCountsTheProcessesOfTheLimitersTable) {
+  stats_test::SwitchesGuard switches;
+  FakeClock clock;
   AppRig rig;
   keys::kAppPelmora.save(rig.rig.store, true);
   rig.app->finishLaunching();
   rig.app->showSystemStats();
+  // After start-up, which loads the saved graph settings: every sample a second apart redraws.
+  GraphSwitches::current().update_interval = 0;
+  GraphSwitches::current().show_current = true;
   rig.rig.limiter.refresh();
   const auto table = rig.rig.limiter.processes();
   ASSERT_TRUE(table.count(static_cast<int32_t>(getpid())));
+  clock.advance_us(2'000'000);
   rig.sampler->tick();
   RunLoop::main().runUntilIdle();
   const procstat counts = rig.sampler->snapshot().proc_stats;

@@ -384,6 +384,8 @@ TEST(ProcinfoWindow, QuitAndForceQuitAskFirst) {
   ASSERT_EQ(questions.size(), 3u);
   EXPECT_NE(questions[2].find("firefox"), std::string::npos);
   // Another user's process without rights: not even asked.
+  f.helper.setAuthorised(false);
+  RunLoop::main().runUntilIdle();
   w.selectPid(300);
   w.forceQuitSelected();
   EXPECT_EQ(questions.size(), 3u);

@@ -241,8 +241,8 @@ class TopOracle : public ::testing::Test {
 TEST_F(TopOracle, EveryFigureMatchesTheKernel) {
   const long page = ::sysconf(_SC_PAGESIZE);
   Child busy([] {
-    for (volatile uint64_t spin = 0;; ++spin) {
-    }
+    volatile uint64_t spin = 0;
+    for (;;) spin = spin + 1;
   });
   Child resident([] {
     void* memory = ::mmap(nullptr, kResidentBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -311,7 +311,9 @@ TEST_F(TopOracle, EveryFigureMatchesTheKernel) {
 
   // Every process that lived through the run is in the table: init, kernel threads, the tool itself.
   for (pid_t pid : before) {
-    if (after.count(pid)) EXPECT_TRUE(rows.count(pid)) << "process " << pid << " missing";
+    if (after.count(pid)) {
+      EXPECT_TRUE(rows.count(pid)) << "process " << pid << " missing";
+    }
   }
   ASSERT_TRUE(rows.count(1) && rows.count(2) && rows.count(top_pid));
   EXPECT_NE(rows[1]["kind"], "kernel");

@@ -85,7 +85,9 @@ TEST(NettopLine, TimesOfDayAndTheStepsBetweenThem) {
     SCOPED_TRACE(t.text);
     const auto got = parseTimeOfDay_s(t.text);
     ASSERT_EQ(got.has_value(), t.seconds.has_value());
-    if (got) EXPECT_NEAR(*got, *t.seconds, 1e-9);
+    if (got) {
+      EXPECT_NEAR(*got, *t.seconds, 1e-9);
+    }
   }
   const struct {
     double earlier, later;
