@@ -59,6 +59,9 @@ class Nettop {
   void round() {
     auto sockets = m_diag.dump();
     if (!sockets) return;
+    // The lines carry the moment the counts were read: the reader divides by the step between
+    // them, and finding the owners of new sockets (all of them in the first round) takes a while.
+    m_read_at = timeOfDay();
     m_traffic.applyDump(*sockets, [this](const std::set<uint64_t>& inodes, const std::set<int32_t>& likely) {
       return m_owners.find(inodes, likely);
     });
@@ -71,9 +74,8 @@ class Nettop {
   }
 
   void print() const {
-    const std::string now = timeOfDay();
     for (const auto& [pid, p] : m_traffic.processes())
-      std::printf("%s,%s.%d,,,%llu,%llu\n", now.c_str(), p.name.c_str(), pid,
+      std::printf("%s,%s.%d,,,%llu,%llu\n", m_read_at.c_str(), p.name.c_str(), pid,
                   static_cast<unsigned long long>(p.received_bytes), static_cast<unsigned long long>(p.sent_bytes));
     std::fflush(stdout);
   }
@@ -83,6 +85,7 @@ class Nettop {
   SocketOwnerFinder m_owners;
   TcpTraffic m_traffic;
   ExitWatch m_exits;
+  std::string m_read_at;  // time of day of the last dump
 };
 
 // Sleeps until `deadline`, a signal, or the reader closing our output; false when it is time to end.
