@@ -143,7 +143,11 @@ class LaptopFallback : public LaptopPower, public ::testing::WithParamInterface<
 TEST_P(LaptopFallback, UsesTheNextSource) {
   for (const auto& path : GetParam().removed) remove(path);
   PowerMeter meter;
-  EXPECT_EQ(meter.read_w(root(), 1'000'000), GetParam().expected_w);
+  const auto watts = meter.read_w(root(), 1'000'000);
+  ASSERT_EQ(watts.has_value(), GetParam().expected_w.has_value());
+  if (watts) {
+    EXPECT_NEAR(*watts, *GetParam().expected_w, 1e-9);  // the battery's is current x voltage
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(
