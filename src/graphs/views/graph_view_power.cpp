@@ -23,9 +23,9 @@ void GraphViewPower::drawGraph(QPainter& painter) {
 
 QString GraphViewPower::currentText() const {
   if (!GraphSwitches::current().show_current) return {};
+  if (m_power.empty()) return "\n" + tr("Total:") + " " + pending();
   // Without a sensor the figure would read "0.0 W", which no machine draws.
   if (!m_sensor) return "\n" + tr("no power sensor");
-  if (m_power.empty()) return "\n" + tr("Total:") + " " + pending();
   const double total = m_power.back().total * m_max_power;
   return "\n" + tr("Total:") + " " + number(total, 1) + " W\n" + tr("Peak:") + " " + number(m_max_power, 1) + " W";
 }
