@@ -144,8 +144,12 @@ void AppDelegate::terminate() {
   m_terminated = true;
   RemoveListener(kPrefsChangedBroadcast, kListenerKey);
   m_services.helper.applyBoot(keys::kApplyBoot.load(m_services.store), m_window->bootControls());
-  savePreferences();
-  saveWindowKeys();
+  {
+    // Every pane and window saves its keys: one write of the file for all of them.
+    DefaultSettings::Batch batch(m_services.store);
+    savePreferences();
+    saveWindowKeys();
+  }
   m_services.core->stopLimiter();
   m_services.core->stopPowerMonitor();
   // Kernel throttling is left on when we end, whatever the user chose while we ran.

@@ -7,14 +7,13 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <cstring>
-#include <string>
+#include <cstdlib>
 
 #include "app/app_delegate.h"
+#include "app/instance_lock.h"
 #include "helper_link/pelmora.h"
 #include "process_control/cpu_limiter.h"
 #include "process_control/power_monitor.h"
@@ -52,59 +51,16 @@ void installQuitSignals(QApplication& app, AppDelegate& delegate) {
   sigaction(SIGHUP, &action, nullptr);
 }
 
-// An abstract-namespace socket per user: it disappears with the process, so a crashed run leaves
-// nothing behind that could block the next start.
-sockaddr_un instanceAddress(socklen_t& length) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  const std::string name = "net.tandrel.pelmora-" + std::to_string(::getuid());
-  std::memcpy(address.sun_path + 1, name.data(), name.size());
-  length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-  return address;
-}
-
-// Whether the process listening on the other end runs as this user. Abstract names belong to no
-// one: any local user can bind ours first, and must not keep us from starting by doing so.
-bool peerIsThisUser(int fd) {
-  ucred peer{};
-  socklen_t size = sizeof peer;
-  return ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.uid == ::getuid();
-}
-
-// The listening socket of the first instance; -1 when another instance of this user has it (it was
-// asked to bring its windows forward) or when no socket could be made or someone else holds the
-// name (then we run without the check).
-int claimInstance(bool& other_running) {
-  other_running = false;
-  socklen_t length = 0;
-  const sockaddr_un address = instanceAddress(length);
-  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (fd < 0) return -1;
-  if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), length) == 0 && ::listen(fd, 4) == 0) return fd;
-  ::close(fd);
-  const int peer = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (peer >= 0 && ::connect(peer, reinterpret_cast<const sockaddr*>(&address), length) == 0) {
-    if (peerIsThisUser(peer)) {
-      other_running = true;
-      // The first instance may read and close before this lands: no SIGPIPE for a second start.
-      [[maybe_unused]] auto n = ::send(peer, "show\n", 5, MSG_NOSIGNAL);
-    } else {
-      Log("Another user holds this user's single-instance name; starting without the check.");
-    }
-  }
-  if (peer >= 0) ::close(peer);
-  return -1;
-}
-
 }  // namespace
 
 int runApplication(int argc, char** argv) {
   QApplication app(argc, argv);
   QApplication::setApplicationName(QStringLiteral("Pelmora"));
   QApplication::setDesktopFileName(QStringLiteral("net.tandrel.pelmora"));
-  bool other_running = false;
-  const int instance_fd = claimInstance(other_running);
-  if (other_running) return 0;
+  const char* runtime_dir = std::getenv("XDG_RUNTIME_DIR");
+  const InstanceLock instance = InstanceLock::claim(runtime_dir ? runtime_dir : "");
+  if (instance.outcome() == InstanceLock::Outcome::kOtherRunning) return 0;
+  const int instance_fd = instance.listenFd();
 
   MainQueue::install([&app](MainQueue::Job job) {
     QMetaObject::invokeMethod(&app, std::move(job), Qt::QueuedConnection);
@@ -134,7 +90,6 @@ int runApplication(int argc, char** argv) {
   const int status = app.exec();
   delegate.terminate();
   MainQueue::install(nullptr);
-  if (instance_fd >= 0) ::close(instance_fd);
   return status;
 }
 

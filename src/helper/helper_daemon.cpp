@@ -22,8 +22,38 @@ namespace pelmora {
 namespace {
 constexpr int kSystemdFirstFd = 3;
 
-void note(const std::string& line) { std::fprintf(stderr, "pelmora-helper: %s\n", line.c_str()); }
+// Whether the client has hung up (its end closed), whether or not our thread has read that yet.
+bool peerGone(int socket_fd) {
+  pollfd p{socket_fd, POLLRDHUP, 0};
+  return ::poll(&p, 1, 0) == 1 && (p.revents & (POLLRDHUP | POLLHUP | POLLERR));
+}
+
+void setTransferTimeout(int socket_fd, int timeout_ms) {
+  const timeval limit{timeout_ms / 1000, (timeout_ms % 1000) * 1000};
+  ::setsockopt(socket_fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+  ::setsockopt(socket_fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+}
+
+// Waits for the next request to begin; false when none came within timeout_ms.
+bool awaitRequest(int socket_fd, int timeout_ms) {
+  pollfd p{socket_fd, POLLIN, 0};
+  int n;
+  do {
+    n = ::poll(&p, 1, timeout_ms);
+  } while (n < 0 && errno == EINTR);
+  return n == 1;
+}
 }  // namespace
+
+void HelperDaemon::note(const std::string& line) {
+  size_t dropped = 0;
+  {
+    std::lock_guard lock(m_mutex);
+    if (!m_note_limit.allow(LogRateLimit::Clock::now(), &dropped)) return;
+  }
+  if (dropped) std::fprintf(stderr, "pelmora-helper: (%zu similar lines left out)\n", dropped);
+  std::fprintf(stderr, "pelmora-helper: %s\n", line.c_str());
+}
 
 HelperDaemon::HelperDaemon(UniqueFd listen_socket, bool socket_activated, HelperOptions options)
     : m_listen(std::move(listen_socket)), m_socket_activated(socket_activated), m_handler(std::move(options)) {
@@ -100,10 +130,16 @@ bool HelperDaemon::admit(int socket_fd) {
   socklen_t size = sizeof cred;
   if (::getsockopt(socket_fd, SOL_SOCKET, SO_PEERCRED, &cred, &size) != 0) return false;
   std::lock_guard lock(m_mutex);
-  size_t same_user = 0;
-  for (const auto& [fd, uid] : m_active) same_user += uid == cred.uid;
+  // A connection whose client hung up is on its way out: it does not count, even if its thread has
+  // not read the end yet.
+  size_t live = 0, same_user = 0;
+  for (const auto& [fd, uid] : m_active) {
+    if (peerGone(fd)) continue;
+    ++live;
+    same_user += uid == cred.uid;
+  }
   // Root could stop the daemon anyway; only ordinary users are held to their share.
-  if (m_active.size() >= kMaxConnections || (cred.uid != 0 && same_user >= kMaxConnectionsPerUser)) return false;
+  if (live >= kMaxConnections || (cred.uid != 0 && same_user >= kMaxConnectionsPerUser)) return false;
   m_active.emplace(socket_fd, cred.uid);
   m_served_any = true;
   return true;
@@ -118,7 +154,12 @@ void HelperDaemon::serve(int socket_fd) {
   {
     auto connection = Connection::fromSocket(socket_fd);
     if (connection) {
+      setTransferTimeout(socket_fd, m_timeouts.transfer_ms);
       for (;;) {
+        if (!awaitRequest(socket_fd, m_timeouts.idle_ms)) {
+          note("connection of pid " + std::to_string(connection->caller().pid) + " closed: idle");
+          break;
+        }
         std::string error;
         auto request = xpcReceiveMessage(socket_fd, &error);
         if (!request) {

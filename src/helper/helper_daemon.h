@@ -5,6 +5,11 @@
 // sends a malformed frame is closed without an answer; the others go on. When a connection ends
 // for any reason, the processes it stopped are continued; the same happens to every connection
 // when the daemon is told to stop (SIGTERM, SIGINT).
+//
+// Against a hostile local user: a user has at most kMaxConnectionsPerUser live connections (one
+// whose client hung up no longer counts, even before its thread has read the end); a connection that
+// says nothing for Timeouts::idle_ms, or stalls in the middle of a frame or of a reply for
+// Timeouts::transfer_ms, is closed; and what the daemon writes about bad connections is rate-limited.
 #include <condition_variable>
 #include <mutex>
 #include <sys/types.h>
@@ -12,6 +17,7 @@
 #include <map>
 #include <string>
 
+#include "helper/log_rate_limit.h"
 #include "helper/request_handler.h"
 #include "support/unique_fd.h"
 
@@ -38,11 +44,19 @@ class HelperDaemon {
   static constexpr size_t kMaxConnections = 256;
   static constexpr size_t kMaxConnectionsPerUser = 16;
 
+  struct Timeouts {
+    int idle_ms = 5 * 60 * 1000;  // between requests; clients reconnect at their next exchange
+    int transfer_ms = 10 * 1000;  // for the rest of a frame once begun, and for sending a reply
+  };
+  void setTimeouts(Timeouts timeouts) { m_timeouts = timeouts; }
+
  private:
   // Registers a new connection; false when it is over a limit.
   bool admit(int socket_fd);
   void serve(int socket_fd);
   void connectionEnded(int socket_fd);
+  // Writes a line to stderr (the journal), at most a few a second whatever the callers do.
+  void note(const std::string& line);
 
   UniqueFd m_listen;
   const bool m_socket_activated;
@@ -53,6 +67,8 @@ class HelperDaemon {
   std::condition_variable m_idle;
   std::map<int, uid_t> m_active;  // sockets of live connections and their callers' uids
   bool m_served_any = false;
+  Timeouts m_timeouts;
+  LogRateLimit m_note_limit{20, std::chrono::seconds(10)};  // guarded by m_mutex
 };
 
 }  // namespace pelmora

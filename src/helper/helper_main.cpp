@@ -2,6 +2,7 @@
 // in the foreground for development: pelmora-helper --foreground --socket PATH.
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -11,6 +12,7 @@
 #include "helper/authorizer.h"
 #include "helper/helper_daemon.h"
 #include "support/socket_transport.h"
+#include "support/text.h"
 
 namespace {
 
@@ -21,7 +23,7 @@ void onSignal(int) {
 }
 
 int usage() {
-  std::fprintf(stderr, "usage: pelmora-helper [--foreground] [--socket PATH]\n");
+  std::fprintf(stderr, "usage: pelmora-helper [--foreground] [--socket PATH] [--idle-timeout SECONDS]\n");
   return 2;
 }
 
@@ -30,12 +32,18 @@ int usage() {
 int main(int argc, char** argv) {
   std::string path = pelmora::SocketTransport::defaultPath();
   bool chosen_socket = false;
+  pelmora::HelperDaemon::Timeouts timeouts;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--foreground") continue;  // the daemon never forks itself away
     if (arg == "--socket" && i + 1 < argc) {
       path = argv[++i];
       chosen_socket = true;
+    } else if (arg == "--idle-timeout" && i + 1 < argc) {
+      const auto seconds = pelmora::parseInt64(argv[++i]);
+      if (!seconds || *seconds < 1 || *seconds > 86400) return usage();
+      timeouts.idle_ms = static_cast<int>(*seconds * 1000);
+      timeouts.transfer_ms = std::min(timeouts.transfer_ms, timeouts.idle_ms);
     } else {
       return usage();
     }
@@ -54,6 +62,7 @@ int main(int argc, char** argv) {
   pelmora::HelperOptions options;
   options.authorizer = std::make_shared<pelmora::PolkitAuthorizer>();
   pelmora::HelperDaemon daemon(std::move(listen), socket_activated, std::move(options));
+  daemon.setTimeouts(timeouts);
   g_daemon = &daemon;
   struct sigaction action{};
   action.sa_handler = onSignal;

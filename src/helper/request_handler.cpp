@@ -1,7 +1,5 @@
 #include "helper/request_handler.h"
 
-#include <sys/resource.h>
-
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -93,7 +91,8 @@ RequestHandler::RequestHandler(HelperOptions options)
       m_reader(m_options.root),
       m_cpus(m_options.root),
       m_throttle(m_options.root),
-      m_boot(m_options.boot) {}
+      m_boot(m_options.boot),
+      m_renicer(m_options.root) {}
 
 HelperOptions RequestHandler::inProcessOptions() {
   HelperOptions options;
@@ -199,6 +198,13 @@ const RecentProcess* RequestHandler::recentFor(Connection& caller, const XPCDict
   return pidfdSignal(recent.pidfd.get(), 0) == ESRCH ? nullptr : &recent;
 }
 
+UniqueFd RequestHandler::pidfdFor(const XPCDict& request) {
+  // Taken before the checks: if the pid is recycled after them, what follows reaches the process
+  // that was checked (and fails, as it is gone), never the newcomer.
+  const auto pid = xpcInt(request, "pid");
+  return pid && *pid > 0 && *pid <= INT32_MAX ? pidfdOpen(static_cast<pid_t>(*pid)) : UniqueFd();
+}
+
 std::optional<std::string> RequestHandler::needAdmin(const Connection& caller) const {
   return checkAccess(Access::kAuthorised, caller.caller(), caller.authorised(), m_options.privileged, nullptr);
 }
@@ -246,19 +252,16 @@ XPCDict RequestHandler::setPriority(const XPCDict& request, Connection& caller) 
   std::string error;
   auto priority = intField(request, "priority", -20, 19, &error);
   if (!priority) return {{"setpriority", error}};
+  // As for "kill": the pidfd taken before the reads names the process they describe.
+  UniqueFd pidfd = pidfdFor(request);
   Admission a = locate(request, Act::kChange, true);
-  // Lowering the nice value takes administrator rights; raising it is the owner's own business.
-  checkCaller(a, caller, *priority < a.target.nice ? Access::kAuthorised : Access::kOwnerOrAuthorised);
+  const auto threads = a.refusal.empty() ? m_renicer.threads(a.pid) : std::vector<ThreadNice>{};
+  // Lowering the nice value of any thread takes administrator rights; raising is the owner's business.
+  const bool lowers = lowersAnyThread(threads, *priority) || *priority < a.target.nice;
+  checkCaller(a, caller, lowers ? Access::kAuthorised : Access::kOwnerOrAuthorised);
   if (!a.refusal.empty()) return {{"setpriority", a.refusal}};
-  // setpriority(PRIO_PROCESS) reaches one thread on Linux: renice each of them, like the process.
-  int failure = 0;
-  if (::setpriority(PRIO_PROCESS, static_cast<id_t>(a.pid), static_cast<int>(*priority)) != 0) failure = errno;
-  for (const std::string& tid : SysRoot::listDir(m_options.root.proc(std::to_string(a.pid) + "/task"))) {
-    auto id = parseInt64(tid);
-    if (id && *id != a.pid) ::setpriority(PRIO_PROCESS, static_cast<id_t>(*id), static_cast<int>(*priority));
-  }
-  if (failure) return {{"setpriority", "could not renice process " + std::to_string(a.pid) + ": " + std::strerror(failure)}};
-  return {{"setpriority", "OK"}};
+  if (!pidfd || pidfdSignal(pidfd.get(), 0) == ESRCH) return {{"setpriority", "no process " + std::to_string(a.pid)}};
+  return {{"setpriority", m_renicer.renice(a.pid, threads, static_cast<int>(*priority))}};
 }
 
 XPCDict RequestHandler::kill(const XPCDict& request, Connection& caller) {
@@ -266,10 +269,7 @@ XPCDict RequestHandler::kill(const XPCDict& request, Connection& caller) {
   auto signal = intField(request, "signal", 1, 64, &error);
   if (signal && !allowedSignal(*signal)) error = "signal " + std::to_string(*signal) + " is not allowed";
   if (!signal || !error.empty()) return {{"kill", EINVAL}, {"error", error}};
-  // The pidfd is taken before the checks: if the pid is recycled after them, the signal goes to
-  // the process that was checked (and fails, as it is gone), never to the newcomer.
-  auto pid = xpcInt(request, "pid");
-  UniqueFd pidfd = pid && *pid > 1 && *pid <= INT32_MAX ? pidfdOpen(static_cast<pid_t>(*pid)) : UniqueFd();
+  UniqueFd pidfd = pidfdFor(request);
   Admission a = admit(request, caller, Act::kChange, Access::kOwnerOrAuthorised);
   if (!a.refusal.empty()) return {{"kill", a.error}, {"error", a.refusal}};
   if (!pidfd) return {{"kill", ESRCH}, {"error", "no process " + std::to_string(a.pid)}};
@@ -295,8 +295,7 @@ XPCDict RequestHandler::taskInfo(const XPCDict& request, Connection& caller) {
 XPCDict RequestHandler::taskAllInfo(const XPCDict& request, Connection& caller) {
   // Opened before the files are read: while it names a live process, the pid was not recycled
   // after the reads, so a following "rusage" may use them (see recentFor).
-  const auto pid = xpcInt(request, "pid");
-  UniqueFd pidfd = pid && *pid > 0 && *pid <= INT32_MAX ? pidfdOpen(static_cast<pid_t>(*pid)) : UniqueFd();
+  UniqueFd pidfd = pidfdFor(request);
   // The record needs status anyway, so the owner's ids come with the checks.
   Admission a = locate(request, Act::kRead, true);
   checkCaller(a, caller, Access::kAnyone);

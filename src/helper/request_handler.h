@@ -21,6 +21,7 @@
 #include "helper/connection.h"
 #include "helper/cpu_control.h"
 #include "helper/policy.h"
+#include "helper/thread_renicer.h"
 #include "helper/throttle_writer.h"
 #include "support/proc_task_reader.h"
 #include "support/sys_root.h"
@@ -111,12 +112,15 @@ class RequestHandler {
   // The files the checks read, for the record reader to use again.
   static KnownProcFiles known(const Admission& a) { return {&a.stat, a.status ? &*a.status : nullptr}; }
   std::optional<std::string> needAdmin(const Connection& caller) const;
+  // A pidfd for the request's "pid", invalid when there is no such process.
+  static UniqueFd pidfdFor(const XPCDict& request);
 
   HelperOptions m_options;
   ProcTaskReader m_reader;
   CpuControl m_cpus;
   ThrottleWriter m_throttle;
   BootInstaller m_boot;
+  ThreadRenicer m_renicer;
   ChildRegistry m_children;
 };
 

@@ -25,9 +25,37 @@ bool writeAll(int fd, const std::string& data) {
   return true;
 }
 
+// Walks the text before any tree is built, refusing it past max_depth: a valid file nested a
+// million deep would otherwise cost gigabytes, and writing it back out recurses once per level.
+class DepthCheck : public nlohmann::json_sax<nlohmann::json> {
+ public:
+  explicit DepthCheck(int max_depth) : m_max(max_depth) {}
+  bool null() override { return true; }
+  bool boolean(bool) override { return true; }
+  bool number_integer(number_integer_t) override { return true; }
+  bool number_unsigned(number_unsigned_t) override { return true; }
+  bool number_float(number_float_t, const string_t&) override { return true; }
+  bool string(string_t&) override { return true; }
+  bool binary(binary_t&) override { return true; }
+  bool start_object(std::size_t) override { return ++m_depth <= m_max; }
+  bool key(string_t&) override { return true; }
+  bool end_object() override { return --m_depth, true; }
+  bool start_array(std::size_t) override { return ++m_depth <= m_max; }
+  bool end_array() override { return --m_depth, true; }
+  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override { return false; }
+
+ private:
+  const int m_max;
+  int m_depth = 0;
+};
+
 }  // namespace
 
-std::optional<nlohmann::json> parseSettingsText(const std::string& text) {
+std::optional<nlohmann::json> parseSettingsText(const std::string& text, int max_depth) {
+  DepthCheck check(max_depth);
+  if (!nlohmann::json::sax_parse(text, &check, nlohmann::json::input_format_t::json, /*strict=*/true)) {
+    return std::nullopt;
+  }
   auto value = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
   if (value.is_discarded() || !value.is_object()) return std::nullopt;
   return value;
@@ -43,21 +71,49 @@ DefaultSettings::DefaultSettings(std::filesystem::path file) : m_file(std::move(
 void DefaultSettings::ensureLoadedLocked() {
   if (m_loaded) return;
   m_loaded = true;
+  m_read_only = false;
   m_values = nlohmann::json::object();
   std::ifstream in(m_file, std::ios::binary);
   if (!in) return;  // no file yet: defaults
+  std::error_code ec;
+  const auto size = std::filesystem::file_size(m_file, ec);
+  if (!ec && size > kMaxFileBytes) {
+    setAsideLocked("is larger than " + std::to_string(kMaxFileBytes) + " bytes");
+    return;
+  }
   std::stringstream buffer;
   buffer << in.rdbuf();
   if (auto parsed = parseSettingsText(buffer.str())) {
     m_values = std::move(*parsed);
     return;
   }
+  setAsideLocked("is not valid");
+}
+
+void DefaultSettings::setAsideLocked(const std::string& why) {
   std::filesystem::path aside = m_file;
   aside += ".corrupt";
   std::error_code ec;
   std::filesystem::rename(m_file, aside, ec);
-  Log("Settings file " + m_file.string() + " is not valid; moved aside to " + aside.string() +
-      " and starting from defaults.");
+  if (!ec) {
+    Log("Settings file " + m_file.string() + " " + why + "; moved aside to " + aside.string() +
+        " and starting from defaults.");
+    return;
+  }
+  // Writing our settings over it would destroy the only copy: leave it for the user.
+  m_read_only = true;
+  Log("Settings file " + m_file.string() + " " + why + " and could not be moved aside to " + aside.string() +
+      " (" + ec.message() + "); starting from defaults, and settings are not saved in this run.");
+}
+
+DefaultSettings::Batch::Batch(DefaultSettings& settings) : m_settings(settings) {
+  MutexLock lock(m_settings.m_mutex);
+  ++m_settings.m_batches;
+}
+
+DefaultSettings::Batch::~Batch() {
+  MutexLock lock(m_settings.m_mutex);
+  if (--m_settings.m_batches == 0 && m_settings.m_dirty) m_settings.writeLocked();
 }
 
 void DefaultSettings::reload() {
@@ -113,6 +169,8 @@ nlohmann::json DefaultSettings::loadDict(const std::string& key, const nlohmann:
 
 void DefaultSettings::storeLocked(const std::string& key, nlohmann::json value) {
   ensureLoadedLocked();
+  auto it = m_values.find(key);
+  if (it != m_values.end() && *it == value) return;  // nothing changed: no write
   m_values[key] = std::move(value);
   writeLocked();
 }
@@ -144,7 +202,20 @@ void DefaultSettings::remove(const std::string& key) {
   if (m_values.erase(key) > 0) writeLocked();
 }
 
+void DefaultSettings::logWriteFailureLocked(const std::string& line) {
+  // The same failure at every save (a full disk, a read-only folder) is said once.
+  if (line == m_last_write_error) return;
+  m_last_write_error = line;
+  Log(line);
+}
+
 void DefaultSettings::writeLocked() {
+  if (m_read_only) return;
+  if (m_batches > 0) {
+    m_dirty = true;
+    return;
+  }
+  m_dirty = false;
   std::error_code ec;
   std::filesystem::create_directories(m_file.parent_path(), ec);
   std::filesystem::path temp = m_file;
@@ -152,15 +223,17 @@ void DefaultSettings::writeLocked() {
   const std::string text = m_values.dump(2) + "\n";
   const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   if (fd < 0) {
-    Log("Could not write settings to " + temp.string() + ": " + std::strerror(errno) + ".");
+    logWriteFailureLocked("Could not write settings to " + temp.string() + ": " + std::strerror(errno) + ".");
     return;
   }
   const bool ok = writeAll(fd, text) && ::fsync(fd) == 0;
   ::close(fd);
   if (!ok || ::rename(temp.c_str(), m_file.c_str()) != 0) {
-    Log("Could not write settings to " + m_file.string() + ": " + std::strerror(errno) + ".");
+    logWriteFailureLocked("Could not write settings to " + m_file.string() + ": " + std::strerror(errno) + ".");
     ::unlink(temp.c_str());
+    return;
   }
+  m_last_write_error.clear();
 }
 
 }  // namespace pelmora

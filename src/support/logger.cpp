@@ -18,7 +18,8 @@ void Logger::openLocked() {
   if (m_path.empty()) m_path = paths::stateDir() / "pelmora.log";
   std::error_code ec;
   std::filesystem::create_directories(m_path.parent_path(), ec);
-  m_file = std::fopen(m_path.c_str(), "a");
+  // "e": close-on-exec, so that the tools we start never hold (or write to) our log.
+  m_file = std::fopen(m_path.c_str(), "ae");
   if (!m_file) m_path.clear();
 }
 

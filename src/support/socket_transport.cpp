@@ -1,5 +1,6 @@
 #include "support/socket_transport.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -18,7 +19,17 @@ std::string SocketTransport::defaultPath() {
 
 SocketTransport::SocketTransport(std::string path) : m_path(std::move(path)) {}
 
+namespace {
+// A connection the daemon has closed (it ends idle ones) or that holds bytes nobody asked for is
+// no good for the next exchange: a fresh one is made instead, so that no request is lost on it.
+bool stale(int socket_fd) {
+  pollfd p{socket_fd, POLLIN | POLLRDHUP, 0};
+  return ::poll(&p, 1, 0) != 0;
+}
+}  // namespace
+
 bool SocketTransport::connectLocked() {
+  if (m_socket && stale(m_socket.get())) m_socket.reset();
   if (m_socket) return true;
   sockaddr_un address{};
   if (m_path.empty() || m_path.size() >= sizeof address.sun_path) return false;

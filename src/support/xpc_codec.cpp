@@ -74,7 +74,10 @@ class ShapeCheck : public nlohmann::json_sax<json> {
 
   bool null() override { return fail("null value"); }
   bool boolean(bool) override { return fail("boolean value"); }
-  bool number_integer(number_integer_t) override { return top(); }
+  // CBOR hands this only its negative integers, -1 - n for an unsigned n. The reader computes that
+  // in int64, so an n of 2^63 or more (a value below INT64_MIN) wraps round to a value >= 0:
+  // -2^64 + 5 would read as 5.
+  bool number_integer(number_integer_t v) override { return v < 0 ? top() : fail("integer out of range"); }
   bool number_unsigned(number_unsigned_t v) override {
     return v <= static_cast<uint64_t>(std::numeric_limits<int64_t>::max()) ? top() : fail("integer out of range");
   }

@@ -15,6 +15,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "helper/test_support.h"
 #include "support/socket_transport.h"
@@ -98,18 +99,25 @@ inline UniqueFd rawConnect(const std::string& path) {
 
 class HelperDaemonChild {
  public:
-  HelperDaemonChild() {
+  // extra_args: more command-line options for the daemon.
+  explicit HelperDaemonChild(std::vector<std::string> extra_args = {}) {
     m_sys = copyFixture("cpu-smt-4c8t", m_dir);
     m_socket = (m_dir.path() / "helper.sock").string();
+    m_log = m_dir.path() / "daemon.log";
+    std::vector<std::string> args = {"pelmora-helper", "--foreground", "--socket", m_socket};
+    args.insert(args.end(), extra_args.begin(), extra_args.end());
+    std::vector<char*> argv;
+    for (std::string& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
     // Clients running as another user must reach the socket.
     std::filesystem::permissions(m_dir.path(), std::filesystem::perms(0755));
     m_pid = ::fork();
     if (m_pid == 0) {
       ::setenv("PELMORA_SYS_ROOT", m_sys.c_str(), 1);
-      const int null = ::open("/dev/null", O_WRONLY);
-      if (null >= 0 && !::getenv("PELMORA_TEST_DAEMON_LOG")) ::dup2(null, 2);
+      const int log = ::open(m_log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+      if (log >= 0 && !::getenv("PELMORA_TEST_DAEMON_LOG")) ::dup2(log, 2);
       const std::string binary = std::string(PELMORA_BINARY_DIR) + "/src/helper/pelmora-helper";
-      ::execl(binary.c_str(), "pelmora-helper", "--foreground", "--socket", m_socket.c_str(), nullptr);
+      ::execv(binary.c_str(), argv.data());
       ::_exit(127);
     }
     m_ready = eventually([this] { return SocketTransport(m_socket).connected(); });
@@ -122,6 +130,8 @@ class HelperDaemonChild {
   pid_t pid() const { return m_pid; }
   const std::string& socket() const { return m_socket; }
   const std::filesystem::path& sys() const { return m_sys; }
+  // What the daemon wrote to stderr so far.
+  std::string log() const { return SysRoot::readFile(m_log.string()).value_or(""); }
   // Open descriptors of the daemon.
   size_t openFds() const { return SysRoot::listDir("/proc/" + std::to_string(m_pid) + "/fd").size(); }
   // Processes the daemon started that are still alive (zombies not counted), as the kernel lists them.
@@ -140,6 +150,7 @@ class HelperDaemonChild {
  private:
   TempDir m_dir;
   std::filesystem::path m_sys;
+  std::filesystem::path m_log;
   std::string m_socket;
   pid_t m_pid = -1;
   bool m_ready = false;

@@ -3,13 +3,17 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
+#include <sys/resource.h>
+
 #include <memory>
+#include <thread>
 #include <vector>
 
 #include "helper/child_registry.h"
 #include "helper/daemon_harness.h"
 #include "helper/helper_daemon.h"
 #include "helper/pidfd.h"
+#include "support/proc_task_reader.h"
 #include "support/xpc_codec.h"
 
 namespace pelmora {
@@ -47,6 +51,155 @@ TEST_F(HelperDaemonTest, SamplerChildrenAreBoundedPerConnectionUserAndDaemon) {
   // The user's connections are gone, and their children with them; another user is served.
   EXPECT_TRUE(eventually([] { return s_daemon->liveChildren() == 0; })) << s_daemon->liveChildren();
   EXPECT_EQ(xpcInt(ask(powerMetricsRequest()), "result"), 1);
+}
+
+TEST_F(HelperDaemonTest, AnIntegerBelowInt64MinIsNotTakenForAPid) {
+  Sleeper sleeper;
+  // {"kill": "kill", "signal": SIGSTOP, "pid": -2^64 + pid}, which a wrapping decoder reads as pid.
+  const uint64_t n = ~uint64_t{0} - static_cast<uint64_t>(sleeper.pid());
+  std::vector<uint8_t> body = {0xA3, 0x64, 'k', 'i', 'l', 'l', 0x64, 'k', 'i', 'l', 'l', 0x66, 's', 'i', 'g', 'n', 'a', 'l',
+                               static_cast<uint8_t>(SIGSTOP), 0x63, 'p', 'i', 'd', 0x3B};
+  for (int shift = 56; shift >= 0; shift -= 8) body.push_back(static_cast<uint8_t>(n >> shift));
+  std::vector<uint8_t> frame(kXPCLengthBytes);
+  for (size_t i = 0; i < kXPCLengthBytes; ++i) frame[i] = static_cast<uint8_t>(body.size() >> (8 * i));
+  frame.insert(frame.end(), body.begin(), body.end());
+  UniqueFd fd = rawConnect(s_daemon->socket());
+  ASSERT_TRUE(fd);
+  ASSERT_EQ(::write(fd.get(), frame.data(), frame.size()), static_cast<ssize_t>(frame.size()));
+  char byte;
+  EXPECT_EQ(::read(fd.get(), &byte, 1), 0);  // refused as malformed, no answer
+  EXPECT_EQ(procState(sleeper.pid()), 'S');
+}
+
+TEST_F(HelperDaemonTest, ConnectionsClosedByTheirClientNoLongerCount) {
+  const std::string socket = s_daemon->socket();
+  const std::string failures = asNobody([socket]() -> std::string {
+    std::vector<std::unique_ptr<SocketTransport>> held;
+    for (size_t i = 0; i + 1 < HelperDaemon::kMaxConnectionsPerUser; ++i) {
+      held.push_back(std::make_unique<SocketTransport>(socket));
+      if (!held.back()->exchange({{"requestcpuinfo", ""}})) return "could not open the first connections";
+    }
+    // The last place, closed and taken again at once, 1600 times.
+    int refused = 0;
+    for (int i = 0; i < 1600; ++i) refused += !SocketTransport(socket).exchange({{"requestcpuinfo", ""}});
+    return refused ? std::to_string(refused) + " of 1600 reopened connections refused" : "";
+  });
+  EXPECT_EQ(failures, "");
+}
+
+TEST(HelperDaemonTimeouts, SilentAndStalledConnectionsAreClosedAndClientsReconnect) {
+  HelperDaemonChild daemon({"--idle-timeout", "1"});
+  ASSERT_TRUE(daemon.ready());
+  const struct {
+    const char* name;
+    std::vector<uint8_t> bytes;
+  } cases[] = {
+      {"silent", {}},
+      {"stalled inside a frame", {0x10, 0, 0, 0, 0xA1}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    UniqueFd fd = rawConnect(daemon.socket());
+    ASSERT_TRUE(fd);
+    timeval limit{30, 0};  // a daemon that kept the connection would otherwise hang the test
+    ::setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    if (!c.bytes.empty()) {
+      ASSERT_EQ(::write(fd.get(), c.bytes.data(), c.bytes.size()), static_cast<ssize_t>(c.bytes.size()));
+    }
+    char byte;
+    EXPECT_EQ(::read(fd.get(), &byte, 1), 0);
+  }
+  // A client whose idle connection was closed makes a new one for its next request.
+  SocketTransport client(daemon.socket());
+  ASSERT_TRUE(client.exchange({{"requestcpuinfo", ""}}));
+  const uint64_t first = client.connection();
+  ASSERT_TRUE(eventually([&] { return daemon.log().find("closed: idle") != std::string::npos && client.connection() != first; }));
+  EXPECT_TRUE(client.exchange({{"requestcpuinfo", ""}}));
+}
+
+TEST_F(HelperDaemonTest, AFloodOfBadFramesWritesFewLogLines) {
+  auto lines = [] { return split(s_daemon->log(), '\n', false).size(); };
+  const size_t before = lines();
+  const std::vector<uint8_t> garbage = {1, 0, 0, 0, 0xFF};
+  const auto start = std::chrono::steady_clock::now();
+  for (int i = 0; i < 3000; ++i) {
+    UniqueFd fd = rawConnect(s_daemon->socket());
+    ASSERT_TRUE(fd);
+    ASSERT_EQ(::write(fd.get(), garbage.data(), garbage.size()), 5);
+    char byte;
+    ASSERT_EQ(::read(fd.get(), &byte, 1), 0);
+  }
+  // 20 lines a window of 10 s, and one line saying how many were left out after each full window.
+  const auto windows = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start).count() / 10 + 2;
+  EXPECT_LE(lines() - before, static_cast<size_t>(windows * 21));
+}
+
+// A process of uid 65534 whose main thread runs at nice 0 and whose second thread set itself to 19.
+class TwoNiceThreads {
+ public:
+  TwoNiceThreads() {
+    int fds[2];
+    if (::pipe(fds) != 0) return;
+    m_pid = ::fork();
+    if (m_pid == 0) {
+      if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(1);
+      std::thread([fd = fds[1]] {
+        const pid_t tid = static_cast<pid_t>(::gettid());
+        if (::setpriority(PRIO_PROCESS, static_cast<id_t>(tid), 19) == 0) {
+          [[maybe_unused]] auto n = ::write(fd, &tid, sizeof tid);
+        }
+        for (;;) ::pause();
+      }).detach();
+      for (;;) ::pause();
+    }
+    ::close(fds[1]);
+    if (::read(fds[0], &m_worker, sizeof m_worker) != sizeof m_worker) m_worker = 0;
+    ::close(fds[0]);
+  }
+  ~TwoNiceThreads() {
+    ::kill(m_pid, SIGKILL);
+    ::waitpid(m_pid, nullptr, 0);
+  }
+  pid_t pid() const { return m_pid; }
+  int64_t niceOf(pid_t tid) const {
+    auto stat = parseProcPidStat(
+        SysRoot::readFile("/proc/" + std::to_string(m_pid) + "/task/" + std::to_string(tid) + "/stat").value_or(""));
+    return stat ? stat->nice : -100;
+  }
+  int64_t workerNice() const { return niceOf(m_worker); }
+  int64_t mainNice() const { return niceOf(m_pid); }
+  bool ready() const { return m_worker > 0; }
+
+ private:
+  pid_t m_pid = -1;
+  pid_t m_worker = 0;
+};
+
+TEST_F(HelperDaemonTest, ReniceChecksEveryThreadItChanges) {
+  TwoNiceThreads process;
+  ASSERT_TRUE(process.ready());
+  ASSERT_EQ(process.workerNice(), 19);
+  ASSERT_EQ(process.mainNice(), 0);
+  const std::string socket = s_daemon->socket();
+  const int64_t pid = process.pid();
+  auto reniceAsOwner = [&](int64_t priority) {
+    return asNobody([&]() -> std::string {
+      auto r = SocketTransport(socket).exchange({{"setpriority", ""}, {"pid", pid}, {"priority", priority}});
+      const std::string* text = r ? xpcString(*r, "setpriority") : nullptr;
+      return text ? *text : "<no reply>";
+    });
+  };
+  // Nice 0 changes nothing on the main thread but would lower the worker.
+  const std::string refused = reniceAsOwner(0);
+  EXPECT_TRUE(startsWith(refused, "not authorised")) << refused;
+  EXPECT_EQ(process.workerNice(), 19);
+  // Raising every thread is the owner's right.
+  EXPECT_EQ(reniceAsOwner(19), "OK");
+  EXPECT_EQ(process.mainNice(), 19);
+  // An authorised connection lowers them all.
+  EXPECT_EQ(*xpcString(ask({{"setpriority", ""}, {"pid", pid}, {"priority", 5}}), "setpriority"), "OK");
+  EXPECT_EQ(process.mainNice(), 5);
+  EXPECT_EQ(process.workerNice(), 5);
 }
 
 // A child that waits to be killed, with its pidfd.

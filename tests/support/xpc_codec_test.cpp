@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <climits>
+#include <limits>
 #include <nlohmann/json.hpp>
 
 #include "support/xpc_socket.h"
@@ -69,6 +70,9 @@ TEST(XPCCodec, DecodeRejectsMalformedAndWronglyTypedBodies) {
   std::vector<uint8_t> deep = cbor(json{{"a", {{"b", {{"c", {{"d", {{"e", 1}}}}}}}}}});
   std::vector<uint8_t> deep_array = cbor(json{{"a", json::array({json::array({json::array({json::array({1})})})})}});
   std::vector<uint8_t> huge_unsigned = {0xA1, 0x61, 'x', 0x1B, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+  // -1 - n with n = 2^64 - 1 - 12: the value -2^64 + 12, which a wrapping reader takes for 12.
+  std::vector<uint8_t> below_int64_min = {0xA1, 0x61, 'x', 0x3B, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF - 12};
+  std::vector<uint8_t> just_below_int64_min = {0xA1, 0x61, 'x', 0x3B, 0x80, 0, 0, 0, 0, 0, 0, 0};
   std::vector<uint8_t> int_key = {0xA1, 0x01, 0x02};
   std::vector<uint8_t> valid = cbor(json{{"taskinfo", "taskinfo"}, {"pid", 12}});
   std::vector<uint8_t> truncated(valid.begin(), valid.end() - 3);
@@ -96,6 +100,8 @@ TEST(XPCCodec, DecodeRejectsMalformedAndWronglyTypedBodies) {
       {"five levels of arrays", deep_array},
       {"1000 levels", very_deep},
       {"unsigned above int64", huge_unsigned},
+      {"-2^64 + 12", below_int64_min},
+      {"INT64_MIN - 1", just_below_int64_min},
       {"integer key", int_key},
       {"truncated", truncated},
       {"trailing byte", trailing},
@@ -110,6 +116,15 @@ TEST(XPCCodec, DecodeRejectsMalformedAndWronglyTypedBodies) {
     std::string error;
     EXPECT_FALSE(xpcDecode(c.body, fds, &error)) << c.name;
     EXPECT_FALSE(error.empty()) << c.name;
+  }
+}
+
+TEST(XPCCodec, TheWholeInt64RangeDecodes) {
+  for (int64_t v : {std::numeric_limits<int64_t>::min(), int64_t{-1}, int64_t{0}, std::numeric_limits<int64_t>::max()}) {
+    std::vector<UniqueFd> fds;
+    auto dict = xpcDecode(cbor(json{{"x", v}}), fds);
+    ASSERT_TRUE(dict) << v;
+    EXPECT_EQ(xpcInt(*dict, "x"), v);
   }
 }
 

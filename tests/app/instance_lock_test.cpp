@@ -1,0 +1,100 @@
+// One instance per user, and no other user can keep a user's application from starting.
+#include "app/instance_lock.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+
+#include "helper_link/temp_tree.h"
+
+namespace pelmora {
+namespace {
+
+using Outcome = InstanceLock::Outcome;
+
+// A process of uid 65534 that holds the abstract name a user's instance used to rely on alone:
+// "net.tandrel.pelmora-<uid>" of the user it targets.
+class NameSquatter {
+ public:
+  explicit NameSquatter(uid_t victim) {
+    int ready[2];
+    if (::pipe(ready) != 0) return;
+    m_pid = ::fork();
+    if (m_pid == 0) {
+      if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(1);
+      const std::string name = "net.tandrel.pelmora-" + std::to_string(victim);
+      sockaddr_un address{};
+      address.sun_family = AF_UNIX;
+      std::memcpy(address.sun_path + 1, name.data(), name.size());
+      const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+      const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+      if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), length) != 0 || ::listen(fd, 4) != 0) ::_exit(2);
+      [[maybe_unused]] auto n = ::write(ready[1], "x", 1);
+      for (;;) ::pause();
+    }
+    ::close(ready[1]);
+    char byte;
+    m_holding = ::read(ready[0], &byte, 1) == 1;
+    ::close(ready[0]);
+  }
+  ~NameSquatter() {
+    ::kill(m_pid, SIGKILL);
+    ::waitpid(m_pid, nullptr, 0);
+  }
+  bool holding() const { return m_holding; }
+
+ private:
+  pid_t m_pid = -1;
+  bool m_holding = false;
+};
+
+TEST(InstanceLock, AnotherUserHoldingTheOldNameDoesNotBlockTheStart) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to hold the name as another user";
+  test::TempTree runtime;  // made 0700 by mkdtemp
+  test::TempTree open_folder;
+  std::filesystem::permissions(open_folder.path(), std::filesystem::perms(0755));
+  NameSquatter squatter(::getuid());
+  ASSERT_TRUE(squatter.holding());
+  const struct {
+    const char* name;
+    std::string runtime_dir;
+    Outcome want;
+  } cases[] = {
+      {"private runtime folder", runtime.path().string(), Outcome::kFirst},
+      {"no runtime folder", "", Outcome::kUnchecked},
+      {"a runtime folder others may enter", open_folder.path().string(), Outcome::kUnchecked},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(InstanceLock::claim(c.runtime_dir).outcome(), c.want);
+  }
+}
+
+TEST(InstanceLock, ASecondStartAsksTheFirstToShowItself) {
+  test::TempTree runtime;
+  for (const std::string& dir : {runtime.path().string(), std::string()}) {
+    SCOPED_TRACE(dir.empty() ? "abstract name" : "runtime folder");
+    {
+      InstanceLock first = InstanceLock::claim(dir);
+      ASSERT_EQ(first.outcome(), Outcome::kFirst);
+      EXPECT_EQ(InstanceLock::claim(dir).outcome(), Outcome::kOtherRunning);
+      const int asked = ::accept4(first.listenFd(), nullptr, nullptr, SOCK_CLOEXEC);
+      EXPECT_GE(asked, 0);
+      if (asked >= 0) ::close(asked);
+    }
+    // The first instance is gone (crashed or quit): its leftovers do not block the next start.
+    InstanceLock next = InstanceLock::claim(dir);
+    EXPECT_EQ(next.outcome(), Outcome::kFirst);
+    EXPECT_GE(next.listenFd(), 0);
+  }
+}
+
+}  // namespace
+}  // namespace pelmora
