@@ -5,8 +5,14 @@
 set -eu
 dir=$(dirname "$(readlink -f "$0")")
 settings=$(cat "$dir/settings")
-# The helper checked the text before saving it; check again, as the file outlives that check.
-if ! printf '%s\n' "$settings" | grep -Eqx '(-h (on|off) )?(-p )?-t (on|off) -n [0-9]{1,4}'; then
+# The helper checked the text before saving it; check again, as the file outlives that check. The
+# whole text must be one line of that form (grep alone would accept one good line among others).
+nl='
+'
+case $settings in
+  *"$nl"*) settings= ;;
+esac
+if ! printf '%s\n' "$settings" | grep -Eqx '(-h (on|off) )?(-p )?-t (on|off) -n [1-9][0-9]{0,3}'; then
   echo "applyboot: malformed settings text in $dir/settings" >&2
   exit 1
 fi

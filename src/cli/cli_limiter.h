@@ -1,8 +1,9 @@
 #pragma once
 // The CPULimiter of a CLI command: the shared helper client (daemon, or in-process with the user's
-// rights), the real /proc, and a settings store of its own in a temporary folder, so that a command
-// line run neither applies nor changes the desktop's saved limits and priorities. Creating it
-// continues whatever a previous run that died left stopped.
+// rights), the real /proc, and a settings store of its own that lives in memory only, so that a
+// command-line run neither applies nor changes the desktop's saved limits and priorities, and
+// leaves no file anywhere (whatever TMPDIR says, and however it ends). Creating it continues
+// whatever a previous run that died left stopped.
 #include <filesystem>
 #include <memory>
 
@@ -21,7 +22,6 @@ class CliLimiter {
   CPULimiter* operator->() { return m_limiter.get(); }
 
  private:
-  std::filesystem::path m_dir;
   std::unique_ptr<DefaultSettings> m_settings;
   std::unique_ptr<CPULimiter> m_limiter;
 };

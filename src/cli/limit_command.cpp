@@ -39,8 +39,10 @@ std::optional<LimitOptions> parseOptions(const std::vector<std::string>& args) {
   const auto percent = parseDouble(positional[1]);
   const long cpus = sysconf(_SC_NPROCESSORS_ONLN);
   if (!pid || *pid <= 1 || *pid > INT32_MAX) return std::nullopt;
-  // A share of one processor; a many-threaded process may be given more than one.
-  if (!percent || *percent <= 0 || *percent > 100.0 * static_cast<double>(cpus > 0 ? cpus : 1)) return std::nullopt;
+  // A share of one processor; a many-threaded process may be given more than one. Written so that
+  // NaN (which fails every comparison) is refused too.
+  const double most = 100.0 * static_cast<double>(cpus > 0 ? cpus : 1);
+  if (!percent || !(*percent > 0 && *percent <= most)) return std::nullopt;
   o.pid = static_cast<int32_t>(*pid);
   o.share = *percent / 100.0;
   return o;

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <regex>
 #include <system_error>
+#include <tuple>
+#include <vector>
 
 #include "support/sys_root.h"
 
@@ -16,10 +18,9 @@ namespace fs = std::filesystem;
 namespace pelmora {
 namespace {
 
-// Writes a file under a temporary name and renames it into place, so a crash leaves the old file
-// or the new one, never half of one.
-std::string writeAtomically(const fs::path& target, const std::string& content, mode_t mode) {
-  const fs::path temp = target.string() + ".tmp";
+// Writes a complete file (content, mode, fsync) at `path`, which must not exist yet as anything but
+// a leftover regular file. Empty, or the error text.
+std::string writeStaged(const fs::path& temp, const std::string& content, mode_t mode) {
   const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, mode);
   if (fd < 0) return "could not create " + temp.string() + ": " + std::strerror(errno);
   size_t done = 0;
@@ -35,12 +36,54 @@ std::string writeAtomically(const fs::path& target, const std::string& content, 
   }
   if (!error && (::fchmod(fd, mode) != 0 || ::fsync(fd) != 0)) error = errno;
   ::close(fd);
-  if (!error && ::rename(temp.c_str(), target.c_str()) != 0) error = errno;
   if (error) {
     ::unlink(temp.c_str());
-    return "could not write " + target.string() + ": " + std::strerror(error);
+    return "could not write " + temp.string() + ": " + std::strerror(error);
   }
   return {};
+}
+
+// One file of an installation: staged beside its place first, so that nothing is replaced until
+// every file has been written, and the file it replaced kept until the whole install has worked.
+struct StagedFile {
+  fs::path target;
+  fs::path staged() const { return target.string() + ".new"; }
+  fs::path previous() const { return target.string() + ".old"; }
+  bool had_previous = false;
+  bool placed = false;
+};
+
+// Puts the staged files in place, keeping what they replace as .old. On a failure every file placed
+// so far is put back as it was. Empty, or the error text.
+std::string placeAll(std::vector<StagedFile>& files) {
+  for (StagedFile& f : files) {
+    std::error_code ec;
+    fs::remove(f.previous(), ec);
+    f.had_previous = ::link(f.target.c_str(), f.previous().c_str()) == 0;
+    if (::rename(f.staged().c_str(), f.target.c_str()) != 0) return "could not install " + f.target.string() + ": " + std::strerror(errno);
+    f.placed = true;
+  }
+  return {};
+}
+
+void rollBack(std::vector<StagedFile>& files) {
+  for (StagedFile& f : files) {
+    std::error_code ec;
+    fs::remove(f.staged(), ec);
+    if (f.placed && f.had_previous) {
+      ::rename(f.previous().c_str(), f.target.c_str());
+    } else if (f.placed) {
+      fs::remove(f.target, ec);
+    }
+    fs::remove(f.previous(), ec);
+  }
+}
+
+void dropPrevious(const std::vector<StagedFile>& files) {
+  for (const StagedFile& f : files) {
+    std::error_code ec;
+    fs::remove(f.previous(), ec);
+  }
 }
 
 std::string removeIfPresent(const fs::path& path) {
@@ -52,7 +95,8 @@ std::string removeIfPresent(const fs::path& path) {
 }  // namespace
 
 bool validBootSettings(const std::string& settings) {
-  static const std::regex form("(-h (on|off) )?(-p )?-t (on|off) -n [0-9]{1,4}");
+  // At least one processor stays on: "-n 0" would make the boot-time tool fail at every boot.
+  static const std::regex form("(-h (on|off) )?(-p )?-t (on|off) -n [1-9][0-9]{0,3}");
   return std::regex_match(settings, form);
 }
 
@@ -87,25 +131,46 @@ std::string BootInstaller::install(const BootRequest& r) const {
   fs::create_directories(m_paths.unit_dir / "multi-user.target.wants", ec);
   if (ec) return "could not create " + m_paths.unit_dir.string() + ": " + ec.message();
   struct Copy {
-    std::string from;
+    std::string content;
     fs::path to;
     mode_t mode;
   };
-  for (const Copy& c : {Copy{r.script, m_paths.state_dir / "applyboot.sh", 0755},
-                        Copy{r.tool, m_paths.state_dir / "pelmora", 0755},
-                        Copy{r.unit, m_paths.unit_dir / kBootUnitName, 0644}}) {
-    auto content = SysRoot::readFile(c.from, 64 << 20);
-    if (!content) return "could not read " + c.from;
-    if (std::string error = writeAtomically(c.to, *content, c.mode); !error.empty()) return error;
+  std::vector<Copy> copies;
+  for (const auto& [from, to, mode] : {std::tuple{r.script, m_paths.state_dir / "applyboot.sh", 0755},
+                                       std::tuple{r.tool, m_paths.state_dir / "pelmora", 0755},
+                                       std::tuple{r.unit, m_paths.unit_dir / kBootUnitName, 0644}}) {
+    auto content = SysRoot::readFile(from, 64 << 20);
+    if (!content) return "could not read " + from;
+    copies.push_back({std::move(*content), to, static_cast<mode_t>(mode)});
   }
-  if (std::string error = writeAtomically(m_paths.state_dir / "settings", r.settings + "\n", 0644); !error.empty()) {
+  copies.push_back({r.settings + "\n", m_paths.state_dir / "settings", 0644});
+  // All or nothing: a failure at any step leaves the previous installation (or none) as it was.
+  std::vector<StagedFile> files;
+  for (const Copy& c : copies) files.push_back({c.to});
+  std::string error;
+  for (size_t i = 0; i < copies.size() && error.empty(); ++i) {
+    error = writeStaged(files[i].staged(), copies[i].content, copies[i].mode);
+  }
+  if (error.empty()) error = placeAll(files);
+  if (error.empty()) error = enable();
+  if (!error.empty()) {
+    rollBack(files);
     return error;
   }
-  const fs::path link = m_paths.unit_dir / "multi-user.target.wants" / kBootUnitName;
-  fs::remove(link, ec);
-  fs::create_symlink(fs::path("..") / kBootUnitName, link, ec);
-  if (ec) return "could not enable " + std::string(kBootUnitName) + ": " + ec.message();
+  dropPrevious(files);
   return "OK";
+}
+
+std::string BootInstaller::enable() const {
+  const fs::path link = m_paths.unit_dir / "multi-user.target.wants" / kBootUnitName;
+  const fs::path staged = link.string() + ".new";
+  std::error_code ec;
+  fs::remove(staged, ec);
+  fs::create_symlink(fs::path("..") / kBootUnitName, staged, ec);
+  if (!ec) fs::rename(staged, link, ec);
+  if (!ec) return {};
+  fs::remove(staged, ec);
+  return "could not enable " + std::string(kBootUnitName) + ": " + ec.message();
 }
 
 std::string BootInstaller::uninstall() const {

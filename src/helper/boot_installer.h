@@ -24,13 +24,14 @@ struct BootRequest {
 
 inline constexpr const char* kBootUnitName = "net.tandrel.bootpelmora.service";
 
-// Whether the settings text has the form "(-h (on|off) )?(-p )?-t (on|off) -n N" (1 to 4 digits).
+// Whether the settings text has the form "(-h (on|off) )?(-p )?-t (on|off) -n N", N from 1 to 9999.
 bool validBootSettings(const std::string& settings);
 
 class BootInstaller {
  public:
   explicit BootInstaller(BootPaths paths = {});
-  // "OK" or the error text; a refused request changes nothing.
+  // "OK" or the error text; a refused or failed request changes nothing (a failure part of the way
+  // through puts back the previous installation, or none).
   std::string install(const BootRequest& request) const;
   std::string uninstall() const;
 
@@ -38,6 +39,9 @@ class BootInstaller {
   std::string checkSource(const std::string& path, const std::string& expected_name) const;
 
  private:
+  // The multi-user.target.wants link; empty or the error text.
+  std::string enable() const;
+
   BootPaths m_paths;
 };
 

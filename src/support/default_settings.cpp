@@ -73,6 +73,7 @@ void DefaultSettings::ensureLoadedLocked() {
   m_loaded = true;
   m_read_only = false;
   m_values = nlohmann::json::object();
+  if (m_file.empty()) return;
   std::ifstream in(m_file, std::ios::binary);
   if (!in) return;  // no file yet: defaults
   std::error_code ec;
@@ -210,7 +211,7 @@ void DefaultSettings::logWriteFailureLocked(const std::string& line) {
 }
 
 void DefaultSettings::writeLocked() {
-  if (m_read_only) return;
+  if (m_read_only || m_file.empty()) return;
   if (m_batches > 0) {
     m_dirty = true;
     return;

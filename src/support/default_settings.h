@@ -20,7 +20,8 @@ class DefaultSettings {
  public:
   // The store at paths::configDir()/defaults.json, loaded on first use.
   static DefaultSettings& shared();
-  // A store on its own file (tests, tools).
+  // A store on its own file (tests, tools). An empty path: a store in memory only, that never reads
+  // or writes a file (command-line runs that must not touch the desktop's settings).
   explicit DefaultSettings(std::filesystem::path file);
 
   bool loadBool(const std::string& key, bool def);

@@ -23,7 +23,9 @@ TEST(BootSettings, OnlyTheFlagFormIsAccepted) {
       {"-t on -n 4", true},
       {"-h on -p -t off -n 6", true},
       {"-h off -t on -n 1234", true},
-      {"-p -t on -n 0", true},
+      {"-p -t on -n 10", true},
+      {"-p -t on -n 0", false},   // no processor at all: the boot-time tool would fail at every boot
+      {"-t on -n 007", false},
       {"-t on -n 12345", false},
       {"-n 4 -t on", false},
       {"-h maybe -t on -n 4", false},
@@ -120,6 +122,44 @@ TEST_F(BootInstall, RefusesUntrustedSourcesAndChangesNothing) {
   fs::permissions(src, fs::perms(0755));
   ASSERT_EQ(::chown(src.c_str(), 65534, 65534), 0);
   EXPECT_NE(installer.checkSource((src / "pelmora").string(), "pelmora").find("folder"), std::string::npos);
+}
+
+TEST_F(BootInstall, AFailedInstallPutsBackWhatWasThere) {
+  const BootInstaller installer(m_paths);
+  const fs::path wants_link = m_paths.unit_dir / "multi-user.target.wants" / kBootUnitName;
+  const struct {
+    const char* name;
+    fs::path blocker;  // a folder with something in it where the installer must write
+  } faults[] = {
+      {"the unit cannot be staged", m_paths.unit_dir / (std::string(kBootUnitName) + ".new")},
+      {"the unit cannot be enabled", wants_link},
+  };
+  for (const bool installed_before : {false, true}) {
+    for (const auto& f : faults) {
+      SCOPED_TRACE(std::string(f.name) + (installed_before ? ", over an installation" : ", fresh"));
+      ASSERT_EQ(installer.uninstall(), "OK");
+      if (installed_before) ASSERT_EQ(installer.install(request("-t on -n 2")), "OK");
+      writeText(m_paths.source_dir / "pelmora", "a newer pelmora\n");
+      fs::remove(f.blocker);
+      fs::create_directories(f.blocker / "occupied");
+      EXPECT_NE(installer.install(request()), "OK");
+      fs::remove_all(f.blocker);
+      if (installed_before) {
+        EXPECT_EQ(readTrimmed(m_paths.state_dir / "settings"), "-t on -n 2");
+        EXPECT_EQ(readTrimmed(m_paths.state_dir / "pelmora"), "content of pelmora");
+        EXPECT_TRUE(fs::exists(m_paths.unit_dir / kBootUnitName));
+      } else {
+        EXPECT_TRUE(nothingInstalled());
+      }
+      for (const fs::path& dir : {m_paths.state_dir, m_paths.unit_dir}) {
+        for (const auto& entry : fs::directory_iterator(dir)) {
+          const std::string name = entry.path().filename().string();
+          EXPECT_FALSE(name.ends_with(".new") || name.ends_with(".old")) << "left behind: " << name;
+        }
+      }
+      writeText(m_paths.source_dir / "pelmora", "content of pelmora\n");
+    }
+  }
 }
 
 TEST_F(BootInstall, TheRequestNeedsAdministratorRightsAndCheckedFields) {

@@ -87,9 +87,14 @@ TEST(BootApply, TheScriptRefusesATamperedSettingsFile) {
   tree.write("pelmora", kRecordingTool);
   ::chmod((tree / "pelmora").c_str(), 0755);
   ::chmod((tree / "applyboot.sh").c_str(), 0755);
-  tree.write("settings", "-t on -n 2; touch /tmp/x\n");
-  EXPECT_NE(std::system(((tree / "applyboot.sh").string() + " 2>/dev/null").c_str()), 0);
-  EXPECT_FALSE(fs::exists(tree / "ran-with"));
+  for (const char* text : {"-t on -n 2; touch /tmp/x\n",
+                           "-t on -n 2\n-t on -n 4 -h on\n",  // one good line among others
+                           "garbage\n-t on -n 2\n", "-t on -n 0\n"}) {
+    SCOPED_TRACE(text);
+    tree.write("settings", text);
+    EXPECT_NE(std::system(((tree / "applyboot.sh").string() + " 2>/dev/null").c_str()), 0);
+    EXPECT_FALSE(fs::exists(tree / "ran-with"));
+  }
 }
 
 TEST(BootApply, RefusesUnacceptableResourcesAndChangesNothing) {
