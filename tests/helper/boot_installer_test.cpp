@@ -138,7 +138,9 @@ TEST_F(BootInstall, AFailedInstallPutsBackWhatWasThere) {
     for (const auto& f : faults) {
       SCOPED_TRACE(std::string(f.name) + (installed_before ? ", over an installation" : ", fresh"));
       ASSERT_EQ(installer.uninstall(), "OK");
-      if (installed_before) ASSERT_EQ(installer.install(request("-t on -n 2")), "OK");
+      if (installed_before) {
+        ASSERT_EQ(installer.install(request("-t on -n 2")), "OK");
+      }
       writeText(m_paths.source_dir / "pelmora", "a newer pelmora\n");
       fs::remove(f.blocker);
       fs::create_directories(f.blocker / "occupied");

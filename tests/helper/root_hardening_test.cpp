@@ -38,7 +38,9 @@ TEST(RootHardening, TheDaemonBinaryIsBuiltAsRootCode) {
   EXPECT_TRUE(contains(*segments, "GNU_RELRO")) << "no RELRO segment";
   EXPECT_TRUE(contains(*dynamic, "BIND_NOW") || contains(*dynamic, "Flags: NOW")) << "relocations not bound at start";
   EXPECT_TRUE(contains(*symbols, "__stack_chk_fail")) << "no stack protector";
-  if (PELMORA_HELPER_FORTIFIED) EXPECT_TRUE(contains(*symbols, "_chk@")) << "no fortified libc call";
+  if (PELMORA_HELPER_FORTIFIED) {
+    EXPECT_TRUE(contains(*symbols, "_chk@")) << "no fortified libc call";
+  }
 }
 
 TEST(RootHardening, TheServiceIsSandboxedAndKeepsWhatTheDaemonNeeds) {
@@ -63,7 +65,9 @@ TEST(RootHardening, TheServiceIsSandboxedAndKeepsWhatTheDaemonNeeds) {
                            "CapabilityBoundingSet=~CAP_SYS_(NICE|RESOURCE)", "CapabilityBoundingSet=~CAP_SYS_PTRACE",
                            "RestrictAddressFamilies=~AF_UNIX", "RestrictAddressFamilies=~AF_NETLINK"}) {
     for (std::string_view line : split(*report, '\n', false)) {
-      if (line.find(std::string(" ") + kept) != std::string_view::npos) EXPECT_TRUE(startsWith(line, "✗")) << line;
+      if (line.find(std::string(" ") + kept) != std::string_view::npos) {
+        EXPECT_TRUE(startsWith(line, "✗")) << line;
+      }
     }
   }
   const auto overall = report->find("Overall exposure level");
