@@ -72,8 +72,10 @@ void ChildRegistry::release(uint64_t token, UniqueFd pidfd, bool started) {
 
 void ChildRegistry::endAll(const Connection& owner) {
   std::lock_guard lock(m_mutex);
-  std::erase_if(m_entries, [&](const Entry& e) {
+  std::erase_if(m_entries, [&](Entry& e) {
     if (e.owner != &owner) return false;
+    e.owner = nullptr;  // the address may be reused by a later connection
+    if (!runsUntilStopped(e.kind)) return false;
     if (e.pidfd) pidfdSignal(e.pidfd.get(), SIGKILL);
     return true;
   });

@@ -4,7 +4,9 @@
 // daemon fork root processes at will, so:
 //   - a connection has at most one child of each kind: a new request ends the previous one;
 //   - one user has at most kMaxChildrenPerUser children, all users together kMaxChildren;
-//   - a connection's children end when the connection does.
+//   - a connection's long-running children (the "nettop" reader) end when the connection does; a
+//     one-shot sampler ("powermetrics", at most 10 s) is left to deliver its lines through the
+//     pipe it was given, and counts against its user until it exits.
 // Children are tracked by pidfd: it cannot name a recycled pid, and it reads as ready once the child
 // has exited, so an exited child stops counting without any word from whoever reaps it.
 #include <sys/types.h>
@@ -54,14 +56,17 @@ class ChildRegistry {
   // Ends `owner`'s previous child of this kind (SIGKILL) and reserves room for the next one. An empty
   // slot, with the refusal in *refusal, when the caps are reached.
   Slot reserve(const Connection& owner, ChildKind kind, std::string* refusal);
-  // Ends every child `owner` started. Called when its connection closes.
+  // Called when `owner`'s connection closes: ends its long-running children and lets its one-shot
+  // ones finish (they still count until they exit).
   void endAll(const Connection& owner);
+  // Whether children of this kind run until stopped, rather than ending by themselves.
+  static bool runsUntilStopped(ChildKind kind) { return kind == ChildKind::kNettop; }
   // Children still running (and places reserved for children being started).
   size_t liveCount();
 
  private:
   struct Entry {
-    const Connection* owner = nullptr;
+    const Connection* owner = nullptr;  // null once the connection has closed
     uid_t uid = 0;
     ChildKind kind = ChildKind::kPowerMetrics;
     uint64_t token = 0;

@@ -21,7 +21,8 @@ namespace {
 
 using namespace pelmora::testing;
 
-XPCDict powerMetricsRequest() { return {{"powermetrics", "powermetrics"}, {"sample_interval", 10000}}; }
+// Long enough to outlast the counting, short enough not to hold the test output open for long.
+XPCDict powerMetricsRequest() { return {{"powermetrics", "powermetrics"}, {"sample_interval", 3000}}; }
 
 TEST_F(HelperDaemonTest, SamplerChildrenAreBoundedPerConnectionUserAndDaemon) {
   const HelperDaemonChild* daemon = s_daemon;
@@ -48,8 +49,9 @@ TEST_F(HelperDaemonTest, SamplerChildrenAreBoundedPerConnectionUserAndDaemon) {
     return out;
   });
   EXPECT_EQ(failures, "");
-  // The user's connections are gone, and their children with them; another user is served.
-  EXPECT_TRUE(eventually([] { return s_daemon->liveChildren() == 0; })) << s_daemon->liveChildren();
+  // The user's connections are gone; their samplers finish their measurement, and another user is
+  // served meanwhile.
+  EXPECT_LE(s_daemon->liveChildren(), ChildRegistry::kMaxChildrenPerUser);
   EXPECT_EQ(xpcInt(ask(powerMetricsRequest()), "result"), 1);
 }
 
@@ -256,11 +258,14 @@ TEST(ChildRegistryTest, CapsReplacementAndEndOfConnection) {
     }
   }
   EXPECT_NE(start(connection(3, 4), ChildKind::kNettop), "");
-  // A child that exits by itself frees its place; a closed connection ends its children.
+  // A child that exits by itself frees its place; a closed connection ends its long-running children.
   children[1]->reap(false);
   EXPECT_EQ(start(connection(3, 4), ChildKind::kNettop), "");
+  registry.endAll(connection(1, 0));
+  EXPECT_EQ(children[5]->reap(true), SIGKILL);
+  // A closed connection's sampler is left to finish its measurement.
   registry.endAll(connection(0, 2));
-  EXPECT_EQ(children[2]->reap(true), SIGKILL);
+  EXPECT_EQ(children[2]->reap(false), 0);
   // A slot given up without a child frees its place too.
   {
     std::string refusal;
