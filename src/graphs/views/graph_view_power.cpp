@@ -8,7 +8,8 @@ void GraphViewPower::update(const std::vector<powerStats>& history) {
   auto scaled = powerColumns(history, width());
   m_power = std::move(scaled.columns);
   m_max_power = scaled.max;
-  m_sensor = !history.empty() && history.back().sensor;
+  m_sampled = !history.empty();
+  m_sensor = m_sampled && history.back().sensor;
   redraw();
 }
 
@@ -23,9 +24,11 @@ void GraphViewPower::drawGraph(QPainter& painter) {
 
 QString GraphViewPower::currentText() const {
   if (!GraphSwitches::current().show_current) return {};
-  if (m_power.empty()) return "\n" + tr("Total:") + " " + pending();
-  // Without a sensor the figure would read "0.0 W", which no machine draws.
+  if (!m_sampled) return "\n" + tr("Total:") + " " + pending();
+  // Without a sensor the figure would read "0.0 W", which no machine draws. Checked before the
+  // columns, which stay empty when every sample is zero.
   if (!m_sensor) return "\n" + tr("no power sensor");
+  if (m_power.empty()) return "\n" + tr("Total:") + " " + pending();
   const double total = m_power.back().total * m_max_power;
   return "\n" + tr("Total:") + " " + number(total, 1) + " W\n" + tr("Peak:") + " " + number(m_max_power, 1) + " W";
 }

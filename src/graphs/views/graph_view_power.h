@@ -28,6 +28,7 @@ class GraphViewPower : public GraphView {
   std::vector<power_column> m_power;
   double m_max_power = 0.0;
   bool m_sensor = false;
+  bool m_sampled = false;  // at least one sample arrived, with or without a sensor
 };
 
 }  // namespace pelmora
