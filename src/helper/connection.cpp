@@ -18,13 +18,12 @@ uint64_t startTicks(pid_t pid) {
 }  // namespace
 
 Connection::Connection(CallerIdentity caller)
-    : m_caller(caller), m_mutex(std::make_unique<Mutex>()), m_authorised(caller.uid == 0) {}
+    : m_caller(caller), m_mutex(std::make_unique<Mutex>()) {}
 
 Connection::Connection(Connection&& other) noexcept
     : m_caller(other.m_caller),
       m_close_requested(other.m_close_requested),
       m_mutex(std::move(other.m_mutex)),
-      m_authorised(other.m_authorised),
       m_stopped(std::move(other.m_stopped)),
       m_recent(std::move(other.m_recent)) {
   other.m_stopped.clear();
@@ -45,16 +44,6 @@ std::optional<Connection> Connection::fromSocket(int socket_fd) {
     return std::nullopt;
   }
   return Connection(CallerIdentity{cred.uid, cred.pid, startTicks(cred.pid)});
-}
-
-bool Connection::authorised() const {
-  MutexLock lock(*m_mutex);
-  return m_authorised;
-}
-
-void Connection::setAuthorised(bool authorised) {
-  MutexLock lock(*m_mutex);
-  m_authorised = authorised;
 }
 
 void Connection::noteStopped(pid_t pid, UniqueFd pidfd) {

@@ -1,7 +1,8 @@
 #pragma once
-// One caller of the helper: who it is (taken once, when it connects), whether it has been
-// authorised, and which processes it has stopped. When the connection ends, every process it
-// stopped and did not continue is continued, so a crashed application never leaves one frozen.
+// One caller of the helper: who it is (taken once, when it connects) and which processes it has
+// stopped. Whether it is authorised is kept per process, in the handler's grant table. When the
+// connection ends, every process it stopped and did not continue is continued, so a crashed
+// application never leaves one frozen.
 // In the daemon this code runs as root.
 #include <sys/types.h>
 
@@ -47,10 +48,6 @@ class Connection {
   Connection& operator=(Connection&&) = delete;
 
   const CallerIdentity& caller() const { return m_caller; }
-  // uid 0 is authorised from the start; others after a successful "authorize".
-  bool authorised() const;
-  void setAuthorised(bool authorised);
-
   // Bookkeeping for crash safety. pidfd must refer to the stopped process.
   void noteStopped(pid_t pid, UniqueFd pidfd);
   void noteContinued(pid_t pid);
@@ -67,8 +64,7 @@ class Connection {
  private:
   CallerIdentity m_caller;
   bool m_close_requested = false;
-  mutable std::unique_ptr<Mutex> m_mutex;  // guards the two fields below
-  bool m_authorised = false;
+  mutable std::unique_ptr<Mutex> m_mutex;  // guards m_stopped
   std::map<pid_t, UniqueFd> m_stopped;
   RecentProcess m_recent;
 };

@@ -172,7 +172,7 @@ RequestHandler::Admission RequestHandler::locate(const XPCDict& request, Act act
 
 void RequestHandler::checkCaller(Admission& a, const Connection& caller, Access need) const {
   if (!a.refusal.empty()) return;
-  if (auto why = checkAccess(need, caller.caller(), caller.authorised(), m_options.privileged, &a.target)) {
+  if (auto why = checkAccess(need, caller.caller(), authorised(caller), m_options.privileged, &a.target)) {
     a.error = EPERM;
     a.refusal = *why;
   }
@@ -206,7 +206,7 @@ UniqueFd RequestHandler::pidfdFor(const XPCDict& request) {
 }
 
 std::optional<std::string> RequestHandler::needAdmin(const Connection& caller) const {
-  return checkAccess(Access::kAuthorised, caller.caller(), caller.authorised(), m_options.privileged, nullptr);
+  return checkAccess(Access::kAuthorised, caller.caller(), authorised(caller), m_options.privileged, nullptr);
 }
 
 // --- processors and throttling -------------------------------------------------------------------------
@@ -405,20 +405,26 @@ XPCDict RequestHandler::applyBoot(const XPCDict& request, Connection& caller) {
   return {{"applyboot", m_boot.install({*script, *tool, *unit, *settings})}};
 }
 
-XPCDict RequestHandler::authorize(const XPCDict&, Connection& caller) {
-  if (caller.caller().uid == 0) {
-    caller.setAuthorised(true);
-    return {{"authorize", "OK"}};
-  }
+bool RequestHandler::authorised(const Connection& caller) const {
+  return caller.caller().uid == 0 || m_grants.granted(caller.caller());
+}
+
+// May wait minutes for the user's password: only this connection's thread waits, and the grant then
+// holds for every connection of the calling process. With "interactive" 0 the daemon only says
+// whether the process holds a grant already (a client that reconnected asks this way).
+XPCDict RequestHandler::authorize(const XPCDict& request, Connection& caller) {
+  if (authorised(caller)) return {{"authorize", "OK"}};
   if (!m_options.privileged) return {{"authorize", kHelperNotRunning}};
+  if (xpcInt(request, "interactive") == int64_t{0}) return {{"authorize", "not authorised: no grant held"}};
   if (!m_options.authorizer) return {{"authorize", "not authorised: only root is an administrator here"}};
   const std::string answer = m_options.authorizer->authorize(caller.caller());
-  caller.setAuthorised(answer == "OK");
-  return {{"authorize", answer}};
+  if (answer != "OK") return {{"authorize", answer}};
+  if (!m_grants.grant(caller.caller())) return {{"authorize", "not authorised: the caller's start time is unknown"}};
+  return {{"authorize", "OK"}};
 }
 
 XPCDict RequestHandler::deauthorize(const XPCDict&, Connection& caller) {
-  caller.setAuthorised(caller.caller().uid == 0);
+  m_grants.revoke(caller.caller());
   return {{"deauthorize", "OK"}};
 }
 

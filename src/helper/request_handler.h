@@ -20,6 +20,7 @@
 #include "helper/child_registry.h"
 #include "helper/connection.h"
 #include "helper/cpu_control.h"
+#include "helper/grant_table.h"
 #include "helper/policy.h"
 #include "helper/thread_renicer.h"
 #include "helper/throttle_writer.h"
@@ -114,6 +115,8 @@ class RequestHandler {
   std::optional<std::string> needAdmin(const Connection& caller) const;
   // A pidfd for the request's "pid", invalid when there is no such process.
   static UniqueFd pidfdFor(const XPCDict& request);
+  // uid 0, or a process that holds a grant.
+  bool authorised(const Connection& caller) const;
 
   HelperOptions m_options;
   ProcTaskReader m_reader;
@@ -122,6 +125,7 @@ class RequestHandler {
   BootInstaller m_boot;
   ThreadRenicer m_renicer;
   ChildRegistry m_children;
+  GrantTable m_grants;  // per client process, shared by all its connections
 };
 
 }  // namespace pelmora

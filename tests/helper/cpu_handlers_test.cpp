@@ -202,6 +202,50 @@ TEST_F(CpuHandlers, ProcessorChangesNeedAdministratorRights) {
   }
 }
 
+// Grants polkit's answer and counts how often it was asked.
+class CountingAuthorizer : public Authorizer {
+ public:
+  std::string authorize(const CallerIdentity&) override {
+    ++asked;
+    return "OK";
+  }
+  int asked = 0;
+};
+
+TEST_F(CpuHandlers, AGrantHoldsForEveryConnectionOfTheProcessUntilDeauthorize) {
+  m_sys = copyFixture("cpu-smt-4c8t", *m_dir);
+  auto authorizer = std::make_shared<CountingAuthorizer>();
+  HelperOptions options;
+  options.root = SysRoot("/proc", m_sys.string());
+  options.authorizer = authorizer;
+  RequestHandler handler(options);
+  const uint64_t start = ProcTaskReader().readStat(::getpid())->starttime_ticks;
+  // An ordinary user's process (this one, so that its start time is real), a second connection of
+  // it, the same pid recycled by a later process, and another process of the same user.
+  Connection first(CallerIdentity{1000, ::getpid(), start}), second(CallerIdentity{1000, ::getpid(), start});
+  Connection recycled(CallerIdentity{1000, ::getpid(), start + 1}), other(CallerIdentity{1000, ::getppid(), 5});
+  auto throttle = [&](Connection& c) { return *xpcString(handler.handle({{"throttle", ""}, {"enable", 1}}, c), "throttle"); };
+  auto authorize = [&](Connection& c, int64_t interactive) {
+    return *xpcString(handler.handle({{"authorize", ""}, {"interactive", interactive}}, c), "authorize");
+  };
+  EXPECT_EQ(authorize(other, 0), "not authorised: no grant held") << "asking without a dialog never asks polkit";
+  EXPECT_EQ(authorizer->asked, 0);
+  EXPECT_EQ(authorize(first, 1), "OK");
+  EXPECT_EQ(authorizer->asked, 1);
+  const struct {
+    Connection* caller;
+    bool authorised;
+  } after_grant[] = {{&first, true}, {&second, true}, {&recycled, false}, {&other, false}};
+  for (const auto& c : after_grant) {
+    EXPECT_EQ(throttle(*c.caller) == "OK", c.authorised) << c.caller->caller().start_ticks;
+    EXPECT_EQ(authorize(*c.caller, 0) == "OK", c.authorised);
+  }
+  EXPECT_EQ(authorize(second, 1), "OK");
+  EXPECT_EQ(authorizer->asked, 1) << "the grant answers; polkit is not asked again";
+  EXPECT_EQ(*xpcString(handler.handle({{"deauthorize", ""}}, second), "deauthorize"), "OK");
+  EXPECT_NE(throttle(first), "OK") << "deauthorize on one connection ends the grant for all";
+}
+
 TEST_F(CpuHandlers, ThrottleWritesEveryPhysicalDisk) {
   RequestHandler handler = handlerFor("cpu-smt-4c8t");
   const struct {
