@@ -49,6 +49,8 @@ class FallbackTransport : public XPCTransport {
   void sendOneWay(const XPCDict& message) override;
   // The daemon's connection, or the in-process one's, whichever the next request goes to.
   uint64_t connection() override;
+  // Only an exchange with the daemon can wait.
+  void interrupt() override { m_daemon->interrupt(); }
 
   // False while requests are served in-process. Before the first exchange it asks the daemon.
   bool viaDaemon();

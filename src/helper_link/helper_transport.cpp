@@ -6,8 +6,8 @@
 
 namespace pelmora {
 
-std::unique_ptr<XPCTransport> makeHelperTransport() {
-  auto socket = std::make_unique<SocketTransport>();
+std::unique_ptr<XPCTransport> makeHelperTransport(int64_t reply_timeout_ms) {
+  auto socket = std::make_unique<SocketTransport>(SocketTransport::defaultPath(), reply_timeout_ms);
   SocketTransport* daemon = socket.get();  // owned by the fallback transport, which outlives the probe
   // A daemon that starts later is found within a second.
   return std::make_unique<FallbackTransport>(

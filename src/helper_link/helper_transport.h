@@ -7,6 +7,11 @@
 
 namespace pelmora {
 
-std::unique_ptr<XPCTransport> makeHelperTransport();
+// The daemon's answers come within this (a processor switched off takes the longest)...
+inline constexpr int64_t kReplyTimeout_ms = 30'000;
+// ... except "authorize", which waits for the user's password: polkit gives up after five minutes.
+inline constexpr int64_t kAuthorizeTimeout_ms = 330'000;
+
+std::unique_ptr<XPCTransport> makeHelperTransport(int64_t reply_timeout_ms = kReplyTimeout_ms);
 
 }  // namespace pelmora

@@ -4,6 +4,7 @@
 #include "helper_link/helper_transport.h"
 #include "support/broadcast.h"
 #include "support/logger.h"
+#include "support/main_queue.h"
 #include "support/xpc.h"
 
 namespace pelmora {
@@ -21,12 +22,25 @@ std::optional<Record> recordOf(const RecordReply<Record>& reply) {
 }  // namespace
 
 Pelmora::Pelmora(std::unique_ptr<XPCTransport> transport, SysRoot local_root)
-    : m_xpc(std::make_unique<XPC>(kServiceLabel, std::move(transport))), m_local(std::move(local_root)) {}
+    : Pelmora(std::move(transport), nullptr, std::move(local_root)) {}
 
-Pelmora::~Pelmora() = default;
+Pelmora::Pelmora(std::unique_ptr<XPCTransport> transport, std::unique_ptr<XPCTransport> auth_transport,
+                 SysRoot local_root)
+    : m_xpc(std::make_unique<XPC>(kServiceLabel, std::move(transport))), m_local(std::move(local_root)) {
+  if (auth_transport) m_auth_xpc = std::make_unique<XPC>(kServiceLabel, std::move(auth_transport));
+}
+
+Pelmora::~Pelmora() {
+  if (!m_auth_thread.joinable()) return;
+  // A password dialog may still be open: end the wait instead of waiting for the user.
+  (m_auth_xpc ? *m_auth_xpc : *m_xpc).transport().interrupt();
+  m_auth_thread.join();
+}
 
 Pelmora& Pelmora::shared() {
-  static Pelmora* instance = new Pelmora(makeHelperTransport());  // never destroyed: threads may call late
+  // Never destroyed: threads may call late. "authorize" has a connection of its own, with a reply
+  // timeout long enough for the user to type a password.
+  static Pelmora* instance = new Pelmora(makeHelperTransport(), makeHelperTransport(kAuthorizeTimeout_ms));
   return *instance;
 }
 
@@ -48,8 +62,18 @@ bool Pelmora::isRunning(int cpu, bool default_value) {
   return result;
 }
 
-bool Pelmora::setCpuCount(int count, bool hyper, bool prefer_physical) {
+namespace {
+// The helper's words for a refused command, or that it did not answer.
+void noteRefusal(const XPCDict* reply, const std::string& key, std::string* refusal) {
+  if (!refusal) return;
+  const std::string* text = reply ? xpcString(*reply, key) : nullptr;
+  *refusal = text ? *text : "no answer from the privileged helper";
+}
+}  // namespace
+
+bool Pelmora::setCpuCount(int count, bool hyper, bool prefer_physical, std::string* refusal) {
   CommandOutcome outcome = CommandOutcome::kNoAnswer;
+  std::optional<XPCDict> answer;
   send(
       [=](XPCDict& r) {
         r["setcpucount"] = "";
@@ -58,18 +82,27 @@ bool Pelmora::setCpuCount(int count, bool hyper, bool prefer_physical) {
         r["prefer_phys"] = flag(prefer_physical);
       },
       // The status comes back under "setcpu", not under the request's key.
-      [&](const XPCDict& reply) { outcome = checkSetCpuResponse(reply, "setcpu"); });
+      [&](const XPCDict& reply) {
+        outcome = checkSetCpuResponse(reply, "setcpu");
+        answer = reply;
+      });
+  if (outcome != CommandOutcome::kOk) noteRefusal(answer ? &*answer : nullptr, "setcpu", refusal);
   return outcome == CommandOutcome::kOk;
 }
 
-bool Pelmora::setThrottle(bool enable) {
+bool Pelmora::setThrottle(bool enable, std::string* refusal) {
   CommandOutcome outcome = CommandOutcome::kNoAnswer;
+  std::optional<XPCDict> answer;
   send(
       [=](XPCDict& r) {
         r["throttle"] = "";
         r["enable"] = flag(enable);
       },
-      [&](const XPCDict& reply) { outcome = checkThrottleReply(reply, enable); });
+      [&](const XPCDict& reply) {
+        outcome = checkThrottleReply(reply, enable);
+        answer = reply;
+      });
+  if (outcome != CommandOutcome::kOk) noteRefusal(answer ? &*answer : nullptr, "throttle", refusal);
   return outcome == CommandOutcome::kOk;
 }
 
@@ -227,18 +260,55 @@ void Pelmora::setAuthorised(bool authorised) {
 }
 
 std::string Pelmora::authorize() {
-  const std::string answer = sendAuthorize();
+  const std::string answer = sendAuthorize(m_auth_xpc ? *m_auth_xpc : *m_xpc, true);
+  // The grant is the process's: the main connection has it from now on.
+  const uint64_t connection = m_xpc->transport().connection();
   MutexLock lock(m_mutex);
-  m_authorised_connection = m_xpc->transport().connection();
+  m_authorised_connection = connection;
   return answer;
 }
 
-std::string Pelmora::sendAuthorize() {
+bool Pelmora::requestAuthorization(std::function<void(const std::string& answer)> done) {
+  {
+    MutexLock lock(m_mutex);
+    if (m_auth_pending) return false;
+    m_auth_pending = true;
+    Broadcast("net.tandrel.pelmora.authchanged", true);
+  }
+  joinAuthorization();
+  m_auth_thread = std::thread([this, done = std::move(done)] {
+    const std::string answer = authorize();
+    if (answer == "OK") setAuthorised(true);
+    {
+      MutexLock lock(m_mutex);
+      m_auth_pending = false;
+      Broadcast("net.tandrel.pelmora.authchanged", true);
+    }
+    if (done) MainQueue::post([done, answer] { done(answer); });
+  });
+  return true;
+}
+
+bool Pelmora::authorizationPending() {
+  MutexLock lock(m_mutex);
+  return m_auth_pending;
+}
+
+// Called only when no request is pending, so the thread has finished or is about to.
+void Pelmora::joinAuthorization() {
+  if (m_auth_thread.joinable()) m_auth_thread.join();
+}
+
+std::string Pelmora::sendAuthorize(XPC& xpc, bool interactive) {
   std::string result = "no answer from the privileged helper";
-  m_xpc->sendWithReply([](XPCDict& r) { r["authorize"] = ""; },
-                       [&](const XPCDict& reply) {
-                         if (const std::string* text = xpcString(reply, "authorize")) result = *text;
-                       });
+  xpc.sendWithReply(
+      [interactive](XPCDict& r) {
+        r["authorize"] = "";
+        r["interactive"] = int64_t{interactive ? 1 : 0};
+      },
+      [&](const XPCDict& reply) {
+        if (const std::string* text = xpcString(reply, "authorize")) result = *text;
+      });
   return result;
 }
 
@@ -252,7 +322,7 @@ void Pelmora::reauthoriseIfReconnected() {
     MutexLock lock(m_mutex);
     if (connection == m_authorised_connection) return;
   }
-  const std::string answer = sendAuthorize();
+  const std::string answer = sendAuthorize(*m_xpc, false);
   if (answer != "OK") {
     Log("Authorisation lost with the helper connection: " + answer);
     setAuthorised(false);

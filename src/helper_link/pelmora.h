@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 
 #include "helper_link/boot_flags.h"
 #include "helper_link/boot_locations.h"
@@ -27,16 +28,20 @@ class Pelmora {
  public:
   static Pelmora& shared();
   // A client over the given transport (tests; tools that talk to a chosen socket); the queries it
-  // answers itself read `local_root`.
+  // answers itself read `local_root`. "authorize" goes over auth_transport, a connection of its own,
+  // when one is given.
   explicit Pelmora(std::unique_ptr<XPCTransport> transport, SysRoot local_root = SysRoot::current());
+  Pelmora(std::unique_ptr<XPCTransport> transport, std::unique_ptr<XPCTransport> auth_transport,
+          SysRoot local_root = SysRoot::current());
   ~Pelmora();
 
   // Fields stay as in `current` when the reply has no "cpuinfo".
   cpu_numbers_t requestCpuInfo(cpu_numbers_t current = {});
   bool isRunning(int cpu, bool default_value);
-  // These three log a refusal; each returns true only when the helper said "OK".
-  bool setCpuCount(int count, bool hyper, bool prefer_physical);
-  bool setThrottle(bool enable);
+  // These three log a refusal; each returns true only when the helper said "OK". The helper's
+  // reason goes to *refusal when asked for.
+  bool setCpuCount(int count, bool hyper, bool prefer_physical, std::string* refusal = nullptr);
+  bool setThrottle(bool enable, std::string* refusal = nullptr);
   bool setPriority(int32_t pid, int nice);
   // The helper's "kill" reply: 0 for success; -1 when there was no answer.
   int sendSignal(int32_t pid, int32_t signal);
@@ -69,9 +74,15 @@ class Pelmora {
   bool authorised();
   // Stores the flag and broadcasts "net.tandrel.pelmora.authchanged".
   void setAuthorised(bool authorised);
-  // Asks the daemon to authorise this connection (polkit); "OK" or the error text. It does not
-  // change the flag above: the caller does that with setAuthorised.
+  // Asks the daemon to authorise this process (polkit; the user may be asked for a password, which
+  // can take minutes): "OK" or the error text. Blocks the calling thread, on the authorisation
+  // connection only. It does not change the flag above.
   std::string authorize();
+  // The same from a worker thread of this client's, so that nothing else waits: on "OK" the flag is
+  // set; `done` then runs on the main thread with the answer. False (and nothing sent) while one is
+  // pending. Every change of the pending state is broadcast like the flag.
+  bool requestAuthorization(std::function<void(const std::string& answer)> done);
+  bool authorizationPending();
   void deauthorize();
   // One-way "quit" at the end of the program.
   void quit();
@@ -79,19 +90,24 @@ class Pelmora {
   bool viaDaemon();
 
  private:
-  // Every request but "authorize" goes through here: the daemon's authorisation belongs to one
-  // connection, so when the flag is set and the transport has connected anew since "authorize" was
-  // answered, it asks again first (polkit's auth_admin_keep spares the user a second prompt).
+  // Every request but "authorize" goes through here. The daemon keeps its grant per client process,
+  // but a daemon that was started anew has none: when the flag is set and the transport has
+  // connected anew, it asks (without any dialog) whether the grant still holds, and drops the flag
+  // when it does not.
   bool send(const std::function<void(XPCDict&)>& builder, const std::function<void(const XPCDict&)>& handler);
   void reauthoriseIfReconnected();
-  std::string sendAuthorize();
+  std::string sendAuthorize(XPC& xpc, bool interactive);
+  void joinAuthorization();
 
   std::unique_ptr<XPC> m_xpc;
   // The queries asked with via_helper false read /proc here, with the user's own rights.
   const ProcTaskReader m_local;
+  std::unique_ptr<XPC> m_auth_xpc;  // may be null: "authorize" then shares m_xpc
   bool m_authorised = false;
-  uint64_t m_authorised_connection = 0;  // the connection "authorize" was last answered on
-  Mutex m_mutex;  // guards m_authorised and m_authorised_connection
+  uint64_t m_authorised_connection = 0;  // the main connection when the grant was last confirmed
+  bool m_auth_pending = false;
+  Mutex m_mutex;  // guards m_authorised, m_authorised_connection and m_auth_pending
+  std::thread m_auth_thread;  // main thread only
 };
 
 }  // namespace pelmora

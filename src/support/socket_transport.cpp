@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 
 #include <cerrno>
@@ -17,7 +18,8 @@ std::string SocketTransport::defaultPath() {
   return (env && *env) ? env : kDefaultSocketPath;
 }
 
-SocketTransport::SocketTransport(std::string path) : m_path(std::move(path)) {}
+SocketTransport::SocketTransport(std::string path, int64_t reply_timeout_ms)
+    : m_path(std::move(path)), m_reply_timeout_ms(reply_timeout_ms) {}
 
 namespace {
 // A connection the daemon has closed (it ends idle ones) or that holds bytes nobody asked for is
@@ -42,6 +44,12 @@ bool SocketTransport::connectLocked() {
     rc = ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
   } while (rc < 0 && errno == EINTR);
   if (rc < 0) return false;
+  if (m_reply_timeout_ms > 0) {
+    timeval limit{static_cast<time_t>(m_reply_timeout_ms / 1000), static_cast<suseconds_t>(m_reply_timeout_ms % 1000 * 1000)};
+    ::setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    ::setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+  }
+  MutexLock lock(m_close_mutex);
   m_socket = std::move(fd);
   ++m_connections;
   return true;
@@ -51,11 +59,11 @@ std::optional<XPCDict> SocketTransport::exchange(const XPCDict& request) {
   MutexLock lock(m_mutex);
   if (!connectLocked()) return std::nullopt;
   if (!xpcSendMessage(m_socket.get(), request)) {
-    m_socket.reset();
+    dropLocked();
     return std::nullopt;
   }
   auto reply = xpcReceiveMessage(m_socket.get());
-  if (!reply) m_socket.reset();
+  if (!reply) dropLocked();
   return reply;
 }
 
@@ -65,7 +73,7 @@ void SocketTransport::sendOneWay(const XPCDict& message) {
   xpcSendMessage(m_socket.get(), message);
   // Nobody waits for an answer, so whatever the peer might still write would be read as the reply
   // of the next exchange: start that one on a fresh connection.
-  m_socket.reset();
+  dropLocked();
 }
 
 bool SocketTransport::connected() {
@@ -80,7 +88,17 @@ uint64_t SocketTransport::connection() {
 
 void SocketTransport::disconnect() {
   MutexLock lock(m_mutex);
+  dropLocked();
+}
+
+void SocketTransport::dropLocked() {
+  MutexLock lock(m_close_mutex);
   m_socket.reset();
+}
+
+void SocketTransport::interrupt() {
+  MutexLock lock(m_close_mutex);
+  if (m_socket) ::shutdown(m_socket.get(), SHUT_RDWR);
 }
 
 }  // namespace pelmora

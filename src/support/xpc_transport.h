@@ -20,6 +20,9 @@ class XPCTransport {
   // whenever a new connection is made, so a client can tell that what the peer granted the old
   // connection (authorisation) is gone. 0 for transports without connections.
   virtual uint64_t connection() { return 0; }
+  // From another thread: ends the exchange in progress, which then fails (its connection is
+  // dropped). Does nothing where an exchange cannot wait.
+  virtual void interrupt() {}
 };
 
 }  // namespace pelmora
