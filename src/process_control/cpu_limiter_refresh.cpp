@@ -137,6 +137,9 @@ void CPULimiter::fillNewRow(procinfo& row, int32_t pid, const proc_taskallinfo& 
 }
 
 void CPULimiter::applySavedSettingsLocked(const procinfo& row) {
+  // The lists are kept by program name: applying them to another user's process of the same name
+  // would limit someone who never asked for it. Limiting another user's process stays an explicit act.
+  if (row.uid != m_uid) return;
   const std::string power = m_proc_settings->power();
   if (auto share = m_proc_settings->limitFor(row.name, power)) {
     // The new row is not in the table yet, so setLimit does not write the saved list again.

@@ -128,9 +128,11 @@ void ProcSettings::setLimit(const std::string& name, const std::string& power, d
   saveLocked();
 }
 
-void ProcSettings::removeLimit(const std::string& name) {
+void ProcSettings::removeLimit(const std::string& name) { removeLimit(name, power()); }
+
+void ProcSettings::removeLimit(const std::string& name, const std::string& power) {
   MutexLock lock(m_mutex);
-  auto source = m_limited_names.find(m_power);
+  auto source = m_limited_names.find(power);
   if (source != m_limited_names.end()) {
     source->second.erase(name);
     if (source->second.empty()) m_limited_names.erase(source);

@@ -47,8 +47,10 @@ class ProcSettings {
 
   std::optional<double> limitFor(const std::string& name, const std::string& power);
   void setLimit(const std::string& name, const std::string& power, double share);
-  // Removes the name from the current source's list (and the list when it becomes empty).
+  // Removes the name from the current source's list, or from the named source's (and the list when
+  // it becomes empty).
   void removeLimit(const std::string& name);
+  void removeLimit(const std::string& name, const std::string& power);
   // Forgets the current source's whole list.
   void clearLimits();
 

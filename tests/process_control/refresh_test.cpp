@@ -244,14 +244,18 @@ TEST(Refresh, NewProcessGetsItsSavedLimitAndPriority) {
   limiter.procSettings().setLimit("encoder", kACPowerName, 0.25);
   limiter.procSettings().setPriority("encoder", kACPowerName, 7);
   limiter.procSettings().setLimit("other", kBatteryPowerName, 0.5);
-  t.add(20, {.name = "encoder"});
-  t.add(21, {.name = "other"});
+  const uint32_t me = ::getuid();
+  t.add(20, {.name = "encoder", .uid = me});
+  t.add(21, {.name = "other", .uid = me});
+  // Another user's program of the same name: the saved lists are the user's own business.
+  t.add(22, {.name = "encoder", .uid = me + 1});
   limiter.refresh();
   const auto limits = limiter.limits();
   ASSERT_EQ(limits.count(20), 1u);
   EXPECT_DOUBLE_EQ(limits.at(20).cpuLimit, 0.25);
   EXPECT_DOUBLE_EQ(limits.at(20).creditQuantum, 7500.0);
   EXPECT_EQ(limits.count(21), 0u);  // saved for battery only
+  EXPECT_EQ(limits.count(22), 0u);
   EXPECT_EQ(t.wire->priorities, (std::vector<std::pair<int32_t, int64_t>>{{20, 7}}));
   // Only at the first sighting.
   t.clock.advance_us(1'000'000);
