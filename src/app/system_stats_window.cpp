@@ -3,10 +3,13 @@
 #include <QCloseEvent>
 #include <QComboBox>
 #include <QFontDatabase>
+#include <QFontDialog>
 #include <QHBoxLayout>
 #include <QLabel>
+#include <QMenu>
 #include <QPointer>
 #include <QSplitter>
+#include <QToolButton>
 #include <QVBoxLayout>
 
 #include <algorithm>
@@ -123,7 +126,7 @@ SystemStatsWindow::SystemStatsWindow(SystemStats& sampler, DefaultSettings& stor
   m_cpu_status = cpuOnlineStatus(m_present, m_root.readSys("devices/system/cpu/online"));
   m_cpu.resize(m_ncpu);
 
-  QFont font = QFontDatabase::systemFont(QFontDatabase::SmallestReadableFont);
+  QFont font = defaultLabelFont();
   const std::string stored_font = m_store.loadString(kLabelFontKey, "");
   if (!stored_font.empty()) font.fromString(qs(stored_font));
   m_font = font;
@@ -153,7 +156,7 @@ SystemStatsWindow* SystemStatsWindow::instance() { return sharedSlot().data(); }
 SystemStatsWindow* SystemStatsWindow::openShared(SystemStats& sampler, DefaultSettings& store) {
   auto& slot = sharedSlot();
   if (!slot) {
-    slot = new SystemStatsWindow(sampler, store);
+    slot = new SystemStatsWindow(sampler, store, sampler.root());
     slot->setAttribute(Qt::WA_DeleteOnClose);
   }
   slot->show();
@@ -192,6 +195,14 @@ void SystemStatsWindow::buildLayout() {
   bar->addWidget(new QLabel(tr("Disk I/O:"), central));
   bar->addWidget(m_data_io);
   bar->addStretch(1);
+  auto* labels = new QToolButton(central);
+  labels->setText(tr("Labels"));
+  labels->setPopupMode(QToolButton::InstantPopup);
+  m_font_menu = new QMenu(labels);
+  connect(m_font_menu->addAction(tr("Font…")), &QAction::triggered, this, [this] { changeFont(); });
+  connect(m_font_menu->addAction(tr("Default Font")), &QAction::triggered, this, [this] { defaultFont(); });
+  labels->setMenu(m_font_menu);
+  bar->addWidget(labels);
   layout->addLayout(bar);
 
   m_split_horiz = makeSplitter(Qt::Horizontal, central);
@@ -298,6 +309,19 @@ void SystemStatsWindow::setLabelFont(const QFont& font) {
   for (auto* view : findChildren<GraphView*>()) view->setLabelFont(font);
   m_store.saveString(kLabelFontKey, font.toString().toStdString());
 }
+
+QFont SystemStatsWindow::defaultLabelFont() { return QFontDatabase::systemFont(QFontDatabase::SmallestReadableFont); }
+
+// Not a nested loop: the window may close (and be deleted) while the dialog is up.
+void SystemStatsWindow::changeFont() {
+  auto* dialog = new QFontDialog(m_font, this);
+  dialog->setWindowTitle(tr("Graph Label Font"));
+  dialog->setAttribute(Qt::WA_DeleteOnClose);
+  connect(dialog, &QFontDialog::fontSelected, this, [this](const QFont& font) { setLabelFont(font); });
+  dialog->open();
+}
+
+void SystemStatsWindow::defaultFont() { setLabelFont(defaultLabelFont()); }
 
 bool SystemStatsWindow::showDataIO() const { return m_data_io->currentIndex() == 0; }
 

@@ -21,6 +21,7 @@
 #include "support/timeval.h"
 
 class QComboBox;
+class QMenu;
 class QSplitter;
 
 namespace pelmora {
@@ -91,8 +92,12 @@ class SystemStatsWindow : public QMainWindow {
   void processorSetChanged();
   // The graph preferences changed: appearance, processor grid and graphs follow at once.
   void graphSettingsChanged();
+  // The graph label font: set on every graph and saved. changeFont asks with the font dialog.
   void setLabelFont(const QFont& font);
   const QFont& labelFont() const { return m_font; }
+  void changeFont();
+  void defaultFont();
+  static QFont defaultLabelFont();
   // Disk I/O in bytes (first item of the selector) or in operations.
   bool showDataIO() const;
   void setShowDataIO(bool bytes);
@@ -100,6 +105,7 @@ class SystemStatsWindow : public QMainWindow {
   // For the application's menus and for tests.
   QSplitter* cpuController() const { return m_cpu_controller; }
   QComboBox* dataIOSelector() const { return m_data_io; }
+  QMenu* fontMenu() const { return m_font_menu; }
   const std::vector<GraphViewCPU*>& cpuViews() const { return m_cpu_views; }
   const std::map<std::string, GraphViewIO*>& diskViews() const { return m_disk_views; }
   const std::map<std::string, GraphViewNet*>& interfaceViews() const { return m_intf_views; }
@@ -158,6 +164,7 @@ class SystemStatsWindow : public QMainWindow {
   GraphViewTemperature* m_temp_view = nullptr;
   GraphViewBattery* m_battery_view = nullptr;
   QComboBox* m_data_io = nullptr;
+  QMenu* m_font_menu = nullptr;  // "Font…", "Default Font"
 
   // Histories, oldest first, each at most kHistoryLimit long.
   std::vector<std::vector<cpu_sample_t>> m_cpu;

@@ -81,6 +81,8 @@ class SystemStats : public std::enable_shared_from_this<SystemStats> {
   bool running();
   bool timerRunning();
   size_t clientCount();
+  // The tree this sampler reads (constant).
+  const SysRoot& root() const { return m_root; }
 
   int64_t pageSize() const { return m_page_size; }
   int64_t sampleInterval_ms() const { return m_sample_interval; }

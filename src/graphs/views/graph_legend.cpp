@@ -3,7 +3,10 @@
 #include <QColorDialog>
 #include <QGridLayout>
 #include <QLabel>
+#include <QPointer>
 #include <QPushButton>
+
+#include <algorithm>
 
 namespace pelmora {
 
@@ -56,9 +59,24 @@ void GraphLegend::paintWell(QPushButton* well, const QColor& color) {
 }
 
 void GraphLegend::chooseColor(QPushButton* well) {
-  const QColor chosen = QColorDialog::getColor(well->property("wellColor").value<QColor>(), this, QString(),
-                                               QColorDialog::ShowAlphaChannel);
-  if (chosen.isValid()) colorChanged(well, chosen);
+  // The legend lives in a popup that closes as soon as another window opens, and its owner then
+  // deletes popup and legend. So the dialog belongs to the window the graph is in, not to the legend,
+  // and it does not run a nested event loop here: the legend may be gone before the user answers.
+  QWidget* popup = window();
+  QWidget* owner = popup->parentWidget() ? popup->parentWidget()->window() : nullptr;
+  auto* dialog = new QColorDialog(well->property("wellColor").value<QColor>(), owner);
+  dialog->setOption(QColorDialog::ShowAlphaChannel);
+  dialog->setAttribute(Qt::WA_DeleteOnClose);
+  const int index = static_cast<int>(std::find(m_colors.begin(), m_colors.end(), well) - m_colors.begin());
+  QPointer<GraphLegend> self(this);
+  connect(dialog, &QColorDialog::colorSelected, dialog, [self, well, index, closure = m_closure](const QColor& chosen) {
+    if (self)
+      self->colorChanged(well, chosen);  // the well is the legend's child: alive exactly while it is
+    else if (closure)
+      closure(index < kRows ? index : -1, chosen);
+  });
+  if (popup != this && popup->windowType() == Qt::Popup) popup->close();
+  dialog->open();
 }
 
 void GraphLegend::colorChanged(QObject* sender, const QColor& color) {
