@@ -13,6 +13,8 @@
 #include "app/status_bar_controller.h"
 #include "app/system_stats_window.h"
 #include "app/window_frame.h"
+#include "graphs/graph_palette.h"
+#include "graphs/views/graph_view.h"
 #include "helper_link/pelmora.h"
 #include "process_control/cpu_limiter.h"
 #include "process_control/power_monitor.h"
@@ -65,6 +67,7 @@ AppDelegate::AppDelegate(AppServices services, QObject* parent) : QObject(parent
 
 AppDelegate::~AppDelegate() {
   terminate();
+  if (m_launched && &GraphView::settingsStore() == &m_services.store) GraphView::setSettingsStore(nullptr);
   delete m_window;
   for (QMenu* menu : m_main_menus) delete menu;
 }
@@ -90,6 +93,10 @@ void AppDelegate::finishLaunching() {
   trace("PelmoraWindow");
   // The process counts of the statistics window and the live icon come from the limiter's table.
   m_services.sampler.setProcessCensusProvider(processCensusProvider(m_services.limiter));
+  // Every graph colour the user chose, before anything draws: the live icon's view is never shown on
+  // screen, so it would not load them itself.
+  GraphView::setSettingsStore(&store);
+  for (GraphClass graph : kAllGraphClasses) GraphPalette::load(graph, store);
   m_dock = std::make_unique<Dock>(m_services.sampler, store);
   createDockMenu();
   trace("Dock");
@@ -131,6 +138,9 @@ void AppDelegate::finishLaunching() {
     connect(m_dock.get(), &Dock::iconChanged, m_menubar.get(), &StatusBarController::refreshToolTip);
   }
   connect(m_window, &PelmoraWindow::controlsChanged, m_menubar.get(), &StatusBarController::refreshTitle);
+  connect(m_window, &PelmoraWindow::processorSetChanged, this, [] {
+    if (auto* stats = SystemStatsWindow::instance()) stats->processorSetChanged();
+  });
   connect(m_menubar.get(), &StatusBarController::activated, this, &AppDelegate::openWindows);
 
   applyPresentation(!keys::kAppPelmora.load(store));

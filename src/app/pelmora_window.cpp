@@ -5,6 +5,7 @@
 #include <QComboBox>
 #include <QLabel>
 #include <QMessageBox>
+#include <QPointer>
 #include <QPushButton>
 #include <QSignalBlocker>
 #include <QSlider>
@@ -53,6 +54,12 @@ QString constrainedCaption(size_t limited) {
   return QObject::tr("%1 processes").arg(limited);
 }
 
+QString helperModeText(bool via_daemon) {
+  return via_daemon ? QObject::tr("Root helper serving: changes are made with the administrator's rights.")
+                    : QObject::tr("No root helper running: working in-process with your own rights "
+                                  "(your own processes only, no processor or throttling changes).");
+}
+
 PelmoraWindow::Options PelmoraWindow::currentOptions() {
   Options o;
   o.has_hardware_threads = hasHardwareThreads(SysRoot::current());
@@ -89,15 +96,22 @@ PelmoraWindow::PelmoraWindow(Pelmora& helper, PowerMonitor& power, CPULimiter& l
   // At launch the rights are not there yet; a refusal leaves the kernel as it is and only logs.
   if (!m_helper.setThrottle(m_throttle->isChecked()))
     Log("CPU settings: throttling left as the system has it; the helper refused.");
+  m_mode->setText(helperModeText(m_helper.viaDaemon()));
   connect(m_timer, &QTimer::timeout, this, [this] { limiterWatch(); });
   if (m_options.start_watch) m_timer->start(kWatchPeriod_ms);
-  AddListener(kPowerSourceBroadcast, kListenerKey, [this](const std::string&) { powerSourceChanged(); });
-  AddListener(kAuthChanged, kListenerKey, [this](const std::string&) { setEnabledStates(); });
+  listen();
   m_cpucontrol->setDelegate(this);
   installWindowConventions(this, &m_store, kFrameKey);
 }
 
-PelmoraWindow::~PelmoraWindow() {
+PelmoraWindow::~PelmoraWindow() { unlisten(); }
+
+void PelmoraWindow::listen() {
+  AddListener(kPowerSourceBroadcast, kListenerKey, [this](const std::string&) { powerSourceChanged(); });
+  AddListener(kAuthChanged, kListenerKey, [this](const std::string&) { setEnabledStates(); });
+}
+
+void PelmoraWindow::unlisten() {
   RemoveListener(kPowerSourceBroadcast, kListenerKey);
   RemoveListener(kAuthChanged, kListenerKey);
 }
@@ -162,8 +176,13 @@ void PelmoraWindow::setEnabledStates() {
   m_hyperthreading->setEnabled(false);
   m_prefer_phys->setEnabled(true);
   m_cpucontrol->setControlEnabled(false);
-  m_auth->setText(a ? tr("Click the lock to prevent changes") : tr("Click the lock to make changes"));
+  const bool waiting = m_helper.authorizationPending();
+  m_auth->setEnabled(!waiting);
+  m_auth->setText(waiting ? tr("Waiting for authentication…")
+                  : a     ? tr("Click the lock to prevent changes")
+                          : tr("Click the lock to make changes"));
   m_auth->setIcon(QIcon::fromTheme(a ? QStringLiteral("changes-allow") : QStringLiteral("changes-prevent")));
+  m_mode->setText(helperModeText(m_helper.viaDaemon()));
 }
 
 void PelmoraWindow::refreshProcessorCounts() {
@@ -177,25 +196,33 @@ void PelmoraWindow::refreshProcessorCounts() {
   m_cpucontrol->setValue(counts.logical_cpu);
 }
 
+bool PelmoraWindow::sendCpuCount() {
+  std::string why;
+  if (m_helper.setCpuCount(m_cpucontrol->m_slider->value(), m_hyperthreading->isChecked(),
+                           m_prefer_phys->isChecked(), &why)) {
+    m_notice->clear();
+    return true;
+  }
+  Log("CPU settings: the processor set was not changed; the window keeps the choice.");
+  showRefusal(tr("The processor set was not changed"), why);
+  return false;
+}
+
+void PelmoraWindow::showRefusal(const QString& what, const std::string& why) {
+  m_notice->setText(what + QStringLiteral(": ") + QString::fromStdString(why) + QStringLiteral("."));
+}
+
 void PelmoraWindow::applySettings() {
   if (!showingActiveSource()) return;
-  if (!m_helper.setCpuCount(m_cpucontrol->m_slider->value(), m_hyperthreading->isChecked(),
-                            m_prefer_phys->isChecked()))
-    Log("CPU settings: the processor set was not changed; the window shows the set in force.");
+  sendCpuCount();
   Broadcast(kCpuChanged, true);
   emit processorSetChanged();
 }
 
-void PelmoraWindow::hyperThreading(QCheckBox* sender) {
-  // The helper refuses without the administrator's rights: the box goes back to what is in force.
-  if (showingActiveSource() &&
-      !m_helper.setCpuCount(m_cpucontrol->m_slider->value(), m_hyperthreading->isChecked(),
-                            m_prefer_phys->isChecked())) {
-    Log("CPU settings: the processor set was not changed; the window shows the set in force.");
-    if (sender) setChecked(sender, !sender->isChecked());
-  }
-  Broadcast(kCpuChanged, true);
-  emit processorSetChanged();
+// The box keeps what the user chose, refused or not: the choice is stored for its power source and
+// sent again whenever that source becomes active.
+void PelmoraWindow::hyperThreading(QCheckBox*) {
+  applySettings();
   refreshProcessorCounts();
   storeSettings();
   emit controlsChanged();
@@ -211,12 +238,13 @@ void PelmoraWindow::sliderStepperValueChanged(SliderStepper& sender) {
 }
 
 void PelmoraWindow::sendThrottle(bool enable) {
-  if (m_helper.setThrottle(enable)) return;
-  // Only a settled change may show: the kernel keeps its previous throttling.
-  if (showingActiveSource() && m_throttle->isChecked() == enable) {
-    Log(std::string("CPU settings: throttling stays ") + (enable ? "off" : "on") + "; the helper refused.");
-    setChecked(m_throttle, !enable);
+  std::string why;
+  if (m_helper.setThrottle(enable, &why)) {
+    m_notice->clear();
+    return;
   }
+  Log(std::string("CPU settings: throttling not switched ") + (enable ? "on" : "off") + "; the window keeps the choice.");
+  showRefusal(enable ? tr("Throttling was not switched on") : tr("Throttling was not switched off"), why);
 }
 
 void PelmoraWindow::throttleTasks(bool on) {
@@ -254,7 +282,13 @@ void PelmoraWindow::showThrottleWarning() {
   box->open();
 }
 
-void PelmoraWindow::changePowerSource() { copySettingsToControls(); }
+// Selecting the source in force sends its settings, as its becoming active does.
+void PelmoraWindow::changePowerSource() {
+  copySettingsToControls();
+  if (!showingActiveSource()) return;
+  applySettings();
+  sendThrottle(m_throttle->isChecked());
+}
 
 void PelmoraWindow::powerSourceChanged() {
   m_powersource->setCurrentIndex(m_power.powerSource() == PowerSource::battery ? 1 : 0);
@@ -262,25 +296,35 @@ void PelmoraWindow::powerSourceChanged() {
   setHeaderTitle();
   refreshProcessorCounts();
   applySettings();
+  sendThrottle(m_throttle->isChecked());
 }
 
+// "authorize" may wait minutes for a password: it runs on the helper client's worker thread and
+// connection, and the window shows that it waits; the answer comes back through the main queue.
 void PelmoraWindow::toggleLock() {
   if (m_helper.authorised()) {
     m_helper.deauthorize();
     m_helper.setAuthorised(false);
   } else {
-    const std::string answer = m_helper.authorize();
-    if (answer != "OK") {
-      Log("CPU settings: authorisation refused: " + answer + ".");
-      // The user clicked and waited: say why the lock stays shut.
-      auto* box = new QMessageBox(QMessageBox::Warning, tr("Pelmora"),
-                                  tr("Authorization failed: %1").arg(QString::fromStdString(answer)), QMessageBox::Ok,
-                                  this);
-      box->setAttribute(Qt::WA_DeleteOnClose);
-      box->open();
-      return;
-    }
-    m_helper.setAuthorised(true);
+    QPointer<PelmoraWindow> self(this);
+    m_helper.requestAuthorization([self](const std::string& answer) {
+      if (self) self->authorizationAnswered(answer);
+    });
+  }
+  setEnabledStates();
+}
+
+void PelmoraWindow::authorizationAnswered(const std::string& answer) {
+  if (answer != "OK") {
+    Log("CPU settings: authorisation refused: " + answer + ".");
+    showRefusal(tr("Not authorised"), answer);
+    // The user clicked and waited: say why the lock stays shut.
+    auto* box = new QMessageBox(QMessageBox::Warning, tr("Pelmora"),
+                                tr("Authorization failed: %1").arg(QString::fromStdString(answer)), QMessageBox::Ok, this);
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    box->open();
+  } else {
+    m_notice->clear();
   }
   setEnabledStates();
 }
@@ -321,11 +365,16 @@ void PelmoraWindow::closeEvent(QCloseEvent* event) {
   // Without a status item the limited count is not shown anywhere while the window is closed.
   if (!keys::kShowMenubar.load(m_store)) m_timer->stop();
   storeSettings();
+  unlisten();
   QWidget::closeEvent(event);
 }
 
 void PelmoraWindow::showEvent(QShowEvent* event) {
   if (m_options.start_watch && !m_timer->isActive()) m_timer->start(kWatchPeriod_ms);
+  listen();
+  // The source may have changed while the window was closed and not listening.
+  if (!showingActiveSource()) powerSourceChanged();
+  setEnabledStates();
   QWidget::showEvent(event);
 }
 

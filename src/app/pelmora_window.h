@@ -63,6 +63,8 @@ class PelmoraWindow : public QWidget, public SliderStepperDelegate {
   void throttleTasks(bool on);
   void changePowerSource();
   void toggleLock();
+  // The answer to the lock button's request, on the main thread.
+  void authorizationAnswered(const std::string& answer);
   void openSystemMonitor();
   void powerSourceChanged();
 
@@ -79,6 +81,8 @@ class PelmoraWindow : public QWidget, public SliderStepperDelegate {
   QPushButton* m_power_switch;
   QLabel* m_power_note;  // why battery settings show on a machine without a battery
   QPushButton* m_auth;
+  QLabel* m_mode;    // who serves the helper requests: the root daemon or this process
+  QLabel* m_notice;  // why the helper refused the last change, until the next one succeeds
   QWidget* m_ph_controller;
   SliderStepper* m_cpucontrol;
   QPointer<QMessageBox> m_throttle_alert;  // open while the throttling warning is shown
@@ -102,6 +106,11 @@ class PelmoraWindow : public QWidget, public SliderStepperDelegate {
   void setHeaderTitle();
   void setChecked(QCheckBox* box, bool on);
   void sendThrottle(bool enable);
+  // Sends the processor set in force; false (and the user told why) when the helper refused.
+  bool sendCpuCount();
+  void showRefusal(const QString& what, const std::string& why);
+  void listen();
+  void unlisten();
   void showThrottleWarning();
   void setOwnPriority(int nice);
 
@@ -124,5 +133,7 @@ int raisedPriority(int own_priority);
 QString headerTitle(bool on_battery);
 // The caption beside "Limited:": "none", "1 process" or "N processes".
 QString constrainedCaption(size_t limited);
+// Who serves the helper requests, as the CPU settings and process windows show it.
+QString helperModeText(bool via_daemon);
 
 }  // namespace pelmora

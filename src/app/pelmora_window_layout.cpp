@@ -92,6 +92,13 @@ void PelmoraWindow::build() {
   m_auth->setFlat(true);
   connect(m_auth, &QPushButton::clicked, this, [this] { toggleLock(); });
   layout->addWidget(m_auth, 0, Qt::AlignLeft);
+  m_mode = new QLabel(this);
+  m_mode->setWordWrap(true);
+  layout->addWidget(m_mode);
+  m_notice = new QLabel(this);
+  m_notice->setWordWrap(true);
+  m_notice->setStyleSheet(QStringLiteral("color: palette(link);"));
+  layout->addWidget(m_notice);
   layout->setSizeConstraint(QLayout::SetFixedSize);
 }
 

@@ -106,6 +106,7 @@ class ProcinfoWindow : public QWidget, public SliderStepperDelegate {
   QLabel* headerTitle() const { return m_header_title; }
   QPushButton* clearLimitButton() const { return m_clear_limit; }
   QPushButton* authButton() const { return m_auth; }
+  QLabel* modeLabel() const { return m_mode; }
   QLabel* nameLabel() const { return m_name; }
   QLabel* pctCpuLabel() const { return m_pct_cpu; }
 
@@ -151,6 +152,7 @@ class ProcinfoWindow : public QWidget, public SliderStepperDelegate {
   QWidget* m_ph_renice = nullptr;
   QTableView* m_table = nullptr;
   QPushButton* m_auth = nullptr;
+  QLabel* m_mode = nullptr;  // who serves the helper requests
   QComboBox* m_power_source = nullptr;
   QComboBox* m_header_search_type = nullptr;
   QLabel* m_header_title = nullptr;

@@ -9,6 +9,7 @@
 #include <QLabel>
 #include <QMenu>
 #include <QMessageBox>
+#include <QPointer>
 #include <QPushButton>
 #include <QSpinBox>
 #include <QStackedLayout>
@@ -21,6 +22,7 @@
 
 #include "app/application_list.h"
 #include "app/open_files_window.h"
+#include "app/pelmora_window.h"
 #include "app/process_table_model.h"
 #include "app/procinfo_window.h"
 #include "helper_link/pelmora.h"
@@ -83,6 +85,8 @@ void ProcinfoWindow::buildDetail(QWidget* detail) {
   m_power_source->addItems({tr("On AC Power"), tr("On Battery Power")});
   m_power_source->setCurrentIndex(m_limiter.procSettings().power() == kPowerNames[1] ? 1 : 0);
   m_auth = new QPushButton(m_details);
+  m_mode = new QLabel(m_details);
+  m_mode->setWordWrap(true);
   m_clear_limit = new QPushButton(tr("Clear Limit"), m_details);
   m_clear_all = new QPushButton(tr("Clear All Limits"), m_details);
   m_ph_limit = new QWidget(m_details);
@@ -113,6 +117,7 @@ void ProcinfoWindow::buildDetail(QWidget* detail) {
   grid->addWidget(m_clear_all, 2, 5);
   grid->addWidget(m_label_renice, 3, 0, 1, 1, Qt::AlignRight);
   grid->addWidget(m_ph_renice, 3, 1);
+  grid->addWidget(m_mode, 3, 2, 1, 4);
   grid->setColumnStretch(3, 1);
   stack->addWidget(m_cover_box);
   stack->addWidget(m_details);
@@ -175,11 +180,17 @@ void ProcinfoWindow::updateEnabledState() {
   m_limit->setControlEnabled(can);
   m_renice->setEnabled(can);
   m_label_renice->setEnabled(can);
-  m_clear_limit->setEnabled(can && current && row->limit.has_value());
+  const bool limited = current ? row && row->limit.has_value()
+                                : row && m_limiter.procSettings().limitFor(row->info.name, shownPower()).has_value();
+  m_clear_limit->setEnabled(can && limited);
   const bool any_limit = !m_limiter.limits().empty();
   m_clear_all->setEnabled(any_limit);
   m_act_clear_all->setEnabled(any_limit);
-  m_auth->setText(m_helper.authorised() ? tr("Revoke Authorization") : tr("Authorize…"));
+  const bool waiting = m_helper.authorizationPending();
+  m_auth->setEnabled(!waiting);
+  m_auth->setText(waiting ? tr("Waiting for authentication…")
+                  : m_helper.authorised() ? tr("Revoke Authorization") : tr("Authorize…"));
+  m_mode->setText(helperModeText(m_helper.viaDaemon()));
   m_act_quit->setEnabled(can);
   m_act_force_quit->setEnabled(can);
   m_act_show_files->setEnabled(row.has_value());
@@ -199,9 +210,12 @@ void ProcinfoWindow::sliderStepperValueChanged(SliderStepper& sender) {
       MutexLock lock(m_limiter.mutex());
       m_limiter.setLimit(row->info.pid, percent / 100.0);
     }
-  } else if (percent != kNoLimit && !row->info.name.empty()) {
+  } else if (!row->info.name.empty()) {
     // The other source's list: remembered now, applied when that source is in force.
-    m_limiter.procSettings().setLimit(row->info.name, shownPower(), percent / 100.0);
+    if (percent == kNoLimit)
+      m_limiter.procSettings().removeLimit(row->info.name, shownPower());
+    else
+      m_limiter.procSettings().setLimit(row->info.name, shownPower(), percent / 100.0);
   }
   rebuild();
 }
@@ -222,28 +236,40 @@ void ProcinfoWindow::changePowerSource(int index) {
   refreshDetail();
 }
 
+// With the other power source shown, the limit removed is the one remembered for that source.
 void ProcinfoWindow::clearLimit() {
-  if (m_selected_pid < 0) return;
-  m_limiter.clearLimit(m_selected_pid);
+  const auto row = selectedRow();
+  if (!row) return;
+  if (shownPower() == m_limiter.procSettings().power())
+    m_limiter.clearLimit(row->info.pid);
+  else
+    m_limiter.procSettings().removeLimit(row->info.name, shownPower());
   rebuild();
 }
 
 void ProcinfoWindow::clearAllLimits() {
+  if (m_limiter.limits().empty()) return;
+  if (!m_confirm(tr("Remove every CPU limit? The limited processes run freely again, and the limits "
+                    "remembered for the current power source are forgotten.")))
+    return;
   m_limiter.clearAllLimits();
   rebuild();
 }
 
+// "authorize" may wait minutes for a password: it runs on the helper client's worker thread and the
+// button says that it waits; a refusal is shown when the answer comes.
 void ProcinfoWindow::authorise() {
   if (m_helper.authorised()) {
     m_helper.deauthorize();
     m_helper.setAuthorised(false);
     return;
   }
-  const std::string answer = m_helper.authorize();
-  if (answer == "OK")
-    m_helper.setAuthorised(true);
-  else
-    showProblem(this, tr("Authorization failed: %1").arg(QString::fromStdString(answer)));
+  QPointer<ProcinfoWindow> self(this);
+  m_helper.requestAuthorization([self](const std::string& answer) {
+    if (self && answer != "OK")
+      showProblem(self, tr("Authorization failed: %1").arg(QString::fromStdString(answer)));
+  });
+  updateEnabledState();
 }
 
 void ProcinfoWindow::endSelected(int signal, const QString& question) {

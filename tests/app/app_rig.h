@@ -1,7 +1,8 @@
 #pragma once
-// The application object offscreen, for the tests that drive it: a scripted helper behind a real
-// client, the real windows, a core that records what start-up, sleep and quit ask of the limiter and
-// power monitor, a real sampler with a recording client, and a sleep source the test drives.
+// The application object offscreen, as the journey and start-up tests drive it: a scripted helper
+// behind a real client, the real windows and menus, a core that records what start-up, sleep and
+// quit ask of the limiter and power monitor, a real sampler on a scratch tree with a recording
+// client, and a sleep source the test drives.
 #include <QCoreApplication>
 #include <QEvent>
 
@@ -15,6 +16,7 @@
 #include "app/settings_test_support.h"
 #include "app/stats_test_support.h"
 #include "app/system_stats_window.h"
+#include "graphs/graph_palette.h"
 #include "support/main_queue.h"
 
 namespace pelmora::app_test {
@@ -70,30 +72,47 @@ inline void deleteLater() { QCoreApplication::sendPostedEvents(nullptr, QEvent::
 
 // Everything one application run needs; the windows it opens are closed again at the end.
 struct AppRig {
-  explicit AppRig(bool tray_available = false) : sampler(scratch.sampler()), source_log(std::make_shared<SourceLog>()) {
+  explicit AppRig(bool tray_available = false)
+      : sampler(scratch.sampler()), source_log(std::make_shared<SourceLog>()), tray(tray_available) {
     scratch.setCpus("0-3", "0-3");
     source_log->steps = &steps;
     client = std::make_shared<CountingClient>();
     sampler->addClient(client);
+    app = makeApp();
+  }
+  ~AppRig() {
+    closeAll();
+    sampler->removeClient(client);
+    RunLoop::main().runUntilIdle();
+  }
+  std::unique_ptr<AppDelegate> makeApp() {
     AppServices services{rig.helper, rig.limiter, rig.power, *sampler, rig.store, nullptr, {}};
     services.core = std::make_unique<RecordingCore>(steps, *sampler);
     services.window_options.start_watch = false;
     services.sleep_source = [log = source_log] { return std::make_unique<DrivenSleepSource>(log); };
-    services.tray_available = tray_available;
+    services.tray_available = tray;
     services.trace = [this](const std::string& step) { steps.push_back(step); };
     services.reveal = [this](const std::string& path) {
       revealed.push_back(path);
       return reveal_opens;
     };
-    app = std::make_unique<AppDelegate>(std::move(services));
+    return std::make_unique<AppDelegate>(std::move(services));
   }
-  ~AppRig() {
+  // Quits and starts the program again on the same settings, as a new process would: the colours
+  // held in memory go back to their defaults.
+  void restart() {
+    app->quit();
+    closeAll();
+    for (GraphClass graph : kAllGraphClasses) GraphPalette::colors(graph) = GraphPalette::defaults(graph);
+    rig.store.reload();
+    app = makeApp();
+    app->finishLaunching();
+  }
+  void closeAll() {
     app.reset();
     if (auto* processes = ProcinfoWindow::shared()) processes->close();
     if (auto* stats = SystemStatsWindow::instance()) stats->close();
     deleteLater();
-    sampler->removeClient(client);
-    RunLoop::main().runUntilIdle();
   }
   void send(SleepEvent event) {
     source_log->deliver(event);
@@ -106,6 +125,7 @@ struct AppRig {
   std::shared_ptr<SystemStats> sampler;
   std::shared_ptr<CountingClient> client;
   std::shared_ptr<SourceLog> source_log;
+  bool tray = false;
   Steps steps;
   std::vector<std::string> revealed;  // what the desktop was asked to open
   bool reveal_opens = true;           // whether it had an application for it

@@ -9,6 +9,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <thread>
+
 #include "settings_test_support.h"
 #include "support/broadcast.h"
 #include "support/logger.h"
@@ -74,10 +77,14 @@ TEST(PelmoraWindow, LockButtonAuthorisesOnlyWhenTheHelperAgrees) {
     PelmoraWindow w(rig.helper, rig.power, rig.limiter, rig.store, options());
     LogCapture log;
     w.m_auth->click();
+    // The answer comes from the client's worker thread through the main queue.
+    for (int i = 0; i < 500 && rig.helper.authorizationPending(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    Rig::deliver();
     EXPECT_EQ(rig.helper.authorised(), c.authorised) << c.reply;
     EXPECT_EQ(w.m_throttle->isEnabled(), c.authorised) << c.reply;
+    EXPECT_TRUE(w.m_auth->isEnabled()) << c.reply;
     EXPECT_EQ(log.contains("CPU settings: authorisation refused: " + c.reply + "."), c.logged) << c.reply;
-    Rig::deliver();
+    EXPECT_EQ(w.m_notice->text().contains(QString::fromStdString(c.reply)), c.logged) << c.reply;
   }
 }
 
@@ -162,6 +169,9 @@ TEST(PelmoraWindow, PowerSourceBroadcastSelectsAndAppliesTheNewSource) {
   EXPECT_EQ(intIn(set.back(), "hyper"), 0);
   EXPECT_EQ(intIn(set.back(), "prefer_phys"), 1);
   EXPECT_EQ(cpu_changed, static_cast<int>(set.size()));
+  // The battery's throttling choice goes out as the battery becomes the source in force.
+  ASSERT_FALSE(rig.sent("throttle").empty());
+  EXPECT_EQ(intIn(rig.sent("throttle").back(), "enable"), 0);
   RemoveListener("net.tandrel.pelmora.cpuchanged", "test");
 }
 
@@ -185,18 +195,30 @@ TEST(PelmoraWindow, SwitchingToBatteryOnAMachineWithoutOneSaysWhy) {
   }
 }
 
-TEST(PelmoraWindow, RefusedProcessorChangeLeavesTheBoxShowingTheTruth) {
-  Rig rig;
-  rig.store.saveDict("CPU_Settings", kStoredBoth);
-  PelmoraWindow w(rig.helper, rig.power, rig.limiter, rig.store, options());
-  rig.script.command_reply = "not authorised";
-  LogCapture log;
-  w.m_prefer_phys->click();
-  EXPECT_FALSE(w.m_prefer_phys->isChecked());
-  EXPECT_TRUE(log.contains("setcpucount response: not authorised."));
-  EXPECT_TRUE(log.contains("CPU settings: the processor set was not changed; the window shows the set in force."));
-  EXPECT_EQ(rig.store.loadDict("CPU_Settings")["PreferPhys"]["AC Power"], false);
-  Rig::deliver();
+TEST(PelmoraWindow, RefusedChangesKeepTheUsersChoiceAndSayWhy) {
+  struct Case { const char* what; bool throttle; const char* key; const char* line; };
+  for (const Case c : {Case{"prefer physical", false, "PreferPhys", "setcpucount response: not authorised."},
+                       Case{"throttling off", true, "Throttle", "throttle response: not authorised."}}) {
+    Rig rig;
+    rig.store.saveDict("CPU_Settings", kStoredBoth);
+    rig.store.saveBool("WARN_throttle", false);
+    PelmoraWindow w(rig.helper, rig.power, rig.limiter, rig.store, options());
+    rig.helper.setAuthorised(true);
+    w.setEnabledStates();
+    rig.script.command_reply = "not authorised";
+    QCheckBox* box = c.throttle ? w.m_throttle : w.m_prefer_phys;
+    const bool chosen = !box->isChecked();
+    LogCapture log;
+    box->click();
+    EXPECT_TRUE(log.contains(c.line)) << c.what;
+    EXPECT_EQ(box->isChecked(), chosen) << c.what;
+    EXPECT_EQ(rig.store.loadDict("CPU_Settings")[c.key]["AC Power"], chosen) << c.what;
+    EXPECT_TRUE(w.m_notice->text().endsWith(QStringLiteral(": not authorised."))) << w.m_notice->text().toStdString();
+    rig.script.command_reply = "OK";
+    box->click();
+    EXPECT_TRUE(w.m_notice->text().isEmpty()) << c.what << ": a change that went through clears the notice";
+    Rig::deliver();
+  }
 }
 
 TEST(PelmoraWindow, ThrottlingWarning) {

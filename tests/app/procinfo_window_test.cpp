@@ -281,6 +281,18 @@ TEST(ProcinfoWindow, LimitControlLimitsClearsAndRemembersPerPowerSource) {
   w.limitControl()->setValue(40);
   EXPECT_EQ(f.limiter->limitFor(200), 0.2);
   EXPECT_EQ(f.limiter->procSettings().limitFor("firefox", "Battery Power"), 0.4);
+  // ... and can be taken back from there, by the button or by "None", still without touching it.
+  for (const bool by_button : {true, false}) {
+    w.limitControl()->setValue(40);
+    ASSERT_TRUE(w.clearLimitButton()->isEnabled());
+    if (by_button)
+      w.clearLimitButton()->click();
+    else
+      w.limitControl()->setValue(0);
+    EXPECT_FALSE(f.limiter->procSettings().limitFor("firefox", "Battery Power")) << by_button;
+    EXPECT_EQ(f.limiter->limitFor(200), 0.2) << by_button;
+    EXPECT_FALSE(w.clearLimitButton()->isEnabled()) << by_button;
+  }
   w.changePowerSource(0);
   EXPECT_EQ(w.limitControl()->value(), 20);
 
@@ -295,7 +307,15 @@ TEST(ProcinfoWindow, LimitControlLimitsClearsAndRemembersPerPowerSource) {
   EXPECT_EQ(f.limiter->limits().size(), 2u);
   w.clearLimit();
   EXPECT_EQ(f.limiter->limits().size(), 1u);
+  // "Clear All Limits" asks first.
+  int asked = 0;
+  bool answer = false;
+  w.setConfirm([&](const QString&) { return ++asked, answer; });
   w.clearAllLimits();
+  EXPECT_EQ(f.limiter->limits().size(), 1u);
+  answer = true;
+  w.clearAllLimits();
+  EXPECT_EQ(asked, 2);
   EXPECT_TRUE(f.limiter->limits().empty());
   // Every limited process was continued on the way out.
   EXPECT_GE(f.wire->count(SIGCONT), 2);

@@ -1,0 +1,288 @@
+// User journeys across the windows of the real application object: its menus, windows, dialogs and
+// signals as a user meets them, each journey crossing a seam that the windows' own tests do not.
+#include <gtest/gtest.h>
+
+#include <QAction>
+#include <QApplication>
+#include <QColorDialog>
+#include <QComboBox>
+#include <QDialogButtonBox>
+#include <QMenu>
+#include <QPushButton>
+#include <QTest>
+#include <QTimer>
+
+#include <sys/wait.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+#include "app/app_rig.h"
+#include "app/slow_authorize_daemon.h"
+#include "helper_link/helper_transport.h"
+#include "process_control/live_child.h"
+#include "support/proc_task_reader.h"
+#include "support/socket_transport.h"
+#include "app/dock.h"
+#include "graphs/views/graph_legend.h"
+#include "graphs/views/graph_popover.h"
+#include "graphs/views/graph_view_cpu.h"
+#include "support/settings_keys.h"
+#include "support/timeval.h"
+
+namespace pelmora {
+namespace {
+
+using app_test::AppRig;
+
+// The item called `text` in one of the application's menus.
+QAction* menuItem(AppDelegate& app, const QString& text) {
+  for (QMenu* menu : app.mainMenus())
+    for (QAction* item : menu->actions())
+      if (item->text() == text) return item;
+  return nullptr;
+}
+
+// Runs answer on the first modal dialog once it is up (it may run a loop of its own, or not).
+void answerModal(std::function<void(QWidget*)> answer) {
+  QTimer::singleShot(0, [answer = std::move(answer)] {
+    QWidget* modal = nullptr;
+    for (int i = 0; i < 200 && !(modal = QApplication::activeModalWidget()); ++i) QTest::qWait(5);
+    answer(modal);
+  });
+}
+
+// The four processors of the scratch tree busy for a quarter of each tick, so every CPU graph shows
+// a band well above its floor.
+class ScratchTicks {
+ public:
+  ScratchTicks(AppRig& rig) : m_rig(rig) {}
+  void tick(int times) {
+    for (int i = 0; i < times; ++i) {
+      ++m_k;
+      std::ostringstream stat;
+      stat << "cpu  0 0 0 0 0 0 0 0 0 0\n";
+      for (int cpu = 0; cpu < 4; ++cpu)
+        stat << "cpu" << cpu << " " << 20 * m_k << " 0 " << 10 * m_k << " " << 90 * m_k << " 0 0 0 0 0 0\n";
+      m_rig.scratch.write("proc/stat", stat.str());
+      m_clock.advance_us(6'000'000);  // past any update interval of the graphs and the icon
+      m_rig.sampler->tick();
+      RunLoop::main().runUntilIdle();
+    }
+  }
+
+ private:
+  AppRig& m_rig;
+  FakeClock m_clock;
+  int64_t m_k = 0;
+};
+
+// Pixels of the chosen magenta, plain or as the fill's lighter tint; the default series colours
+// (green, red) have no such pixel.
+int magentaPixels(const QImage& image) {
+  int count = 0;
+  for (int y = 0; y < image.height(); ++y)
+    for (int x = 0; x < image.width(); ++x) {
+      const QColor c = image.pixelColor(x, y);
+      count += c.red() > 200 && c.blue() > 200 && c.green() < 160;
+    }
+  return count;
+}
+
+TEST(Journey, LegendColourWellToDialogToWindowAndLiveIconAfterARestart) {
+  stats_test::SwitchesGuard guard;
+  GraphSwitches::current().radio_default = false;
+  GraphSwitches::current().radio_light = true;  // white backgrounds whatever the platform theme
+  AppRig rig;
+  rig.rig.store.saveInt(Dock::kDisplayKey, static_cast<int>(Dock::Display::CPU));
+  rig.app->finishLaunching();
+  ScratchTicks ticks(rig);
+  menuItem(*rig.app, "Statistics")->trigger();
+  SystemStatsWindow* stats = SystemStatsWindow::instance();
+  ASSERT_NE(stats, nullptr);
+  ticks.tick(3);
+  GraphViewCPU* total = stats->totalCpuView();
+  EXPECT_EQ(magentaPixels(total->grab().toImage()), 0);
+
+  QTest::mouseClick(total, Qt::LeftButton, {}, QPoint(20, 20));
+  ASSERT_NE(total->popover(), nullptr);
+  ASSERT_TRUE(total->popover()->isVisible());
+  QPushButton* well = total->legend()->colorButton(0);
+  bool answered = false;
+  answerModal([&](QWidget* modal) {
+    auto* dialog = qobject_cast<QColorDialog*>(modal);
+    ASSERT_NE(dialog, nullptr);
+    dialog->setCurrentColor(QColor(255, 0, 255));
+    dialog->findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Ok)->click();
+    answered = true;
+  });
+  QTest::mouseClick(well, Qt::LeftButton);
+  for (int i = 0; i < 400 && !answered; ++i) QTest::qWait(5);
+  ASSERT_TRUE(answered);
+  app_test::deleteLater();  // the popup's deferred delete runs, as it would in the event loop
+
+  ticks.tick(1);
+  EXPECT_GT(magentaPixels(total->grab().toImage()), 0) << "the window draws the new colour";
+
+  rig.restart();
+  ASSERT_EQ(rig.app->dock()->displayType(), Dock::Display::CPU);
+  EXPECT_EQ(GraphPalette::colors(GraphClass::cpu)[0], (GraphColor{255, 0, 255, 255}));
+  ScratchTicks again(rig);
+  again.tick(3);
+  EXPECT_GT(magentaPixels(rig.app->dock()->icon().pixmap(Dock::kTileSize_px).toImage()), 0)
+      << "the live icon draws the saved colour after a restart";
+}
+
+TEST(Journey, SwitchingPowerSourceFromTheMenuAppliesFewerProcessorsAndTheStatisticsGridFollows) {
+  stats_test::SwitchesGuard guard;
+  GraphSwitches::current().show_offline_cpus = false;
+  GraphSwitches::current().max_cpu_rows = 8;
+  AppRig rig;
+  rig.rig.script.counts = {4, 4, 4, 4};
+  // The helper as the daemon and the kernel: "setcpucount" switches processors on or off in the
+  // scratch tree, which the statistics window reads.
+  rig.rig.wire->answer = [&rig](const XPCDict& r) {
+    if (auto count = xpcInt(r, "count"); count && xpcHas(r, "setcpucount")) {
+      rig.scratch.setCpus("0-3", *count == 1 ? "0" : "0-" + std::to_string(*count - 1));
+      rig.rig.script.counts.logical_cpu = static_cast<int32_t>(*count);
+    }
+    return settings_test::answer(rig.rig.script, r);
+  };
+  rig.rig.store.saveDict("CPU_Settings", {{"CPUCount", {{"AC Power", 4}, {"Battery Power", 2}}}});
+  keys::kAppSystemStats.save(rig.rig.store, true);
+  rig.app->finishLaunching();
+  SystemStatsWindow* stats = SystemStatsWindow::instance();
+  ASSERT_NE(stats, nullptr);
+  ASSERT_EQ(stats->cpuViews().size(), 4u);
+
+  menuItem(*rig.app, "Switch Power Source")->trigger();
+  RunLoop::main().runUntilIdle();
+  ASSERT_EQ(rig.app->window()->m_powersource->currentIndex(), 1);
+  EXPECT_EQ(stats->cpuViews().size(), 2u) << "the statistics window rebuilt its processor graphs";
+
+  menuItem(*rig.app, "Switch Power Source")->trigger();
+  RunLoop::main().runUntilIdle();
+  EXPECT_EQ(stats->cpuViews().size(), 4u);
+}
+
+// The one-letter state of the process ('?' when gone).
+char procState(pid_t pid) {
+  auto stat = ProcTaskReader().readStat(pid);
+  return stat ? stat->state : '?';
+}
+
+// The busy child's processor time so far, from the kernel's own counters, in clock ticks.
+uint64_t cpuTicks(pid_t pid) {
+  auto stat = ProcTaskReader().readStat(pid);
+  return stat ? stat->utime_ticks + stat->stime_ticks : 0;
+}
+
+// Pumps both event queues of the GUI thread (Qt's and the main queue) for the given time.
+void pump(std::chrono::milliseconds time) {
+  const auto until = std::chrono::steady_clock::now() + time;
+  while (std::chrono::steady_clock::now() < until) {
+    QCoreApplication::processEvents();
+    RunLoop::main().runFor(std::chrono::milliseconds(5));
+  }
+}
+
+struct Window {
+  double share = 0.0;       // of one processor, from /proc
+  bool seen_stopped = false, seen_running = false;
+  int events = 0;            // GUI events handled
+  int64_t worst_event_ms = 0;
+};
+
+// Watches the child for `time`: its share from /proc, whether it was seen both stopped and running
+// (the duty cycle going on), and how promptly the GUI thread handled a timer event posted every 20 ms.
+Window watch(pid_t child, std::chrono::milliseconds time) {
+  using Clock = std::chrono::steady_clock;
+  Window w;
+  const uint64_t ticks0 = cpuTicks(child);
+  const auto start = Clock::now();
+  auto next_post = start;
+  while (Clock::now() - start < time) {
+    if (Clock::now() >= next_post) {
+      const auto posted = Clock::now();
+      QTimer::singleShot(0, [&w, posted] {
+        ++w.events;
+        const auto late = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - posted).count();
+        w.worst_event_ms = std::max<int64_t>(w.worst_event_ms, late);
+      });
+      next_post += std::chrono::milliseconds(20);
+    }
+    const char state = procState(child);
+    w.seen_stopped |= state == 'T';
+    w.seen_running |= state == 'R';
+    pump(std::chrono::milliseconds(5));
+  }
+  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  w.share = static_cast<double>(cpuTicks(child) - ticks0) / static_cast<double>(::sysconf(_SC_CLK_TCK)) / seconds;
+  return w;
+}
+
+TEST(Journey, LockButtonWaitsForThePasswordWhileTheGuiAnswersAndTheLimitedChildKeepsItsDutyCycle) {
+  stats_test::Scratch scratch;
+  settings_test::Rig settings;  // its store, power monitor on a fixture supply tree, scratch folder
+  const auto sys = settings.dir / "sys";
+  std::filesystem::copy(std::string(PELMORA_FIXTURES) + "/cpu-nosmt-4c", sys, std::filesystem::copy_options::recursive);
+  app_test::SlowAuthorizeDaemon daemon(settings.dir / "helper.sock", SysRoot("/proc", sys.string()));
+  ASSERT_TRUE(daemon.listening());
+  Pelmora helper(std::make_unique<SocketTransport>(daemon.path()),
+                 std::make_unique<SocketTransport>(daemon.path(), kAuthorizeTimeout_ms));
+  CPULimiter limiter(helper, SysRoot::current(), settings.store,
+                     CPULimiter::Options{"/bin/true", settings.dir / "held-live"});
+  limiter.setProcessesUpdateInterval(1000);
+  auto sampler = scratch.sampler();
+  const pid_t child = test::busyChild();
+  ASSERT_GT(child, 0);
+  {
+    AppServices services{helper, limiter, settings.power, *sampler, settings.store, nullptr, {}};
+    services.window_options.start_watch = false;
+    services.sleep_source = [] { return std::unique_ptr<SleepSource>(); };
+    AppDelegate app(std::move(services));
+    app.finishLaunching();
+    menuItem(app, "Processes")->trigger();
+    ProcinfoWindow* processes = ProcinfoWindow::shared();
+    ASSERT_NE(processes, nullptr);
+    for (int i = 0; i < 400 && processes->model().rowOfPid(child) < 0; ++i) pump(std::chrono::milliseconds(25));
+    processes->selectPid(child);
+    ASSERT_TRUE(processes->limitControl()->controlEnabled());
+    processes->limitControl()->setValue(25);
+    ASSERT_EQ(limiter.limitFor(child), 0.25);
+    const Window before = watch(child, std::chrono::milliseconds(3000));
+
+    PelmoraWindow* settings_window = app.window();
+    QTest::mouseClick(settings_window->m_auth, Qt::LeftButton);
+    // The click returned while the password is still to be typed: the GUI thread is free.
+    ASSERT_EQ(daemon.waiting(), 1);
+    EXPECT_EQ(settings_window->m_auth->text(), QStringLiteral("Waiting for authentication…"));
+    EXPECT_FALSE(settings_window->m_auth->isEnabled());
+    const Window during = watch(child, std::chrono::milliseconds(3000));
+    EXPECT_EQ(daemon.waiting(), 1);
+    EXPECT_GT(during.events, 0) << "the GUI thread handled events while authorize was pending";
+    EXPECT_TRUE(during.seen_stopped && during.seen_running) << "the limiter went on stopping and continuing";
+    std::printf("limited child at 25 %%: %.1f %% before, %.1f %% while authorize was pending (%+.1f points); "
+                "GUI events handled %d, the slowest after %lld ms\n",
+                before.share * 100.0, during.share * 100.0, (during.share - before.share) * 100.0, during.events,
+                static_cast<long long>(during.worst_event_ms));
+
+    daemon.givePassword();
+    for (int i = 0; i < 200 && !helper.authorised(); ++i) pump(std::chrono::milliseconds(10));
+    pump(std::chrono::milliseconds(20));
+    EXPECT_TRUE(helper.authorised());
+    EXPECT_TRUE(settings_window->m_throttle->isEnabled());
+    EXPECT_EQ(settings_window->m_auth->text(), QStringLiteral("Click the lock to prevent changes"));
+    processes->close();
+    app.terminate();
+  }
+  EXPECT_NE(procState(child), 'T') << "nothing is left stopped";
+  ::kill(child, SIGKILL);
+  ::waitpid(child, nullptr, 0);
+  RunLoop::main().runUntilIdle();
+}
+
+}  // namespace
+}  // namespace pelmora
