@@ -97,6 +97,7 @@ PelmoraWindow::PelmoraWindow(Pelmora& helper, PowerMonitor& power, CPULimiter& l
   if (!m_helper.setThrottle(m_throttle->isChecked()))
     Log("CPU settings: throttling left as the system has it; the helper refused.");
   m_mode->setText(helperModeText(m_helper.viaDaemon()));
+  m_notice->clear();  // nothing was asked of the user yet: the mode line says what is possible
   connect(m_timer, &QTimer::timeout, this, [this] { limiterWatch(); });
   if (m_options.start_watch) m_timer->start(kWatchPeriod_ms);
   listen();
@@ -199,10 +200,8 @@ void PelmoraWindow::refreshProcessorCounts() {
 bool PelmoraWindow::sendCpuCount() {
   std::string why;
   if (m_helper.setCpuCount(m_cpucontrol->m_slider->value(), m_hyperthreading->isChecked(),
-                           m_prefer_phys->isChecked(), &why)) {
-    m_notice->clear();
+                           m_prefer_phys->isChecked(), &why))
     return true;
-  }
   Log("CPU settings: the processor set was not changed; the window keeps the choice.");
   showRefusal(tr("The processor set was not changed"), why);
   return false;
@@ -222,6 +221,7 @@ void PelmoraWindow::applySettings() {
 // The box keeps what the user chose, refused or not: the choice is stored for its power source and
 // sent again whenever that source becomes active.
 void PelmoraWindow::hyperThreading(QCheckBox*) {
+  m_notice->clear();
   applySettings();
   refreshProcessorCounts();
   storeSettings();
@@ -239,15 +239,13 @@ void PelmoraWindow::sliderStepperValueChanged(SliderStepper& sender) {
 
 void PelmoraWindow::sendThrottle(bool enable) {
   std::string why;
-  if (m_helper.setThrottle(enable, &why)) {
-    m_notice->clear();
-    return;
-  }
+  if (m_helper.setThrottle(enable, &why)) return;
   Log(std::string("CPU settings: throttling not switched ") + (enable ? "on" : "off") + "; the window keeps the choice.");
   showRefusal(enable ? tr("Throttling was not switched on") : tr("Throttling was not switched off"), why);
 }
 
 void PelmoraWindow::throttleTasks(bool on) {
+  m_notice->clear();
   if (on || !keys::kWarnThrottle.load(m_store)) {
     sendThrottle(on);
     storeSettings();
@@ -284,6 +282,7 @@ void PelmoraWindow::showThrottleWarning() {
 
 // Selecting the source in force sends its settings, as its becoming active does.
 void PelmoraWindow::changePowerSource() {
+  m_notice->clear();
   copySettingsToControls();
   if (!showingActiveSource()) return;
   applySettings();
@@ -291,6 +290,7 @@ void PelmoraWindow::changePowerSource() {
 }
 
 void PelmoraWindow::powerSourceChanged() {
+  m_notice->clear();
   m_powersource->setCurrentIndex(m_power.powerSource() == PowerSource::battery ? 1 : 0);
   copySettingsToControls();
   setHeaderTitle();
@@ -315,6 +315,7 @@ void PelmoraWindow::toggleLock() {
 }
 
 void PelmoraWindow::authorizationAnswered(const std::string& answer) {
+  m_notice->clear();
   if (answer != "OK") {
     Log("CPU settings: authorisation refused: " + answer + ".");
     showRefusal(tr("Not authorised"), answer);
@@ -323,8 +324,6 @@ void PelmoraWindow::authorizationAnswered(const std::string& answer) {
                                 tr("Authorization failed: %1").arg(QString::fromStdString(answer)), QMessageBox::Ok, this);
     box->setAttribute(Qt::WA_DeleteOnClose);
     box->open();
-  } else {
-    m_notice->clear();
   }
   setEnabledStates();
 }
@@ -347,6 +346,8 @@ void PelmoraWindow::limiterWatch() {
     PowerAssertion::switchAssertion(true);
   }
 }
+
+bool PelmoraWindow::watching() const { return m_timer->isActive(); }
 
 BootControls PelmoraWindow::bootControls() const {
   BootControls c;

@@ -53,6 +53,8 @@ class PelmoraWindow : public QWidget, public SliderStepperDelegate {
   void copySettingsToControls();
   void setEnabledStates();
   void limiterWatch();
+  // Whether the one-second limiter watch runs.
+  bool watching() const;
   // The controls that make up the boot-time settings text.
   BootControls bootControls() const;
 

@@ -9,10 +9,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
+#include "helper_link/fallback_transport.h"
+#include "helper_link/in_process_transport.h"
 #include "settings_test_support.h"
+#include "support/socket_transport.h"
 #include "support/broadcast.h"
 #include "support/logger.h"
 #include "support/settings_keys.h"
@@ -192,6 +196,50 @@ TEST(PelmoraWindow, SwitchingToBatteryOnAMachineWithoutOneSaysWhy) {
     w.m_power_switch->click();
     Rig::deliver();
     EXPECT_TRUE(w.m_power_note->isHidden());
+  }
+}
+
+TEST(PelmoraWindow, ShowsWhoServesTheHelperRequests) {
+  Rig rig;
+  EXPECT_EQ(PelmoraWindow(rig.helper, rig.power, rig.limiter, rig.store, options()).m_mode->text(), helperModeText(true));
+  // No daemon: the handler code in this process, with the user's rights, on a fixture tree.
+  HelperOptions in_process;
+  in_process.root = SysRoot("/proc", std::string(PELMORA_FIXTURES) + "/cpu-nosmt-4c");
+  in_process.privileged = false;
+  LogCapture log;
+  Pelmora alone(std::make_unique<FallbackTransport>(std::make_unique<SocketTransport>(""), [] { return false; },
+                                                    std::make_unique<InProcessTransport>(in_process)));
+  PelmoraWindow w(alone, rig.power, rig.limiter, rig.store, options());
+  EXPECT_EQ(w.m_mode->text(), helperModeText(false));
+  const auto lines = log.lines();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), FallbackTransport::kInProcessLine), 1) << "said once in the log";
+  Rig::deliver();
+}
+
+TEST(PelmoraWindow, ClosingStopsTheWatchAndTheListenersAndShowingCatchesUp) {
+  for (const bool status_item : {false, true}) {
+    Rig rig;
+    rig.store.saveDict("CPU_Settings", kStoredBoth);
+    keys::kShowMenubar.save(rig.store, status_item);
+    PelmoraWindow::Options o = options();
+    o.start_watch = true;
+    PelmoraWindow w(rig.helper, rig.power, rig.limiter, rig.store, o);
+    w.show();
+    w.close();
+    // With a status item the watch goes on: the limited count is shown there.
+    EXPECT_EQ(w.watching(), status_item) << status_item;
+    rig.clear();
+    rig.power.switchSource();
+    Rig::deliver();
+    EXPECT_EQ(w.m_powersource->currentIndex(), 0) << "closed: the broadcast is not heard";
+    EXPECT_TRUE(rig.sent("setcpucount").empty());
+    w.show();
+    EXPECT_TRUE(w.watching());
+    EXPECT_EQ(w.m_powersource->currentIndex(), 1) << "shown again: the source in force is applied";
+    ASSERT_FALSE(rig.sent("setcpucount").empty());
+    EXPECT_EQ(intIn(rig.sent("setcpucount").front(), "count"), 2) << "the battery's stored count";
+    w.close();
+    Rig::deliver();
   }
 }
 

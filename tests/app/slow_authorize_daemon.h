@@ -48,6 +48,8 @@ class SlowAuthorizeDaemon {
     std::lock_guard lock(m_mutex);
     return m_waiting;
   }
+  // Stop and continue requests served so far.
+  int signalsServed() const { return m_signals; }
   void givePassword() {
     std::lock_guard lock(m_mutex);
     m_password_given = true;
@@ -75,6 +77,7 @@ class SlowAuthorizeDaemon {
     if (auto connection = Connection::fromSocket(fd)) {
       while (auto request = xpcReceiveMessage(fd)) {
         XPCDict reply = xpcHas(*request, "authorize") ? holdAuthorize() : m_handler.handle(*request, *connection);
+        m_signals += xpcHas(*request, "kill") && xpcInt(reply, "kill") == int64_t{0};
         if (connection->closeRequested() || !xpcSendMessage(fd, reply)) break;
       }
     }
@@ -94,6 +97,7 @@ class SlowAuthorizeDaemon {
   RequestHandler m_handler;
   UniqueFd m_listen;
   std::atomic<bool> m_stop{false};
+  std::atomic<int> m_signals{0};
   std::thread m_accept;
   std::mutex m_mutex;
   std::condition_variable m_answer;

@@ -1,7 +1,11 @@
-// The daemon authorises one connection, not the client: after the transport reconnects, a client
-// that holds the authorised flag must ask again before its next request, and drop the flag when
-// the daemon no longer agrees.
+// The daemon keeps its grant per client process, and a daemon started anew has none. "authorize"
+// goes over a connection of its own (it may wait minutes for a password); after the main transport
+// reconnects, a client that holds the authorised flag asks, without any dialog, whether the grant
+// still holds before its next request, and drops the flag when it does not.
 #include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
 
 #include "fake_transport.h"
 #include "helper_link/pelmora.h"
@@ -12,47 +16,54 @@ namespace {
 
 using Keys = std::vector<std::string>;
 
-// The operation key of each request, in the order sent.
+// The operation key of each request, in the order sent; a non-interactive "authorize" is "check".
 Keys keysOf(const std::vector<XPCDict>& requests) {
   Keys keys;
-  for (const XPCDict& r : requests) keys.push_back(xpcHas(r, "authorize") ? "authorize" : "throttle");
+  for (const XPCDict& r : requests) {
+    if (!xpcHas(r, "authorize"))
+      keys.push_back("throttle");
+    else
+      keys.push_back(xpcInt(r, "interactive") == int64_t{0} ? "check" : "authorize");
+  }
   return keys;
 }
 
-TEST(PelmoraReauthorise, AsksAgainOnlyAfterANewConnection) {
+TEST(PelmoraReauthorise, AsksAgainWithoutADialogOnlyAfterANewConnection) {
   struct Case {
     const char* name;
-    bool authorised;         // the user unlocked before the reconnect
+    bool authorised;      // the user unlocked before the reconnect
     bool reconnect;
-    bool granted_again;      // the daemon's answer to the second "authorize"
-    Keys sent;               // over two throttle requests after the reconnect
+    bool still_granted;   // the daemon's answer to the check
+    Keys sent;            // on the main connection, over two throttle requests after the reconnect
     bool authorised_after;
   };
   const Case cases[] = {
-      {"same connection", true, false, true, {"authorize", "throttle", "throttle"}, true},
-      {"new connection, granted", true, true, true, {"authorize", "authorize", "throttle", "throttle"}, true},
-      {"new connection, refused", true, true, false, {"authorize", "authorize", "throttle", "throttle"}, false},
+      {"same connection", true, false, true, {"throttle", "throttle"}, true},
+      {"new connection, granted", true, true, true, {"check", "throttle", "throttle"}, true},
+      {"new connection, refused", true, true, false, {"check", "throttle", "throttle"}, false},
       {"never authorised", false, true, true, {"throttle", "throttle"}, false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     auto wire = std::make_shared<test::FakeWire>();
+    auto auth_wire = std::make_shared<test::FakeWire>();
     wire->connection = 1;
-    int authorize_requests = 0;
     wire->answer = [&](const XPCDict& request) -> std::optional<XPCDict> {
       if (!xpcHas(request, "authorize")) return XPCDict{{"throttle", "OK"}};
-      const bool grant = ++authorize_requests == 1 || c.granted_again;
-      return XPCDict{{"authorize", grant ? "OK" : "not authorised: dismissed"}};
+      return XPCDict{{"authorize", c.still_granted ? "OK" : "not authorised: no grant held"}};
     };
-    Pelmora client(std::make_unique<test::FakeTransport>(wire));
+    auth_wire->answer = [](const XPCDict&) { return XPCDict{{"authorize", "OK"}}; };
+    Pelmora client(std::make_unique<test::FakeTransport>(wire), std::make_unique<test::FakeTransport>(auth_wire));
     if (c.authorised) {
-      ASSERT_EQ(client.authorize(), "OK");
-      client.setAuthorised(true);
+      ASSERT_TRUE(client.requestAuthorization(nullptr));
+      for (int i = 0; i < 500 && client.authorizationPending(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+      ASSERT_TRUE(client.authorised());
     }
     if (c.reconnect) wire->connection = 2;
     client.setThrottle(true);
     client.setThrottle(false);
     EXPECT_EQ(keysOf(wire->requests), c.sent);
+    EXPECT_EQ(keysOf(auth_wire->requests), c.authorised ? Keys{"authorize"} : Keys{});
     EXPECT_EQ(client.authorised(), c.authorised_after);
   }
   RunLoop::main().runUntilIdle();  // deliver the authchanged broadcasts

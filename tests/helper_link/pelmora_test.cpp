@@ -57,7 +57,7 @@ TEST(PelmoraRequests, EachOperationSendsItsKeys) {
       {"pidfiles", [](Pelmora& p) { p.pidFiles(42, true); }, {{"pidfiles", "pidfiles"}, {"pid", 42}}},
       {"powermetrics", [](Pelmora& p) { p.powerMetrics(1000); },
        {{"powermetrics", "powermetrics"}, {"sample_interval", 1000}}},
-      {"authorize", [](Pelmora& p) { p.authorize(); }, {{"authorize", ""}}},
+      {"authorize", [](Pelmora& p) { p.authorize(); }, {{"authorize", ""}, {"interactive", 1}}},
       {"deauthorize", [](Pelmora& p) { p.deauthorize(); }, {{"deauthorize", ""}}},
   };
   for (const auto& c : cases) {

@@ -39,6 +39,7 @@ class GraphView : public QWidget {
   void setLabel(const QString& label);
   const QString& label() const { return m_label; }
   void setLabelFont(const QFont& font);
+  QFont labelFont() const { return m_font.value_or(font()); }
   void setDisplayDock(bool dock);
   // Off for the tray meter: at 22 pixels a caption is unreadable, the graph alone says enough.
   void setShowsCaption(bool shows) { m_shows_caption = shows; }
