@@ -11,6 +11,7 @@
 #include <QFontDialog>
 #include <QMenu>
 #include <QPushButton>
+#include <QSplitter>
 #include <QTest>
 #include <QTimer>
 
@@ -172,7 +173,7 @@ TEST(Journey, StatisticsLabelFontFromItsMenuThroughTheFontDialog) {
 TEST(Journey, SwitchingPowerSourceFromTheMenuAppliesFewerProcessorsAndTheStatisticsGridFollows) {
   stats_test::SwitchesGuard guard;
   GraphSwitches::current().show_offline_cpus = false;
-  GraphSwitches::current().max_cpu_rows = 8;
+  GraphSwitches::current().max_cpu_rows = 2;
   AppRig rig;
   rig.rig.script.counts = {4, 4, 4, 4};
   // The helper as the daemon and the kernel: "setcpucount" switches processors on or off in the
@@ -191,11 +192,19 @@ TEST(Journey, SwitchingPowerSourceFromTheMenuAppliesFewerProcessorsAndTheStatist
   SystemStatsWindow* stats = SystemStatsWindow::instance();
   ASSERT_NE(stats, nullptr);
   ASSERT_EQ(stats->cpuViews().size(), 4u);
+  EXPECT_EQ(stats->cpuController()->count(), 2) << "two columns of two rows";
 
   menuItem(*rig.app, "Switch Power Source")->trigger();
   RunLoop::main().runUntilIdle();
   ASSERT_EQ(rig.app->window()->m_powersource->currentIndex(), 1);
   EXPECT_EQ(stats->cpuViews().size(), 2u) << "the statistics window rebuilt its processor graphs";
+  EXPECT_EQ(stats->cpuController()->count(), 1);
+  // Offline processors keep their graphs when the preferences say so.
+  GraphSwitches::current().show_offline_cpus = true;
+  stats->graphSettingsChanged();
+  EXPECT_EQ(stats->cpuViews().size(), 4u);
+  GraphSwitches::current().show_offline_cpus = false;
+  stats->graphSettingsChanged();
 
   menuItem(*rig.app, "Switch Power Source")->trigger();
   RunLoop::main().runUntilIdle();

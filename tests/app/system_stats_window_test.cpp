@@ -146,20 +146,6 @@ TEST_F(StatsWindowTest, ProcessorGridInTheWindow) {
   }
 }
 
-TEST_F(StatsWindowTest, ProcessorGoingOfflineRebuildsTheGrid) {
-  GraphSwitches::current().show_offline_cpus = false;
-  GraphSwitches::current().max_cpu_rows = 2;
-  auto window = makeWindow("0-3", "0-3");
-  EXPECT_EQ(window->cpuViews().size(), 4u);
-  scratch.write("sys/devices/system/cpu/online", "0-2\n");
-  window->processorSetChanged();
-  EXPECT_EQ(window->cpuViews().size(), 3u);
-  EXPECT_EQ(window->cpuController()->count(), 2);
-  GraphSwitches::current().show_offline_cpus = true;
-  window->graphSettingsChanged();
-  EXPECT_EQ(window->cpuViews().size(), 4u);
-}
-
 std::vector<std::string> keys(const auto& map) {
   std::vector<std::string> out;
   for (const auto& [key, value] : map) out.push_back(key);
