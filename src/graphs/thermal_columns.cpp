@@ -18,14 +18,6 @@ std::vector<T> newest(const std::vector<T>& all, double width) {
   return std::vector<T>(all.end() - static_cast<std::ptrdiff_t>(keep), all.end());
 }
 
-// The sensor chosen by default for each role of one sample; none where the machine has no such sensor.
-std::array<const temperatureStats*, kTemperatureRoles> chosen(const std::vector<temperatureStats>& sensors) {
-  std::array<const temperatureStats*, kTemperatureRoles> out{};
-  for (size_t i : TemperatureCollector::defaultChoice(sensors))
-    if (auto role = temperatureRole(sensors[i].kind)) out[static_cast<size_t>(*role)] = &sensors[i];
-  return out;
-}
-
 }  // namespace
 
 std::optional<TemperatureRole> temperatureRole(const std::string& kind) {
@@ -35,13 +27,30 @@ std::optional<TemperatureRole> temperatureRole(const std::string& kind) {
   return std::nullopt;
 }
 
-TemperatureColumns temperatureColumns(const std::vector<std::vector<temperatureStats>>& history, double width) {
+std::array<const temperatureStats*, kTemperatureRoles> chosenSensors(const std::vector<temperatureStats>& sensors,
+                                                                      const std::vector<std::string>& choice) {
+  std::array<const temperatureStats*, kTemperatureRoles> out{};
+  bool any = false;
+  for (size_t line = 0; line < std::min(choice.size(), kTemperatureRoles); ++line) {
+    auto found = std::find_if(sensors.begin(), sensors.end(), [&](const auto& s) { return s.name == choice[line]; });
+    if (found == sensors.end()) continue;  // the line stays empty: the others keep their colours
+    out[line] = &*found;
+    any = true;
+  }
+  if (any) return out;
+  for (size_t i : TemperatureCollector::defaultChoice(sensors))
+    if (auto role = temperatureRole(sensors[i].kind)) out[static_cast<size_t>(*role)] = &sensors[i];
+  return out;
+}
+
+TemperatureColumns temperatureColumns(const std::vector<std::vector<temperatureStats>>& history, double width,
+                                      const std::vector<std::string>& choice) {
   TemperatureColumns out;
   double top_C = 0.0;
   std::vector<temperature_column> degrees;
   for (const auto& sample : newest(history, width)) {
     temperature_column column;
-    const auto picks = chosen(sample);
+    const auto picks = chosenSensors(sample, choice);
     for (size_t role = 0; role < kTemperatureRoles; ++role) {
       if (!picks[role]) continue;
       column.value[role] = static_cast<double>(picks[role]->temp_mC) / kMilliPerUnit;
@@ -50,7 +59,7 @@ TemperatureColumns temperatureColumns(const std::vector<std::vector<temperatureS
     degrees.push_back(column);
   }
   if (!history.empty()) {
-    const auto picks = chosen(history.back());
+    const auto picks = chosenSensors(history.back(), choice);
     for (size_t role = 0; role < kTemperatureRoles; ++role) {
       if (!picks[role]) continue;
       out.names[role] = picks[role]->name;

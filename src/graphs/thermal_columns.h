@@ -13,7 +13,8 @@
 
 namespace pelmora {
 
-// The temperature graph's lines, in the order the sensors are chosen by default.
+// The temperature graph's lines, in the order the sensors are chosen by default; a user's own choice
+// of sensors fills them in its own order.
 enum class TemperatureRole : size_t { processor = 0, gpu = 1, disk = 2 };
 inline constexpr size_t kTemperatureRoles = 3;
 
@@ -35,7 +36,14 @@ struct TemperatureColumns {
 
 // The role a sensor of this kind plays, or none ("other" sensors are not drawn by default).
 std::optional<TemperatureRole> temperatureRole(const std::string& kind);
-TemperatureColumns temperatureColumns(const std::vector<std::vector<temperatureStats>>& history, double width);
+// The sensor drawn in each line of one sample. With no choice (or none of the chosen sensors in the
+// sample), the default: processor package, hottest GPU, hottest disk, each in its role's line so that
+// a line keeps its colour. A user's choice of sensor names fills the lines in the order chosen, any
+// kind allowed; names beyond the third are left out, and a sensor the sample lacks leaves its line empty.
+std::array<const temperatureStats*, kTemperatureRoles> chosenSensors(const std::vector<temperatureStats>& sensors,
+                                                                      const std::vector<std::string>& choice);
+TemperatureColumns temperatureColumns(const std::vector<std::vector<temperatureStats>>& history, double width,
+                                      const std::vector<std::string>& choice = {});
 
 struct battery_column {
   double charge = 0.0;  // fraction of a full battery

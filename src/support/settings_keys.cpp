@@ -12,6 +12,19 @@ double DoubleKey::load(DefaultSettings& store) const { return store.loadDouble(k
 void DoubleKey::save(DefaultSettings& store, double value) const { store.saveDouble(key, value); }
 std::string StringKey::load(DefaultSettings& store) const { return store.loadString(key, def); }
 void StringKey::save(DefaultSettings& store, const std::string& value) const { store.saveString(key, value); }
+std::vector<std::string> StringListKey::load(DefaultSettings& store) const {
+  const auto value = store.loadValue(key);
+  std::vector<std::string> out;
+  if (!value || !value->is_array()) return out;
+  for (const auto& item : *value) {
+    if (!item.is_string()) return {};
+    out.push_back(item.get<std::string>());
+  }
+  return out;
+}
+void StringListKey::save(DefaultSettings& store, const std::vector<std::string>& value) const {
+  store.saveDict(key, nlohmann::json(value));
+}
 nlohmann::json DictKey::load(DefaultSettings& store) const { return store.loadDict(key); }
 void DictKey::save(DefaultSettings& store, const nlohmann::json& value) const { store.saveDict(key, value); }
 
@@ -21,6 +34,7 @@ SettingKey entry(const BoolKey& k) { return {k.key, SettingType::boolean, k.def}
 SettingKey entry(const IntKey& k) { return {k.key, SettingType::integer, k.def}; }
 SettingKey entry(const DoubleKey& k) { return {k.key, SettingType::real, k.def}; }
 SettingKey entry(const StringKey& k) { return {k.key, SettingType::string, k.def}; }
+SettingKey entry(const StringListKey& k) { return {k.key, SettingType::strings, nlohmann::json::array()}; }
 SettingKey entry(const DictKey& k) { return {k.key, SettingType::dictionary, nlohmann::json::object()}; }
 
 std::vector<SettingKey> buildTable() {
@@ -38,7 +52,7 @@ std::vector<SettingKey> buildTable() {
       entry(kGraphShowOfflineCpus), entry(kGraphShowCpuFrequency), entry(kGraphFreqSampleInterval_ms),
       entry(kGraphShowNetAvg), entry(kGraphNetAvg), entry(kGraphNetAvgExp), entry(kGraphShowTimeGrid),
       entry(kGraphTimeGrid), entry(kGraphShowScaleGrid), entry(kGraphScaleGrid), entry(kGraphFillGraph),
-      entry(kGraphShowCurrent), entry(kGraphShowDataIO),
+      entry(kGraphShowCurrent), entry(kGraphShowDataIO), entry(kGraphTempSensors),
   };
   for (const char* font : {"process_table_font", "openfiles_font", "graph_label_font"})
     t.push_back({font, SettingType::font, nullptr});
@@ -61,6 +75,7 @@ nlohmann::json loadSetting(DefaultSettings& store, const SettingKey& e) {
     case SettingType::integer: return store.loadInt(e.key, e.def.get<int64_t>());
     case SettingType::real: return store.loadDouble(e.key, e.def.get<double>());
     case SettingType::string: return store.loadString(e.key, e.def.get<std::string>());
+    case SettingType::strings: return nlohmann::json(StringListKey{e.key.c_str()}.load(store));
     case SettingType::dictionary: return store.loadDict(e.key, e.def);
     case SettingType::font:
     case SettingType::colours: return store.loadValue(e.key).value_or(nullptr);

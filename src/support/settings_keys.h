@@ -14,7 +14,7 @@ namespace pelmora {
 
 class DefaultSettings;
 
-enum class SettingType { boolean, integer, real, string, dictionary, font, colours };
+enum class SettingType { boolean, integer, real, string, strings, dictionary, font, colours };
 
 struct BoolKey {
   const char* key;
@@ -39,6 +39,12 @@ struct StringKey {
   const char* def;
   std::string load(DefaultSettings& store) const;
   void save(DefaultSettings& store, const std::string& value) const;
+};
+// A list of texts; defaults to the empty list, and so does a stored value that is not a list of texts.
+struct StringListKey {
+  const char* key;
+  std::vector<std::string> load(DefaultSettings& store) const;
+  void save(DefaultSettings& store, const std::vector<std::string>& value) const;
 };
 // Defaults to the empty dictionary.
 struct DictKey {
@@ -100,6 +106,9 @@ inline constexpr IntKey kGraphScaleGrid{"graph_scale_grid", 25};
 inline constexpr BoolKey kGraphFillGraph{"graph_fill_graph", true};
 inline constexpr BoolKey kGraphShowCurrent{"graph_show_current", true};
 inline constexpr BoolKey kGraphShowDataIO{"graph_show_data_io", true};
+// The sensors the temperature graph draws, by name, in line order; empty: processor package, hottest
+// GPU, hottest disk.
+inline constexpr StringListKey kGraphTempSensors{"graph_temp_sensors"};
 }  // namespace keys
 
 struct SettingKey {

@@ -8,6 +8,7 @@
 #include <QImage>
 #include <QLabel>
 #include <QLocale>
+#include <QMenu>
 #include <QMouseEvent>
 #include <QPushButton>
 
@@ -33,6 +34,7 @@
 #include "graphs/views/preferences_graph.h"
 #include "graphs/views/text_display.h"
 #include "support/default_settings.h"
+#include "support/settings_keys.h"
 
 namespace fs = std::filesystem;
 using namespace pelmora;
@@ -400,6 +402,58 @@ TEST_F(GraphWidgetTest, PreferencesPaneDefaultsDependentControlsAndRestore) {
   EXPECT_EQ(GraphPalette::colors(GraphClass::power), GraphPalette::defaults(GraphClass::power));
   for (GraphClass g : kAllGraphClasses) EXPECT_TRUE(store->contains(GraphPalette::key(g)));
   EXPECT_EQ(store->loadInt("graph_time_grid", 0), 60);
+}
+
+// The sensors menu as a user works it: tick, untick, back to the defaults; the choice outlives the view.
+TEST_F(GraphWidgetTest, TemperatureSensorsChosenFromTheMenuAreSavedAndReadBack) {
+  const std::vector<std::vector<temperatureStats>> history{
+      {{"coretemp Package id 0", "cpu", 60000, 100000, 0}, {"acpitz", "other", 50000, 0, 0},
+       {"iwlwifi_1", "other", 45000, 0, 0}, {"nvme Composite", "disk", 40000, 84850, 0}}};
+  auto item = [](QMenu* menu, const char* text) -> QAction* {
+    for (QAction* a : menu->actions())
+      if (a->text() == text) return a;
+    return nullptr;
+  };
+  GraphViewTemperature view;
+  view.resize(300, 100);
+  view.show();
+  view.update(history);
+  using Names = std::vector<std::string>;
+  const struct {
+    const char* what;
+    const char* item;
+    Names choice;                    // saved under the key afterwards
+    std::array<std::string, 3> drawn;
+    std::vector<const char*> disabled;  // menu items that cannot be toggled then
+  } steps[] = {
+      {"acpitz ticked takes the free line", "acpitz", {"coretemp Package id 0", "acpitz", "nvme Composite"},
+       {"coretemp Package id 0", "acpitz", "nvme Composite"}, {"iwlwifi_1"}},
+      {"the package unticked frees its line", "coretemp Package id 0", {"", "acpitz", "nvme Composite"},
+       {"", "acpitz", "nvme Composite"}, {}},
+      {"the disk unticked", "nvme Composite", {"", "acpitz"}, {"", "acpitz", ""}, {"acpitz"}},
+      {"back to the defaults", "Default Sensors", {}, {"coretemp Package id 0", "", "nvme Composite"}, {}},
+  };
+  for (const auto& step : steps) {
+    std::unique_ptr<QMenu> menu(view.makeSensorMenu(nullptr));
+    QAction* action = item(menu.get(), step.item);
+    ASSERT_NE(action, nullptr) << step.what;
+    action->trigger();
+    EXPECT_EQ(keys::kGraphTempSensors.load(*store), step.choice) << step.what;
+    EXPECT_EQ(view.columns().names, step.drawn) << step.what;
+    std::unique_ptr<QMenu> after(view.makeSensorMenu(nullptr));
+    for (QAction* a : after->actions()) {
+      if (a->isSeparator()) continue;
+      const bool listed = std::any_of(step.disabled.begin(), step.disabled.end(), [&](const char* d) { return a->text() == d; });
+      EXPECT_EQ(a->isEnabled(), !listed) << step.what << ": " << a->text().toStdString();
+    }
+  }
+  // Chosen in one window, drawn by the next graph that is shown.
+  keys::kGraphTempSensors.save(*store, {"iwlwifi_1"});
+  GraphViewTemperature next;
+  next.resize(300, 100);
+  next.update(history);
+  next.show();
+  EXPECT_EQ(next.columns().names, (std::array<std::string, 3>{"iwlwifi_1", "", ""}));
 }
 
 TEST_F(GraphWidgetTest, TemperatureLinesWithTheirCriticalMarksAndTheBatteryState) {

@@ -40,6 +40,34 @@ TEST(TemperatureColumns, NothingToDrawWithoutAChosenSensor) {
   EXPECT_DOUBLE_EQ(temperatureColumns(history, 0).scale_C, 50.0);
 }
 
+TEST(TemperatureColumns, AUsersChoiceFillsTheLinesInItsOrder) {
+  const std::vector<temperatureStats> laptop{
+      sensor("coretemp Package id 0", "cpu", 60000), sensor("coretemp Core 0", "cpu", 58000),
+      sensor("acpitz", "other", 50000), sensor("nvme Composite", "disk", 40000)};
+  using Names = std::array<std::string, 3>;
+  const struct {
+    const char* what;
+    std::vector<std::string> choice;
+    Names drawn;
+  } cases[] = {
+      {"no choice: the package and the disk in their roles' lines", {}, {"coretemp Package id 0", "", "nvme Composite"}},
+      {"one sensor of a kind drawn by no default", {"acpitz"}, {"acpitz", "", ""}},
+      {"the order chosen, not the kinds", {"nvme Composite", "coretemp Core 0"}, {"nvme Composite", "coretemp Core 0", ""}},
+      {"an empty line keeps the next one's colour", {"", "acpitz"}, {"", "acpitz", ""}},
+      {"a sensor the machine lost leaves its line empty", {"amdgpu edge", "acpitz"}, {"", "acpitz", ""}},
+      {"none of the chosen sensors here: the default", {"amdgpu edge"}, {"coretemp Package id 0", "", "nvme Composite"}},
+      {"three lines at most", {"acpitz", "coretemp Core 0", "nvme Composite", "coretemp Package id 0"},
+       {"acpitz", "coretemp Core 0", "nvme Composite"}},
+  };
+  for (const auto& c : cases) {
+    const auto t = temperatureColumns({laptop}, 100, c.choice);
+    EXPECT_EQ(t.names, c.drawn) << c.what;
+    ASSERT_EQ(t.columns.size(), 1u) << c.what;
+    for (size_t line = 0; line < 3; ++line)
+      EXPECT_EQ(t.columns[0].value[line] > 0, !c.drawn[line].empty()) << c.what << " line " << line;
+  }
+}
+
 TEST(BatteryColumns, ChargeOfAFullBatteryAndRateOfThePeak) {
   batteryStats a, b, c;
   a.charge_pct = 80, a.power_w = 10;

@@ -45,6 +45,7 @@ const nlohmann::json kExpected = {
     {"graph_net_avg", 1}, {"graph_net_avg_exp", true}, {"graph_show_time_grid", false},
     {"graph_time_grid", 30}, {"graph_show_scale_grid", false}, {"graph_scale_grid", 25},
     {"graph_fill_graph", true}, {"graph_show_current", true}, {"graph_show_data_io", true},
+    {"graph_temp_sensors", nlohmann::json::array()},
     {"process_table_font", nullptr}, {"openfiles_font", nullptr}, {"graph_label_font", nullptr},
     {"cpu_colors", nullptr}, {"mem_colors", nullptr}, {"io_colors", nullptr}, {"net_colors", nullptr},
     {"gfx_colors", nullptr}, {"fan_colors", nullptr}, {"loadavg_colors", nullptr}, {"power_colors", nullptr},
@@ -83,6 +84,18 @@ TEST(SettingsKeys, TypedKeysReadStoredValuesAndFallBackOnTheWrongType) {
   EXPECT_DOUBLE_EQ(keys::kPIDIntegral.load(s), 0.75);
   s.saveBool("CPU_Settings", true);
   EXPECT_EQ(keys::kCpuSettings.load(s), nlohmann::json::object());
+  const struct { const char* what; nlohmann::json stored; std::vector<std::string> expected; } list_cases[] = {
+      {"a list", {"nvme Composite", "acpitz"}, {"nvme Composite", "acpitz"}},
+      {"one text, not a list", "acpitz", {}},
+      {"a list with a number in it", {"acpitz", 3}, {}},
+  };
+  for (const auto& c : list_cases) {
+    s.saveDict("graph_temp_sensors", c.stored);
+    EXPECT_EQ(keys::kGraphTempSensors.load(s), c.expected) << c.what;
+  }
+  keys::kGraphTempSensors.save(s, {"k10temp Tctl"});
+  s.reload();
+  EXPECT_EQ(keys::kGraphTempSensors.load(s), (std::vector<std::string>{"k10temp Tctl"}));
 }
 
 }  // namespace

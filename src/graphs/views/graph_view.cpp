@@ -188,7 +188,8 @@ void GraphView::drawAxis(QPainter& painter) {
 }
 
 void GraphView::mousePressEvent(QMouseEvent* event) {
-  if (!rect().contains(event->position().toPoint())) return;
+  // The other buttons are the context menu's, where a graph has one.
+  if (event->button() != Qt::LeftButton || !rect().contains(event->position().toPoint())) return;
   openLegend();
 }
 

@@ -1,10 +1,15 @@
 #pragma once
-// Temperatures: one line per chosen sensor (the processor package, the hottest GPU, the hottest disk)
-// in °C against a fixed scale, and each sensor's critical limit as a dashed mark in its colour.
+// Temperatures: one line per chosen sensor in °C against a fixed scale, and each sensor's critical
+// limit as a dashed mark in its colour. The lines show the processor package, the hottest GPU and the
+// hottest disk unless the user picked other sensors from the graph's context menu; that choice is
+// kept under "graph_temp_sensors" and read again whenever the graph is shown.
+#include <string>
 #include <vector>
 
 #include "graphs/thermal_columns.h"
 #include "graphs/views/graph_view.h"
+
+class QMenu;
 
 namespace pelmora {
 
@@ -16,14 +21,30 @@ class GraphViewTemperature : public GraphView {
   void update(const std::vector<std::vector<temperatureStats>>& history);
   const TemperatureColumns& columns() const { return m_columns; }
 
+  // The sensor drawn in each line by name ("" leaves a line empty); empty: the default choice.
+  // Saved, and the graph redrawn from the samples it holds.
+  void setSensorChoice(const std::vector<std::string>& choice);
+  const std::vector<std::string>& sensorChoice() const { return m_choice; }
+  // The context menu: every sensor of the newest sample, ticked while drawn (at most one per line),
+  // and "Default Sensors".
+  QMenu* makeSensorMenu(QWidget* parent);
+
  protected:
   void updateLegend() override;
   void drawGraph(QPainter& painter) override;
   QString currentText() const override;
+  void contextMenuEvent(QContextMenuEvent* event) override;
+  void showEvent(QShowEvent* event) override;
 
  private:
   void drawCriticalMark(QPainter& painter, size_t role);
+  // The lines drawn now, by sensor name, with the one named `sensor` added or taken out.
+  std::vector<std::string> toggled(const std::string& sensor, bool on) const;
+  void recompute();
+
   TemperatureColumns m_columns;
+  std::vector<std::vector<temperatureStats>> m_visible;  // the newest samples, as many as there are columns
+  std::vector<std::string> m_choice;
 };
 
 }  // namespace pelmora
