@@ -311,8 +311,7 @@ void ProcinfoWindow::loadSettings() {
   m_table->setFont(m_font);
   m_model->setFont(m_font);
   m_table->verticalHeader()->setDefaultSectionSize(QFontMetrics(m_font).height() + 8);
-  for (QAction* action : m_header_view_processes->actions())
-    action->setChecked(action->data().toInt() == static_cast<int>(m_process_filter));
+  checkFilterItem();
   m_updating = true;
   m_table->horizontalHeader()->setSortIndicator(ProcessTableModel::columnOf(m_sort_key),
                                                 m_sort_ascending ? Qt::AscendingOrder : Qt::DescendingOrder);
@@ -399,9 +398,14 @@ void ProcinfoWindow::setUid(uint32_t uid) {
 
 void ProcinfoWindow::viewProcesses(processesView view) {
   m_process_filter = view;
-  for (QAction* action : m_header_view_processes->actions())
-    action->setChecked(action->data().toInt() == static_cast<int>(view));
+  checkFilterItem();
   rebuild();
+}
+
+// Only the filter items carry a filter number: the tree item in the same menu keeps its own check.
+void ProcinfoWindow::checkFilterItem() {
+  for (QAction* action : m_header_view_processes->actions())
+    if (action->data().isValid()) action->setChecked(action->data().toInt() == static_cast<int>(m_process_filter));
 }
 
 void ProcinfoWindow::changeSearch(const QString& text) {

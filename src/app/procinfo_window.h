@@ -128,6 +128,7 @@ class ProcinfoWindow : public QWidget, public SliderStepperDelegate {
   void refreshDetail();
   void updateEnabledState();
   void updateHeaderTitle();
+  void checkFilterItem();
   std::string shownPower() const;
   std::optional<ProcessRow> selectedRow() const;
   bool mayControl(const ProcessRow& row) const;

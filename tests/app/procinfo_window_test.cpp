@@ -220,6 +220,68 @@ TEST(ProcinfoWindow, FiltersAndSearch) {
   }
 }
 
+// The tree is switched from the header's view menu like the filters, works with them and the
+// search, indents children under their parents in the name column, and is remembered.
+TEST(ProcinfoWindow, TreeViewShowsChildrenUnderTheirParentsAndIsSwitchedLikeTheFilters) {
+  Fixture f;
+  f.standard();  // Xorg 100, firefox 200, bash 201 (mine), postgres 300: children of init
+  f.add(210, "Web Content", kMe, 0.20);
+  f.add(211, "Web Content", kMe, 0.40);
+  f.add(220, "yes", kMe, 0.90);
+  f.add(310, "postgres", kMe + 1, 0.01);
+  f.wire->procs[210].ppid = f.wire->procs[211].ppid = 200;
+  f.wire->procs[220].ppid = 201;
+  f.wire->procs[310].ppid = 300;
+  f.refresh();
+  f.refresh();
+  auto window = std::make_unique<ProcinfoWindow>(*f.limiter, f.helper, f.settings);
+  window->setUid(kMe);
+  auto menuItem = [&](const QString& text) {
+    for (QAction* a : window->findChildren<QAction*>())
+      if (a->text() == text) return a;
+    return static_cast<QAction*>(nullptr);
+  };
+  QAction* tree = menuItem("Tree of Parents and Children");
+  ASSERT_NE(tree, nullptr);
+  struct Case {
+    const char* what;
+    bool tree;
+    processesView view;
+    const char* search;
+    std::vector<std::pair<int32_t, int>> rows;  // pid, depth, top to bottom
+  };
+  const Case cases[] = {
+      {"flat, by share", false, processesView::all, "", {{220, 0}, {200, 0}, {211, 0}, {100, 0}, {210, 0}, {300, 0}, {201, 0}, {310, 0}}},
+      {"tree: children under their parents, each level by share", true, processesView::all, "",
+       {{200, 0}, {211, 1}, {210, 1}, {100, 0}, {300, 0}, {310, 1}, {201, 0}, {220, 1}}},
+      {"tree with a filter: a parent filtered out makes its child a root", true, processesView::other, "", {{300, 0}, {310, 1}}},
+      {"tree and a search", true, processesView::all, "web", {{211, 0}, {210, 0}}},
+      {"mine as a tree", true, processesView::mine, "", {{200, 0}, {211, 1}, {210, 1}, {201, 0}, {220, 1}}},
+  };
+  for (const auto& c : cases) {
+    if (tree->isChecked() != c.tree) tree->trigger();
+    window->changeSearch(c.search);
+    window->viewProcesses(c.view);
+    std::vector<std::pair<int32_t, int>> rows;
+    for (const auto& row : window->model().rows()) rows.emplace_back(row.info.pid, row.depth);
+    EXPECT_EQ(rows, c.rows) << c.what;
+    EXPECT_EQ(window->treeView(), c.tree) << c.what;
+    for (const auto& [pid, depth] : c.rows) {
+      const std::string name = cell(*window, pid, "process");
+      EXPECT_EQ(name.find_first_not_of(' '), size_t(depth) * 3) << c.what << ": " << name;
+    }
+  }
+  // Closed with the tree on, opened again with it on.
+  window->close();
+  window.reset();
+  window = std::make_unique<ProcinfoWindow>(*f.limiter, f.helper, f.settings);
+  window->setUid(kMe);
+  EXPECT_TRUE(window->treeView());
+  EXPECT_TRUE(menuItem("Tree of Parents and Children")->isChecked());
+  EXPECT_EQ(window->model().rows().front().info.pid, 200);
+  EXPECT_EQ(window->model().rows()[1].depth, 1);
+}
+
 TEST(ProcinfoWindow, SelectionSurvivesRefreshesAndAVanishedProcessLeavesTheDetailArea) {
   Fixture f;
   f.standard();

@@ -24,6 +24,7 @@ namespace pelmora::test {
 struct SimProcess {
   std::string name = "proc";
   uint32_t uid = 1000;
+  int32_t ppid = 1;
   uint64_t cpu_ns = 0;
   uint64_t wakeups = 0;
   uint64_t read_bytes = 0;
@@ -103,6 +104,7 @@ class SimTransport : public XPCTransport {
     proc_taskallinfo t{};
     t.pbsd.pbi_pid = static_cast<uint32_t>(pid);
     t.pbsd.pbi_uid = p->uid;
+    t.pbsd.pbi_ppid = static_cast<uint32_t>(p->ppid);
     t.pbsd.pbi_start_tvsec = 1'700'000'000;
     t.pbsd.pbi_start_tvusec = 250'000;
     t.ptinfo = task(*p);
