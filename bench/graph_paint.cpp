@@ -2,8 +2,9 @@
 // eight per-core CPU graphs and one of each other class. Beside it, the same series painted the naive
 // way (every one of the 1800 entries of every series, nothing skipped), which is what the visible-
 // window rule saves. Prints the medians side by side.
-// With --screenshots DIR it instead writes one PNG per graph class (and the live icon) into DIR, for
-// scripts/graph-screenshots.sh.
+// With --screenshots DIR it instead writes one PNG per graph class (and the live icon) into DIR, and
+// with --thermal-screenshots DIR [SUFFIX] the temperature and battery graphs and their live icons of
+// the machine under PELMORA_PROC_ROOT / PELMORA_SYS_ROOT, for scripts/graph-screenshots.sh.
 #include <QApplication>
 #include <QImage>
 #include <QPainter>
@@ -18,6 +19,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "graphs/views/graph_view_battery.h"
@@ -31,6 +33,9 @@
 #include "graphs/views/graph_view_power.h"
 #include "graphs/views/graph_view_proc.h"
 #include "graphs/views/graph_view_temperature.h"
+#include "sampling/battery_collector.h"
+#include "sampling/temperature_collector.h"
+#include "support/sys_root.h"
 
 namespace {
 
@@ -43,7 +48,6 @@ double wave(size_t i, double period, double phase) { return 0.5 + 0.5 * std::sin
 
 struct Window {
   std::vector<std::unique_ptr<GraphView>> views;
-  std::vector<std::vector<temperatureStats>> cpu_temps;  // what the live icon's temperature graph gets
 };
 
 // Every graph of the window, sized as the statistics window lays them out, with its history.
@@ -127,7 +131,6 @@ Window buildWindow() {
   auto* g = new GraphViewGFX;
   add(g, 300, 100, "GPU: Radeon RX 6600");
   g->update(gfx);
-  for (const auto& sample : temps) w.cpu_temps.push_back({sample.front()});
   auto* t = new GraphViewTemperature;
   add(t, 300, 100, "Temperature:");
   t->update(temps);
@@ -196,37 +199,99 @@ void printTable(const std::map<std::string, double>& medians_us) {
                                    46);
 }
 
+bool save(GraphView& view, const QString& file) {
+  if (!view.grab().save(file)) {
+    std::fprintf(stderr, "cannot write %s\n", qPrintable(file));
+    return false;
+  }
+  std::printf("%s\n", qPrintable(file));
+  return true;
+}
+
 // One picture per class at a size that shows the detail, plus the total CPU graph as the live icon.
 int writeScreenshots(const QString& dir) {
   app();
   GraphSwitches::current().show_scale_grid = true;
   Window window = buildWindow();
-  const char* names[] = {"cpu", "mem", "io", "net", "load", "proc", "power", "fan", "gfx", "temp", "battery"};
+  // The temperature and battery graphs come from the fixture machines (--thermal-screenshots).
+  const char* names[] = {"cpu", "mem", "io", "net", "load", "proc", "power", "fan", "gfx"};
   // The whole-system CPU graph stands for its class; the rest follow in buildWindow's order.
   std::vector<GraphView*> chosen = {window.views[kCores].get()};
-  for (size_t k = kCores + 1; k < window.views.size(); ++k) chosen.push_back(window.views[k].get());
-  for (size_t k = 0; k < chosen.size(); ++k) {
-    const QString file = dir + "/graph-" + names[k] + ".png";
-    if (!chosen[k]->grab().save(file)) {
-      std::fprintf(stderr, "cannot write %s\n", qPrintable(file));
-      return 1;
+  for (size_t k = kCores + 1; k < kCores + 1 + std::size(names) - 1; ++k) chosen.push_back(window.views[k].get());
+  for (size_t k = 0; k < chosen.size(); ++k)
+    if (!save(*chosen[k], dir + "/graph-" + names[k] + ".png")) return 1;
+  // The live icon.
+  GraphView* icon = window.views[kCores].get();
+  icon->setDisplayDock(true);
+  icon->setLabel(QString());
+  icon->resize(128, 128);
+  return save(*icon, dir + "/graph-dock.png") ? 0 : 1;
+}
+
+// The sensors and the first battery of the machine the environment's roots name (a fixture machine
+// in scripts/graph-screenshots.sh), read by the real collectors, moved along a made-up workload so
+// that the newest of the 1800 samples is exactly what the machine reads.
+struct Thermal {
+  std::vector<std::vector<temperatureStats>> temps, cpu_temps;
+  std::vector<batteryStats> battery;
+};
+
+Thermal thermalHistory(const SysRoot& root) {
+  Thermal t;
+  const auto sensors = TemperatureCollector::read(root);
+  const auto batteries = BatteryCollector::read(root).system;
+  for (size_t i = 0; i < kSamples; ++i) {
+    const double age = double(kSamples - 1 - i);  // seconds before the newest sample
+    std::vector<temperatureStats> sample = sensors, cpu;
+    for (size_t k = 0; k < sample.size(); ++k) {
+      const double swing = 0.18 * std::sin(-age / (30.0 + 25.0 * double(k)));
+      sample[k].temp_mC = int64_t(double(sample[k].temp_mC) * (1.0 + swing));
+      if (sample[k].kind == TemperatureCollector::kCpu) cpu.push_back(sample[k]);
     }
-    std::printf("%s\n", qPrintable(file));
+    t.temps.push_back(sample);
+    t.cpu_temps.push_back(cpu);
+    if (batteries.empty()) continue;
+    batteryStats b = batteries.front();
+    if (b.status == "discharging" && b.time_to_empty_s > 0) {
+      // Half an hour earlier the charge was higher by what the present rate drains in that time.
+      b.charge_pct += age * b.charge_pct / double(b.time_to_empty_s);
+      b.power_w *= 1.0 + 0.35 * std::sin(-age / 40.0);
+    }
+    t.battery.push_back(b);
   }
-  // The live icon kinds, as the Dock labels them.
-  const struct {
-    GraphView* view;
-    QString label, file;
-  } icons[] = {{window.views[kCores].get(), QString(), "graph-dock.png"},
-               {chosen[9], "CPU Temp:", "graph-dock-temp.png"},
-               {chosen[10], "Battery:", "graph-dock-battery.png"}};
-  static_cast<GraphViewTemperature*>(chosen[9])->update(window.cpu_temps);
-  for (const auto& icon : icons) {
-    icon.view->setDisplayDock(true);
-    icon.view->setLabel(icon.label);
-    icon.view->resize(128, 128);
-    icon.view->grab().save(dir + "/" + icon.file);
-    std::printf("%s\n", qPrintable(dir + "/" + icon.file));
+  return t;
+}
+
+// graph-temp{suffix}.png and, where the machine has a battery, graph-battery{suffix}.png; for the
+// first machine (no suffix) the live icons of both kinds as well.
+int writeThermalScreenshots(const QString& dir, const QString& suffix) {
+  app();
+  GraphSwitches::current().show_scale_grid = true;
+  const Thermal t = thermalHistory(SysRoot::fromEnvironment());
+  if (t.temps.empty() || t.temps.back().empty()) {
+    std::fprintf(stderr, "no temperature sensors under the environment's roots\n");
+    return 1;
+  }
+  GraphViewTemperature temp;
+  temp.resize(300, 100);
+  temp.setLabel("Temperature:");
+  temp.update(t.temps);
+  GraphViewBattery battery;
+  battery.resize(300, 100);
+  battery.setLabel("Battery:");
+  battery.update(t.battery);
+  if (!save(temp, dir + "/graph-temp" + suffix + ".png")) return 1;
+  if (!t.battery.empty() && !save(battery, dir + "/graph-battery" + suffix + ".png")) return 1;
+  if (!suffix.isEmpty()) return 0;
+  // The live icon kinds, as the Dock labels and feeds them: the processor's sensors alone.
+  temp.update(t.cpu_temps);
+  for (auto [view, label, file] : {std::tuple<GraphView*, const char*, const char*>{&temp, "CPU Temp:", "graph-dock-temp.png"},
+                                   {&battery, "Battery:", "graph-dock-battery.png"}}) {
+    if (view == &battery && t.battery.empty()) continue;
+    view->setDisplayDock(true);
+    view->setLabel(label);
+    view->resize(128, 128);
+    if (!save(*view, dir + "/" + file)) return 1;
   }
   return 0;
 }
@@ -235,6 +300,8 @@ int writeScreenshots(const QString& dir) {
 
 int main(int argc, char** argv) {
   if (argc == 3 && std::string(argv[1]) == "--screenshots") return writeScreenshots(argv[2]);
+  if ((argc == 3 || argc == 4) && std::string(argv[1]) == "--thermal-screenshots")
+    return writeThermalScreenshots(argv[2], argc == 4 ? argv[3] : "");
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   pelmora::bench::MedianReporter reporter;

@@ -482,6 +482,20 @@ TEST_F(GraphWidgetTest, TemperatureLinesWithTheirCriticalMarksAndTheBatteryState
   battery.setLabel("L");
   battery.update({{"BAT0", "", "discharging", 63.0, 9.8, 12266, 0, 92.98, 187}});
   EXPECT_EQ(battery.labelText().toStdString(), "L\n63% discharging  9.8 W\nEmpty in 3:24\nHealth: 93%");
+  // The live icon is too narrow for the sensor's name and a rate beside the state.
+  temp.setDisplayDock(true);
+  battery.setDisplayDock(true);
+  EXPECT_EQ(temp.labelText().toStdString(), "L\n55.0 \u00b0C\n44.0 \u00b0C");
+  EXPECT_EQ(battery.labelText().toStdString(), "L\n63% discharging\n9.8 W\nEmpty in 3:24");
+  // A window's graphs print the top of their scale under the data.
+  for (GraphView* view : {static_cast<GraphView*>(&temp), static_cast<GraphView*>(&battery)}) {
+    view->setDisplayDock(false);
+    view->resize(300, 100);
+  }
+  temp.update(history);
+  battery.update({{"BAT0", "", "discharging", 63.0, 9.8, 12266, 0, 92.98, 187}});
+  EXPECT_TRUE(temp.axisText().endsWith("top: 110 \u00b0C")) << temp.axisText().toStdString();
+  EXPECT_TRUE(battery.axisText().endsWith("top: 100 %")) << battery.axisText().toStdString();
   GraphSwitches::current().show_current = false;
   EXPECT_EQ(temp.labelText(), "L");
   EXPECT_EQ(battery.labelText(), "L");

@@ -31,12 +31,16 @@ void GraphViewBattery::drawGraph(QPainter& painter) {
 
 QString GraphViewBattery::currentText() const {
   if (!GraphSwitches::current().show_current) return {};
+  // The live icon is 128 pixels wide: the rate gets a line of its own, and the health stays out.
+  const bool icon = displayDock();
   QString text = "\n" + chargeState(m_newest);
-  if (m_newest.power_w > 0) text += "  " + number(m_newest.power_w, 1) + " W";
+  if (m_newest.power_w > 0) text += (icon ? "\n" : "  ") + number(m_newest.power_w, 1) + " W";
   if (m_newest.time_to_empty_s > 0) text += "\n" + tr("Empty in") + " " + hoursMinutes(m_newest.time_to_empty_s);
   if (m_newest.time_to_full_s > 0) text += "\n" + tr("Full in") + " " + hoursMinutes(m_newest.time_to_full_s);
-  if (m_newest.health_pct > 0) text += "\n" + tr("Health:") + " " + number(m_newest.health_pct, 0) + "%";
+  if (m_newest.health_pct > 0 && !icon) text += "\n" + tr("Health:") + " " + number(m_newest.health_pct, 0) + "%";
   return text;
 }
+
+QString GraphViewBattery::scaleText() const { return m_columns.columns.empty() ? QString() : QStringLiteral("100 %"); }
 
 }  // namespace pelmora

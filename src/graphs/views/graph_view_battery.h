@@ -22,6 +22,7 @@ class GraphViewBattery : public GraphView {
   void updateLegend() override;
   void drawGraph(QPainter& painter) override;
   QString currentText() const override;
+  QString scaleText() const override;
 
  private:
   BatteryColumns m_columns;

@@ -78,6 +78,10 @@ void GraphViewTemperature::contextMenuEvent(QContextMenuEvent* event) {
   menu->popup(event->globalPos());
 }
 
+QString GraphViewTemperature::scaleText() const {
+  return m_columns.scale_C > 0 ? number(m_columns.scale_C, 0) + " \u00b0C" : QString();
+}
+
 void GraphViewTemperature::updateLegend() {
   const QStringList roles{tr("Processor:"), tr("GPU:"), tr("Disk:")};
   QStringList labels;
@@ -112,6 +116,11 @@ QString GraphViewTemperature::currentText() const {
   QString text;
   for (size_t role = 0; role < kTemperatureRoles; ++role) {
     if (!m_columns.present(static_cast<TemperatureRole>(role))) continue;
+    // The live icon's label already says which sensor: its caption is the figure alone.
+    if (displayDock()) {
+      text += "\n" + number(m_columns.newest_C[role], 1) + " \u00b0C";
+      continue;
+    }
     text += "\n" + QString::fromStdString(m_columns.names[role]) + ": " + number(m_columns.newest_C[role], 1) +
             " \u00b0C";
     if (m_columns.crit_C[role] > 0) text += " (" + tr("critical") + " " + number(m_columns.crit_C[role], 0) + ")";
