@@ -21,7 +21,7 @@ pelmora_optional_pkg(PELMORA_HAVE_XCB "${PELMORA_XCB}" "xcb;xcb-ewmh")
 
 set(PELMORA_HAVE_GUI OFF)
 if(PELMORA_BUILD_GUI)
-  find_package(Qt6 6.4 COMPONENTS Widgets Test)
+  find_package(Qt6 6.4 COMPONENTS Widgets DBus Test)
   if(Qt6_FOUND)
     set(PELMORA_HAVE_GUI ON)
   else()

@@ -7,6 +7,7 @@
 #include <QTimer>
 
 #include "app/desktop_icons.h"
+#include "app/desktop_scheme.h"
 #include "app/dock.h"
 #include "app/frontmost_provider.h"
 #include "app/procinfo_window.h"
@@ -85,6 +86,11 @@ void AppDelegate::finishLaunching() {
   // Without a program icon the windows show the window manager's default and the tray an empty
   // square; the live icon keeps this one as the icon it comes back to.
   if (QApplication::windowIcon().isNull()) QApplication::setWindowIcon(programIcon());
+  // Before any window exists, so that none is ever drawn in colours the desktop did not ask for.
+  if (m_services.desktop_bus) {
+    m_scheme = std::make_unique<DesktopScheme>(m_services.desktop_bus());
+    trace("DesktopScheme");
+  }
 
   createPreferences();
   trace("PreferencesWindow");

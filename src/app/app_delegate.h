@@ -5,6 +5,7 @@
 // visible way in), owns the main menu and its actions, and remembers which windows were open ("APP_"
 // keys). Quitting, however it happens, continues every limited process and switches kernel
 // throttling back on through the helper. Main thread only.
+#include <QDBusConnection>
 #include <QMenu>
 #include <QObject>
 #include <QPointer>
@@ -25,6 +26,7 @@ namespace pelmora {
 
 class CPULimiter;
 class DefaultSettings;
+class DesktopScheme;
 class Dock;
 class FrontmostProvider;
 class Pelmora;
@@ -66,6 +68,9 @@ struct AppServices {
   // Opens a file or folder with the desktop's default application; false when none opened it.
   // Tests record the path instead.
   std::function<bool(const std::string& path)> reveal = nullptr;
+  // Where the desktop's settings portal is asked for its colour scheme; null: not followed (tests
+  // that want the platform palette whatever desktop they run under).
+  std::function<QDBusConnection()> desktop_bus = [] { return QDBusConnection::sessionBus(); };
   // Called with the name of each start-up step as it runs.
   std::function<void(const std::string& step)> trace = nullptr;
 };
@@ -106,6 +111,7 @@ class AppDelegate : public QObject {
   // State, for the program and tests.
   PelmoraWindow* window() const { return m_window; }
   Dock* dock() const { return m_dock.get(); }
+  DesktopScheme* desktopScheme() const { return m_scheme.get(); }
   StatusBarController* statusBar() const { return m_menubar.get(); }
   QMenu* dockMenuItems() const { return m_dock_menu; }
   QWidget* preferences() const { return m_preferences; }
@@ -142,6 +148,7 @@ class AppDelegate : public QObject {
   std::unique_ptr<StatusBarController> m_menubar;
   std::unique_ptr<SleepNotify> m_sleepnotifier;
   std::unique_ptr<Dock> m_dock;
+  std::unique_ptr<DesktopScheme> m_scheme;
   std::shared_ptr<FrontmostProvider> m_frontmost;
   std::vector<QMenu*> m_main_menus;
   QPointer<QWidget> m_preferences;

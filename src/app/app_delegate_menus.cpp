@@ -100,8 +100,9 @@ void AppDelegate::createPreferences() {
       ProcessPreferences::Options{});
   auto* pid = new PreferencesPID(store);
   auto* dialog = new PreferencesWindow(graph, process, pid);
-  connect(graph, &PreferencesGraph::graphSettingsChanged, dialog, [] {
+  connect(graph, &PreferencesGraph::graphSettingsChanged, dialog, [this] {
     if (auto* window = SystemStatsWindow::instance()) window->graphSettingsChanged();
+    if (m_dock) m_dock->graphSettingsChanged();
   });
   connect(graph, &PreferencesGraph::frequencySamplingChanged, dialog, [](bool use, int interval_s, int sample_ms) {
     configureFrequencyReader(use, interval_s, sample_ms);

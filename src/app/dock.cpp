@@ -131,9 +131,13 @@ bool Dock::eventFilter(QObject* watched, QEvent* event) {
   if (watched == qApp && event->type() == QEvent::ApplicationPaletteChange && m_view) {
     m_view->setPalette(QApplication::palette());
     if (m_tray_view) m_tray_view->setPalette(QApplication::palette());
-    drawIcon(false);
+    drawIcon(true);  // rare, and the old colours should not linger until the next sample
   }
   return QObject::eventFilter(watched, event);
+}
+
+void Dock::graphSettingsChanged() {
+  if (m_view) drawIcon(true);
 }
 
 void Dock::clearHistories() {

@@ -59,6 +59,9 @@ class Dock : public QObject {
   // The same at tray size: the graph without its caption, or the application's own icon.
   QIcon trayIcon() const;
   GraphView* view() const { return m_view.get(); }
+  GraphView* trayView() const { return m_tray_view.get(); }
+  // The graph preferences changed (the appearance among them): both icons are drawn again at once.
+  void graphSettingsChanged();
   bool attached() const { return m_attached; }
   int64_t iconDraws() const { return m_icon_draws; }
 

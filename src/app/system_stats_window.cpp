@@ -8,6 +8,7 @@
 #include <QLabel>
 #include <QMenu>
 #include <QPointer>
+#include <QScrollArea>
 #include <QSplitter>
 #include <QToolButton>
 #include <QVBoxLayout>
@@ -15,6 +16,7 @@
 #include <algorithm>
 #include <set>
 
+#include "app/desktop_scheme.h"
 #include "app/sampler_client_link.h"
 #include "app/window_frame.h"
 #include "graphs/views/graph_view_cpu.h"
@@ -28,9 +30,9 @@
 #include "graphs/views/graph_view_power.h"
 #include "graphs/views/graph_view_proc.h"
 #include "graphs/views/graph_view_temperature.h"
-#include "sampling/temperature_collector.h"
 #include "sampling/cpu_collector.h"
 #include "sampling/system_stats.h"
+#include "support/settings_keys.h"
 #include "support/default_settings.h"
 #include "support/text.h"
 
@@ -98,14 +100,7 @@ cpu_sample_t totalCpuSample(const std::vector<cpu_sample_t>& cpus) {
 }
 
 QPalette themePalette(const GraphSwitches& switches, const QPalette& default_palette) {
-  if (switches.radio_dark) {
-    QPalette dark(QColor(60, 60, 60), QColor(40, 40, 40));
-    dark.setColor(QPalette::Base, QColor(30, 30, 30));
-    dark.setColor(QPalette::Text, QColor(235, 235, 235));
-    dark.setColor(QPalette::WindowText, QColor(235, 235, 235));
-    dark.setColor(QPalette::ButtonText, QColor(235, 235, 235));
-    return dark;
-  }
+  if (switches.radio_dark) return DesktopScheme::darkPalette();
   if (switches.radio_light) {
     QPalette light(QColor(236, 236, 236), QColor(236, 236, 236));
     light.setColor(QPalette::Base, Qt::white);
@@ -120,7 +115,9 @@ QPalette themePalette(const GraphSwitches& switches, const QPalette& default_pal
 SystemStatsWindow::SystemStatsWindow(SystemStats& sampler, DefaultSettings& store, SysRoot root, QWidget* parent)
     : QMainWindow(parent), m_sampler(sampler), m_store(store), m_root(std::move(root)) {
   setWindowTitle(pelmoraTitle(tr("Statistics")));
-  m_default_appearance = palette();
+  // Normally none of its own: the window then follows the application palette, and so the desktop's
+  // colour scheme, whenever it changes.
+  m_default_appearance = testAttribute(Qt::WA_SetPalette) ? palette() : QPalette();
   m_present = CpuCollector::presentCpus(m_root);
   m_ncpu = m_present.size();
   m_cpu_status = cpuOnlineStatus(m_present, m_root.readSys("devices/system/cpu/online"));
@@ -175,7 +172,8 @@ QSplitter* SystemStatsWindow::makeSplitter(Qt::Orientation orientation, QWidget*
 void SystemStatsWindow::addGraph(QSplitter* splitter, GraphView* view, const QString& label) {
   view->setLabel(label);
   view->setLabelFont(m_font);
-  view->setMinimumSize(120, 60);
+  // The height is the graph's own: room for its caption (minimumSizeHint).
+  view->setMinimumWidth(120);
   splitter->addWidget(view);
 }
 
@@ -205,12 +203,20 @@ void SystemStatsWindow::buildLayout() {
   bar->addWidget(labels);
   layout->addLayout(bar);
 
-  m_split_horiz = makeSplitter(Qt::Horizontal, central);
+  // Each graph keeps room for its caption: where the screen is too small for all of them at once
+  // (a laptop at twice the scale) the graphs scroll, as in the desktop's own system monitor, rather
+  // than cut their text.
+  auto* scroll = new QScrollArea(central);
+  scroll->setWidgetResizable(true);
+  scroll->setFrameShape(QFrame::NoFrame);
+  scroll->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+  m_split_horiz = makeSplitter(Qt::Horizontal);
   m_split_left = makeSplitter(Qt::Vertical);
   m_split_right = makeSplitter(Qt::Vertical);
   m_split_horiz->addWidget(m_split_left);
   m_split_horiz->addWidget(m_split_right);
-  layout->addWidget(m_split_horiz, 1);
+  scroll->setWidget(m_split_horiz);
+  layout->addWidget(scroll, 1);
   setCentralWidget(central);
 
   m_cpu_controller = makeSplitter(Qt::Horizontal);
@@ -267,7 +273,7 @@ void SystemStatsWindow::rebuildCpuGraphs() {
         const QString label = tr("Util(%):") + tr(" CPU") + " " + QString::number(m_present[index]) + cluster;
         auto* view = new GraphViewCPU;
         addGraph(cells, view, label);
-        view->setMinimumSize(60, 40);
+        view->setMinimumWidth(60);  // many narrow columns on a machine with many processors
         m_cpu_views.push_back(view);
         m_cpu_view_index.push_back(index);
       } else {
@@ -473,7 +479,7 @@ void SystemStatsWindow::syncDisks() {
     const QString label = model.empty() ? qs(bsdname) : qs(model) + " (" + qs(bsdname) + ")";
     view->setLabel(tr("Disk I/O: %1").arg(label));
     view->setLabelFont(m_font);
-    view->setMinimumSize(120, 60);
+    view->setMinimumWidth(120);
     view->setDisk(m_disk_numbers[bsdname], qs(bsdname));
     return view;
   });
@@ -484,7 +490,7 @@ void SystemStatsWindow::syncInterfaces() {
     auto* view = new GraphViewNet;
     view->setLabel(tr("Network: %1").arg(qs(name)));
     view->setLabelFont(m_font);
-    view->setMinimumSize(120, 60);
+    view->setMinimumWidth(120);
     view->setInterface(qs(name));
     return view;
   });
@@ -495,7 +501,7 @@ void SystemStatsWindow::syncGpus() {
     auto* view = new GraphViewGFX;
     view->setLabel(tr("GPU:") + " " + qs(name));
     view->setLabelFont(m_font);
-    view->setMinimumSize(120, 60);
+    view->setMinimumWidth(120);
     return view;
   });
   if (!m_gfx_state.isEmpty() && m_gfx_views->count() > 0) {
@@ -505,9 +511,12 @@ void SystemStatsWindow::syncGpus() {
 }
 
 // No graph where the machine has nothing to show: the temperature graph needs a processor, GPU or
-// disk sensor, the battery graph a battery of the machine's own.
+// disk sensor (or one the user chose), the battery graph a battery of the machine's own.
 void SystemStatsWindow::syncThermal() {
-  const bool sensors = !m_temp.empty() && !TemperatureCollector::defaultChoice(m_temp.back()).empty();
+  bool sensors = false;
+  if (!m_temp.empty())
+    for (const auto* sensor : chosenSensors(m_temp.back(), keys::kGraphTempSensors.load(m_store)))
+      sensors = sensors || sensor != nullptr;
   m_temp_view->setVisible(sensors);
   m_battery_view->setVisible(!m_battery.empty());
 }

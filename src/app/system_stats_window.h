@@ -61,7 +61,8 @@ std::vector<bool> cpuOnlineStatus(const std::vector<int>& present, const std::op
 // The whole machine as one processor: the sums of the times and the mean of the known frequencies.
 cpu_sample_t totalCpuSample(const std::vector<cpu_sample_t>& cpus);
 
-// The window palette for the chosen appearance; the default theme keeps the palette it had at load.
+// The window palette for the chosen appearance; the default theme gives back the palette it had at load
+// (an empty one, which follows the application's).
 QPalette themePalette(const GraphSwitches& switches, const QPalette& default_palette);
 
 class SystemStatsWindow : public QMainWindow {

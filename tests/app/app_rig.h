@@ -91,6 +91,7 @@ struct AppRig {
     services.window_options.start_watch = false;
     services.sleep_source = [log = source_log] { return std::make_unique<DrivenSleepSource>(log); };
     services.tray_available = tray;
+    services.desktop_bus = desktop_bus;
     services.trace = [this](const std::string& step) { steps.push_back(step); };
     services.reveal = [this](const std::string& path) {
       revealed.push_back(path);
@@ -129,6 +130,8 @@ struct AppRig {
   Steps steps;
   std::vector<std::string> revealed;  // what the desktop was asked to open
   bool reveal_opens = true;           // whether it had an application for it
+  // The platform palette whatever desktop the tests run under, unless a test hands over a bus.
+  std::function<QDBusConnection()> desktop_bus = nullptr;
   std::unique_ptr<AppDelegate> app;
 };
 

@@ -300,10 +300,10 @@ TEST_F(DockTest, ProcessorTemperatureAndChargeWithItsStateFromTheLaptop) {
   Dock dock(*sampler, scratch.store());
   dock.setDisplay(Kind::Temperature);
   dock.statsUpdated(sample);
-  // Only the processor: the disk's line would not fit an icon.
-  EXPECT_EQ(dock.view()->labelText().toStdString(), "CPU Temp:\ncoretemp Package id 0: 52.0 \u00b0C (critical 100)");
+  // Only the processor, and only its figure: the disk's line and the sensor's name would not fit an icon.
+  EXPECT_EQ(dock.view()->labelText().toStdString(), "CPU Temp:\n52.0 \u00b0C");
   dock.setDisplay(Kind::Battery);
-  EXPECT_EQ(dock.view()->labelText().toStdString(), "Battery:\n63% discharging  9.8 W\nEmpty in 3:24\nHealth: 93%");
+  EXPECT_EQ(dock.view()->labelText().toStdString(), "Battery:\n63% discharging\n9.8 W\nEmpty in 3:24");
 }
 
 }  // namespace

@@ -291,6 +291,7 @@ TEST(Journey, LockButtonWaitsForThePasswordWhileTheGuiAnswersAndTheLimitedChildK
     AppServices services{helper, limiter, settings.power, *sampler, settings.store, nullptr, {}};
     services.window_options.start_watch = false;
     services.sleep_source = [] { return std::unique_ptr<SleepSource>(); };
+    services.desktop_bus = nullptr;
     AppDelegate app(std::move(services));
     keys::kAppPelmora.save(settings.store, false);
     app.finishLaunching();

@@ -1,5 +1,7 @@
 // The statistics window under the offscreen platform, fed made-up samples by hand.
+#include <QApplication>
 #include <QComboBox>
+#include <QFontMetrics>
 #include <QSplitter>
 
 #include <gtest/gtest.h>
@@ -290,6 +292,43 @@ TEST_F(StatsWindowTest, SettingsReadAtLoadAndSavedAtClose) {
     QFont saved;
     saved.fromString(QString::fromStdString(scratch.store().loadString("graph_label_font", "")));
     EXPECT_EQ(saved.pointSize(), 9);
+  }
+}
+
+// A small screen (a laptop at twice the scale) or a large label font: every caption line still has
+// room above the data's axis strip; the graphs scroll instead of cutting text.
+TEST_F(StatsWindowTest, EveryCaptionHasRoomAndTheGraphsScrollWhereTheWindowIsSmall) {
+  const Devices machine{.cpus = 8, .disks = {"nvme0n1", "sda"}, .interfaces = {"wlp2s0", "enp3s0"},
+                        .gpus = {"amdgpu"}, .fans = 2};
+  QFont large;
+  large.setPointSize(16);
+  const struct {
+    const char* what;
+    QSize window;
+    std::optional<QFont> font;
+  } cases[] = {{"a roomy window", {1280, 860}, std::nullopt},
+               {"a window of 800 x 470", {800, 470}, std::nullopt},
+               {"a large label font", {1000, 700}, large}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    auto window = makeWindow("0-7", "0-7");
+    if (c.font) window->setLabelFont(*c.font);
+    window->resize(c.window);
+    window->show();
+    feed(*window, machine, 0, 20);
+    // The layout settles over a few rounds: each splitter passes its new minimum up to the next.
+    for (int round = 0; round < 5; ++round) QApplication::processEvents();
+    EXPECT_LE(window->height(), c.window.height());
+    int shown = 0;
+    for (GraphView* view : window->findChildren<GraphView*>()) {
+      if (!view->isVisibleTo(window.get())) continue;
+      ++shown;
+      const QRect text = QFontMetrics(view->captionFont())
+                             .boundingRect(QRect(0, 0, view->width(), 10000), Qt::AlignLeft | Qt::AlignTop,
+                                           view->labelText());
+      EXPECT_LE(text.height(), view->plotHeight()) << view->labelText().toStdString();
+    }
+    EXPECT_GE(shown, 8 + 1 + 1 + 2 + 2 + 2 + 5) << "per-core, total, GPU, fans, disks, interfaces, the rest";
   }
 }
 

@@ -19,6 +19,7 @@ DefaultSettings* g_store = nullptr;
 constexpr double kCornerRadius = 10.0;
 constexpr double kLabelPointSize = 10.0;
 constexpr double kLabelInset = 2.0;
+constexpr int kMinWidth_px = 60;
 const QColor kGridGray(142, 142, 147);
 
 }  // namespace
@@ -33,7 +34,6 @@ GraphColor fromQColor(const QColor& color) {
 
 GraphView::GraphView(GraphClass graph, QWidget* parent) : QWidget(parent), m_graph(graph) {
   setCursor(Qt::PointingHandCursor);  // every graph looks clickable
-  setMinimumSize(1, 1);
 }
 
 GraphView::~GraphView() {
@@ -55,6 +55,7 @@ void GraphView::setLabel(const QString& label) {
 
 void GraphView::setLabelFont(const QFont& font) {
   m_font = font;
+  captionSizeChanged();
   redraw();
 }
 
@@ -151,6 +152,29 @@ void GraphView::drawLabel(QPainter& painter) {
   painter.setClipRect(room);  // long captions are cut, not wrapped
   painter.drawText(QRectF(kLabelInset, kLabelInset, size.width(), size.height()), Qt::AlignLeft | Qt::AlignTop, text);
   painter.restore();
+}
+
+// A splitter re-reads its children's minimums when told, but does not pass its own new minimum on
+// to its parent: every level up to the window is told, so nested splitters and the scrolling area
+// around them all make room.
+void GraphView::captionSizeChanged() {
+  for (QWidget* widget = this; widget && !widget->isWindow(); widget = widget->parentWidget()) widget->updateGeometry();
+}
+
+void GraphView::redraw() {
+  const int lines = static_cast<int>(labelText().count('\n')) + 1;
+  if (lines != m_caption_lines) {
+    m_caption_lines = lines;
+    captionSizeChanged();
+  }
+  QWidget::update();
+}
+
+QSize GraphView::minimumSizeHint() const {
+  if (m_display_dock || !m_shows_caption) return QWidget::minimumSizeHint();
+  const QFontMetrics metrics(captionFont());
+  const int caption = static_cast<int>(2 * kLabelInset) + m_caption_lines * metrics.lineSpacing();
+  return {kMinWidth_px, caption + metrics.height() + 2};  // the axis strip's band
 }
 
 QFont GraphView::captionFont() const {

@@ -40,6 +40,12 @@ class GraphView : public QWidget {
   const QString& label() const { return m_label; }
   void setLabelFont(const QFont& font);
   QFont labelFont() const { return m_font.value_or(font()); }
+  // The caption's and the axis strip's font: the label font at the caption's size.
+  QFont captionFont() const;
+  // In a window: room for every caption line and the axis strip, so that no text is cut (the
+  // statistics window scrolls where the screen is too small for all of them).
+  QSize minimumSizeHint() const override;
+
   void setDisplayDock(bool dock);
   // Off for the tray meter: at 22 pixels a caption is unreadable, the graph alone says enough.
   void setShowsCaption(bool shows) { m_shows_caption = shows; }
@@ -81,8 +87,9 @@ class GraphView : public QWidget {
   // A number in the user's locale, and a value scaled to a unit prefix.
   static QString number(double value, int decimals);
   static QString formatted(double value, int base, int decimals, const QString& unit);
-  // Asks for a repaint (the subclasses' update hides QWidget::update).
-  void redraw() { QWidget::update(); }
+  // Asks for a repaint (the subclasses' update hides QWidget::update); a caption that gained or lost
+  // a line asks the layout for its new minimum height as well.
+  void redraw();
 
   void paintEvent(QPaintEvent* event) override;
   void mousePressEvent(QMouseEvent* event) override;
@@ -92,7 +99,7 @@ class GraphView : public QWidget {
   void drawGrid(QPainter& painter);
   void drawLabel(QPainter& painter);
   void drawAxis(QPainter& painter);
-  QFont captionFont() const;
+  void captionSizeChanged();
   QColor backgroundColor() const;
   QColor textColor() const;
 
@@ -103,6 +110,7 @@ class GraphView : public QWidget {
   std::optional<QFont> m_font;
   bool m_display_dock = false;
   bool m_shows_caption = true;
+  int m_caption_lines = 1;
 };
 
 }  // namespace pelmora
