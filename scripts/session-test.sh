@@ -256,10 +256,21 @@ install_deps() {
 }
 
 build_package() {
-  cmake -S . -B "$build" -G Ninja -DPELMORA_WERROR=ON -DCMAKE_INSTALL_PREFIX=/usr \
-    -DPELMORA_BUILD_TESTS=OFF -DPELMORA_BUILD_BENCH=OFF >"$logs/build.log" 2>&1 &&
-  cmake --build "$build" >>"$logs/build.log" 2>&1 &&
-  (cd "$build" && cpack -B "$work/deb" >>"$logs/build.log" 2>&1) || { tail -30 "$logs/build.log" >&2; return 1; }
+  local dir=$build configure=(-DPELMORA_BUILD_TESTS=OFF -DPELMORA_BUILD_BENCH=OFF)
+  # The build scripts/test.sh made (installed layout /usr, desktop application on) is the package's
+  # build too: only what changed since is compiled. Otherwise a build of the programs alone.
+  if grep -qx 'CMAKE_INSTALL_PREFIX:PATH=/usr' build/CMakeCache.txt 2>/dev/null &&
+     grep -qx 'PELMORA_BUILD_GUI:BOOL=ON' build/CMakeCache.txt && ! grep -qx 'PELMORA_SANITIZE:BOOL=ON' build/CMakeCache.txt; then
+    dir=$repo/build configure=()
+  elif command -v ccache >/dev/null; then
+    configure+=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+  fi
+  note "package built in $dir"
+  cmake -S . -B "$dir" -G Ninja -DPELMORA_WERROR=ON -DCMAKE_INSTALL_PREFIX=/usr "${configure[@]}" >"$logs/build.log" 2>&1 &&
+  # What the package ships, not the tests beside it (cpack builds nothing itself).
+  cmake --build "$dir" --target pelmora-app pelmora-helper pelmora pelmora-nettop pelmora_compressed_docs \
+    >>"$logs/build.log" 2>&1 &&
+  cpack --config "$dir/CPackConfig.cmake" -B "$work/deb" >>"$logs/build.log" 2>&1 || { tail -30 "$logs/build.log" >&2; return 1; }
   deb=$(ls "$work"/deb/pelmora_*.deb)
   cp "$deb" "$out/"
 }

@@ -6,7 +6,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 build_dir=build
-extra=()
+# The installed layout (/usr) is compiled in: scripts/session-test.sh packages this same build.
+extra=(-DCMAKE_INSTALL_PREFIX=/usr)
 if [ "${1:-}" = "--sanitize" ]; then
   build_dir=build-asan
   extra=(-DPELMORA_SANITIZE=ON -DPELMORA_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=Debug)
