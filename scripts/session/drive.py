@@ -64,16 +64,37 @@ def matches(node, role, name):
     return label == name
 
 
-def walk(node, depth=0):
+# Roles whose children are the cells of a table or list: thousands of them in the process window,
+# each a round trip on the accessibility bus, so a search for anything else does not go in.
+CONTAINERS = {"table", "tree table", "tree", "list", "list box"}
+CELLS = {"table cell", "column header", "row header", "list item", "tree item", "table row"}
+
+
+def walk(node, depth=0, cells=True, top=None):
+    """Yields (node, depth, its window): the window is the node's ancestor one below the application."""
     if node is None or depth > 30:
         return
-    yield node, depth
+    if depth == 1:
+        top = node
+    yield node, depth, top
+    if not cells and role_of(node) in CONTAINERS:
+        return
+    # A window that is not showing (closed, not yet mapped) has nothing shown inside it.
+    if depth == 1 and not cells and not showing(node):
+        return
     try:
         children = list(node)
     except Exception:
         children = []
     for child in children:
-        yield from walk(child, depth + 1)
+        yield from walk(child, depth + 1, cells, top)
+
+
+def showing(node):
+    try:
+        return node.getState().contains(pyatspi.STATE_SHOWING)
+    except Exception:
+        return False
 
 
 def pelmora_roots():
@@ -82,19 +103,26 @@ def pelmora_roots():
 
 
 def find_all(role, name, under=None, row=None):
+    found = find_in_windows(role, name, under, row)
+    return [node for node, _ in found]
+
+
+def find_in_windows(role, name, under=None, row=None):
+    """[(node, its window)] for every shown widget that matches."""
     found = []
+    cells = role in CELLS
     for root in pelmora_roots():
-        for node, _ in walk(root):
+        for node, _, top in walk(root, cells=cells):
             if matches(node, role, name) and shown(node):
-                found.append(node)
+                found.append((node, top))
     if under:
         urole, uname = under.split(":", 1)
         parents = find_all(urole, uname)
-        found = [n for n in found if any(inside(n, p) for p in parents)]
+        found = [(n, t) for n, t in found if any(inside(n, p) for p in parents)]
     if row:
         lrole, lname = row.split(":", 1)
         labels = find_all(lrole, lname)
-        found = [n for n in found if any(same_row(n, label) for label in labels)]
+        found = [(n, t) for n, t in found if any(same_row(n, label) for label in labels)]
     return found
 
 
@@ -111,12 +139,13 @@ def inside(node, parent):
     return px <= x and py <= y and x + w <= px + pw and y + h <= py + ph
 
 
-def wait_for(role, name, timeout, index=0, under=None, row=None):
+def wait_for(role, name, timeout, index=0, under=None, row=None, window=False):
+    """The widget, or with window=True (the widget, its window)."""
     deadline = time.monotonic() + timeout
     while True:
-        found = find_all(role, name, under, row)
+        found = find_in_windows(role, name, under, row)
         if len(found) > index:
-            return found[index]
+            return found[index] if window else found[index][0]
         if time.monotonic() > deadline:
             sys.exit(f"drive: no shown {role} '{name}' within {timeout} s")
         time.sleep(0.3)
@@ -124,6 +153,24 @@ def wait_for(role, name, timeout, index=0, under=None, row=None):
 
 def xdotool(*args):
     subprocess.run(["xdotool", *map(str, args)], check=True)
+
+
+def bring_forward(window):
+    """Activates the X window titled as the widget's window: the accessibility tree calls a widget
+    showing when another window covers it, and a click there would land on the other window.
+    Menus and other untitled popups are left alone (they are on top already)."""
+    title = name_of(window)
+    if not title or role_of(window) in ("menu", "popup menu", "tool tip"):
+        return
+    pattern = "^" + "".join("\\" + c if c in ".^$*+?()[]{}|\\" else c for c in title) + "$"  # POSIX ERE
+    try:
+        ids = subprocess.run(["xdotool", "search", "--onlyvisible", "--name", pattern], capture_output=True,
+                             text=True, timeout=5).stdout.split()
+        if ids:
+            subprocess.run(["xdotool", "windowactivate", "--sync", ids[-1]], timeout=5, capture_output=True)
+            time.sleep(0.2)
+    except subprocess.TimeoutExpired:
+        pass
 
 
 def main():
@@ -139,7 +186,7 @@ def main():
     a = parser.parse_args()
     if a.command == "dump":
         for root in pelmora_roots():
-            for node, depth in walk(root):
+            for node, depth, _ in walk(root):
                 x, y, w, h = extents(node)
                 print("  " * depth + f"[{role_of(node)}] '{name_of(node)}' {x},{y} {w}x{h}")
     elif a.command == "names":
@@ -156,7 +203,9 @@ def main():
     elif a.command == "where":
         print(*extents(wait_for(a.role, a.name, a.timeout, a.index, a.under, a.row)))
     elif a.command == "click":
-        x, y, w, h = extents(wait_for(a.role, a.name, a.timeout, a.index, a.under, a.row))
+        node, window = wait_for(a.role, a.name, a.timeout, a.index, a.under, a.row, window=True)
+        bring_forward(window)
+        x, y, w, h = extents(node)
         xdotool("mousemove", "--sync", x + w // 2, y + h // 2)
         time.sleep(0.1)
         xdotool("click", a.button)

@@ -250,7 +250,11 @@ EOF
   wait_for 20 app_pid "$granted" >/dev/null || fail "pelmora-app did not start" || return
   local mains
   mains=$(start_busy "$granted" pm-mains)
-  tray_menu "$granted" Down Down Return >/dev/null 2>&1  # the process window, to read the limit in
+  # The process window, to read the limit in, showing only the journey's processes: the row of one
+  # among a thousand would be scrolled out of sight, and each search would read every cell.
+  tray_menu "$granted" Down Down Return >/dev/null 2>&1
+  drive "$granted" click text "" --under "*:*Processes —*" || fail "the tray's Processes item opened no process window" || return
+  xdotool key ctrl+a type pm-
   wait_for 20 limit_applied "$mains" pm-mains 25 \
     || fail "the remembered mains limit was not applied" || return
   held_pid=$mains  # stays limited: journey 3 sees it continued for sleep
@@ -337,8 +341,7 @@ journey_colour() {
   ensure_app "$granted" || return 1
   drive "$granted" click "menu item" View || return 1
   drive "$granted" click "menu item" "Dock Display" || return 1
-  drive "$granted" click "menu item" CPU --under "menu item:Dock Display" 2>/dev/null \
-    || drive "$granted" click "menu item" CPU || return 1
+  drive "$granted" click "menu item" CPU || return 1  # in the submenu: it lies outside its item
   tray_menu "$granted" Down Down Down Return || return 1
   drive "$granted" wait "*" "*Statistics —*" || return 1
   sleep 2
@@ -355,7 +358,7 @@ journey_colour() {
   well=$("$python" "$here/pixels.py" find "$work/legend.png" ff3b30 --tolerance 48 --box "$px,$py,$pw,$ph") \
     || fail "no red colour well in the legend at $px,$py ${pw}x$ph" || return
   xdotool mousemove --sync $well click 1
-  drive "$granted" click text "" --row "label:HTML:" || fail "no colour dialog (the app: $(tail -1 "$logs/app-$granted.log"))" || return
+  drive "$granted" click text "" --row "label:HTML:" || { drive "$granted" dump >"$logs/journey-4-tree.txt"; false; } || fail "no colour dialog (the app: $(tail -1 "$logs/app-$granted.log"))" || return
   xdotool key ctrl+a type "#ff00ff"
   xdotool key Return
   sleep 3
