@@ -50,6 +50,11 @@ else
   logind_kind="the script's own login1 service (scripts/session/login1.py): PID 1 is $pid1 and /sys/power/state is '$(cat /sys/power/state 2>/dev/null)', so systemd-logind would never emit PrepareForSleep here"
 fi
 
+# One run at a time on a machine: a second would share the users, displays and package of the
+# first, and its clean-up would remove them under the first. Held until this process ends.
+exec 9>/run/lock/pelmora-session-test.lock
+flock -n 9 || { echo "session-test: another session test is running on this machine" >&2; exit 2; }
+
 # ---------------------------------------------------------------------------------------------
 # Clean-up: runs on every way out.
 cleanup() {
@@ -201,7 +206,8 @@ tray_icon() {
   local tray app ids
   local -x DISPLAY
   DISPLAY=$(display_of "$1")
-  tray=$(xdotool search --class trayer | tail -1)
+  # Without a tray window xwininfo would wait for a click to choose one.
+  tray=$(xdotool search --class trayer | tail -1) && [ -n "$tray" ] || return 1
   app=$(app_pid "$1") || return 1
   ids=$(for w in $(xdotool search --pid "$app" 2>/dev/null); do printf '0x%x\n' "$w"; done)
   [ -n "$ids" ] || return 1

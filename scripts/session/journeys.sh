@@ -358,7 +358,7 @@ journey_colour() {
   well=$("$python" "$here/pixels.py" find "$work/legend.png" ff3b30 --tolerance 48 --box "$px,$py,$pw,$ph") \
     || fail "no red colour well in the legend at $px,$py ${pw}x$ph" || return
   xdotool mousemove --sync $well click 1
-  drive "$granted" click text "" --row "label:HTML:" || { drive "$granted" dump >"$logs/journey-4-tree.txt"; false; } || fail "no colour dialog (the app: $(tail -1 "$logs/app-$granted.log"))" || return
+  drive "$granted" click text "HTML:" || { drive "$granted" dump >"$logs/journey-4-tree.txt"; false; } || fail "no colour dialog (the app: $(tail -1 "$logs/app-$granted.log"))" || return
   xdotool key ctrl+a type "#ff00ff"
   xdotool key Return
   sleep 3

@@ -334,6 +334,9 @@ bool SystemStatsWindow::showDataIO() const { return m_data_io->currentIndex() ==
 void SystemStatsWindow::setShowDataIO(bool bytes) { m_data_io->setCurrentIndex(bytes ? 0 : 1); }
 
 void SystemStatsWindow::statsUpdated(const SampleSet& sample) {
+  // The kernel tells udev, not us, when a processor goes on- or offline: the online list is read
+  // again with each sample (one small sysfs read a second) and the grid rebuilt when it differs.
+  if (cpuOnlineStatus(m_present, m_root.readSys("devices/system/cpu/online")) != m_cpu_status) processorSetChanged();
   appendSample(sample);
   if (m_lastupdate.elapsed() >= GraphSwitches::current().updateInterval_us()) redraw();
 }

@@ -89,7 +89,8 @@ class SystemStatsWindow : public QMainWindow {
   void statsUpdated(const SampleSet& sample);
   void samplerRestarted();
 
-  // The processors went on- or offline: the per-processor graphs are rebuilt.
+  // The processors went on- or offline: the per-processor graphs are rebuilt. Changes made outside
+  // this application (the command line, the boot service, another user) are found at the next sample.
   void processorSetChanged();
   // The graph preferences changed: appearance, processor grid and graphs follow at once.
   void graphSettingsChanged();

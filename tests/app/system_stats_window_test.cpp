@@ -148,6 +148,29 @@ TEST_F(StatsWindowTest, ProcessorGridInTheWindow) {
   }
 }
 
+// Processors switched by another program (the command line, the boot service) change only the
+// kernel's online list: the grid follows at the next sample, and a sample with no change keeps it.
+TEST_F(StatsWindowTest, ProcessorGraphsFollowTheOnlineListAtTheNextSample) {
+  GraphSwitches::current().show_offline_cpus = false;
+  GraphSwitches::current().max_cpu_rows = 8;
+  auto window = makeWindow("0-7", "0-7");
+  const struct {
+    std::string online;
+    size_t graphs;
+  } steps[] = {{"0-7", 8}, {"0-3", 4}, {"0-3", 4}, {"0,2,4,6", 4}, {"0", 1}, {"0-7", 8}};
+  Devices eight;
+  eight.cpus = 8;
+  int64_t k = 0;
+  for (const auto& step : steps) {
+    SCOPED_TRACE("online " + step.online);
+    scratch.write("sys/devices/system/cpu/online", step.online + "\n");
+    feed(*window, eight, k, k + 1);
+    ++k;
+    ASSERT_EQ(window->cpuViews().size(), step.graphs);
+  }
+  EXPECT_TRUE(window->cpuViews()[2]->label().endsWith(" 2"));
+}
+
 std::vector<std::string> keys(const auto& map) {
   std::vector<std::string> out;
   for (const auto& [key, value] : map) out.push_back(key);
