@@ -377,9 +377,10 @@ start_desktop() {  # Xvfb with openbox and trayer for each user
   done
 }
 
-# Every path on the machine that names Pelmora, outside the source tree and the test users' homes.
+# Every path on the machine that names Pelmora, outside the source tree, the test users' homes and
+# man-db's cache (formatted pages that `man` keeps, whoever ran it, until man-db's own clean-up).
 pelmora_files() {
-  find /etc /usr /var /run /opt /srv /root /home -xdev \( -path "$repo" -o -path '/home/pmsession-*' \) -prune \
+  find /etc /usr /var /run /opt /srv /root /home -xdev \( -path "$repo" -o -path '/home/pmsession-*' -o -path /var/cache/man \) -prune \
     -o -iname '*pelmora*' -print 2>/dev/null | sort
 }
 

@@ -121,13 +121,16 @@ start_busy() {  # start_busy USER NAME: a busy loop named NAME run by USER; prin
 journey_socket_activation() {
   for user in "$granted" "$refused"; do stop_app "$user"; done
   wait_for 10 helper_idle || fail "the helper did not exit after its last client" || return
+  # A client whose first reply is slow to come (a helper starting on a loaded machine) reconnects,
+  # so a run may start the helper more than once; what matters is that it starts at all.
   local before
   before=$(helper_starts)
   cli "$refused" sample --count 1 || fail "pelmora sample failed: $cli_output" || return
-  [ "$(helper_starts)" -eq $((before + 1)) ] || fail "the first connection did not start the helper" || return
+  [ "$(helper_starts)" -gt "$before" ] || fail "the first connection did not start the helper" || return
   wait_for 10 helper_idle || fail "the helper did not exit after its last client" || return
+  before=$(helper_starts)
   cli "$refused" sample --count 1 || fail "pelmora sample failed again: $cli_output" || return
-  [ "$(helper_starts)" -eq $((before + 2)) ] || fail "the next connection did not start the helper again" || return
+  [ "$(helper_starts)" -gt "$before" ] || fail "the next connection did not start the helper again" || return
   local child limiter
   child=$(start_busy "$granted" pm-held)
   as_user "$granted" /usr/bin/pelmora limit "$child" 10 >"$logs/j7-limit.log" 2>&1 &
@@ -393,9 +396,9 @@ unlock() {
     drive "$1" wait "push button" "Click the lock to prevent changes"
 }
 
-# The processor graphs the statistics window shows: its graph views, counted by the accessibility
-# tree (each graph is one unnamed filler inside the window's split panes).
-graph_count() { drive "$granted" names filler "" --under "*:*Statistics —*" | wc -l; }
+# The processor graphs the statistics window shows, counted by the accessibility tree: each graph
+# view is named by its caption, "Util(%): CPU N".
+graph_count() { drive "$granted" names "*" "*: CPU *" --under "*:*Statistics —*" | wc -l; }
 
 # 5. Processors switched off and on (the granted user's pelmora -n): the statistics window's
 # processor graphs follow the fixture's online set.

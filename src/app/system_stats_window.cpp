@@ -171,6 +171,7 @@ QSplitter* SystemStatsWindow::makeSplitter(Qt::Orientation orientation, QWidget*
 
 void SystemStatsWindow::addGraph(QSplitter* splitter, GraphView* view, const QString& label) {
   view->setLabel(label);
+  view->setAccessibleName(label);  // the caption is drawn, so a screen reader has no text to read
   view->setLabelFont(m_font);
   // The height is the graph's own: room for its caption (minimumSizeHint).
   view->setMinimumWidth(120);

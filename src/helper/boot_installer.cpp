@@ -92,6 +92,12 @@ std::string removeIfPresent(const fs::path& path) {
   return ec ? "could not remove " + path.string() + ": " + ec.message() : std::string();
 }
 
+// The folder install made goes with what it held, unless something not ours was put in it.
+void removeIfEmpty(const fs::path& dir) {
+  std::error_code ec;
+  if (fs::is_empty(dir, ec)) fs::remove(dir, ec);
+}
+
 }  // namespace
 
 bool validBootSettings(const std::string& settings) {
@@ -155,6 +161,7 @@ std::string BootInstaller::install(const BootRequest& r) const {
   if (error.empty()) error = enable();
   if (!error.empty()) {
     rollBack(files);
+    removeIfEmpty(m_paths.state_dir);  // a fresh install leaves no folder behind
     return error;
   }
   dropPrevious(files);
@@ -180,6 +187,7 @@ std::string BootInstaller::uninstall() const {
                             m_paths.state_dir / "pelmora", m_paths.state_dir / "settings"}) {
     if (std::string error = removeIfPresent(p); !error.empty()) errors += (errors.empty() ? "" : "; ") + error;
   }
+  removeIfEmpty(m_paths.state_dir);
   return errors.empty() ? "OK" : errors;
 }
 

@@ -169,6 +169,7 @@ TEST_F(StatsWindowTest, ProcessorGraphsFollowTheOnlineListAtTheNextSample) {
     ASSERT_EQ(window->cpuViews().size(), step.graphs);
   }
   EXPECT_TRUE(window->cpuViews()[2]->label().endsWith(" 2"));
+  EXPECT_EQ(window->cpuViews()[2]->accessibleName(), window->cpuViews()[2]->label());
 }
 
 std::vector<std::string> keys(const auto& map) {

@@ -54,8 +54,7 @@ class BootInstall : public ::testing::Test {
             (m_paths.source_dir / kBootUnitName).string(), settings};
   }
   bool nothingInstalled() const {
-    return !fs::exists(m_paths.state_dir / "applyboot.sh") && !fs::exists(m_paths.state_dir / "settings") &&
-           !fs::exists(m_paths.unit_dir / kBootUnitName);
+    return !fs::exists(m_paths.state_dir) && !fs::exists(m_paths.unit_dir / kBootUnitName);
   }
 
   TempDir m_dir;
@@ -80,6 +79,12 @@ TEST_F(BootInstall, InstallsEnablesAndUninstalls) {
   EXPECT_TRUE(nothingInstalled());
   EXPECT_FALSE(fs::is_symlink(link));
   EXPECT_EQ(installer.uninstall(), "OK");  // nothing left to remove is no error
+  // A file of someone else's in the folder keeps the folder, and only it.
+  ASSERT_EQ(installer.install(request()), "OK");
+  writeText(m_paths.state_dir / "notes", "mine\n");
+  ASSERT_EQ(installer.uninstall(), "OK");
+  EXPECT_TRUE(fs::exists(m_paths.state_dir / "notes"));
+  EXPECT_FALSE(fs::exists(m_paths.state_dir / "settings"));
 }
 
 TEST_F(BootInstall, RefusesUntrustedSourcesAndChangesNothing) {
@@ -154,6 +159,7 @@ TEST_F(BootInstall, AFailedInstallPutsBackWhatWasThere) {
         EXPECT_TRUE(nothingInstalled());
       }
       for (const fs::path& dir : {m_paths.state_dir, m_paths.unit_dir}) {
+        if (!fs::exists(dir)) continue;
         for (const auto& entry : fs::directory_iterator(dir)) {
           const std::string name = entry.path().filename().string();
           EXPECT_FALSE(name.ends_with(".new") || name.ends_with(".old")) << "left behind: " << name;
