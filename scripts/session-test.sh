@@ -69,6 +69,7 @@ cleanup() {
   done
   for user in "$granted" "$refused"; do
     if id "$user" >/dev/null 2>&1; then
+      cp "$(app_log "$user")" "$logs/pelmora-$user.log" 2>/dev/null  # the app's own log, kept for a person
       pkill -KILL -u "$user" 2>/dev/null   # only the throw-away users' own processes
       userdel -r -f "$user" >/dev/null 2>&1
     fi
@@ -78,6 +79,7 @@ cleanup() {
     DEBIAN_FRONTEND=noninteractive apt-get purge -y -qq pelmora >"$logs/purge.log" 2>&1
   fi
   rm -rf "$work" /tmp/pmsession-run-"$granted" /tmp/pmsession-run-"$refused"
+  rm -f /run/lock/pelmora-session-test.lock
   exit "$status"
 }
 trap cleanup EXIT

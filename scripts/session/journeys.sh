@@ -238,6 +238,7 @@ journey_power_source() {
   stop_app "$granted"
   local config
   config=$(app_config "$granted")
+  seed_settings "$granted"  # a user who never ran it has no settings yet
   "$python" - "$config" <<'EOF' || fail "cannot write the user's settings" || return
 import json, sys
 path = sys.argv[1]
@@ -363,8 +364,10 @@ journey_colour() {
   xdotool mousemove --sync $well click 1
   drive "$granted" click text "HTML:" || { drive "$granted" dump >"$logs/journey-4-tree.txt"; false; } || fail "no colour dialog (the app: $(tail -1 "$logs/app-$granted.log"))" || return
   xdotool key ctrl+a type "#ff00ff"
+  shot journey-4-dialog
   xdotool key Return
   sleep 3
+  shot journey-4-chosen
   app_pid "$granted" >/dev/null || fail "the application ended after the colour dialog: $(tail -2 "$logs/app-$granted.log")" || return
   xdotool key Escape
   import -window root "$work/coloured.png"

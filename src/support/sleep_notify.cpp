@@ -138,17 +138,19 @@ class LogindSleepSource : public SleepSource {
     sd_bus_error_free(&error);
   }
 
+  // Every blocking call (AddMatch, Inhibit) reads whatever else arrives meanwhile into the bus's
+  // queue, and while that queue holds anything sd_bus_get_events asks for no POLLIN: so the queue
+  // is emptied before each wait, or a PrepareForSleep behind it would wait for the next wake-up.
   void run() {
     while (!m_stop) {
-      pollfd fds[3] = {{m_wake.get(), POLLIN, 0}, busPoll(m_system), busPoll(m_session)};
-      poll(fds, m_session ? 3 : 2, -1);
-      uint64_t count = 0;
-      [[maybe_unused]] auto n = read(m_wake.get(), &count, sizeof count);
-      if (m_stop) break;
       if (m_want_hold) takeInhibitor();
       while (sd_bus_process(m_system, nullptr) > 0) {}
       if (m_session)
         while (sd_bus_process(m_session, nullptr) > 0) {}
+      pollfd fds[3] = {{m_wake.get(), POLLIN, 0}, busPoll(m_system), busPoll(m_session)};
+      poll(fds, m_session ? 3 : 2, -1);
+      uint64_t count = 0;
+      [[maybe_unused]] auto n = read(m_wake.get(), &count, sizeof count);
     }
   }
 
