@@ -369,7 +369,7 @@ journey_colour() {
   sleep 3
   shot journey-4-chosen
   app_pid "$granted" >/dev/null || fail "the application ended after the colour dialog: $(tail -2 "$logs/app-$granted.log")" || return
-  xdotool key Escape
+  # No Escape here: choosing a colour closed the legend, and Escape would close the window itself.
   import -window root "$work/coloured.png"
   cp "$work/coloured.png" "$shots/journey-4-coloured.png"
   read -r x y w h < <(window_box "$granted" "Statistics — Pelmora")
