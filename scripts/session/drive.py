@@ -155,6 +155,14 @@ def xdotool(*args):
     subprocess.run(["xdotool", *map(str, args)], check=True)
 
 
+def in_popup(node):
+    """A menu's items lie in a popup on top of everything; activating their window would close it."""
+    try:
+        return role_of(node.parent) in ("menu", "popup menu")
+    except Exception:
+        return False
+
+
 def bring_forward(window):
     """Activates the X window titled as the widget's window: the accessibility tree calls a widget
     showing when another window covers it, and a click there would land on the other window.
@@ -204,7 +212,8 @@ def main():
         print(*extents(wait_for(a.role, a.name, a.timeout, a.index, a.under, a.row)))
     elif a.command == "click":
         node, window = wait_for(a.role, a.name, a.timeout, a.index, a.under, a.row, window=True)
-        bring_forward(window)
+        if not in_popup(node):
+            bring_forward(window)
         x, y, w, h = extents(node)
         xdotool("mousemove", "--sync", x + w // 2, y + h // 2)
         time.sleep(0.1)
