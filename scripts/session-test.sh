@@ -20,6 +20,11 @@ here=$repo/scripts/session
 
 [ "$(id -u)" -eq 0 ] || { echo "session-test: run as root on a throw-away machine (it adds users, installs a package)" >&2; exit 2; }
 
+# One run at a time on a machine: a second would share the users, displays and package of the
+# first, and its clean-up would remove them under the first. Held until this process ends.
+exec 9>/run/lock/pelmora-session-test.lock
+flock -n 9 || { echo "session-test: another session test is running on this machine" >&2; exit 2; }
+
 build=$repo/build-session
 out=${PELMORA_SESSION_OUT:-$build/session}
 work=$(mktemp -d /tmp/pelmora-session.XXXXXX)
@@ -49,11 +54,6 @@ if grep -qwE 'mem|freeze|disk' /sys/power/state 2>/dev/null && [ "$pid1" = syste
 else
   logind_kind="the script's own login1 service (scripts/session/login1.py): PID 1 is $pid1 and /sys/power/state is '$(cat /sys/power/state 2>/dev/null)', so systemd-logind would never emit PrepareForSleep here"
 fi
-
-# One run at a time on a machine: a second would share the users, displays and package of the
-# first, and its clean-up would remove them under the first. Held until this process ends.
-exec 9>/run/lock/pelmora-session-test.lock
-flock -n 9 || { echo "session-test: another session test is running on this machine" >&2; exit 2; }
 
 # ---------------------------------------------------------------------------------------------
 # Clean-up: runs on every way out.
