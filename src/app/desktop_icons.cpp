@@ -54,7 +54,30 @@ void drawBattery(QPainter& p, const QColor& ink) {
   p.drawRoundedRect(QRectF(42, 62, 44, 46), 4, 4);  // charge
 }
 
+// A padlock; open, its shackle is raised and the left leg stands free of the body.
+void drawLock(QPainter& p, bool open, const QColor& ink) {
+  const double lift = open ? 20 : 0;
+  QPainterPath shackle;
+  shackle.moveTo(40, 62 - lift);
+  shackle.lineTo(40, 44 - lift);
+  shackle.arcTo(QRectF(40, 20 - lift, 48, 48), 180, -180);
+  shackle.lineTo(88, 62);
+  p.setBrush(Qt::NoBrush);
+  p.setPen(QPen(ink, 12, Qt::SolidLine, Qt::FlatCap));
+  p.drawPath(shackle);
+  p.setPen(Qt::NoPen);
+  p.setBrush(ink);
+  p.drawRoundedRect(QRectF(26, 60, 76, 56), 8, 8);
+}
+
 }  // namespace
+
+QIcon lockIcon(bool open, const QColor& ink) {
+  const QIcon theme = open ? themeIcon({QStringLiteral("changes-allow"), QStringLiteral("changes-allow-symbolic")})
+                           : themeIcon({QStringLiteral("changes-prevent"), QStringLiteral("changes-prevent-symbolic")});
+  if (!theme.isNull()) return theme;
+  return drawn(32, [&](QPainter& p) { drawLock(p, open, ink); });
+}
 
 QIcon drawnProgramIcon(int size_px) {
   return drawn(size_px, [](QPainter& p) {

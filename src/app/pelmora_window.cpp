@@ -182,7 +182,7 @@ void PelmoraWindow::setEnabledStates() {
   m_auth->setText(waiting ? tr("Waiting for authentication…")
                   : a     ? tr("Click the lock to prevent changes")
                           : tr("Click the lock to make changes"));
-  m_auth->setIcon(QIcon::fromTheme(a ? QStringLiteral("changes-allow") : QStringLiteral("changes-prevent")));
+  m_auth->setIcon(lockIcon(a, palette().color(QPalette::ButtonText)));
   m_mode->setText(helperModeText(m_helper.viaDaemon()));
 }
 

@@ -5,6 +5,8 @@
 #include <QPainter>
 #include <QPainterPath>
 
+#include <algorithm>
+
 #include "graphs/value_formatter.h"
 #include "graphs/views/graph_legend.h"
 #include "graphs/views/graph_popover.h"
@@ -170,11 +172,14 @@ void GraphView::redraw() {
   QWidget::update();
 }
 
+int GraphView::captionHeight() const {
+  return static_cast<int>(2 * kLabelInset) + m_caption_lines * QFontMetrics(captionFont()).lineSpacing();
+}
+
+// The caption alone: the axis strip comes only where there is room for it beside the caption.
 QSize GraphView::minimumSizeHint() const {
   if (m_display_dock || !m_shows_caption) return QWidget::minimumSizeHint();
-  const QFontMetrics metrics(captionFont());
-  const int caption = static_cast<int>(2 * kLabelInset) + m_caption_lines * metrics.lineSpacing();
-  return {kMinWidth_px, caption + metrics.height() + 2};  // the axis strip's band
+  return {kMinWidth_px, captionHeight()};
 }
 
 QFont GraphView::captionFont() const {
@@ -186,8 +191,8 @@ QFont GraphView::captionFont() const {
 int GraphView::axisStripHeight() const {
   if (m_display_dock || !m_shows_caption) return 0;
   const int strip = QFontMetrics(captionFont()).height() + 2;
-  // A graph must keep at least twice the strip for its data.
-  return height() >= 3 * strip ? strip : 0;
+  // A graph must keep at least twice the strip for its data, and never lets the strip cover its caption.
+  return height() >= std::max(3 * strip, captionHeight() + strip) ? strip : 0;
 }
 
 QString GraphView::axisText() const {

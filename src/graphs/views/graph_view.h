@@ -100,6 +100,8 @@ class GraphView : public QWidget {
   void drawLabel(QPainter& painter);
   void drawAxis(QPainter& painter);
   void captionSizeChanged();
+  // The caption's lines with their inset, in pixels.
+  int captionHeight() const;
   QColor backgroundColor() const;
   QColor textColor() const;
 
