@@ -97,6 +97,8 @@ void AppDelegate::finishLaunching() {
   m_window = new PelmoraWindow(m_services.helper, m_services.power, m_services.limiter, store,
                                m_services.window_options);
   trace("PelmoraWindow");
+  // The full process table is gathered only while the process window shows it.
+  m_services.limiter.setTableOnDemand(true);
   // The process counts of the statistics window and the live icon come from the limiter's table.
   m_services.sampler.setProcessCensusProvider(processCensusProvider(m_services.limiter));
   // Every graph colour the user chose, before anything draws: the live icon's view is never shown on

@@ -98,6 +98,9 @@ PelmoraWindow::PelmoraWindow(Pelmora& helper, PowerMonitor& power, CPULimiter& l
     Log("CPU settings: throttling left as the system has it; the helper refused.");
   m_mode->setText(helperModeText(m_helper.viaDaemon()));
   m_notice->clear();  // nothing was asked of the user yet: the mode line says what is possible
+  // A second's precision is plenty for a caption and the priority switch: let Qt fold the wake-up
+  // into others.
+  m_timer->setTimerType(Qt::VeryCoarseTimer);
   connect(m_timer, &QTimer::timeout, this, [this] { limiterWatch(); });
   if (m_options.start_watch) m_timer->start(kWatchPeriod_ms);
   listen();

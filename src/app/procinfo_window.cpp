@@ -161,6 +161,7 @@ void ProcinfoWindow::fitColumns() {
 }
 
 ProcinfoWindow::~ProcinfoWindow() {
+  setTableClient(false);
   unlisten();
   if (g_shared == this) g_shared = nullptr;
 }
@@ -170,6 +171,27 @@ void ProcinfoWindow::closeEvent(QCloseEvent* event) {
   unlisten();
   if (g_shared == this) g_shared = nullptr;
   QWidget::closeEvent(event);
+}
+
+void ProcinfoWindow::showEvent(QShowEvent* event) {
+  QWidget::showEvent(event);
+  setTableClient(true);
+  // Refreshes that came while hidden were not drawn.
+  rebuild();
+}
+
+void ProcinfoWindow::hideEvent(QHideEvent* event) {
+  setTableClient(false);
+  QWidget::hideEvent(event);
+}
+
+void ProcinfoWindow::setTableClient(bool client) {
+  if (m_table_client == client) return;
+  m_table_client = client;
+  if (client)
+    m_limiter.addTableClient();
+  else
+    m_limiter.removeTableClient();
 }
 
 void ProcinfoWindow::buildHeader(QWidget* header) {
@@ -335,7 +357,7 @@ void ProcinfoWindow::listen() {
     if (self) self->refreshDetail();
   });
   AddListener(kProcessesUpdatedBroadcast, kProcinfoListenerKey, [self](const std::string&) {
-    if (self) self->rebuild();
+    if (self && self->isVisible()) self->rebuild();
   });
   // The process lists switch to the new source in a listener of their own; read them after it ran.
   AddListener(kPowerSource, kProcinfoListenerKey, [self](const std::string&) {

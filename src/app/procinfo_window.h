@@ -112,8 +112,13 @@ class ProcinfoWindow : public QWidget, public SliderStepperDelegate {
 
  protected:
   void closeEvent(QCloseEvent* event) override;
+  // While shown, the window is a client of the limiter's full table; hidden, it neither asks for
+  // the table nor rebuilds its rows.
+  void showEvent(QShowEvent* event) override;
+  void hideEvent(QHideEvent* event) override;
 
  private:
+  void setTableClient(bool client);
   void buildHeader(QWidget* header);
   void buildDetail(QWidget* detail);
   void buildMenus();
@@ -173,6 +178,7 @@ class ProcinfoWindow : public QWidget, public SliderStepperDelegate {
   SliderStepper* m_limit = nullptr;
   QSpinBox* m_renice = nullptr;
   bool m_updating = false;
+  bool m_table_client = false;
   ProcessTableModel* m_model = nullptr;
   std::string m_sort_key = "pctcpu";
   bool m_sort_ascending = false;

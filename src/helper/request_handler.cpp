@@ -5,6 +5,7 @@
 #include <climits>
 #include <csignal>
 #include <cstring>
+#include <vector>
 
 #include "helper/frequency_sampler.h"
 #include "helper/nettop_child.h"
@@ -51,11 +52,47 @@ XPCDict queryReply(const char* marker, int error, const std::string& text = {}) 
   return reply;
 }
 
+
+// "pids" of a "tasklist": an array of 1 to kTaskListMaxPids integers, each a pid (1 to INT32_MAX).
+// Checked whole before anything is read; none, with the reason, when any part is wrong.
+std::optional<std::vector<pid_t>> pidListField(const XPCDict& request, std::string* error) {
+  const XPCArray* list = xpcArray(request, "pids");
+  if (!list) {
+    *error = "\"pids\" must be an array of process identifiers";
+    return std::nullopt;
+  }
+  if (list->empty() || list->size() > kTaskListMaxPids) {
+    *error = "\"pids\" must hold 1 to " + std::to_string(kTaskListMaxPids) + " entries (" +
+             std::to_string(list->size()) + ")";
+    return std::nullopt;
+  }
+  std::vector<pid_t> pids;
+  pids.reserve(list->size());
+  for (const XPCValue& value : *list) {
+    const int64_t* pid = value.asInt();
+    if (!pid) {
+      *error = "\"pids\" entries must be integers";
+      return std::nullopt;
+    }
+    if (*pid < 1 || *pid > INT32_MAX) {
+      *error = "\"pids\" entry out of range (" + std::to_string(*pid) + ")";
+      return std::nullopt;
+    }
+    pids.push_back(static_cast<pid_t>(*pid));
+  }
+  return pids;
+}
+
+template <typename Record>
+XPCData bytesOf(const Record& record) {
+  const auto* bytes = reinterpret_cast<const uint8_t*>(&record);
+  return XPCData(bytes, bytes + sizeof(Record));
+}
+
 template <typename Record>
 XPCDict recordReply(const char* key, const Record& record) {
-  const auto* bytes = reinterpret_cast<const uint8_t*>(&record);
   XPCDict reply = queryReply(key, 0);
-  reply[key] = XPCData(bytes, bytes + sizeof(Record));
+  reply[key] = bytesOf(record);
   return reply;
 }
 
@@ -75,6 +112,7 @@ const RequestHandler::Route RequestHandler::kRoutes[] = {
     {"taskinfo", &RequestHandler::taskInfo},
     {"taskallinfo", &RequestHandler::taskAllInfo},
     {"rusage", &RequestHandler::rusage},
+    {"tasklist", &RequestHandler::taskList},
     {"pidname", &RequestHandler::pidName},
     {"pidfiles", &RequestHandler::pidFiles},
     {"powermetrics", &RequestHandler::powerMetrics},
@@ -314,6 +352,37 @@ XPCDict RequestHandler::rusage(const XPCDict& request, Connection& caller) {
   int error = 0;
   auto record = m_reader.rusage(a.pid, &error, known(a));
   return record ? recordReply("rusage", *record) : queryReply("rusage", error);
+}
+
+// A table refresh's records in one exchange. A process that cannot be read is left out; its
+// resource usage goes empty to a caller who is neither its owner nor authorised, as "rusage" would
+// refuse it.
+XPCDict RequestHandler::taskList(const XPCDict& request, Connection& caller) {
+  std::string error;
+  const auto pids = pidListField(request, &error);
+  if (!pids) return queryReply("tasklist", EINVAL, error);
+  const bool admin = authorised(caller);
+  XPCArray found, infos, usages, names, times;
+  for (pid_t pid : *pids) {
+    Admission files;
+    const auto target = readTarget(pid, true, files, nullptr);
+    auto record = target ? m_reader.record(pid, nullptr, known(files)) : std::nullopt;
+    if (!record) continue;
+    const bool may_usage =
+        !checkAccess(Access::kOwnerOrAuthorised, caller.caller(), admin, m_options.privileged, &*target);
+    found.emplace_back(int64_t{pid});
+    infos.emplace_back(bytesOf(record->all));
+    usages.emplace_back(may_usage && record->usage ? bytesOf(*record->usage) : XPCData{});
+    names.emplace_back(std::move(record->name));
+    times.emplace_back(record->read_at_us);
+  }
+  XPCDict reply = queryReply("tasklist", 0);
+  reply["pids"] = std::move(found);
+  reply["taskallinfo"] = std::move(infos);
+  reply["rusage"] = std::move(usages);
+  reply["names"] = std::move(names);
+  reply["times"] = std::move(times);
+  return reply;
 }
 
 XPCDict RequestHandler::pidName(const XPCDict& request, Connection& caller) {

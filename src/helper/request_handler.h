@@ -75,6 +75,7 @@ class RequestHandler {
   XPCDict taskInfo(const XPCDict& request, Connection& caller);
   XPCDict taskAllInfo(const XPCDict& request, Connection& caller);
   XPCDict rusage(const XPCDict& request, Connection& caller);
+  XPCDict taskList(const XPCDict& request, Connection& caller);
   XPCDict pidName(const XPCDict& request, Connection& caller);
   XPCDict pidFiles(const XPCDict& request, Connection& caller);
   XPCDict powerMetrics(const XPCDict& request, Connection& caller);

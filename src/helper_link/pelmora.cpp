@@ -6,6 +6,7 @@
 #include "support/logger.h"
 #include "support/main_queue.h"
 #include "support/xpc.h"
+#include "support/xpc_codec.h"
 
 namespace pelmora {
 namespace {
@@ -180,6 +181,30 @@ std::optional<rusage_info_v3> Pelmora::rusage(int32_t pid, bool via_helper) {
       },
       [&](const XPCDict& reply) { result = recordOf(checkRusageReply(reply)); });
   return result;
+}
+
+std::map<int32_t, ProcessRecord> Pelmora::records(const std::vector<int32_t>& pids, bool via_helper) {
+  std::map<int32_t, ProcessRecord> out;
+  if (!via_helper) {
+    for (int32_t pid : pids)
+      if (auto record = pid > 0 ? m_local.record(pid) : std::nullopt) out[pid] = std::move(*record);
+    return out;
+  }
+  for (size_t first = 0; first < pids.size(); first += kTaskListMaxPids) {
+    XPCArray batch;
+    for (size_t i = first; i < std::min(pids.size(), first + kTaskListMaxPids); ++i)
+      if (pids[i] > 0) batch.emplace_back(int64_t{pids[i]});
+    if (batch.empty()) continue;
+    send(
+        [&](XPCDict& r) {
+          r["tasklist"] = "tasklist";
+          r["pids"] = std::move(batch);
+        },
+        [&](const XPCDict& reply) {
+          if (auto records = checkTaskListReply(reply)) out.merge(*records);
+        });
+  }
+  return out;
 }
 
 std::optional<std::map<int, std::string>> Pelmora::pidFiles(int32_t pid, bool via_helper) {

@@ -50,6 +50,10 @@ class Pelmora {
   std::optional<proc_taskallinfo> taskAllInfo(int32_t pid, bool via_helper);
   std::optional<rusage_info_v3> rusage(int32_t pid, bool via_helper);
   std::optional<std::map<int, std::string>> pidFiles(int32_t pid, bool via_helper);
+  // What a table refresh needs of many processes, pid -> record, for those that could be read. In
+  // this process each process's files are read once; through the daemon the pids go in "tasklist"
+  // requests of up to kTaskListMaxPids each, so a refresh is a few round trips.
+  std::map<int32_t, ProcessRecord> records(const std::vector<int32_t>& pids, bool via_helper);
 
   // status 0 is success; pid -1 and an invalid fd (the read end of the tool's output) on failure.
   using PowerMetricsResult = PowerMetricsReply;

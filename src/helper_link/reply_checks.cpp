@@ -123,6 +123,52 @@ RecordReply<rusage_info_v3> checkRusageReply(const XPCDict& reply) {
   return checkRecordReply<rusage_info_v3>(reply, "reply_rusage", "rusage");
 }
 
+namespace {
+
+template <class Record>
+std::optional<Record> recordFromData(const XPCValue& value) {
+  const XPCData* data = value.asData();
+  if (!data || data->size() != sizeof(Record)) return std::nullopt;
+  Record record;
+  std::memcpy(&record, data->data(), sizeof record);
+  return record;
+}
+
+}  // namespace
+
+std::optional<std::map<int32_t, ProcessRecord>> checkTaskListReply(const XPCDict& reply) {
+  if (!xpcHas(reply, "reply_tasklist")) return std::nullopt;
+  if (const int status = statusFromResult(reply); status != 0) {
+    const std::string* error = xpcString(reply, "error");
+    Log("tasklist failed: " + (error ? *error : std::to_string(status)) + ".");
+    return std::nullopt;
+  }
+  const XPCArray* pids = xpcArray(reply, "pids");
+  const XPCArray* infos = xpcArray(reply, "taskallinfo");
+  const XPCArray* usages = xpcArray(reply, "rusage");
+  const XPCArray* names = xpcArray(reply, "names");
+  const XPCArray* times = xpcArray(reply, "times");
+  if (!pids || !infos || !usages || !names || !times || infos->size() != pids->size() ||
+      usages->size() != pids->size() || names->size() != pids->size() || times->size() != pids->size()) {
+    Log("tasklist reply malformed.");
+    return std::nullopt;
+  }
+  std::map<int32_t, ProcessRecord> out;
+  for (size_t i = 0; i < pids->size(); ++i) {
+    const int64_t* pid = (*pids)[i].asInt();
+    const std::string* name = (*names)[i].asString();
+    const int64_t* read_at_us = (*times)[i].asInt();
+    auto all = recordFromData<proc_taskallinfo>((*infos)[i]);
+    if (!pid || !name || !read_at_us || !all) {
+      Log("tasklist reply malformed.");
+      return std::nullopt;
+    }
+    ProcessRecord record{*all, recordFromData<rusage_info_v3>((*usages)[i]), *name, *read_at_us};
+    out[require32(*pid, "tasklist pid")] = std::move(record);
+  }
+  return out;
+}
+
 PidFilesReply checkPidFilesReply(const XPCDict& reply) {
   PidFilesReply out;
   if (!xpcHas(reply, "reply_pidfiles")) return out;

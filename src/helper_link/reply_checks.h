@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "support/kernel_records.h"
+#include "support/proc_task_reader.h"
 #include "support/rapl_zones.h"
 #include "support/unique_fd.h"
 #include "support/xpc_value.h"
@@ -64,6 +65,12 @@ struct RecordReply {
 RecordReply<proc_taskinfo> checkTaskInfoReply(const XPCDict& reply);
 RecordReply<proc_taskallinfo> checkTaskAllInfoReply(const XPCDict& reply);
 RecordReply<rusage_info_v3> checkRusageReply(const XPCDict& reply);
+
+// "tasklist": pid -> record, for the processes the helper could read. None (logged) when the reply
+// is not a success or its five arrays ("pids", "taskallinfo", "rusage", "names", "times") disagree
+// in length or type, or a record has the wrong size; an empty "rusage" entry (refused) gives a record
+// without usage.
+std::optional<std::map<int32_t, ProcessRecord>> checkTaskListReply(const XPCDict& reply);
 
 // "pidfiles": descriptor number -> path. `files` is present only when the status is 0 and both
 // arrays are there with the same count.

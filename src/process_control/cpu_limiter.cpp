@@ -92,8 +92,59 @@ bool CPULimiter::start() {
   m_listening = true;
   loadPIDSettings();
   m_timer->setQoS(QoS::userInteractive);
-  if (m_options.process_table) startNettop();
+  if (m_options.process_table && tableWanted()) startNettop();
   return true;
+}
+
+void CPULimiter::setTableOnDemand(bool on_demand) {
+  {
+    MutexLock lock(m_mutex);
+    if (m_table_on_demand == on_demand) return;
+    m_table_on_demand = on_demand;
+  }
+  if (!tableWanted()) stop();
+}
+
+void CPULimiter::addTableClient() {
+  {
+    MutexLock lock(m_mutex);
+    if (++m_table_clients > 1 || !m_table_on_demand) return;
+    // Due at the next tick, which comes at once: the window should not wait a whole interval.
+    m_monitor_lasttime = Timeval::fromMicroseconds(Timeval::nowMicroseconds() - m_processes_update_interval * 1000);
+  }
+  if (m_listening && m_options.process_table) startNettop();
+  m_timer->fireNow();
+}
+
+void CPULimiter::removeTableClient() {
+  {
+    MutexLock lock(m_mutex);
+    if (m_table_clients == 0 || --m_table_clients > 0 || !m_table_on_demand) return;
+    m_netuse.clear();
+  }
+  stop();
+}
+
+bool CPULimiter::tableWanted() {
+  MutexLock lock(m_mutex);
+  return tableWantedLocked();
+}
+
+bool CPULimiter::tableWantedLocked() const { return !m_table_on_demand || m_table_clients > 0; }
+
+ProcessOwners CPULimiter::owners() {
+  MutexLock lock(m_mutex);
+  m_owners_asked = true;
+  ProcessOwners owners;
+  owners.uids.reserve(m_processes.size());
+  for (const auto& [pid, row] : m_processes) owners.uids.push_back(row.uid);
+  owners.translated = m_translated_count;
+  return owners;
+}
+
+RefreshCounts CPULimiter::refreshCounts() {
+  MutexLock lock(m_mutex);
+  return m_refresh_counts;
 }
 
 void CPULimiter::startNettop() {
@@ -245,8 +296,7 @@ void CPULimiter::tick() {
   }
   if (Timeval now; m_options.process_table && due(m_monitor_lasttime, m_processes_update_interval, now)) {
     m_monitor_lasttime = now;
-    refreshLocked();
-    updateMachineSplitLocked();
+    refreshAsWantedLocked();
   }
   if (Timeval now; due(m_adjuster_lasttime, m_adjuster_interval, now)) {
     m_adjuster_lasttime = now;
@@ -313,8 +363,8 @@ void CPULimiter::setLimitFrontmost(bool limit_frontmost) {
   {
     MutexLock lock(m_mutex);
     m_limit_frontmost = limit_frontmost;
+    refreshAsWantedLocked();
   }
-  refresh();
 }
 
 }  // namespace pelmora

@@ -18,6 +18,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "process_control/pid_info.h"
 #include "process_control/pm_energy.h"
@@ -26,6 +27,7 @@
 #include "process_control/stop_journal.h"
 #include "support/kernel_records.h"
 #include "support/mutex.h"
+#include "support/proc_task_reader.h"
 #include "support/process_list.h"
 #include "support/sys_root.h"
 #include "support/timeval.h"
@@ -61,6 +63,18 @@ struct CPULimiterOptions {
   bool process_table = true;
 };
 
+// Owners of every process in the table and the translated count: the sampler's process counts.
+struct ProcessOwners {
+  std::vector<uint32_t> uids;
+  int translated = 0;
+};
+
+// How many passes of each kind the timer or a caller ran (tests and benchmarks count them).
+struct RefreshCounts {
+  uint64_t full = 0;
+  uint64_t light = 0;
+};
+
 class CPULimiter {
  public:
   using Options = CPULimiterOptions;
@@ -87,6 +101,20 @@ class CPULimiter {
 
   // Rebuilds the table now (normally the timer does it).
   void refresh();
+  // For the application: every process's figures, and the network tool, are gathered only while
+  // something shows the table. Without a client, a light pass notes the owner and name of new
+  // processes, and only while something needs them: saved limits or priorities to apply, a
+  // limited process, or someone asking for the owners. Off by default (the command line, tests).
+  void setTableOnDemand(bool on_demand);
+  // A window that shows the table registers while it is shown. The first client starts the network
+  // tool and has the table refreshed at once; when the last leaves, the tool stops and the timer
+  // falls back to the light pass.
+  void addTableClient();
+  void removeTableClient();
+  bool tableWanted();
+  // The owners for the process counts; asking keeps the light pass going while no table is shown.
+  ProcessOwners owners();
+  RefreshCounts refreshCounts();
   // Updates the whole machine's processor split since the last update (the timer does it after
   // each refresh).
   void updateMachineSplit();
@@ -139,7 +167,12 @@ class CPULimiter {
   void setTimerSlackLocked();
   // cpu_limiter_refresh.cpp
   void refreshLocked();
-  bool refreshOne(int32_t pid, bool via_helper, const std::map<int32_t, bool>& awake,
+  bool tableWantedLocked() const;
+  bool lightPassWantedLocked();
+  // The table refresh that someone needs now: full, light or none.
+  void refreshAsWantedLocked();
+  void lightRefreshLocked();
+  bool refreshOne(int32_t pid, const ProcessRecord& record, const std::map<int32_t, bool>& awake,
                   std::map<int32_t, procinfo>& table, rwInfo& totals);
   void fillNewRow(procinfo& row, int32_t pid, const proc_taskallinfo& info);
   void applySavedSettingsLocked(const procinfo& row);
@@ -192,6 +225,11 @@ class CPULimiter {
   StopJournal m_journal;
   bool m_listening = false;
   std::set<int32_t> m_unreadable;  // processes the last refresh could not read
+  bool m_table_on_demand = false;
+  int m_table_clients = 0;
+  bool m_owners_asked = false;       // since the last light pass
+  bool m_rows_have_figures = false;  // false after a light pass: the next full one computes no rates
+  RefreshCounts m_refresh_counts;
   Mutex m_mutex;
 };
 

@@ -39,44 +39,93 @@ int64_t checkedSize(uint64_t value) {
 
 }  // namespace
 
+void CPULimiter::refreshAsWantedLocked() {
+  if (tableWantedLocked()) {
+    refreshLocked();
+    updateMachineSplitLocked();
+  } else if (lightPassWantedLocked()) {
+    lightRefreshLocked();
+  }
+}
+
+bool CPULimiter::lightPassWantedLocked() {
+  const bool asked = m_owners_asked;
+  m_owners_asked = false;
+  return asked || !m_pids.empty() || m_proc_settings->remembersAny();
+}
+
+// Without a table on screen: only new processes are read, and only for who owns them and what they
+// are called, which is what saved limits and priorities and the process counts need. Rows carry no
+// figures, so the next full refresh starts its rates afresh.
+void CPULimiter::lightRefreshLocked() {
+  ++m_refresh_counts.light;
+  std::map<int32_t, procinfo> table;
+  std::vector<int32_t> fresh;
+  const bool walked = m_proclist.iterate([&](int32_t pid) {
+    if (pid < 0) return;
+    if (auto old = m_processes.find(pid); old != m_processes.end())
+      table[pid] = std::move(old->second);
+    else
+      fresh.push_back(pid);
+  });
+  if (!walked) Log("proclist.iterate failed");
+  for (auto& [pid, record] : m_helper.records(fresh, m_helper.authorised())) {
+    if (record.name.empty()) continue;
+    procinfo row;
+    row.name = record.name;
+    fillNewRow(row, pid, record.all);
+    applySavedSettingsLocked(row);
+    table[pid] = std::move(row);
+  }
+  m_translated_count = m_proclist.translatedCount();
+  for (auto& [pid, limited] : m_pids) limited.frontmost = PID(pid, m_root).isFrontmost();
+  std::erase_if(m_netuse, [&](const auto& entry) { return !table.count(entry.first); });
+  m_processes = std::move(table);
+  m_rows_have_figures = false;
+}
+
 void CPULimiter::refreshLocked() {
+  ++m_refresh_counts.full;
   std::map<int32_t, procinfo> table;
   m_translated_count = 0;
   const auto awake = PowerAssertion::assertions();
   // Via the helper exactly when authorised: it can read every process's counters, while an
   // unauthorised client reads /proc itself, with its own rights and without round trips.
   const bool via_helper = m_helper.authorised();
+  std::vector<int32_t> pids;
+  const bool walked = m_proclist.iterate([&](int32_t pid) {
+    if (pid < 0)
+      Log("proclist.iterate failed");
+    else
+      pids.push_back(pid);
+  });
+  if (!walked) Log("proclist.iterate failed");
+  const auto records = m_helper.records(pids, via_helper);
   rwInfo totals;
   std::set<int32_t> unreadable;
-  const bool walked = m_proclist.iterate([&](int32_t pid) {
-    if (pid < 0) {
-      Log("proclist.iterate failed");
-      return;
-    }
-    if (!refreshOne(pid, via_helper, awake, table, totals)) unreadable.insert(pid);
-  });
+  for (int32_t pid : pids) {
+    const auto record = records.find(pid);
+    if (record == records.end() || !refreshOne(pid, record->second, awake, table, totals)) unreadable.insert(pid);
+  }
+  // A process we may not read stays unreadable: its line is logged when it starts failing, not at
+  // every refresh.
+  for (int32_t pid : unreadable)
+    if (!m_unreadable.count(pid) && !records.count(pid)) Log("procinfo_taskallinfo failed");
   m_unreadable = std::move(unreadable);
-  if (!walked) Log("proclist.iterate failed");
   m_translated_count = m_proclist.translatedCount();
   std::erase_if(m_netuse, [&](const auto& entry) { return !table.count(entry.first); });
   m_rw_info = totals;
   m_processes = std::move(table);
+  m_rows_have_figures = true;
   Broadcast(kProcessesUpdatedBroadcast, true);
 }
 
-bool CPULimiter::refreshOne(int32_t pid, bool via_helper, const std::map<int32_t, bool>& awake,
+bool CPULimiter::refreshOne(int32_t pid, const ProcessRecord& record, const std::map<int32_t, bool>& awake,
                             std::map<int32_t, procinfo>& table, rwInfo& totals) {
-  const auto info = m_helper.taskAllInfo(pid, via_helper);
-  // This row's own moment: a refresh of many processes takes a good part of a second, and a rate
-  // over one shared timestamp would be off by the time between the two reads of each row.
-  const Timeval now;
-  // A process we may not read stays unreadable: its line is logged when it starts failing, not at
-  // every refresh.
-  const bool failed_before = m_unreadable.count(pid) > 0;
-  if (!info) {
-    if (!failed_before) Log("procinfo_taskallinfo failed");
-    return false;
-  }
+  const proc_taskallinfo& info = record.all;
+  // This row's own moment: the records of many processes take a good part of a second to read, and
+  // a rate over one shared timestamp would be off by the time between the two reads of each row.
+  const Timeval now = Timeval::fromMicroseconds(record.read_at_us);
   const auto old = m_processes.find(pid);
   const bool is_new = old == m_processes.end();
   procinfo row;
@@ -84,25 +133,24 @@ bool CPULimiter::refreshOne(int32_t pid, bool via_helper, const std::map<int32_t
     row = old->second;
   } else {
     row.update = now;
-    auto name = m_helper.pidName(pid, via_helper);
-    if (!name) {
-      if (!failed_before) Log("procinfo_pidname failed");
+    if (record.name.empty()) {
+      if (!m_unreadable.count(pid)) Log("procinfo_pidname failed");
       return false;
     }
-    row.name = *name;
-    fillNewRow(row, pid, *info);
+    row.name = record.name;
+    fillNewRow(row, pid, info);
   }
-  row.totalCPU = cpuTime_us(info->ptinfo);
+  row.totalCPU = cpuTime_us(info.ptinfo);
   auto a = awake.find(pid);
   row.preventSleep = a != awake.end() && a->second;
   row.kind = m_proclist.kind(pid);
-  row.threads = info->ptinfo.pti_threadnum;
-  row.memVirtual = checkedSize(info->ptinfo.pti_virtual_size);
-  row.memRes = checkedSize(info->ptinfo.pti_resident_size);
-  if (const auto usage = m_helper.rusage(pid, via_helper)) {
-    row.totalIdleWakeups = usage->ri_pkg_idle_wkups;
-    row.totalBytesRead = usage->ri_diskio_bytesread;
-    row.totalBytesWrite = usage->ri_diskio_byteswritten;
+  row.threads = info.ptinfo.pti_threadnum;
+  row.memVirtual = checkedSize(info.ptinfo.pti_virtual_size);
+  row.memRes = checkedSize(info.ptinfo.pti_resident_size);
+  if (record.usage) {
+    row.totalIdleWakeups = record.usage->ri_pkg_idle_wkups;
+    row.totalBytesRead = record.usage->ri_diskio_bytesread;
+    row.totalBytesWrite = record.usage->ri_diskio_byteswritten;
   }
   if (auto lim = m_pids.find(pid); lim != m_pids.end()) {
     lim->second.uid = row.uid;
@@ -115,11 +163,13 @@ bool CPULimiter::refreshOne(int32_t pid, bool via_helper, const std::map<int32_t
   }
   if (is_new) {
     applySavedSettingsLocked(row);
-  } else {
+  } else if (m_rows_have_figures) {
     updateProcessRates(row, old->second, now, m_processes_update_interval);
     totals.readPerSec += row.readPerSec.current();
     totals.writePerSec += row.writePerSec.current();
     m_energy.energyImpact(row);
+  } else {
+    clearProcessRates(row);  // the totals it would be measured against were not read
   }
   row.update = now;
   table[pid] = std::move(row);

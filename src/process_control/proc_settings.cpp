@@ -1,5 +1,6 @@
 #include "process_control/proc_settings.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "process_control/power_monitor.h"
@@ -155,6 +156,14 @@ void ProcSettings::setPriority(const std::string& name, const std::string& power
   MutexLock lock(m_mutex);
   m_reniced_names[power][name] = priority;
   saveLocked();
+}
+
+bool ProcSettings::remembersAny() {
+  MutexLock lock(m_mutex);
+  const auto any = [](const auto& table) {
+    return std::any_of(table.begin(), table.end(), [](const auto& source) { return !source.second.empty(); });
+  };
+  return any(m_limited_names) || any(m_reniced_names);
 }
 
 void ProcSettings::load() {

@@ -57,6 +57,9 @@ class ProcSettings {
   std::optional<int> priorityFor(const std::string& name, const std::string& power);
   void setPriority(const std::string& name, const std::string& power, int priority);
 
+  // True when any power source's list remembers a limit or a priority.
+  bool remembersAny();
+
   void load();
   void save();
 

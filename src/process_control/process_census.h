@@ -13,9 +13,10 @@ namespace pelmora {
 
 inline std::function<ProcessCensus()> processCensusProvider(CPULimiter& limiter) {
   return [&limiter] {
+    ProcessOwners owners = limiter.owners();
     ProcessCensus census;
-    for (const auto& [pid, row] : limiter.processes()) census.uids.push_back(static_cast<uid_t>(row.uid));
-    census.translated = limiter.translatedCount();
+    census.uids.assign(owners.uids.begin(), owners.uids.end());
+    census.translated = owners.translated;
     return census;
   };
 }

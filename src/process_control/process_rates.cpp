@@ -24,4 +24,9 @@ void updateProcessRates(procinfo& row, const procinfo& old, const Timeval& now, 
   row.writePerSec.update(perSecond(row.totalBytesWrite, old.totalBytesWrite, s), tau_s, s);
 }
 
+void clearProcessRates(procinfo& row) {
+  row.pctCPU = row.pctWaiting = row.idleWakeupsPerSec = row.energyImpact = 0;
+  row.readPerSec = row.writePerSec = WeightedStats{};
+}
+
 }  // namespace pelmora

@@ -11,5 +11,8 @@ namespace pelmora {
 // changes when less than a microsecond has passed. Disk rates are smoothed with a time constant of a
 // tenth of the refresh interval.
 void updateProcessRates(procinfo& row, const procinfo& old, const Timeval& now, int64_t refresh_interval_ms);
+// A row whose previous totals are unknown (first sighting, or kept across passes that read none):
+// every rate back to zero, as for a new row.
+void clearProcessRates(procinfo& row);
 
 }  // namespace pelmora

@@ -1,5 +1,6 @@
 #include "support/proc_task_reader.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,6 +11,8 @@
 #include <ctime>
 
 #include "support/text.h"
+#include "support/timeval.h"
+#include "support/unique_fd.h"
 
 namespace pelmora {
 namespace {
@@ -42,12 +45,14 @@ void copyName(char* out, size_t size, const std::string& name) {
   std::memcpy(out, name.data(), std::min(name.size(), size - 1));
 }
 
-std::optional<std::string> readLink(const std::string& path) {
+std::optional<std::string> readLinkAt(int dir_fd, const char* path) {
   char buffer[PATH_MAX];
-  const ssize_t n = ::readlink(path.c_str(), buffer, sizeof buffer);
+  const ssize_t n = ::readlinkat(dir_fd, path, buffer, sizeof buffer);
   if (n < 0) return std::nullopt;
   return std::string(buffer, static_cast<size_t>(n));
 }
+
+std::optional<std::string> readLink(const std::string& path) { return readLinkAt(AT_FDCWD, path.c_str()); }
 
 std::string baseName(const std::string& path) {
   std::string name = path;
@@ -261,22 +266,33 @@ std::string ProcTaskReader::exeName(pid_t pid) const {
 }
 
 std::optional<ProcFacts> ProcTaskReader::gather(pid_t pid, int extras, int* error, KnownProcFiles known) const {
-  if (pid <= 0) {
-    if (error) *error = ESRCH;
-    return std::nullopt;
-  }
+  if (error) *error = ESRCH;
+  if (pid <= 0) return std::nullopt;
   if (known.stat && known.stat->pid != pid) known = {};
+  // Every file is read relative to the process's own directory, opened once: the path is resolved
+  // once per record, and should the pid be recycled meanwhile the reads fail instead of mixing two
+  // processes' files.
+  const UniqueFd dir(::open(procPath(pid, "").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!dir) return std::nullopt;
+  const auto read = [&](const char* leaf) { return SysRoot::readFileAt(dir.get(), leaf); };
   ProcFacts f;
   // The owner ids and context switches of status come with the fuller records.
   const bool need_status = extras & (kBsd | kWakeups);
-  auto stat = known.stat ? std::optional<ProcPidStat>(*known.stat) : readStat(pid);
-  auto status = !need_status   ? std::optional<ProcStatus>(ProcStatus{})
-                : known.status ? std::optional<ProcStatus>(*known.status)
-                               : readStatus(pid);
-  if (!stat || !status) {
-    if (error) *error = ESRCH;
-    return std::nullopt;
+  std::optional<ProcPidStat> stat;
+  if (known.stat) {
+    stat = *known.stat;
+  } else if (auto text = read("stat")) {
+    stat = parseProcPidStat(*text);
   }
+  std::optional<ProcStatus> status = ProcStatus{};
+  if (need_status && known.status) {
+    status = *known.status;
+  } else if (need_status) {
+    auto text = read("status");
+    status = text ? parseProcStatus(*text) : std::nullopt;
+  }
+  if (!stat || !status) return std::nullopt;
+  if (error) *error = 0;
   f.stat = std::move(*stat);
   f.status = std::move(*status);
   static const long clk_tck = ::sysconf(_SC_CLK_TCK);
@@ -286,7 +302,7 @@ std::optional<ProcFacts> ProcTaskReader::gather(pid_t pid, int extras, int* erro
   // The resident size of stat is the kernel's per-CPU approximation, low by up to a few hundred
   // kB; statm sums the per-CPU counters exactly (as ps and psutil show it). stat's stands in only
   // when statm cannot be read.
-  auto statm_text = SysRoot::readFile(procPath(pid, "statm"));
+  auto statm_text = read("statm");
   auto statm = statm_text ? parseProcStatm(*statm_text) : std::nullopt;
   f.statm = statm ? *statm : ProcStatm{f.stat.vsize_bytes / page_bytes, f.stat.rss_pages};
   f.cpu_total_ns = ticksToNs(f.stat.utime_ticks + f.stat.stime_ticks, f.clk_tck);
@@ -299,11 +315,12 @@ std::optional<ProcFacts> ProcTaskReader::gather(pid_t pid, int extras, int* erro
   }
   if (extras & kBsd) {
     f.boot_time_s = bootTime();
-    f.exe_name = exeName(pid);
-    f.open_files = openFiles(pid);
+    auto target = readLinkAt(dir.get(), "exe");
+    f.exe_name = target ? baseName(*target) : std::string();
+    f.open_files = openFiles(pid, dir.get());
   }
   if (extras & kIo) {
-    auto text = SysRoot::readFile(procPath(pid, "io"));
+    auto text = read("io");
     if (auto io = text ? parseProcIo(*text) : std::nullopt) f.io = *io;
   }
   if (extras & kWakeups) f.idle_wakeups = idleWakeups(pid, f.status);
@@ -324,13 +341,12 @@ uint64_t ProcTaskReader::idleWakeups(pid_t pid, const ProcStatus& status) const 
   return sum;
 }
 
-uint32_t ProcTaskReader::openFiles(pid_t pid) const {
-  const std::string dir = procPath(pid, "fd");
+uint32_t ProcTaskReader::openFiles(pid_t pid, int proc_dir_fd) const {
   // Since Linux 6.2 the size of /proc/PID/fd is its number of open descriptors: one stat instead of
   // reading the directory. Older kernels say 0 there; fixture trees are always listed.
   struct stat st{};
-  if (liveProc() && ::stat(dir.c_str(), &st) == 0 && st.st_size > 0) return static_cast<uint32_t>(st.st_size);
-  return static_cast<uint32_t>(SysRoot::listDir(dir).size());
+  if (liveProc() && ::fstatat(proc_dir_fd, "fd", &st, 0) == 0 && st.st_size > 0) return static_cast<uint32_t>(st.st_size);
+  return static_cast<uint32_t>(SysRoot::listDir(procPath(pid, "fd")).size());
 }
 
 std::optional<proc_taskinfo> ProcTaskReader::taskInfo(pid_t pid, int* error, KnownProcFiles known) const {
@@ -349,6 +365,13 @@ std::optional<rusage_info_v3> ProcTaskReader::rusage(pid_t pid, int* error, Know
   auto f = gather(pid, kWakeups | kIo, error, known);
   if (!f) return std::nullopt;
   return makeRusage(*f);
+}
+
+std::optional<ProcessRecord> ProcTaskReader::record(pid_t pid, int* error, KnownProcFiles known) const {
+  auto f = gather(pid, kBsd | kWakeups | kIo, error, known);
+  if (!f) return std::nullopt;
+  return ProcessRecord{{makeBsdInfo(*f), makeTaskInfo(*f)}, makeRusage(*f),
+                       f->exe_name.empty() ? f->stat.comm : f->exe_name, Timeval::nowMicroseconds()};
 }
 
 std::optional<std::map<int, std::string>> ProcTaskReader::pidFiles(pid_t pid, int* error) const {

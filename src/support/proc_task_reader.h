@@ -105,6 +105,16 @@ struct KnownProcFiles {
   const ProcStatus* status = nullptr;
 };
 
+// Everything a process-table row needs, from one pass over the process's files.
+struct ProcessRecord {
+  proc_taskallinfo all{};
+  std::optional<rusage_info_v3> usage;  // none when the caller may not have it
+  std::string name;                     // as pidName() answers
+  // When the files were read, on the monotonic clock shared by every process of the machine
+  // (Timeval's scale): a row's rate runs from its own read, not from a batch's.
+  int64_t read_at_us = 0;
+};
+
 class ProcTaskReader {
  public:
   explicit ProcTaskReader(SysRoot root = SysRoot::current());
@@ -118,6 +128,8 @@ class ProcTaskReader {
   std::optional<proc_taskinfo> taskInfo(pid_t pid, int* error = nullptr, KnownProcFiles known = {}) const;
   std::optional<proc_taskallinfo> taskAllInfo(pid_t pid, int* error = nullptr, KnownProcFiles known = {}) const;
   std::optional<rusage_info_v3> rusage(pid_t pid, int* error = nullptr, KnownProcFiles known = {}) const;
+  // The three above and the name together, each file of the process read once.
+  std::optional<ProcessRecord> record(pid_t pid, int* error = nullptr, KnownProcFiles known = {}) const;
   // Descriptor number to the path its link names.
   std::optional<std::map<int, std::string>> pidFiles(pid_t pid, int* error = nullptr) const;
   // The executable's base name, else the command name; none when the process is gone.
@@ -132,7 +144,7 @@ class ProcTaskReader {
   enum Extras { kBasic = 0, kWakeups = 1, kIo = 2, kBsd = 4 };
   std::optional<ProcFacts> gather(pid_t pid, int extras, int* error, KnownProcFiles known) const;
   uint64_t idleWakeups(pid_t pid, const ProcStatus& status) const;
-  uint32_t openFiles(pid_t pid) const;
+  uint32_t openFiles(pid_t pid, int proc_dir_fd) const;
   // True when reading the running system's /proc, not a fixture tree.
   bool liveProc() const;
   std::string procPath(pid_t pid, std::string_view leaf) const;

@@ -55,7 +55,11 @@ bool SysRoot::existsSys(std::string_view relative) const {
 }
 
 std::optional<std::string> SysRoot::readFile(const std::string& path, size_t max_bytes) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  return readFileAt(AT_FDCWD, path.c_str(), max_bytes);
+}
+
+std::optional<std::string> SysRoot::readFileAt(int dir_fd, const char* name, size_t max_bytes) {
+  const int fd = ::openat(dir_fd, name, O_RDONLY | O_CLOEXEC);
   if (fd < 0) return std::nullopt;
   std::string out;
   char buffer[8192];

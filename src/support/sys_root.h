@@ -35,6 +35,8 @@ class SysRoot {
 
   // Reads a whole file (sysfs and procfs report size 0, so this reads until EOF). At most max_bytes.
   static std::optional<std::string> readFile(const std::string& path, size_t max_bytes = 4 << 20);
+  // The same for a file named relative to an open directory (openat).
+  static std::optional<std::string> readFileAt(int dir_fd, const char* name, size_t max_bytes = 4 << 20);
   static std::vector<std::string> listDir(const std::string& path);
 
  private:

@@ -52,6 +52,14 @@ void TimerQueue::setPeriod_us(int64_t interval_us) {
   m_cv.notify_all();
 }
 
+void TimerQueue::fireNow() {
+  {
+    std::lock_guard lock(m_mutex);
+    m_fire_now = true;
+  }
+  m_cv.notify_all();
+}
+
 int64_t TimerQueue::period_us() const {
   std::lock_guard lock(m_mutex);
   return m_interval_us;
@@ -74,8 +82,14 @@ void TimerQueue::threadMain() {
       m_qos_pending = false;
       applyQoSToCurrentThread(m_qos);
     }
-    if (m_cv.wait_until(lock, next, [this] { return m_stop || m_period_changed; })) {
+    if (m_cv.wait_until(lock, next, [this] { return m_stop || m_period_changed || m_fire_now; })) {
       if (m_stop) break;
+      if (m_fire_now) {
+        // The period after this action is the current one, changed or not.
+        m_fire_now = m_period_changed = false;
+        next = clock::now();
+        continue;
+      }
       // A new period counts from now, so a shorter period takes effect at once.
       m_period_changed = false;
       next = clock::now() + std::chrono::microseconds(m_interval_us);

@@ -28,6 +28,8 @@ class TimerQueue {
   bool running() const;
   void setPeriod_us(int64_t interval_us);
   int64_t period_us() const;
+  // Runs the action as soon as possible, then keeps the period from that moment.
+  void fireNow();
   // Applied by the timer thread before its next action.
   void setQoS(QoS qos);
   const std::string& label() const { return m_label; }
@@ -46,6 +48,7 @@ class TimerQueue {
   bool m_running = false;
   bool m_stop = false;
   bool m_period_changed = false;
+  bool m_fire_now = false;
   bool m_qos_pending = false;
   QoS m_qos = QoS::defaultQoS;
 };

@@ -19,6 +19,9 @@
 namespace pelmora {
 
 inline constexpr size_t kXPCMaxFrameBytes = 1 << 20;  // body bytes, without the length prefix
+// The most processes one "tasklist" request may name: each answer is under 800 bytes (two records,
+// a name of at most 255 bytes and CBOR headers), so a full reply stays well inside one frame.
+inline constexpr size_t kTaskListMaxPids = 512;
 inline constexpr int kXPCMaxDepth = 4;                // the message map itself is level 1
 inline constexpr uint64_t kXPCDescriptorTag = 4048;
 inline constexpr size_t kXPCMaxDescriptors = 16;      // per frame

@@ -2,6 +2,9 @@
 // that records what start-up, sleep and quit ask of the limiter and power monitor, a real sampler
 // with a recording client, and a sleep source the test drives.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <QAction>
 #include <QCoreApplication>
@@ -10,16 +13,19 @@
 #include <QMenu>
 
 #include <filesystem>
+#include <functional>
 #include <fstream>
 
 #include "app/app_delegate.h"
 #include "app/app_rig.h"
 #include "app/dock.h"
 #include "app/procinfo_window.h"
+#include "app/process_table_model.h"
 #include "app/status_bar_controller.h"
 #include "app/system_stats_window.h"
 #include "graphs/graph_switches.h"
 #include "graphs/views/graph_view_proc.h"
+#include "process_control/proc_settings.h"
 #include "support/timeval.h"
 #include "app/settings_test_support.h"
 #include "app/stats_test_support.h"
@@ -231,6 +237,64 @@ TEST(AppDelegateTest, FrontmostLimitingIsSuspendedWhileWeAreInFront) {
   rig.app->activeChanged(true);
   rig.app->activeChanged(false);
   EXPECT_EQ(rig.steps, (Steps{"core:frontmost off", "core:frontmost on"}));
+}
+
+// Nothing runs for nobody: the limiter's timer reads every process only while the process window
+// shows the table; without it, it notes new processes only while something needs their owners and
+// names (a remembered limit, the process counts of a graph), and otherwise reads nothing.
+TEST(AppDelegateTest, TheLimiterReadsTheProcessesOnlyForSomeoneWhoNeedsThem) {
+  FakeClock clock;
+  AppRig rig;
+  rig.sampler->removeClient(rig.client);  // no graph asks for the process counts
+  keys::kAppPelmora.save(rig.rig.store, true);
+  rig.app->finishLaunching();
+  CPULimiter& limiter = rig.rig.limiter;
+  const std::string power = limiter.procSettings().power();
+  struct Step {
+    const char* what;
+    std::function<void()> act;
+    uint64_t full, light;  // passes so far
+  };
+  const Step steps[] = {
+      {"first launch, no window", [] {}, 0, 0},
+      {"process window shown", [&] { rig.app->showProcesses(); }, 1, 0},
+      {"process window minimised", [&] { ProcinfoWindow::shared()->hide(); }, 1, 0},
+      {"shown again", [&] { ProcinfoWindow::shared()->show(); }, 2, 0},
+      {"closed", [&] { ProcinfoWindow::shared()->close(); }, 2, 0},
+      {"a limit remembered by name", [&] { limiter.procSettings().setLimit("pelmora-test-none", power, 0.5); }, 2, 1},
+      {"forgotten again", [&] { limiter.procSettings().removeLimit("pelmora-test-none", power); }, 2, 1},
+      {"a graph counts the processes", [&] { rig.sampler->tick(); }, 2, 2},
+  };
+  for (const Step& step : steps) {
+    SCOPED_TRACE(step.what);
+    step.act();
+    RunLoop::main().runUntilIdle();
+    clock.advance_us(limiter.processesUpdateInterval() * 1000);
+    limiter.tick();
+    const RefreshCounts counts = limiter.refreshCounts();
+    EXPECT_EQ(counts.full, step.full);
+    EXPECT_EQ(counts.light, step.light);
+  }
+  // A hidden window leaves its rows as they were: a process that started meanwhile appears when the
+  // window shows again.
+  rig.app->showProcesses();
+  ProcinfoWindow* window = ProcinfoWindow::shared();
+  ASSERT_NE(window, nullptr);
+  window->hide();
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::pause();
+    ::_exit(0);
+  }
+  ASSERT_GT(child, 0);
+  limiter.refresh();
+  RunLoop::main().runUntilIdle();
+  EXPECT_TRUE(limiter.rowFor(child).has_value());
+  EXPECT_EQ(window->model().rowOfPid(child), -1);
+  window->show();
+  EXPECT_GE(window->model().rowOfPid(child), 0);
+  ::kill(child, SIGKILL);
+  ::waitpid(child, nullptr, 0);
 }
 
 TEST(StatusBarControllerTest, ReadoutsScaleByTheLogicalCount) {

@@ -68,6 +68,7 @@ TEST(ProcinfoLive, BusyChildLimitedTo20PercentThroughTheWindow) {
     limiter.setProcessesUpdateInterval(1000);
     ASSERT_TRUE(limiter.start());
     ProcinfoWindow window(limiter, helper, settings);
+    window.show();  // a hidden window does not rebuild its rows
     ASSERT_TRUE(runUntil([&] { return window.model().rowOfPid(child) >= 0; }));
     ASSERT_TRUE(runUntil([&] {
       const auto row = limiter.rowFor(child);

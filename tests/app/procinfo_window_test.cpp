@@ -286,6 +286,7 @@ TEST(ProcinfoWindow, SelectionSurvivesRefreshesAndAVanishedProcessLeavesTheDetai
   Fixture f;
   f.standard();
   ProcinfoWindow w(*f.limiter, f.helper, f.settings);
+  w.show();  // a hidden window does not rebuild its rows
   w.setUid(kMe);
   w.selectPid(300);
   EXPECT_EQ(w.selectedPid(), 300);

@@ -154,6 +154,45 @@ TEST(ReplyChecks, RecordQueries) {
   runRecordCases<rusage_info_v3>("reply_rusage", "rusage", checkRusageReply);
 }
 
+// A batch is used whole or not at all: one malformed entry could shift every row after it.
+TEST(ReplyChecks, TaskListAllOrNothing) {
+  const XPCData all = bytes(sizeof(proc_taskallinfo)), usage = bytes(sizeof(rusage_info_v3));
+  const auto reply = [&](XPCArray pids, XPCArray infos, XPCArray usages, XPCArray names, XPCArray times) {
+    return XPCDict{{"reply_tasklist", "tasklist"}, {"result", 1}, {"pids", pids}, {"taskallinfo", infos},
+                   {"rusage", usages}, {"names", names}, {"times", times}};
+  };
+  const XPCDict good = reply({7, 9}, {all, all}, {usage, XPCData{}}, {"a", "b"}, {100, 200});
+  struct Case {
+    const char* name;
+    XPCDict reply;
+    bool answered;
+  };
+  XPCDict refused{{"reply_tasklist", "tasklist"}, {"result", 1 + 22}, {"error", "\"pids\" must hold 1 to 512 entries (0)"}};
+  XPCDict no_times = good;
+  no_times.erase("times");
+  const Case cases[] = {
+      {"good", good, true},
+      {"refused", refused, false},
+      {"no marker", XPCDict{{"result", 1}}, false},
+      {"a missing array", no_times, false},
+      {"arrays of different lengths", reply({7, 9}, {all}, {usage, usage}, {"a", "b"}, {1, 2}), false},
+      {"a record of an older size", reply({7}, {bytes(224)}, {usage}, {"a"}, {1}), false},
+      {"a pid as text", reply({"7"}, {all}, {usage}, {"a"}, {1}), false},
+      {"a name as an integer", reply({7}, {all}, {usage}, {7}, {1}), false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto got = checkTaskListReply(c.reply);
+    ASSERT_EQ(got.has_value(), c.answered);
+    if (!got) continue;
+    ASSERT_EQ(got->size(), 2u);
+    EXPECT_EQ(got->at(7).name, "a");
+    EXPECT_TRUE(got->at(7).usage.has_value());
+    EXPECT_FALSE(got->at(9).usage.has_value());  // refused: no usage, the row keeps its totals
+    EXPECT_EQ(got->at(9).read_at_us, 200);
+  }
+}
+
 TEST(ReplyChecks, PidFiles) {
   using Files = std::map<int, std::string>;
   struct Case {

@@ -127,6 +127,26 @@ TEST(LiveTable, ChildShowsDiskAndNetworkRatesOnTheSecondRefresh) {
   EXPECT_FALSE(limiter.nettopRunning());
   EXPECT_TRUE(limiter.start());
   EXPECT_TRUE(limiter.nettopRunning());
+
+  // On demand (the application): the tool runs only while a window shows the table; the timer makes
+  // light passes while someone asks for the owners, and full ones again for a window.
+  limiter.setTableOnDemand(true);
+  EXPECT_FALSE(limiter.nettopRunning());
+  limiter.addTableClient();
+  EXPECT_TRUE(limiter.nettopRunning());
+  limiter.addTableClient();
+  limiter.removeTableClient();
+  EXPECT_TRUE(limiter.nettopRunning());
+  limiter.removeTableClient();
+  EXPECT_FALSE(limiter.nettopRunning());
+  limiter.owners();
+  const RefreshCounts before = limiter.refreshCounts();
+  limiter.setProcessesUpdateInterval(100);
+  EXPECT_TRUE(eventually([&] { return limiter.refreshCounts().light > before.light; }));
+  limiter.addTableClient();
+  EXPECT_TRUE(eventually([&] { return limiter.refreshCounts().full > before.full; }));
+  EXPECT_TRUE(limiter.nettopRunning());
+  limiter.removeTableClient();
   limiter.stop();
   ::kill(child, SIGKILL);
   ::waitpid(child, nullptr, 0);

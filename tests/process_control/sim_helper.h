@@ -17,6 +17,7 @@
 #include "helper_link/pelmora.h"
 #include "support/default_settings.h"
 #include "support/sys_root.h"
+#include "support/timeval.h"
 #include "support/xpc_transport.h"
 
 namespace pelmora::test {
@@ -84,6 +85,7 @@ class SimTransport : public XPCTransport {
       if (m_wire->before_taskallinfo) m_wire->before_taskallinfo();
       return taskAllInfo(pid, p);
     }
+    if (r.count("tasklist")) return taskList(r);
     if (r.count("authorize")) return XPCDict{{"authorize", "OK"}};
     if (r.count("taskinfo")) return taskInfo(p);
     if (r.count("rusage")) return rusage(p);
@@ -132,6 +134,27 @@ class SimTransport : public XPCTransport {
     u.ri_diskio_bytesread = p->read_bytes;
     u.ri_diskio_byteswritten = p->write_bytes;
     return XPCDict{{"reply_rusage", ""}, {"result", 1}, {"rusage", bytesOf(&u, sizeof u)}};
+  }
+  // The batch as the daemon answers it: the processes it could read, each stamped when read.
+  XPCDict taskList(const XPCDict& r) {
+    XPCArray pids, infos, usages, names, times;
+    const XPCArray* asked = xpcArray(r, "pids");
+    for (const XPCValue& value : asked ? *asked : XPCArray{}) {
+      const auto pid = static_cast<int32_t>(value.asInt() ? *value.asInt() : -1);
+      auto it = m_wire->procs.find(pid);
+      SimProcess* p = it == m_wire->procs.end() ? nullptr : &it->second;
+      if (m_wire->before_taskallinfo) m_wire->before_taskallinfo();
+      const XPCDict all = taskAllInfo(pid, p);
+      if (!xpcData(all, "taskallinfo")) continue;
+      const XPCDict usage = rusage(p);
+      pids.emplace_back(int64_t{pid});
+      infos.push_back(all.at("taskallinfo"));
+      usages.emplace_back(xpcData(usage, "rusage") ? *xpcData(usage, "rusage") : XPCData{});
+      names.emplace_back(p->pidname_fails ? std::string() : p->name);
+      times.emplace_back(Timeval::nowMicroseconds());
+    }
+    return XPCDict{{"reply_tasklist", ""}, {"result", 1}, {"pids", pids}, {"taskallinfo", infos},
+                   {"rusage", usages}, {"names", names}, {"times", times}};
   }
   XPCDict kill(int32_t pid, SimProcess* p, int64_t signal) {
     m_wire->signals.emplace_back(pid, signal);

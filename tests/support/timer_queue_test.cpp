@@ -58,6 +58,18 @@ TEST(TimerQueue, ShorteningThePeriodWhileRunningTakesEffectWithoutWaitingOutTheO
   timer.stop();
 }
 
+TEST(TimerQueue, FireNowRunsTheActionOnceWithoutWaitingOutThePeriod) {
+  std::atomic<int> actions{0};
+  TimerQueue timer("t", 3'600'000'000LL /* an hour */, nullptr, [&] { ++actions; });
+  timer.start();
+  timer.fireNow();
+  EXPECT_TRUE(eventually([&] { return actions == 1; }));
+  timer.fireNow();
+  EXPECT_TRUE(eventually([&] { return actions == 2; }));
+  timer.stop();
+  EXPECT_EQ(actions, 2);  // the hour-long period itself never ran out
+}
+
 TEST(TimerQueue, StopJoinsAndRestartRunsTheHookAgain) {
   std::atomic<int> hooks{0}, actions{0};
   TimerQueue timer("t", 1000, [&] { ++hooks; }, [&] { ++actions; });
