@@ -138,8 +138,11 @@ int main(int argc, char** argv) {
     return 2;
   }
   const sigset_t waking = installStopSignals();
-  // If the parent is already gone, the closed pipe ends us at the first sleep.
+  // A parent that dies before the request is caught by the second look at our parent; one that
+  // died before we started leaves a closed pipe, which ends us at the first sleep.
+  const pid_t parent = ::getppid();
   ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+  if (::getppid() != parent) return 0;
   ::prctl(PR_SET_TIMERSLACK, kTimerSlack_ns);
   signal(SIGPIPE, SIG_DFL);
   Nettop nettop;

@@ -55,10 +55,23 @@ bool exitsSoon(pid_t pid) {
   return ::poll(&p, 1, static_cast<int>(std::chrono::milliseconds(kPatience).count())) == 1;
 }
 
-bool holdsMoreThanStandardDescriptors(pid_t pid) {
+// True once the tool holds a netlink socket, which it opens only after asking for its death signal.
+bool holdsItsNetlinkSocket(pid_t pid) {
+  const std::string fds = "/proc/" + std::to_string(pid) + "/fd/";
+  const std::string net = "/proc/" + std::to_string(pid) + "/net/netlink";
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
   while (std::chrono::steady_clock::now() < deadline) {
-    if (SysRoot::listDir("/proc/" + std::to_string(pid) + "/fd").size() > 3) return true;
+    // The netlink table lists each socket's inode; the tool's own sockets are those among its fds.
+    const std::string table = SysRoot::readFile(net).value_or("");
+    for (const auto& name : SysRoot::listDir(fds)) {
+      char link[64] = {};
+      if (::readlink((fds + name).c_str(), link, sizeof link - 1) <= 0) continue;
+      const std::string text = link;
+      if (text.rfind("socket:[", 0) != 0) continue;
+      const std::string inode = text.substr(8, text.size() - 9);
+      if (table.find(" " + inode + "\n") != std::string::npos || table.find(" " + inode + " ") != std::string::npos)
+        return true;
+    }
     ::poll(nullptr, 0, 10);
   }
   return false;
@@ -214,11 +227,13 @@ TEST(NettopLive, EndsWhenItsReaderGoesEvenWithNothingToPrint) {
   EXPECT_TRUE(exitsSoon(by_pipe.pid())) << "still running with nobody reading";
 
   // Started by a process that is then killed outright, writing to a file rather than a pipe.
+  // Close-on-exec, so the tool starts with three descriptors and a fourth means it is past its
+  // death-signal request.
   int report[2];
-  ASSERT_EQ(::pipe(report), 0);
+  ASSERT_EQ(::pipe2(report, O_CLOEXEC), 0);
   const pid_t parent = ::fork();
   if (parent == 0) {
-    UniqueFd null(::open("/dev/null", O_WRONLY));
+    UniqueFd null(::open("/dev/null", O_WRONLY | O_CLOEXEC));
     const pid_t pid = spawnNettop({"--interval-ms", "60000"}, null.get());
     (void)::write(report[1], &pid, sizeof pid);
     for (;;) ::pause();
@@ -229,7 +244,7 @@ TEST(NettopLive, EndsWhenItsReaderGoesEvenWithNothingToPrint) {
   ::close(report[0]);
   ASSERT_GT(nettop, 0);
   // It asks for the death signal before it opens its netlink sockets: wait for those.
-  ASSERT_TRUE(holdsMoreThanStandardDescriptors(nettop));
+  ASSERT_TRUE(holdsItsNetlinkSocket(nettop));
   ::kill(parent, SIGKILL);
   ::waitpid(parent, nullptr, 0);
   const bool ended = exitsSoon(nettop);
