@@ -9,6 +9,7 @@
 #include <QLineEdit>
 #include <QMenu>
 #include <QMessageBox>
+#include <QPointer>
 #include <QScreen>
 #include <QSystemTrayIcon>
 #include <QTest>
@@ -129,10 +130,12 @@ TEST(DesktopConventions, CtrlWAndEscapeCloseEveryWindow) {
   for (const QKeySequence& key : {QKeySequence(Qt::CTRL | Qt::Key_W), QKeySequence(Qt::Key_Escape)}) {
     SCOPED_TRACE(key.toString().toStdString());
     AppRig rig;
-    for (QWidget* window : openAll(rig)) {
-      SCOPED_TRACE(window->windowTitle().toStdString());
+    for (QWidget* opened : openAll(rig)) {
+      SCOPED_TRACE(opened->windowTitle().toStdString());
+      // Windows that delete themselves on close are gone once the events have run.
+      QPointer<QWidget> window(opened);
       typeInto(window, key);
-      EXPECT_FALSE(window->isVisible());
+      EXPECT_TRUE(window.isNull() || !window->isVisible());
     }
   }
 }
