@@ -58,7 +58,8 @@ void treeUsage(pid_t pid, std::map<pid_t, Usage>& out) {
   out[pid] = processUsage(pid);
   const std::string task = "/proc/" + std::to_string(pid) + "/task/";
   for (const auto& tid : SysRoot::listDir(task)) {
-    for (auto child : splitWhitespace(SysRoot::readFile(task + tid + "/children").value_or("")))
+    const std::string children = SysRoot::readFile(task + tid + "/children").value_or("");  // outlives the views
+    for (auto child : splitWhitespace(children))
       if (auto c = parseInt64(child)) treeUsage(static_cast<pid_t>(*c), out);
   }
 }

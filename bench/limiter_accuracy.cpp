@@ -95,7 +95,8 @@ double treeCpuSeconds(pid_t pid) {
   double total = cpuSeconds(pid);
   const std::string task = "/proc/" + std::to_string(pid) + "/task/";
   for (const auto& tid : SysRoot::listDir(task)) {
-    for (auto child : splitWhitespace(SysRoot::readFile(task + tid + "/children").value_or("")))
+    const std::string children = SysRoot::readFile(task + tid + "/children").value_or("");  // outlives the views
+    for (auto child : splitWhitespace(children))
       if (auto c = parseInt64(child)) total += treeCpuSeconds(static_cast<pid_t>(*c));
   }
   return total;

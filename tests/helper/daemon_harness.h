@@ -139,7 +139,9 @@ class HelperDaemonChild {
     size_t count = 0;
     const std::string task = "/proc/" + std::to_string(m_pid) + "/task/";
     for (const std::string& tid : SysRoot::listDir(task)) {
-      for (std::string_view child : split(SysRoot::readFile(task + tid + "/children").value_or(""), ' ', false)) {
+      // The views point into `children`, which must outlive the loop.
+      const std::string children = SysRoot::readFile(task + tid + "/children").value_or("");
+      for (std::string_view child : split(children, ' ', false)) {
         const auto pid = parseInt64(child);
         count += pid && procState(static_cast<pid_t>(*pid)) != 'Z' && procState(static_cast<pid_t>(*pid)) != '?';
       }

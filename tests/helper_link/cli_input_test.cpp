@@ -58,7 +58,8 @@ std::vector<pid_t> childrenOf(pid_t pid) {
   std::vector<pid_t> out;
   const std::string task = "/proc/" + std::to_string(pid) + "/task/";
   for (const std::string& tid : SysRoot::listDir(task)) {
-    for (std::string_view child : split(SysRoot::readFile(task + tid + "/children").value_or(""), ' ', false)) {
+    const std::string children = SysRoot::readFile(task + tid + "/children").value_or("");  // outlives the views
+    for (std::string_view child : split(children, ' ', false)) {
       if (auto id = parseInt64(child)) out.push_back(static_cast<pid_t>(*id));
     }
   }
