@@ -494,6 +494,8 @@ journey_purge() {
   local left
   left=$(comm -13 "$work/before.txt" "$work/after.txt")
   [ -z "$left" ] || fail "the purge left: $left" || return
-  left=$(ps -eo pid=,user=,args= | grep -E '/usr/(lib|libexec)/pelmora|/usr/bin/pelmora' | grep -v grep)
+  # Programs started from the package's files (the first word of their command line), not every
+  # command line that names those paths (a compiler given them as flags).
+  left=$(ps -eo pid=,user=,args= | awk '$3 ~ /^\/usr\/(lib|libexec)\/pelmora\/|^\/usr\/bin\/pelmora/')
   [ -z "$left" ] || fail "processes left after the purge: $left"
 }
