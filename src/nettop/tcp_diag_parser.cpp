@@ -48,6 +48,13 @@ TcpSocketRecord recordOf(const inet_diag_msg& diag, const char* attrs, size_t at
   return r;
 }
 
+// NLMSG_OK spelled out: the macro compares the header's unsigned length with the signed bytes left,
+// which clang's -Wsign-compare rejects.
+bool messageFits(const nlmsghdr* h, int left) {
+  return left >= static_cast<int>(sizeof(nlmsghdr)) && h->nlmsg_len >= sizeof(nlmsghdr) &&
+         h->nlmsg_len <= static_cast<uint32_t>(left);
+}
+
 }  // namespace
 
 bool peerFinCounted(uint8_t state) {
@@ -73,7 +80,7 @@ TcpDiagBatch parseTcpDiagDatagram(std::string_view datagram) {
   }
   int left = static_cast<int>(std::min<size_t>(datagram.size(), INT32_MAX));
   auto* h = reinterpret_cast<const nlmsghdr*>(base);
-  for (; NLMSG_OK(h, left); h = NLMSG_NEXT(h, left)) {
+  for (; messageFits(h, left); h = NLMSG_NEXT(h, left)) {
     if (h->nlmsg_type == NLMSG_DONE) {
       batch.done = true;
       return batch;
