@@ -14,19 +14,12 @@ cmake -S . -B "$build_dir" -G Ninja -DPELMORA_BUILD_BENCH=ON >/dev/null
 cmake --build "$build_dir" --target bench_graph_paint
 mkdir -p "$out"
 tool=$build_dir/bench/bench_graph_paint
-render() {
-  if command -v xvfb-run >/dev/null; then
-    xvfb-run -a -s "-screen 0 1280x800x24" env QT_QPA_PLATFORM=xcb "$@"
-  else
-    echo "xvfb-run not found: rendering off-screen instead" >&2
-    QT_QPA_PLATFORM=offscreen "$@"
-  fi
-}
-render "$tool" --screenshots "$out"
+source scripts/render-lib.sh  # the working folder is the repository's root
+render 1280x800 "$tool" --screenshots "$out"
 for machine in laptop desktop; do
   suffix=; [ "$machine" = laptop ] || suffix=-$machine
   PELMORA_PROC_ROOT=$fixtures/sampling-$machine/proc PELMORA_SYS_ROOT=$fixtures/sampling-$machine/sys \
-    render "$tool" --thermal-screenshots "$out" "$suffix"
+    render 1280x800 "$tool" --thermal-screenshots "$out" "$suffix"
 done
 # Lossless recompression where the tool is installed: the README loads every picture.
 if command -v optipng >/dev/null; then optipng -quiet -o2 "$out"/graph-*.png; fi

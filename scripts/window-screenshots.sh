@@ -15,17 +15,10 @@ cmake --build "$build_dir" --target window_screenshots
 mkdir -p "$out"
 tool=$PWD/$build_dir/bench/window_screenshots
 
-render() {
-  if command -v xvfb-run >/dev/null; then
-    xvfb-run -a -s "-screen 0 1400x1000x24" env QT_QPA_PLATFORM=xcb "$@"
-  else
-    echo "xvfb-run not found: rendering off-screen instead" >&2
-    QT_QPA_PLATFORM=offscreen "$@"
-  fi
-}
+source scripts/render-lib.sh  # the working folder is the repository's root
 
-render "$tool" "$out/window-this-machine.png" --live "$live_s"
+render 1400x1000 "$tool" "$out/window-this-machine.png" --live "$live_s"
 for machine in hybrid laptop; do
   PELMORA_PROC_ROOT=$fixtures/sampling-$machine/proc PELMORA_SYS_ROOT=$fixtures/sampling-$machine/sys \
-    render "$tool" "$out/window-$machine.png"
+    render 1400x1000 "$tool" "$out/window-$machine.png"
 done
