@@ -28,3 +28,18 @@ if(PELMORA_BUILD_GUI)
     message(WARNING "Qt 6 Widgets not found: the desktop application is not built")
   endif()
 endif()
+
+# Code that runs as root (the helper daemon, and pelmora-nettop, which the daemon starts for an authorised
+# client) gets the toolchain's hardening: fortified libc calls (checked at run time where sizes are known at
+# compile time, which needs an optimised build), stack canaries, and position-independent code. Executables
+# are also linked as PIE with relocations resolved at start and then made read-only (full RELRO, BIND_NOW).
+function(pelmora_harden_root_code)
+  foreach(target IN LISTS ARGN)
+    target_compile_options(${target} PRIVATE -fstack-protector-strong -fPIE
+      "$<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=3>")
+    get_target_property(type ${target} TYPE)
+    if(type STREQUAL "EXECUTABLE")
+      target_link_options(${target} PRIVATE -pie -Wl,-z,relro,-z,now)
+    endif()
+  endforeach()
+endfunction()

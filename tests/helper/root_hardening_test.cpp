@@ -1,5 +1,6 @@
-// The root daemon as built and as installed: the hardening in its binary, read back with readelf,
-// and the systemd sandbox of its service, rated by systemd-analyze.
+// The code that runs as root as built and as installed: the hardening in the daemon's binary and in
+// pelmora-nettop's (which the daemon runs for an authorised client), read back with readelf, and the
+// systemd sandbox of the daemon's service, rated by systemd-analyze.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
@@ -11,7 +12,6 @@
 namespace pelmora {
 namespace {
 
-const std::string kDaemon = std::string(PELMORA_BINARY_DIR) + "/src/helper/pelmora-helper";
 const std::string kService = std::string(PELMORA_BINARY_DIR) + "/src/helper/net.tandrel.pelmorahelper.service";
 
 // The output of a shell command; none when it could not run or failed.
@@ -28,18 +28,22 @@ std::optional<std::string> output(const std::string& command) {
 
 bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
-TEST(RootHardening, TheDaemonBinaryIsBuiltAsRootCode) {
-  const auto header = output("readelf -hW " + kDaemon);
-  const auto dynamic = output("readelf -dW " + kDaemon);
-  const auto segments = output("readelf -lW " + kDaemon);
-  const auto symbols = output("readelf --dyn-syms -W " + kDaemon);
-  if (!header || !dynamic || !segments || !symbols) GTEST_SKIP() << "readelf (binutils) is not installed";
-  EXPECT_TRUE(contains(*header, "DYN (Position-Independent Executable")) << "not PIE";
-  EXPECT_TRUE(contains(*segments, "GNU_RELRO")) << "no RELRO segment";
-  EXPECT_TRUE(contains(*dynamic, "BIND_NOW") || contains(*dynamic, "Flags: NOW")) << "relocations not bound at start";
-  EXPECT_TRUE(contains(*symbols, "__stack_chk_fail")) << "no stack protector";
-  if (PELMORA_HELPER_FORTIFIED) {
-    EXPECT_TRUE(contains(*symbols, "_chk@")) << "no fortified libc call";
+TEST(RootHardening, EveryProgramThatRunsAsRootIsBuiltAsRootCode) {
+  for (const char* program : {"/src/helper/pelmora-helper", "/src/nettop/pelmora-nettop"}) {
+    SCOPED_TRACE(program);
+    const std::string path = std::string(PELMORA_BINARY_DIR) + program;
+    const auto header = output("readelf -hW " + path);
+    const auto dynamic = output("readelf -dW " + path);
+    const auto segments = output("readelf -lW " + path);
+    const auto symbols = output("readelf --dyn-syms -W " + path);
+    if (!header || !dynamic || !segments || !symbols) GTEST_SKIP() << "readelf (binutils) is not installed";
+    EXPECT_TRUE(contains(*header, "DYN (Position-Independent Executable")) << "not PIE";
+    EXPECT_TRUE(contains(*segments, "GNU_RELRO")) << "no RELRO segment";
+    EXPECT_TRUE(contains(*dynamic, "BIND_NOW") || contains(*dynamic, "Flags: NOW")) << "relocations not bound at start";
+    EXPECT_TRUE(contains(*symbols, "__stack_chk_fail")) << "no stack protector";
+    if (PELMORA_HELPER_FORTIFIED) {
+      EXPECT_TRUE(contains(*symbols, "_chk@")) << "no fortified libc call";
+    }
   }
 }
 
