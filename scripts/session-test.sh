@@ -387,7 +387,6 @@ pelmora_files() {
 }
 
 helper_starts() { grep -c ' started ' "$logs/holder.log"; }
-helper_running() { tail -1 "$logs/holder.log" | grep -q ' started '; }
 
 # ---------------------------------------------------------------------------------------------
 # The journeys: each prints why it failed on stderr and returns non-zero.

@@ -16,9 +16,10 @@ fail() { echo "$*" >&2; return 1; }
 is_stopped() { [ "$(proc_state "$1")" = T ]; }
 is_running() { local state; state=$(proc_state "$1"); [ "$state" = R ] || [ "$state" = S ]; }
 is_gone() { ! kill -0 "$1" 2>/dev/null; }
-helper_idle() { tail -1 "$logs/holder.log" | grep -q -e ' exited ' -e '^listening'; }
-# The holder logs a start a moment after the connection that caused it (it polls its socket), and a
-# client may be done before that when it needed nothing from the helper in time.
+# No helper runs: the holder has logged as many exits as starts (the helper's own stderr lines go to
+# the same log, so its last line says nothing).
+helper_idle() { [ "$(helper_starts)" -eq "$(grep -c ' exited ' "$logs/holder.log")" ]; }
+# The holder logs a start a moment after the connection that caused it (it polls its socket).
 started_since() { [ "$(helper_starts)" -gt "$1" ]; }
 wbt_is() { [ "$(wbt)" = "$1" ]; }
 # The limit is in force: the process was seen stopped, or the process window shows its limit (on a
@@ -115,17 +116,24 @@ start_busy() {  # start_busy USER NAME: a busy loop named NAME run by USER; prin
 journey_socket_activation() {
   for user in "$granted" "$refused"; do stop_app "$user"; done
   wait_for 10 helper_idle || fail "the helper did not exit after its last client" || return
-  # A client whose first reply is slow to come (a helper starting on a loaded machine) reconnects,
-  # so a run may start the helper more than once; what matters is that it starts at all.
-  local before
-  before=$(helper_starts)
-  cli "$refused" sample --count 1 || fail "pelmora sample failed: $cli_output" || return
-  wait_for 10 started_since "$before" || fail "the first connection did not start the helper" || return
-  wait_for 10 helper_idle || fail "the helper did not exit after its last client" || return
-  before=$(helper_starts)
-  cli "$refused" sample --count 1 || fail "pelmora sample failed again: $cli_output" || return
-  wait_for 10 started_since "$before" || fail "the next connection did not start the helper again" || return
-  local child limiter
+  # `pelmora limit` holds its connection for as long as it runs (the daemon continues what it held
+  # if it dies), so each round has exactly one client, which the helper outlives by nothing.
+  local round before holder child
+  child=$(start_busy "$refused" pm-woken)
+  for round in first next; do
+    before=$(helper_starts)
+    as_user "$refused" /usr/bin/pelmora limit "$child" 50 >>"$logs/j7-wake.log" 2>&1 &
+    pids+=("$!")
+    wait_for 10 started_since "$before" || fail "the $round connection did not start the helper" || return
+    # $! may be the subshell that runs as_user rather than the program.
+    holder=$(pgrep -u "$refused" -x pelmora) || fail "pelmora limit is not running" || return
+    kill -TERM "$holder"
+    wait_for 10 is_gone "$holder" || fail "pelmora limit did not end on SIGTERM" || return
+    wait_for 10 helper_idle || fail "the helper did not exit after its last client ($round round)" || return
+  done
+  [ "$(proc_state "$child")" != T ] || fail "the ended limiter left its process stopped" || return
+  kill -KILL "$child"
+  local limiter
   child=$(start_busy "$granted" pm-held)
   as_user "$granted" /usr/bin/pelmora limit "$child" 10 >"$logs/j7-limit.log" 2>&1 &
   limiter=$!

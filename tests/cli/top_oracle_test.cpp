@@ -388,4 +388,114 @@ TEST_F(TopOracle, SampleCountsEveryProcess) {
   EXPECT_LE(total, static_cast<int64_t>(seen.size()));
 }
 
+// The machine-wide counters as the kernel keeps them, read here without any of our parsers.
+struct KernelCounters {
+  std::map<std::string, std::vector<int64_t>> cpu_ns;  // "cpu0" -> user, system, idle as the sampler sums them
+  std::map<std::string, std::vector<int64_t>> disk;    // "vda" -> reads, bytes read, writes, bytes written
+  std::map<std::string, std::vector<int64_t>> net;     // "eth0" -> bytes in, bytes out
+  int64_t mem_free_bytes = 0;
+};
+
+int64_t meminfoBytes(const std::string& key) {
+  std::istringstream in(readText("/proc/meminfo"));
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind(key + ":", 0) == 0) return std::stoll(line.substr(key.size() + 1)) * 1024;
+  }
+  return -1;
+}
+
+KernelCounters readKernel() {
+  KernelCounters k;
+  const int64_t ns_per_tick = 1'000'000'000 / ::sysconf(_SC_CLK_TCK);
+  std::istringstream stat(readText("/proc/stat"));
+  for (std::string line; std::getline(stat, line);) {
+    const auto w = words(line);
+    if (w.size() < 8 || w[0].rfind("cpu", 0) != 0 || w[0] == "cpu") continue;
+    auto t = [&](size_t i) { return std::stoll(w[i]) * ns_per_tick; };
+    // user + nice; system + irq + softirq; idle + iowait
+    k.cpu_ns[w[0]] = {t(1) + t(2), t(3) + t(6) + t(7), t(4) + t(5)};
+  }
+  for (const auto& entry : std::filesystem::directory_iterator("/sys/block")) {
+    const auto w = words(readText(entry.path() / "stat"));
+    if (w.size() >= 7) {
+      k.disk[entry.path().filename()] = {std::stoll(w[0]), std::stoll(w[2]) * 512, std::stoll(w[4]), std::stoll(w[6]) * 512};
+    }
+  }
+  for (const auto& entry : std::filesystem::directory_iterator("/sys/class/net")) {
+    const auto in = words(readText(entry.path() / "statistics/rx_bytes"));
+    const auto out = words(readText(entry.path() / "statistics/tx_bytes"));
+    if (!in.empty() && !out.empty()) k.net[entry.path().filename()] = {std::stoll(in[0]), std::stoll(out[0])};
+  }
+  k.mem_free_bytes = meminfoBytes("MemFree");
+  return k;
+}
+
+// Every counter `pelmora sample --json` reports lies between the kernel's value just before the
+// tool ran and just after: they only grow, so a wrong unit, field or device shows. A writer keeps
+// the disk counters moving, so a stale or cached read shows too. Free memory moves both ways; it
+// must lie near the range the kernel showed (the tool's own start-up takes some).
+TEST(SampleOracle, EveryCounterIsTheKernels) {
+  const std::string file = ::testing::TempDir() + "/sample-oracle-" + std::to_string(::getpid());
+  Child writer([&file] {
+    std::vector<char> block(1 << 20, 'x');
+    for (;;) {
+      std::ofstream out(file, std::ios::trunc);
+      out.write(block.data(), static_cast<std::streamsize>(block.size()));
+      out.flush();
+      out.close();
+      ::sync();
+    }
+  });
+  const KernelCounters before = readKernel();
+  const std::string text = runPelmora({"sample", "--count", "1", "--json"}, nullptr);
+  const KernelCounters after = readKernel();
+  std::filesystem::remove(file);
+  const auto out = nlohmann::json::parse(text.substr(0, text.find('\n')), nullptr, false);
+  ASSERT_FALSE(out.is_discarded()) << text.substr(0, 200);
+  auto within = [](int64_t value, int64_t low, int64_t high, const std::string& what) {
+    EXPECT_GE(value, low) << what;
+    EXPECT_LE(value, high) << what;
+  };
+
+  const auto& cpus = out["cpu_stats"];
+  ASSERT_EQ(cpus.size(), before.cpu_ns.size()) << "one record per processor (all online here)";
+  for (size_t i = 0; i < cpus.size(); ++i) {
+    const std::string name = "cpu" + std::to_string(i);
+    size_t field = 0;
+    for (const char* key : {"totalUserTime", "totalSystemTime", "totalIdleTime"}) {
+      within(cpus[i][key].get<int64_t>(), before.cpu_ns.at(name)[field], after.cpu_ns.at(name)[field], name + " " + key);
+      ++field;
+    }
+  }
+
+  int64_t io[4] = {0, 0, 0, 0};
+  ASSERT_FALSE(out["dsk_stats"].empty()) << "this machine has a disk";
+  for (const auto& disk : out["dsk_stats"]) {
+    const std::string name = disk["bsdname"];
+    ASSERT_TRUE(before.disk.count(name)) << name << " is not a kernel block device";
+    size_t field = 0;
+    for (const char* key : {"count_read", "bytes_read", "count_write", "bytes_write"}) {
+      const int64_t value = disk["stats"][key].get<int64_t>();
+      within(value, before.disk.at(name)[field], after.disk.at(name)[field], name + " " + key);
+      io[field++] += value;
+    }
+  }
+  EXPECT_EQ(out["io_stats"]["bytes_read"].get<int64_t>(), io[1]) << "the total is the sum of the disks";
+  EXPECT_EQ(out["io_stats"]["bytes_write"].get<int64_t>(), io[3]) << "the total is the sum of the disks";
+
+  for (const auto& intf : out["net_stats"]) {
+    const std::string name = intf["intf"];
+    ASSERT_TRUE(before.net.count(name)) << name;
+    EXPECT_NE(name, "lo") << "the loopback is no interface of the machine's";
+    within(intf["stats"]["bytes_in"].get<int64_t>(), before.net.at(name)[0], after.net.at(name)[0], name + " in");
+    within(intf["stats"]["bytes_out"].get<int64_t>(), before.net.at(name)[1], after.net.at(name)[1], name + " out");
+  }
+
+  const int64_t page = ::sysconf(_SC_PAGESIZE);
+  const int64_t slack = int64_t{64} << 20;
+  within(out["mem_stats"]["free_count"].get<int64_t>() * page,
+         std::min(before.mem_free_bytes, after.mem_free_bytes) - slack,
+         std::max(before.mem_free_bytes, after.mem_free_bytes) + slack, "free memory");
+}
+
 }  // namespace
