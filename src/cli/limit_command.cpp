@@ -110,7 +110,9 @@ int runLimitCommand(const std::vector<std::string>& args) {
   // Blocked before any thread starts, so that only the loop below receives them.
   const sigset_t signals = endingSignals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  auto name = Pelmora::shared().pidName(options->pid);
+  // Anyone may read a process's name: the daemon is asked only when it answers for us anyway.
+  Pelmora& helper = Pelmora::shared();
+  auto name = helper.pidName(options->pid, helper.authorised());
   if (!name) {
     std::fprintf(stderr, "pelmora limit: no process %d\n", options->pid);
     return kExitFailure;

@@ -45,7 +45,7 @@ class Pelmora {
   bool setPriority(int32_t pid, int nice);
   // The helper's "kill" reply: 0 for success; -1 when there was no answer.
   int sendSignal(int32_t pid, int32_t signal);
-  std::optional<std::string> pidName(int32_t pid, bool via_helper = true);
+  std::optional<std::string> pidName(int32_t pid, bool via_helper);
   std::optional<proc_taskinfo> taskInfo(int32_t pid, bool via_helper);
   std::optional<proc_taskallinfo> taskAllInfo(int32_t pid, bool via_helper);
   std::optional<rusage_info_v3> rusage(int32_t pid, bool via_helper);

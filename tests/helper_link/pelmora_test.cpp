@@ -50,7 +50,7 @@ TEST(PelmoraRequests, EachOperationSendsItsKeys) {
        {{"setpriority", ""}, {"pid", 1234}, {"priority", -5}}},
       {"kill", [](Pelmora& p) { p.sendSignal(1234, SIGSTOP); }, {{"kill", "kill"}, {"pid", 1234}, {"signal", SIGSTOP}}},
       // Pids travel sign-extended.
-      {"pidname", [](Pelmora& p) { p.pidName(-7); }, {{"pidname", "pidname"}, {"pid", int64_t{-7}}}},
+      {"pidname", [](Pelmora& p) { p.pidName(-7, true); }, {{"pidname", "pidname"}, {"pid", int64_t{-7}}}},
       {"taskinfo", [](Pelmora& p) { p.taskInfo(42, true); }, {{"taskinfo", "taskinfo"}, {"pid", 42}}},
       {"taskallinfo", [](Pelmora& p) { p.taskAllInfo(42, true); }, {{"taskallinfo", "taskallinfo"}, {"pid", 42}}},
       {"rusage", [](Pelmora& p) { p.rusage(42, true); }, {{"rusage", "rusage"}, {"pid", 42}}},
@@ -108,7 +108,7 @@ TEST(PelmoraReplies, NoReplyLeavesEveryFailureValue) {
   EXPECT_FALSE(client.pelmora.isRunning(1, false));
   EXPECT_FALSE(client.pelmora.setCpuCount(1, true, false));
   EXPECT_EQ(client.pelmora.sendSignal(100, SIGCONT), -1);
-  EXPECT_FALSE(client.pelmora.pidName(100));
+  EXPECT_FALSE(client.pelmora.pidName(100, true));
   EXPECT_FALSE(client.pelmora.taskInfo(100, true));
   EXPECT_FALSE(client.pelmora.pidFiles(100, true));
   const auto metrics = client.pelmora.powerMetrics(1000);
