@@ -6,7 +6,7 @@
 #include <csignal>
 
 #include "helper/connection.h"
-#include "helper/pidfd.h"
+#include "support/pidfd.h"
 
 namespace pelmora {
 

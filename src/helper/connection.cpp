@@ -5,7 +5,7 @@
 
 #include <csignal>
 
-#include "helper/pidfd.h"
+#include "support/pidfd.h"
 #include "support/proc_task_reader.h"
 
 namespace pelmora {
@@ -54,11 +54,6 @@ void Connection::noteStopped(pid_t pid, UniqueFd pidfd) {
 void Connection::noteContinued(pid_t pid) {
   MutexLock lock(*m_mutex);
   m_stopped.erase(pid);
-}
-
-size_t Connection::stoppedCount() const {
-  MutexLock lock(*m_mutex);
-  return m_stopped.size();
 }
 
 void Connection::continueStopped() {

@@ -51,7 +51,6 @@ class Connection {
   // Bookkeeping for crash safety. pidfd must refer to the stopped process.
   void noteStopped(pid_t pid, UniqueFd pidfd);
   void noteContinued(pid_t pid);
-  size_t stoppedCount() const;
   // Continues every process still noted as stopped, and forgets them.
   void continueStopped();
 

@@ -14,7 +14,7 @@
 #include <thread>
 
 #include "helper/cpu_control.h"
-#include "helper/pidfd.h"
+#include "support/pidfd.h"
 #include "support/text.h"
 
 namespace pelmora {

@@ -12,7 +12,7 @@
 #include <system_error>
 #include <thread>
 
-#include "helper/pidfd.h"
+#include "support/pidfd.h"
 
 extern char** environ;
 

@@ -10,7 +10,7 @@
 #include "helper/frequency_sampler.h"
 #include "helper/nettop_child.h"
 #include "support/paths.h"
-#include "helper/pidfd.h"
+#include "support/pidfd.h"
 #include "support/rapl_zones.h"
 #include "support/xpc_codec.h"
 #include "support/text.h"

@@ -2,24 +2,20 @@
 
 #include <poll.h>
 #include <signal.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <vector>
 
+#include "support/pidfd.h"
+
 namespace pelmora {
-namespace {
-
-int pidfdOpen(pid_t pid) { return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)); }
-
-}  // namespace
 
 void ExitWatch::watch(const std::set<pid_t>& pids) {
   std::erase_if(m_fds, [&](const auto& entry) { return !pids.count(entry.first); });
   for (pid_t pid : pids) {
     if (m_fds.count(pid)) continue;
-    UniqueFd fd(pidfdOpen(pid));
+    UniqueFd fd = pidfdOpen(pid);
     // Without pidfds (ENOSYS, before 5.3) a process counts as alive while kill(pid, 0) finds it.
     if (!fd && errno != ESRCH && (::kill(pid, 0) == 0 || errno == EPERM)) continue;
     m_fds.emplace(pid, std::move(fd));

@@ -63,7 +63,7 @@ CPULimiter::CPULimiter(Pelmora& helper, SysRoot root, DefaultSettings& settings,
   m_journal.recover();
   m_processes_update_interval =
       std::clamp<int64_t>(m_settings.loadInt("UPDATE_PROCESSES", kDefaultProcessesInterval_ms), 100, 3'600'000);
-  if (auto sample = readMachineSample()) m_usage_sample = *sample;
+  if (auto ticks = readMachineTicks()) m_usage_ticks = *ticks;
   m_usePIDControl = m_settings.loadBool("PID_use_pidcontroller", false);
   m_kp = m_settings.loadDouble("PID_proportional", 0.5);
   m_ki = m_settings.loadDouble("PID_integral", 0.25);
@@ -276,11 +276,6 @@ int64_t CPULimiter::limiterInterval() {
   return m_limiter_update_interval;
 }
 
-int64_t CPULimiter::adjusterInterval() {
-  MutexLock lock(m_mutex);
-  return m_adjuster_interval;
-}
-
 // The timer fires every tick interval, a little late at times. Each step is due when its interval
 // has passed less half a timer period, so that a step whose interval equals the period runs at every
 // tick instead of skipping one whenever the previous tick ran late.
@@ -341,22 +336,6 @@ rwInfo CPULimiter::diskRates() {
 int CPULimiter::translatedCount() {
   MutexLock lock(m_mutex);
   return m_translated_count;
-}
-
-ProcessCounts CPULimiter::processCounts(uint32_t my_uid) {
-  MutexLock lock(m_mutex);
-  ProcessCounts counts;
-  for (const auto& [pid, row] : m_processes) {
-    // Root first: when Pelmora itself runs as root, root's processes count as the system's.
-    if (row.uid == 0)
-      ++counts.system;
-    else if (row.uid == my_uid)
-      ++counts.user;
-    else
-      ++counts.other;
-  }
-  counts.translated = m_translated_count;
-  return counts;
 }
 
 void CPULimiter::setLimitFrontmost(bool limit_frontmost) {

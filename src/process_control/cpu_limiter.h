@@ -27,6 +27,7 @@
 #include "process_control/stop_journal.h"
 #include "support/kernel_records.h"
 #include "support/mutex.h"
+#include "support/proc_stat.h"
 #include "support/proc_task_reader.h"
 #include "support/process_list.h"
 #include "support/sys_root.h"
@@ -48,13 +49,6 @@ inline constexpr int64_t kDefaultAdjusterInterval_ms = 500;
 inline constexpr int64_t kDefaultProcessesInterval_ms = 5000;
 
 // Process counts by owner, for the sampler.
-struct ProcessCounts {
-  int64_t user = 0;
-  int64_t system = 0;
-  int64_t other = 0;
-  int64_t translated = 0;
-};
-
 struct CPULimiterOptions {
   std::string nettop_path;         // empty: found next to this program or in the libexec folder
   std::filesystem::path journal_dir;  // empty: the state folder's "held"
@@ -126,7 +120,6 @@ class CPULimiter {
   usageInfo usage();
   rwInfo diskRates();
   int translatedCount();
-  ProcessCounts processCounts(uint32_t my_uid);
 
   // The mutex the caller of setLimit() must hold.
   Mutex& mutex() { return m_mutex; }
@@ -152,7 +145,6 @@ class CPULimiter {
 
   ProcSettings& procSettings() { return *m_proc_settings; }
   int64_t limiterInterval();
-  int64_t adjusterInterval();
 
  private:
   CPULimiter(Pelmora& helper, SysRoot root, DefaultSettings& settings, PowerMonitor* monitor, Options options);
@@ -177,7 +169,8 @@ class CPULimiter {
   void fillNewRow(procinfo& row, int32_t pid, const proc_taskallinfo& info);
   void applySavedSettingsLocked(const procinfo& row);
   void updateMachineSplitLocked();
-  std::optional<machine_cpu_sample> readMachineSample() const;
+  // The whole machine's processor time in ticks: only its split is shown, so the unit cancels.
+  std::optional<cpu_buckets> readMachineTicks() const;
   // cpu_limiter_limits.cpp
   void limiterTickLocked();
   void removeLimitLocked(int32_t pid);
@@ -201,7 +194,7 @@ class CPULimiter {
   Timeval m_limiter_lasttime;
   Timeval m_monitor_lasttime;
   Timeval m_adjuster_lasttime;
-  machine_cpu_sample m_usage_sample;
+  cpu_buckets m_usage_ticks;
   usageInfo m_usage_info;
   rwInfo m_rw_info;
   PMEnergy m_energy;

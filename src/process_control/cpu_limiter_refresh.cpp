@@ -198,34 +198,25 @@ void CPULimiter::applySavedSettingsLocked(const procinfo& row) {
   if (auto priority = m_proc_settings->priorityFor(row.name, power)) m_helper.setPriority(row.pid, *priority);
 }
 
-std::optional<machine_cpu_sample> CPULimiter::readMachineSample() const {
+std::optional<cpu_buckets> CPULimiter::readMachineTicks() const {
   const auto text = m_root.readProc("stat");
-  if (!text) return std::nullopt;
-  const auto stat = ProcStat::parse(*text);
+  const auto stat = text ? ProcStat::parse(*text) : std::nullopt;
   if (!stat || !stat->total) return std::nullopt;
-  const long hz = sysconf(_SC_CLK_TCK);
-  const uint64_t ns_per_tick = hz > 0 ? 1'000'000'000ULL / static_cast<uint64_t>(hz) : 0;
-  const cpu_ticks& t = *stat->total;
-  machine_cpu_sample s;
-  s.totalSystemTime = (t.system + t.irq + t.softirq) * ns_per_tick;
-  s.totalUserTime = (t.user + t.nice) * ns_per_tick;
-  s.totalIdleTime = (t.idle + t.iowait) * ns_per_tick;
-  return s;
+  return bucketTicks(*stat->total);
 }
 
 void CPULimiter::updateMachineSplitLocked() {
-  const auto sample = readMachineSample();
-  if (!sample) return;
-  const auto total = [](const machine_cpu_sample& s) { return s.totalSystemTime + s.totalUserTime + s.totalIdleTime; };
-  const uint64_t new_total = total(*sample), old_total = total(m_usage_sample);
-  if (new_total != old_total) {
-    const auto delta = [](uint64_t now, uint64_t before) { return static_cast<double>(now) - static_cast<double>(before); };
-    const double d = delta(new_total, old_total);
-    m_usage_info.system = delta(sample->totalSystemTime, m_usage_sample.totalSystemTime) / d;
-    m_usage_info.user = delta(sample->totalUserTime, m_usage_sample.totalUserTime) / d;
-    m_usage_info.idle = delta(sample->totalIdleTime, m_usage_sample.totalIdleTime) / d;
+  const auto now = readMachineTicks();
+  if (!now) return;
+  const cpu_buckets& before = m_usage_ticks;
+  if (now->total() != before.total()) {
+    const auto delta = [](uint64_t later, uint64_t earlier) { return static_cast<double>(later) - static_cast<double>(earlier); };
+    const double d = delta(now->total(), before.total());
+    m_usage_info.system = delta(now->system, before.system) / d;
+    m_usage_info.user = delta(now->user, before.user) / d;
+    m_usage_info.idle = delta(now->idle, before.idle) / d;
   }
-  m_usage_sample = *sample;
+  m_usage_ticks = *now;
 }
 
 }  // namespace pelmora

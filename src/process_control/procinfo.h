@@ -55,14 +55,6 @@ struct rwInfo {
   double writePerSec = 0.0;
 };
 
-// One whole-machine processor time sample, in nanoseconds: system (with interrupts), user (with
-// nice), idle (with I/O wait).
-struct machine_cpu_sample {
-  uint64_t totalSystemTime = 0;
-  uint64_t totalUserTime = 0;
-  uint64_t totalIdleTime = 0;
-};
-
 // Per-process network use from pelmora-nettop.
 struct netUsage {
   int64_t rx_bytes = 0;

@@ -1,7 +1,6 @@
 #include "process_control/stop_journal.h"
 
 #include <signal.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -10,49 +9,35 @@
 
 #include "support/logger.h"
 #include "support/paths.h"
+#include "support/pidfd.h"
+#include "support/proc_pid_stat.h"
 #include "support/text.h"
 #include "support/unique_fd.h"
 
 namespace pelmora {
 namespace {
 
-std::optional<uint64_t> readStartTicks(const SysRoot& root, int32_t pid, char* state = nullptr) {
+std::optional<ProcPidStat> readStat(const SysRoot& root, int32_t pid) {
   auto text = root.readProc(std::to_string(pid) + "/stat");
-  if (!text) return std::nullopt;
-  auto id = statIdentity(*text);
-  if (!id) return std::nullopt;
-  if (state) *state = id->state;
-  return id->start_ticks;
+  return text ? parseProcPidStat(*text) : std::nullopt;
 }
 
 // Continues `pid` only if it is still the process that started at `start_ticks` and is stopped.
 // The pidfd pins the process, so the identity check and the signal concern the same process.
 bool continueIfSame(const SysRoot& root, int32_t pid, uint64_t start_ticks) {
-  UniqueFd pidfd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+  UniqueFd pidfd = pidfdOpen(pid);
   if (!pidfd) return false;
-  char state = '?';
-  const auto now = readStartTicks(root, pid, &state);
-  if (!now || *now != start_ticks || (state != 'T' && state != 't')) return false;
-  return syscall(SYS_pidfd_send_signal, pidfd.get(), SIGCONT, nullptr, 0) == 0;
+  const auto now = readStat(root, pid);
+  if (!now || now->starttime_ticks != start_ticks || (now->state != 'T' && now->state != 't')) return false;
+  return pidfdSignal(pidfd.get(), SIGCONT) == 0;
 }
 
 }  // namespace
 
-std::optional<StatIdentity> statIdentity(std::string_view stat) {
-  const auto close = stat.rfind(')');
-  if (close == std::string_view::npos) return std::nullopt;
-  const auto fields = splitWhitespace(stat.substr(close + 1));
-  // state is field 3 of the line, starttime field 22: indexes 0 and 19 after the command.
-  if (fields.size() < 20 || fields[0].size() != 1) return std::nullopt;
-  const auto start = parseUInt64(fields[19]);
-  if (!start) return std::nullopt;
-  return StatIdentity{fields[0][0], *start};
-}
-
 std::filesystem::path StopJournal::defaultDir() { return paths::stateDir() / "held"; }
 
 StopJournal::StopJournal(std::filesystem::path dir, SysRoot root) : m_dir(std::move(dir)), m_root(std::move(root)) {
-  const auto self = readStartTicks(m_root, static_cast<int32_t>(getpid())).value_or(0);
+  const auto self = startTicks(static_cast<int32_t>(getpid())).value_or(0);
   m_file = m_dir / (std::to_string(getpid()) + "-" + std::to_string(self) + ".json");
 }
 
@@ -79,7 +64,11 @@ void StopJournal::forgetAll() {
   write();
 }
 
-std::optional<uint64_t> StopJournal::startTicks(int32_t pid) const { return readStartTicks(m_root, pid); }
+std::optional<uint64_t> StopJournal::startTicks(int32_t pid) const {
+  const auto stat = readStat(m_root, pid);
+  if (!stat) return std::nullopt;
+  return stat->starttime_ticks;
+}
 
 void StopJournal::write() {
   std::error_code ec;

@@ -17,13 +17,6 @@
 
 namespace pelmora {
 
-// Fields of a /proc/PID/stat text: the state letter and the start time in clock ticks after boot.
-struct StatIdentity {
-  char state = '?';
-  uint64_t start_ticks = 0;
-};
-std::optional<StatIdentity> statIdentity(std::string_view stat_text);
-
 class StopJournal {
  public:
   // The journal of this process in `dir` (default: <state dir>/held).

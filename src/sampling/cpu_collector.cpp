@@ -1,7 +1,5 @@
 #include "sampling/cpu_collector.h"
 
-#include <unistd.h>
-
 #include "support/text.h"
 
 namespace pelmora {
@@ -14,17 +12,14 @@ uint64_t scale(uint64_t ticks, CpuCollector::Timebase timebase) {
 
 }  // namespace
 
-CpuCollector::Timebase CpuCollector::hostTimebase() {
-  const long hz = sysconf(_SC_CLK_TCK);
-  constexpr uint64_t kNanosecondsPerSecond = 1'000'000'000;
-  return Timebase{hz > 0 ? kNanosecondsPerSecond / static_cast<uint64_t>(hz) : 0, 1};
-}
+CpuCollector::Timebase CpuCollector::hostTimebase() { return Timebase{nanosecondsPerTick(), 1}; }
 
 cpu_sample_t CpuCollector::sampleFromTicks(const cpu_ticks& ticks, Timebase timebase) {
+  const cpu_buckets buckets = bucketTicks(ticks);
   cpu_sample_t sample;
-  sample.totalUserTime = scale(ticks.user + ticks.nice, timebase);
-  sample.totalSystemTime = scale(ticks.system + ticks.irq + ticks.softirq, timebase);
-  sample.totalIdleTime = scale(ticks.idle + ticks.iowait, timebase);
+  sample.totalUserTime = scale(buckets.user, timebase);
+  sample.totalSystemTime = scale(buckets.system, timebase);
+  sample.totalIdleTime = scale(buckets.idle, timebase);
   return sample;
 }
 

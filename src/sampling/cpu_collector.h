@@ -20,9 +20,8 @@ struct CpuCollector {
   // USER_HZ ticks to nanoseconds: numer = 1e9 / CLK_TCK, denom = 1.
   static Timebase hostTimebase();
 
-  // user = user + nice; system = system + irq + softirq; idle = idle + iowait. Steal is time the
-  // hypervisor gave to someone else and guest is already inside user, so neither is added.
-  // Products are unsigned 64-bit and truncate; a zero denom gives 0.
+  // The buckets of bucketTicks, scaled. Products are unsigned 64-bit and truncate; a zero denom
+  // gives 0.
   static cpu_sample_t sampleFromTicks(const cpu_ticks& ticks, Timebase timebase);
   // One sample per present processor, in the order given; processors without a line read zero.
   static std::vector<cpu_sample_t> samples(const std::vector<int>& present, const ProcStat& stat,

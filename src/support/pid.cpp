@@ -6,6 +6,7 @@
 #include <array>
 
 #include "support/mutex.h"
+#include "support/proc_pid_stat.h"
 #include "support/text.h"
 
 namespace pelmora {
@@ -22,17 +23,6 @@ ProviderSlot& slot() {
 }
 
 }  // namespace
-
-std::optional<int> niceFromStat(std::string_view stat) {
-  const auto close = stat.rfind(')');
-  if (close == std::string_view::npos) return std::nullopt;
-  const auto fields = splitWhitespace(stat.substr(close + 1));
-  // Field 19 of the whole line is the 17th after the command (state is the 1st).
-  if (fields.size() < 17) return std::nullopt;
-  const auto nice = parseInt64(fields[16]);
-  if (!nice || *nice < -20 || *nice > 19) return std::nullopt;
-  return static_cast<int>(*nice);
-}
 
 void PID::setFrontmostProvider(FrontmostProvider provider) {
   MutexLock lock(slot().mutex);
@@ -76,8 +66,9 @@ std::string PID::bundlePath() const {
 std::optional<int> PID::priority() const {
   if (m_pid < 0) return std::nullopt;
   const auto stat = m_root.readProc(std::to_string(m_pid) + "/stat");
-  if (!stat) return std::nullopt;
-  return niceFromStat(*stat);
+  const auto fields = stat ? parseProcPidStat(*stat) : std::nullopt;
+  if (!fields) return std::nullopt;
+  return static_cast<int>(fields->nice);
 }
 
 }  // namespace pelmora

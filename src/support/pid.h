@@ -13,8 +13,6 @@
 
 namespace pelmora {
 
-// The nice value (field 19) of a /proc/PID/stat text; none when malformed.
-std::optional<int> niceFromStat(std::string_view stat_text);
 // A /proc/PID/cmdline text as a person reads it: the NUL-separated arguments joined by blanks. A
 // program that rewrote its arguments into one string (many daemons do) keeps its spaces. Pure.
 std::string commandFromCmdline(std::string_view cmdline);

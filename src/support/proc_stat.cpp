@@ -1,5 +1,7 @@
 #include "support/proc_stat.h"
 
+#include <unistd.h>
+
 #include <array>
 
 #include "support/text.h"
@@ -25,6 +27,16 @@ std::optional<cpu_ticks> parseTicks(const std::vector<std::string_view>& words) 
 }
 
 }  // namespace
+
+cpu_buckets bucketTicks(const cpu_ticks& t) {
+  return cpu_buckets{t.user + t.nice, t.system + t.irq + t.softirq, t.idle + t.iowait};
+}
+
+uint64_t nanosecondsPerTick() {
+  constexpr uint64_t kNanosecondsPerSecond = 1'000'000'000;
+  const long hz = sysconf(_SC_CLK_TCK);
+  return hz > 0 ? kNanosecondsPerSecond / static_cast<uint64_t>(hz) : 0;
+}
 
 std::optional<ProcStat> ProcStat::parse(std::string_view text) {
   ProcStat out;

@@ -25,6 +25,19 @@ struct cpu_ticks {
   bool operator==(const cpu_ticks&) const = default;
 };
 
+// Processor time in the three buckets every reader shows: user with nice, system with interrupts,
+// idle with I/O wait. Steal is time the hypervisor gave to someone else and guest is already inside
+// user, so neither is added. In the unit of the counters it was made from.
+struct cpu_buckets {
+  uint64_t user = 0;
+  uint64_t system = 0;
+  uint64_t idle = 0;
+  uint64_t total() const { return user + system + idle; }
+};
+cpu_buckets bucketTicks(const cpu_ticks& ticks);
+// Nanoseconds per USER_HZ tick (sysconf(_SC_CLK_TCK)); 0 when the C library cannot say.
+uint64_t nanosecondsPerTick();
+
 struct ProcStat {
   std::optional<cpu_ticks> total;  // the "cpu" line
   std::map<int, cpu_ticks> cpus;   // "cpuN" lines by processor number

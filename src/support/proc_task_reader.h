@@ -13,33 +13,10 @@
 #include <string_view>
 
 #include "support/kernel_records.h"
+#include "support/proc_pid_stat.h"
 #include "support/sys_root.h"
 
 namespace pelmora {
-
-// /proc/PID/stat, by field.
-struct ProcPidStat {
-  int pid = 0;
-  std::string comm;
-  char state = '?';
-  int ppid = 0;
-  int pgrp = 0;
-  int tty_nr = 0;
-  int tpgid = 0;
-  uint32_t flags = 0;  // PF_* bits
-  uint64_t minflt = 0;
-  uint64_t majflt = 0;
-  uint64_t utime_ticks = 0;
-  uint64_t stime_ticks = 0;
-  uint64_t cutime_ticks = 0;
-  uint64_t cstime_ticks = 0;
-  int64_t priority = 0;
-  int64_t nice = 0;
-  int64_t num_threads = 0;
-  uint64_t starttime_ticks = 0;  // since boot
-  uint64_t vsize_bytes = 0;
-  uint64_t rss_pages = 0;  // approximate: the per-CPU counters unsummed (statm is exact)
-};
 
 // /proc/PID/status, by key.
 struct ProcStatus {
@@ -61,9 +38,6 @@ struct ProcIo {
   uint64_t write_bytes = 0;
 };
 
-inline constexpr uint32_t kPFKthread = 0x00200000;
-
-std::optional<ProcPidStat> parseProcPidStat(std::string_view text);
 std::optional<ProcStatus> parseProcStatus(std::string_view text);
 std::optional<ProcStatm> parseProcStatm(std::string_view text);
 std::optional<ProcIo> parseProcIo(std::string_view text);

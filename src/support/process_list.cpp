@@ -7,12 +7,12 @@
 #include <array>
 #include <cerrno>
 
+#include "support/proc_pid_stat.h"
 #include "support/text.h"
 
 namespace pelmora {
 namespace {
 
-constexpr uint64_t kPfKthread = 0x00200000;  // PF_KTHREAD in the flags of /proc/PID/stat
 
 std::string hostMachine() {
   utsname u{};
@@ -81,17 +81,6 @@ bool isNativeKind(std::string_view kind, std::string_view host) {
   return false;
 }
 
-std::optional<bool> statSaysKernelThread(std::string_view stat) {
-  const auto close = stat.rfind(')');
-  if (close == std::string_view::npos) return std::nullopt;
-  const auto fields = splitWhitespace(stat.substr(close + 1));
-  // After the command: state(0) ppid(1) pgrp(2) session(3) tty(4) tpgid(5) flags(6).
-  if (fields.size() < 7) return std::nullopt;
-  const auto flags = parseUInt64(fields[6]);
-  if (!flags) return std::nullopt;
-  return (*flags & kPfKthread) != 0;
-}
-
 ProcessList::ProcessList(SysRoot root) : m_root(std::move(root)), m_host(hostMachine()) {}
 
 bool ProcessList::iterate(const std::function<void(int32_t pid)>& fn) {
@@ -125,7 +114,8 @@ std::optional<ProcessList::Exe> ProcessList::examine(int32_t pid) {
   // No executable: a kernel thread (ENOENT) or one we may not look at (EACCES); stat tells which.
   const auto stat = m_root.readProc(dir + "/stat");
   if (!stat) return std::nullopt;  // gone
-  if (statSaysKernelThread(*stat).value_or(false)) return Exe{"kernel", false};
+  const auto fields = parseProcPidStat(*stat);
+  if (fields && (fields->flags & kPFKthread)) return Exe{"kernel", false};
   return Exe{"", false};
 }
 

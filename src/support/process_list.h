@@ -20,8 +20,6 @@ std::optional<std::string> elfMachineName(std::string_view header);
 bool isEmulatorName(std::string_view base_name);
 // True when a host of machine `host` (uname's machine, e.g. "x86_64") runs `kind` without emulation.
 bool isNativeKind(std::string_view kind, std::string_view host);
-// True when the flags field of /proc/PID/stat marks a kernel thread; none when the text is malformed.
-std::optional<bool> statSaysKernelThread(std::string_view stat_text);
 
 class ProcessList {
  public:

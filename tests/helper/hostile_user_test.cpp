@@ -12,7 +12,7 @@
 #include "helper/child_registry.h"
 #include "helper/daemon_harness.h"
 #include "helper/helper_daemon.h"
-#include "helper/pidfd.h"
+#include "support/pidfd.h"
 #include "support/proc_task_reader.h"
 #include "support/xpc_codec.h"
 

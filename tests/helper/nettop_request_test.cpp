@@ -7,7 +7,7 @@
 #include <sys/socket.h>
 
 #include "daemon_harness.h"
-#include "helper/pidfd.h"
+#include "support/pidfd.h"
 
 namespace pelmora::testing {
 namespace {

@@ -14,6 +14,7 @@
 #include "helper_link/pelmora.h"
 #include "process_control/cpu_limiter.h"
 #include "process_control/stop_journal.h"
+#include "support/proc_pid_stat.h"
 #include "live_child.h"
 #include "sim_helper.h"
 
@@ -22,7 +23,7 @@ namespace {
 
 char stateOf(pid_t pid) {
   auto text = SysRoot::readFile("/proc/" + std::to_string(pid) + "/stat");
-  auto id = text ? statIdentity(*text) : std::nullopt;
+  auto id = text ? parseProcPidStat(*text) : std::nullopt;
   return id ? id->state : '?';
 }
 
@@ -88,7 +89,7 @@ TEST(StopJournal, ContinuesWhatADeadHolderLeftStoppedButNeverAnotherProcess) {
   ::kill(other, SIGSTOP);
   ASSERT_TRUE(eventually([&] { return stateOf(held) == 'T' && stateOf(other) == 'T'; }));
   const auto start = [](pid_t pid) {
-    return statIdentity(*SysRoot::readFile("/proc/" + std::to_string(pid) + "/stat"))->start_ticks;
+    return parseProcPidStat(*SysRoot::readFile("/proc/" + std::to_string(pid) + "/stat"))->starttime_ticks;
   };
   std::filesystem::create_directories(dir.journalDir());
   // A holder that is gone (no such pid), which held `held`, and `other` under a different start

@@ -1,5 +1,6 @@
 // The process walk's parsers (ELF machine, kernel-thread flag, nice value), translation rules, the
 // walk over a fixture /proc, and the real walk's kinds.
+#include "support/proc_pid_stat.h"
 #include "support/process_list.h"
 
 #include <gtest/gtest.h>
@@ -65,12 +66,16 @@ TEST(ProcessKinds, TranslationRules) {
 TEST(ProcessKinds, StatFields) {
   const std::string kthread = "2 (kthreadd) S 0 0 0 0 -1 2129984 0 0 0 0 0 0 0 0 20 0 1 0 10 0 0";
   const std::string user = "4242 (a (weird) name) R 1 4242 4242 0 -1 4194304 5 0 0 0 7 3 0 0 20 -5 3 0 99 1 2";
-  EXPECT_EQ(statSaysKernelThread(kthread), true);
-  EXPECT_EQ(statSaysKernelThread(user), false);
-  EXPECT_EQ(statSaysKernelThread("garbage"), std::nullopt);
-  EXPECT_EQ(niceFromStat(user), -5);
-  EXPECT_EQ(niceFromStat(kthread), 0);
-  EXPECT_EQ(niceFromStat("1 (x) S 1 2 3"), std::nullopt);
+  const auto k = parseProcPidStat(kthread), u = parseProcPidStat(user);
+  ASSERT_TRUE(k && u);
+  EXPECT_TRUE(k->flags & kPFKthread);
+  EXPECT_FALSE(u->flags & kPFKthread);
+  EXPECT_EQ(u->comm, "a (weird) name");
+  EXPECT_EQ(u->nice, -5);
+  EXPECT_EQ(u->starttime_ticks, 99u);
+  EXPECT_EQ(k->nice, 0);
+  EXPECT_FALSE(parseProcPidStat("garbage"));
+  EXPECT_FALSE(parseProcPidStat("1 (x) S 1 2 3"));
 }
 
 TEST(ProcessKinds, CommandLines) {

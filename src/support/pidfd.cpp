@@ -1,4 +1,4 @@
-#include "helper/pidfd.h"
+#include "support/pidfd.h"
 
 #include <sys/syscall.h>
 #include <unistd.h>
