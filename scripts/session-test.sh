@@ -240,11 +240,24 @@ stop_app() {  # stop_app USER: SIGTERM (the session ending), waits for the progr
 proc_state() { awk '{ sub(/^.*\) /, ""); print $1 }' "/proc/$1/stat" 2>/dev/null; }
 proc_ticks() { awk '{ sub(/^.*\) /, ""); print $12 + $13 }' "/proc/$1/stat"; }
 
-share_percent() {  # share_percent PID SECONDS: the percentage of one processor PID used, from /proc
-  local hz t0 t1
+# held_and_free PID SECONDS: "HELD FREE", PID's share and that of an unheld busy loop of the same user
+# over the same seconds. On a machine busy with other work a busy loop gets less than a whole
+# processor, and a held one can reach its limit only where an unheld one would.
+held_and_free() {
+  local free hz t0 f0 t1 f1
+  free=$(start_busy "$(stat -c %U "/proc/$1")" pm-unheld)
   hz=$(getconf CLK_TCK)
-  t0=$(proc_ticks "$1"); sleep "$2"; t1=$(proc_ticks "$1")
-  awk -v d=$((t1 - t0)) -v hz="$hz" -v s="$2" 'BEGIN { printf "%.1f\n", d * 100 / (hz * s) }'
+  t0=$(proc_ticks "$1"); f0=$(proc_ticks "$free"); sleep "$2"; t1=$(proc_ticks "$1"); f1=$(proc_ticks "$free")
+  kill -KILL "$free"
+  awk -v d=$((t1 - t0)) -v f=$((f1 - f0)) -v hz="$hz" -v s="$2" \
+    'BEGIN { printf "%.1f %.1f\n", d * 100 / (hz * s), f * 100 / (hz * s) }'
+}
+
+# holds_to HELD FREE TARGET TOLERANCE: the held share is the target within the tolerance, or, where an
+# unheld loop got less than the target, no less than that loop (within the tolerance) and no more
+# than the target.
+holds_to() {
+  awk -v h="$1" -v f="$2" -v t="$3" -v d="$4" 'BEGIN { e = f < t ? f : t; exit !(h >= e - d && h <= t + d) }'
 }
 
 within() { awk -v v="$1" -v lo="$2" -v hi="$3" 'BEGIN { exit !(v >= lo && v <= hi) }'; }
