@@ -195,12 +195,12 @@ std::string ProcTaskReader::procPath(pid_t pid, std::string_view leaf) const {
 }
 
 std::optional<ProcPidStat> ProcTaskReader::readStat(pid_t pid) const {
-  auto text = SysRoot::readFile(procPath(pid, "stat"));
+  auto text = SysRoot::readRecordAt(AT_FDCWD, procPath(pid, "stat").c_str());
   return text ? parseProcPidStat(*text) : std::nullopt;
 }
 
 std::optional<ProcStatus> ProcTaskReader::readStatus(pid_t pid) const {
-  auto text = SysRoot::readFile(procPath(pid, "status"));
+  auto text = SysRoot::readRecordAt(AT_FDCWD, procPath(pid, "status").c_str());
   return text ? parseProcStatus(*text) : std::nullopt;
 }
 
@@ -225,10 +225,14 @@ std::optional<ProcFacts> ProcTaskReader::gather(pid_t pid, int extras, int* erro
   if (known.stat && known.stat->pid != pid) known = {};
   // Every file is read relative to the process's own directory, opened once: the path is resolved
   // once per record, and should the pid be recycled meanwhile the reads fail instead of mixing two
-  // processes' files.
-  const UniqueFd dir(::open(procPath(pid, "").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  if (!dir) return std::nullopt;
-  const auto read = [&](const char* leaf) { return SysRoot::readFileAt(dir.get(), leaf); };
+  // processes' files. A basic record whose stat the caller read needs statm alone: one file needs
+  // no directory of its own (a "taskinfo" round trip is mostly these system calls).
+  const bool statm_only = extras == kBasic && known.stat;
+  const UniqueFd dir(statm_only ? -1 : ::open(procPath(pid, "").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!dir && !statm_only) return std::nullopt;
+  const auto read = [&](const char* leaf) {
+    return statm_only ? SysRoot::readRecordAt(AT_FDCWD, procPath(pid, leaf).c_str()) : SysRoot::readRecordAt(dir.get(), leaf);
+  };
   ProcFacts f;
   // The owner ids and context switches of status come with the fuller records.
   const bool need_status = extras & (kBsd | kWakeups);
@@ -260,11 +264,10 @@ std::optional<ProcFacts> ProcTaskReader::gather(pid_t pid, int extras, int* erro
   auto statm = statm_text ? parseProcStatm(*statm_text) : std::nullopt;
   f.statm = statm ? *statm : ProcStatm{f.stat.vsize_bytes / page_bytes, f.stat.rss_pages};
   f.cpu_total_ns = ticksToNs(f.stat.utime_ticks + f.stat.stime_ticks, f.clk_tck);
-  clockid_t clock;
   timespec ts{};
   // The process CPU clock is exact to the nanosecond and includes exited threads; it only describes
   // the live system, so fixture trees keep the tick counts.
-  if (liveProc() && ::clock_getcpuclockid(pid, &clock) == 0 && ::clock_gettime(clock, &ts) == 0) {
+  if (liveProc() && ::clock_gettime(processCpuClockId(pid), &ts) == 0) {
     f.cpu_total_ns = static_cast<uint64_t>(ts.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(ts.tv_nsec);
   }
   if (extras & kBsd) {
@@ -289,7 +292,7 @@ uint64_t ProcTaskReader::idleWakeups(pid_t pid, const ProcStatus& status) const 
   if (status.threads == 1) return status.voluntary_ctxt_switches;
   uint64_t sum = 0;
   for (const std::string& tid : SysRoot::listDir(procPath(pid, "task"))) {
-    auto text = SysRoot::readFile(procPath(pid, "task/" + tid + "/status"));
+    auto text = SysRoot::readRecordAt(AT_FDCWD, procPath(pid, "task/" + tid + "/status").c_str());
     if (auto s = text ? parseProcStatus(*text) : std::nullopt) sum += s->voluntary_ctxt_switches;
   }
   return sum;

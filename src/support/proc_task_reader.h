@@ -4,6 +4,7 @@
 // with it; a process may also read its own user's processes directly, without the daemon.
 // Parsing (text in, record out) and the arithmetic are pure functions, apart from the reader.
 #include <sys/types.h>
+#include <time.h>
 
 #include <atomic>
 #include <cstdint>
@@ -46,6 +47,12 @@ std::optional<uint64_t> parseBootTime(std::string_view proc_stat_text);
 
 // Arithmetic.
 uint64_t ticksToNs(uint64_t ticks, long clk_tck);
+// The clock id of a whole process's CPU clock, made as clock_getcpuclockid makes it (the pid's
+// complement above the clock type, CPUCLOCK_SCHED = 2) but without the clock_getres call glibc adds
+// to check that the process exists: clock_gettime fails by itself once it is gone.
+constexpr clockid_t processCpuClockId(pid_t pid) {
+  return static_cast<clockid_t>(~static_cast<unsigned>(pid) << 3) | 2;
+}
 struct CpuSplit {
   uint64_t user_ns = 0;
   uint64_t system_ns = 0;

@@ -77,6 +77,21 @@ std::optional<std::string> SysRoot::readFileAt(int dir_fd, const char* name, siz
   return out;
 }
 
+std::optional<std::string> SysRoot::readRecordAt(int dir_fd, const char* name) {
+  const int fd = ::openat(dir_fd, name, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  char buffer[4096];
+  ssize_t n;
+  do {
+    n = ::read(fd, buffer, sizeof buffer);
+  } while (n < 0 && errno == EINTR);
+  ::close(fd);
+  if (n < 0) return std::nullopt;
+  if (static_cast<size_t>(n) < sizeof buffer) return std::string(buffer, static_cast<size_t>(n));
+  // Longer than one buffer (a status with very long group lists): read it again whole.
+  return readFileAt(dir_fd, name);
+}
+
 std::vector<std::string> SysRoot::listDir(const std::string& path) {
   std::vector<std::string> names;
   DIR* dir = ::opendir(path.c_str());

@@ -37,6 +37,11 @@ class SysRoot {
   static std::optional<std::string> readFile(const std::string& path, size_t max_bytes = 4 << 20);
   // The same for a file named relative to an open directory (openat).
   static std::optional<std::string> readFileAt(int dir_fd, const char* name, size_t max_bytes = 4 << 20);
+  // A file the kernel makes whole in one go, such as /proc/PID/stat, statm, status or io (one record
+  // of one seq_file show): a read that does not fill the buffer returned all of it, so the read that
+  // would say EOF is skipped. Not for files of many records (/proc/net/*, maps), whose reads stop
+  // short at the kernel's page, nor for pipes.
+  static std::optional<std::string> readRecordAt(int dir_fd, const char* name);
   static std::vector<std::string> listDir(const std::string& path);
 
  private:

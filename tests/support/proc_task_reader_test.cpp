@@ -169,6 +169,12 @@ TEST(ProcTaskReader, LiveProcessUsesTheProcessCpuClock) {
   auto name = reader.pidName(::getpid());
   ASSERT_TRUE(name);
   EXPECT_EQ(*name, "pelmora_support_tests");
+  // The clock id is glibc's, made without its extra system call.
+  for (pid_t pid : {::getpid(), ::getppid(), pid_t{1}}) {
+    clockid_t glibc;
+    ASSERT_EQ(::clock_getcpuclockid(pid, &glibc), 0) << pid;
+    EXPECT_EQ(processCpuClockId(pid), glibc) << pid;
+  }
 }
 
 
