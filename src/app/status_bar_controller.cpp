@@ -28,12 +28,16 @@ QString byteRate(double bytes_per_s) {
 
 }  // namespace
 
-std::array<QString, 3> statusReadouts(const usageInfo& usage, const rwInfo& disk, const cpu_numbers_t& counts) {
+std::array<QString, 3> statusReadouts(const usageInfo& usage, const rwInfo& disk, const cpu_numbers_t& counts,
+                                      bool rates_current) {
   // Shares of the whole machine: system, user and idle add up to 100 %, however many processors.
-  const QString cpu = QObject::tr("CPU: system %1 %, user %2 %, idle %3 %")
-                          .arg(number(usage.system * 100.0, 1), number(usage.user * 100.0, 1),
-                               number(usage.idle * 100.0, 1));
-  const QString io = QObject::tr("Disk: read %1, write %2").arg(byteRate(disk.readPerSec), byteRate(disk.writePerSec));
+  const QString cpu = rates_current ? QObject::tr("CPU: system %1 %, user %2 %, idle %3 %")
+                                          .arg(number(usage.system * 100.0, 1), number(usage.user * 100.0, 1),
+                                               number(usage.idle * 100.0, 1))
+                                    : QObject::tr("CPU: measuring…");
+  const QString io = rates_current
+                         ? QObject::tr("Disk: read %1, write %2").arg(byteRate(disk.readPerSec), byteRate(disk.writePerSec))
+                         : QObject::tr("Disk: measuring…");
   const QString cores = QObject::tr("Processors: %1 logical, %2 physical")
                             .arg(QLocale().toString(counts.logical_cpu), QLocale().toString(counts.physical_cpu));
   return {cpu, io, cores};
@@ -64,10 +68,16 @@ StatusBarController::StatusBarController(Pelmora& helper, CPULimiter& limiter, H
     item->setEnabled(false);
   }
   m_menu->addSeparator();
-  connect(m_menu, &QMenu::aboutToShow, this, &StatusBarController::refreshReadouts);
+  connect(m_menu, &QMenu::aboutToShow, this, &StatusBarController::menuShown);
+  connect(m_menu, &QMenu::aboutToHide, this, &StatusBarController::menuHidden);
+  m_live.setInterval(1000);
+  // A read-out a little late is fine: let the system group this wake-up with others.
+  m_live.setTimerType(Qt::CoarseTimer);
+  connect(&m_live, &QTimer::timeout, this, &StatusBarController::refreshReadouts);
 }
 
 StatusBarController::~StatusBarController() {
+  menuHidden();
   remove();
   delete m_menu;
 }
@@ -112,7 +122,7 @@ void StatusBarController::refreshReadouts() {
   cpu_numbers_t second = m_helper.requestCpuInfo(unknown);
   if (second.logical_cpu < 0) second = {};
   m_counts = second;
-  const auto lines = statusReadouts(m_limiter.usage(), m_limiter.diskRates(), second);
+  const auto lines = statusReadouts(m_limiter.usage(), m_limiter.diskRates(), second, ratesCurrent());
   for (size_t i = 0; i < lines.size(); ++i) {
     m_readouts[i]->setText(lines[i]);
     m_readouts[i]->setEnabled(false);
@@ -122,10 +132,37 @@ void StatusBarController::refreshReadouts() {
 }
 
 QString StatusBarController::toolTip() const {
-  const auto lines = statusReadouts(m_limiter.usage(), m_limiter.diskRates(), m_counts);
-  QString text = QStringLiteral("Pelmora\n") + lines[0] + "\n" + lines[1];
+  QString text = QStringLiteral("Pelmora");
+  // The split and the disk rates only while something keeps them measured; never figures of long ago.
+  const bool current = ratesCurrent();
+  const auto lines = statusReadouts(m_limiter.usage(), m_limiter.diskRates(), m_counts, current);
+  if (current) text += "\n" + lines[0] + "\n" + lines[1];
   if (m_counts.logical_cpu > 0) text += "\n" + lines[2];
   return text;
+}
+
+void StatusBarController::menuShown() {
+  if (!m_table_client) {
+    // With a table already on screen the figures are current now; otherwise from the second full
+    // refresh on (the first one after a light pass has no interval to measure).
+    const bool shown_elsewhere = m_limiter.tableWanted();
+    m_current_after = m_limiter.refreshCounts().full + (shown_elsewhere ? 0 : 2);
+    m_limiter.addTableClient();
+    m_table_client = true;
+  }
+  refreshReadouts();
+  m_live.start();
+}
+
+void StatusBarController::menuHidden() {
+  m_live.stop();
+  if (!m_table_client) return;
+  m_table_client = false;
+  m_limiter.removeTableClient();
+}
+
+bool StatusBarController::ratesCurrent() const {
+  return m_limiter.tableWanted() && m_limiter.refreshCounts().full >= m_current_after;
 }
 
 void StatusBarController::refreshToolTip() {

@@ -1,12 +1,16 @@
 #pragma once
 // StatusBarController: the tray icon and its menu. The menu starts with three read-outs (processor
-// split, disk rates, processor counts), refreshed from the helper and the limiter each time the menu
-// is about to show; the application appends its own actions below them. The icon carries "HT" while
+// split, disk rates, processor counts), refreshed from the helper and the limiter when the menu is
+// about to show and every second while it shows; the application appends its own actions below them.
+// The machine's split and disk rates come from the limiter's full table refresh, which runs only while
+// something shows them: an open menu is such a client, and until its second refresh has measured an
+// interval the two lines say they are measuring rather than show old figures. The icon carries "HT" while
 // hyper-threading is on; where the desktop cannot show a live window icon (Wayland) it shows the live
 // graph instead of the program's icon. Main thread only.
 #include <QIcon>
 #include <QObject>
 #include <QString>
+#include <QTimer>
 
 #include <array>
 #include <functional>
@@ -25,7 +29,9 @@ class Pelmora;
 
 // The three read-out lines (processor split of the whole machine, disk rates, processor counts),
 // numbers in the current locale. Pure.
-std::array<QString, 3> statusReadouts(const usageInfo& usage, const rwInfo& disk, const cpu_numbers_t& counts);
+// Without `rates_current` the first two say that they are being measured.
+std::array<QString, 3> statusReadouts(const usageInfo& usage, const rwInfo& disk, const cpu_numbers_t& counts,
+                                      bool rates_current = true);
 // The icon with "HT" drawn over it (at 22 x 22 pixels, the common tray size).
 QIcon iconWithHT(const QIcon& base);
 
@@ -62,6 +68,11 @@ class StatusBarController : public QObject {
   void activated();
 
  private:
+  // The open menu is a client of the limiter's table while it shows.
+  void menuShown();
+  void menuHidden();
+  bool ratesCurrent() const;
+
   Pelmora& m_helper;
   CPULimiter& m_limiter;
   HyperThreading m_hyper;
@@ -71,6 +82,9 @@ class StatusBarController : public QObject {
   QIcon m_base_icon;
   cpu_numbers_t m_counts{};  // from the last menu refresh
   bool m_shows_ht = false;
+  QTimer m_live;                   // refreshes the read-outs while the menu shows
+  bool m_table_client = false;     // registered with the limiter while the menu shows
+  uint64_t m_current_after = 0;    // the limiter's full refresh count from which its rates are current
 };
 
 }  // namespace pelmora

@@ -318,6 +318,28 @@ TEST(StatusBarControllerTest, ARefreshWithoutTheHelperLeavesTheItems) {
   EXPECT_FALSE(bar.readout(0)->isEnabled());
 }
 
+// The machine's split and disk rates come from the table refresh, which runs only while something
+// shows them: the open menu keeps them measured and never shows figures from before it opened.
+TEST(StatusBarControllerTest, AnOpenMenuKeepsItsFiguresMeasured) {
+  settings_test::Rig rig;
+  rig.limiter.setTableOnDemand(true);
+  StatusBarController bar(rig.helper, rig.limiter, [] { return false; });
+  ASSERT_FALSE(rig.limiter.tableWanted());
+  emit bar.statusMenu()->aboutToShow();
+  EXPECT_TRUE(rig.limiter.tableWanted()) << "the open menu is a client of the table";
+  EXPECT_EQ(bar.readout(1)->text(), "Disk: measuring…");
+  EXPECT_FALSE(bar.toolTip().contains("Disk")) << bar.toolTip().toStdString();
+  rig.limiter.refresh();
+  rig.limiter.refresh();
+  bar.refreshReadouts();
+  EXPECT_TRUE(bar.readout(0)->text().startsWith("CPU: system")) << bar.readout(0)->text().toStdString();
+  EXPECT_TRUE(bar.readout(1)->text().startsWith("Disk: read")) << bar.readout(1)->text().toStdString();
+  EXPECT_TRUE(bar.toolTip().contains("Disk: read"));
+  emit bar.statusMenu()->aboutToHide();
+  EXPECT_FALSE(rig.limiter.tableWanted()) << "a closed menu still holds the table";
+  EXPECT_FALSE(bar.toolTip().contains("Disk"));
+}
+
 TEST(CopyToolTest, ReplacesWhatIsThereAndReportsFailures) {
   const auto dir = settings_test::scratchDir();
   std::ofstream(dir / "tool") << "new";
