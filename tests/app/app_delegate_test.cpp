@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <QAction>
+#include <QApplication>
 #include <QCoreApplication>
 #include <QEvent>
 #include <QLocale>
@@ -341,7 +342,8 @@ TEST(StatusBarControllerTest, AnOpenMenuKeepsItsFiguresMeasured) {
 }
 
 TEST(CopyToolTest, ReplacesWhatIsThereAndReportsFailures) {
-  const auto dir = settings_test::scratchDir();
+  const test::TempDir scratch;
+  const auto& dir = scratch.path();
   std::ofstream(dir / "tool") << "new";
   std::ofstream(dir / "victim") << "keep";
   std::ofstream(dir / "old") << "old";

@@ -1,5 +1,6 @@
 // The live icon under the offscreen platform, fed made-up samples by hand.
 #include <QAction>
+#include <QApplication>
 #include <QMenu>
 
 #include <gtest/gtest.h>
@@ -29,10 +30,7 @@ namespace {
 
 class DockTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    app();
-    scratch.setCpus("0-3", "0-3");
-  }
+  void SetUp() override { scratch.setCpus("0-3", "0-3"); }
   // Counters keep growing from call to call, as a real machine's do.
   void feed(Dock& dock, const Devices& devices, int64_t count) {
     for (int64_t k = 0; k < count; ++k) {

@@ -1,5 +1,6 @@
 // One instance per user, and no other user can keep a user's application from starting.
 #include "app/instance_lock.h"
+#include "common/temp_dir.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -12,7 +13,6 @@
 #include <cstring>
 #include <string>
 
-#include "helper_link/temp_tree.h"
 
 namespace pelmora {
 namespace {
@@ -57,8 +57,8 @@ class NameSquatter {
 
 TEST(InstanceLock, AnotherUserHoldingTheOldNameDoesNotBlockTheStart) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs root to hold the name as another user";
-  test::TempTree runtime;  // made 0700 by mkdtemp
-  test::TempTree open_folder;
+  test::TempDir runtime;  // made 0700 by mkdtemp
+  test::TempDir open_folder;
   std::filesystem::permissions(open_folder.path(), std::filesystem::perms(0755));
   NameSquatter squatter(::getuid());
   ASSERT_TRUE(squatter.holding());
@@ -78,7 +78,7 @@ TEST(InstanceLock, AnotherUserHoldingTheOldNameDoesNotBlockTheStart) {
 }
 
 TEST(InstanceLock, ASecondStartAsksTheFirstToShowItself) {
-  test::TempTree runtime;
+  test::TempDir runtime;
   for (const std::string& dir : {runtime.path().string(), std::string()}) {
     SCOPED_TRACE(dir.empty() ? "abstract name" : "runtime folder");
     {

@@ -26,11 +26,11 @@
 #include "app/dock.h"
 #include "app/process_table_model.h"
 #include "app/slow_authorize_daemon.h"
+#include "common/child.h"
 #include "graphs/views/graph_legend.h"
 #include "graphs/views/graph_popover.h"
 #include "graphs/views/graph_view_cpu.h"
 #include "helper_link/helper_transport.h"
-#include "process_control/live_child.h"
 #include "support/proc_task_reader.h"
 #include "support/settings_keys.h"
 #include "support/socket_transport.h"
@@ -214,11 +214,7 @@ TEST(Journey, SwitchingPowerSourceFromTheMenuAppliesFewerProcessorsAndTheStatist
   EXPECT_EQ(stats->cpuViews().size(), 4u);
 }
 
-// The one-letter state of the process ('?' when gone).
-char procState(pid_t pid) {
-  auto stat = ProcTaskReader().readStat(pid);
-  return stat ? stat->state : '?';
-}
+using test::procState;
 
 // The busy child's processor time so far, from the kernel's own counters, in clock ticks.
 uint64_t cpuTicks(pid_t pid) {

@@ -23,9 +23,9 @@
 #include "app/open_files_window.h"
 #include "app/process_table_model.h"
 #include "app/procinfo_window.h"
+#include "common/sim_limiter.h"
 #include "process_control/cpu_limiter.h"
 #include "process_control/proc_settings.h"
-#include "process_control/sim_helper.h"
 #include "support/main_queue.h"
 #include "support/pid.h"
 
@@ -34,50 +34,19 @@ namespace {
 
 using test::SimProcess;
 
-void ensureApp() {
-  if (QApplication::instance()) return;
-  static int argc = 1;
-  static char name[] = "procinfo_window_test";
-  static char* argv[] = {name, nullptr};
-  new QApplication(argc, argv);
-}
-
 // The window's user; tests run as root or as anyone, so the window is told who it is.
 constexpr uint32_t kMe = 1000;
 
 // A limiter over simulated processes: pid -> (name, owner, share of a processor while running).
-struct Fixture {
-  FakeClock clock;
-  test::SimRoot dir;
-  std::shared_ptr<test::SimWire> wire = std::make_shared<test::SimWire>();
-  Pelmora helper{std::make_unique<test::SimTransport>(wire)};
-  DefaultSettings settings{dir.settingsFile()};
-  std::unique_ptr<CPULimiter> limiter;
+// The tests of the controls set the authorisation they need.
+struct Fixture : test::SimLimiter {
   std::map<int32_t, double> demand;
 
-  // Authorised while the table is filled, so that the simulated helper answers every query; the
-  // tests of the controls set the flag they need.
-  Fixture() {
-    ensureApp();
-    helper.setAuthorised(true);
-    RunLoop::main().runUntilIdle();
-    CPULimiter::Options options;
-    options.journal_dir = dir.journalDir();
-    limiter = std::make_unique<CPULimiter>(helper, dir.root(), settings, options);
-  }
-  ~Fixture() {
-    PID::setFrontmostProvider(nullptr);
-    limiter.reset();
-    RunLoop::main().runUntilIdle();
-  }
+  ~Fixture() { PID::setFrontmostProvider(nullptr); }
+  using SimLimiter::add;
   void add(int32_t pid, const std::string& name, uint32_t uid, double share) {
-    dir.addProcess(pid);
-    wire->procs[pid] = SimProcess{.name = name, .uid = uid};
+    add(pid, SimProcess{.name = name, .uid = uid});
     demand[pid] = share;
-  }
-  void gone(int32_t pid) {
-    dir.removeProcess(pid);
-    wire->procs.erase(pid);
   }
   // One second of running at each process's demand, a refresh, and its broadcast delivered.
   void refresh() {

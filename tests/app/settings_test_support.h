@@ -1,16 +1,13 @@
 #pragma once
-// What the CPU settings window and preference pane tests share: a QApplication, a scratch settings
+// What the CPU settings window and preference pane tests share: a scratch settings
 // store, a scripted helper behind a real Pelmora client, a power monitor on a fixture supply tree
 // and a limiter that never runs its timer.
-#include <QApplication>
-
-#include <unistd.h>
-
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "common/temp_dir.h"
 #include "helper_link/fake_transport.h"
 #include "helper_link/pelmora.h"
 #include "process_control/cpu_limiter.h"
@@ -20,25 +17,6 @@
 #include "support/sys_root.h"
 
 namespace pelmora::settings_test {
-
-inline QApplication& app() {
-  static int argc = 1;
-  static char name[] = "pelmora_app_tests";
-  static char* argv[] = {name, nullptr};
-  if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
-  if (auto* existing = qobject_cast<QApplication*>(QCoreApplication::instance())) return *existing;
-  static auto* application = new QApplication(argc, argv);
-  return *application;
-}
-
-inline std::filesystem::path scratchDir() {
-  static int serial = 0;
-  auto dir = std::filesystem::temp_directory_path() /
-             ("pelmora-settings-" + std::to_string(getpid()) + "-" + std::to_string(serial++));
-  std::filesystem::remove_all(dir);
-  std::filesystem::create_directories(dir / "held");
-  return dir;
-}
 
 // The helper as a script: processor counts, and "OK" or a refusal for each command.
 struct HelperScript {
@@ -65,19 +43,14 @@ inline std::optional<XPCDict> answer(const HelperScript& s, const XPCDict& r) {
 
 struct Rig {
   explicit Rig(const char* power_fixture = "power-laptop-mains")
-      : dir(scratchDir()),
-        wire(std::make_shared<test::FakeWire>()),
+      : wire(std::make_shared<test::FakeWire>()),
         helper(std::make_unique<test::FakeTransport>(wire)),
         store(dir / "defaults.json"),
         power(SysRoot("/proc", std::string(PELMORA_FIXTURES) + "/" + power_fixture), PowerMonitor::Options{false, 5'000'000}),
         limiter(helper, SysRoot("/proc", "/sys"), store, CPULimiter::Options{"", dir / "held"}) {
-    app();
     wire->answer = [this](const XPCDict& r) { return settings_test::answer(script, r); };
   }
-  ~Rig() {
-    limiter.stopTimer();
-    std::filesystem::remove_all(dir);
-  }
+  ~Rig() { limiter.stopTimer(); }
 
   // The requests of one kind ("setcpucount", "throttle", ...) sent since the last clear.
   std::vector<XPCDict> sent(const std::string& kind) const {
@@ -90,7 +63,8 @@ struct Rig {
   // Delivers the broadcasts posted so far.
   static void deliver() { RunLoop::main().runUntilIdle(); }
 
-  std::filesystem::path dir;
+  test::TempDir scratch{"pelmora-settings"};
+  const std::filesystem::path& dir = scratch.path();
   HelperScript script;
   std::shared_ptr<test::FakeWire> wire;
   Pelmora helper;

@@ -9,14 +9,6 @@
 namespace pelmora {
 namespace {
 
-void ensureApp() {
-  if (QApplication::instance()) return;
-  static int argc = 1;
-  static char name[] = "slider_stepper_test";
-  static char* argv[] = {name, nullptr};
-  new QApplication(argc, argv);
-}
-
 struct RecordingDelegate : SliderStepperDelegate {
   void sliderStepperValueChanged(SliderStepper& sender) override { values.push_back(sender.value()); }
   std::vector<int> values;
@@ -34,7 +26,6 @@ TEST(SliderStepperClamp, Table) {
 }
 
 TEST(SliderStepper, BuildingCallsNoDelegateAndShowsTheValueTwice) {
-  ensureApp();
   QWidget placeholder;
   RecordingDelegate d;
   SliderStepper s(&placeholder, 1, 8, 1, 20, &d);
@@ -46,7 +37,6 @@ TEST(SliderStepper, BuildingCallsNoDelegateAndShowsTheValueTwice) {
 }
 
 TEST(SliderStepper, SettingTheValueTellsTheDelegateOnlyOnRealChanges) {
-  ensureApp();
   struct Step { int set; int shown; bool told; };
   const Step steps[] = {
       {4, 4, true}, {4, 4, false}, {100, 8, true}, {9, 8, false}, {0, 1, true}, {-5, 1, false}, {8, 8, true},
@@ -64,7 +54,6 @@ TEST(SliderStepper, SettingTheValueTellsTheDelegateOnlyOnRealChanges) {
 }
 
 TEST(SliderStepper, UserChangesOnEitherControlReachTheOther) {
-  ensureApp();
   QWidget placeholder;
   RecordingDelegate d;
   SliderStepper s(&placeholder, 1, 16, 1, 4, &d);
@@ -77,7 +66,6 @@ TEST(SliderStepper, UserChangesOnEitherControlReachTheOther) {
 
 // A delegate that sets the value again from inside its callback must not loop.
 TEST(SliderStepper, DelegateSettingTheSameValueDoesNotRecurse) {
-  ensureApp();
   struct Echo : SliderStepperDelegate {
     void sliderStepperValueChanged(SliderStepper& sender) override {
       ++calls;
@@ -92,7 +80,6 @@ TEST(SliderStepper, DelegateSettingTheSameValueDoesNotRecurse) {
 }
 
 TEST(SliderStepper, LoweringTheMaximumClampsSilentlyAndEnablingCoversBothControls) {
-  ensureApp();
   QWidget placeholder;
   RecordingDelegate d;
   SliderStepper s(&placeholder, 1, 16, 1, 12, &d);

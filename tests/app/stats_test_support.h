@@ -1,15 +1,12 @@
 #pragma once
-// What the statistics window and live icon tests share: one QApplication, a settings file and a
+// What the statistics window and live icon tests share: a settings file and a
 // processor tree of their own, a sampler that never ticks on its own, and made-up samples.
-#include <QApplication>
-
-#include <unistd.h>
-
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
 
+#include "common/temp_dir.h"
 #include "graphs/graph_switches.h"
 #include "sampling/sample_records.h"
 #include "sampling/system_stats.h"
@@ -18,36 +15,19 @@
 
 namespace pelmora::stats_test {
 
-inline QApplication& app() {
-  static int argc = 1;
-  static char name[] = "pelmora_app_tests";
-  static char* argv[] = {name, nullptr};
-  if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
-  if (auto* existing = qobject_cast<QApplication*>(QCoreApplication::instance())) return *existing;
-  static auto* application = new QApplication(argc, argv);
-  return *application;
-}
-
 // A temporary directory with a settings file and a /sys tree holding the processor lists.
 class Scratch {
  public:
   Scratch() {
-    static int serial = 0;
-    m_dir = std::filesystem::temp_directory_path() /
-            ("pelmora-stats-" + std::to_string(getpid()) + "-" + std::to_string(serial++));
     std::filesystem::create_directories(m_dir / "proc");
     std::filesystem::create_directories(m_dir / "sys/devices/system/cpu");
     m_store = std::make_unique<DefaultSettings>(m_dir / "defaults.json");
   }
-  ~Scratch() { std::filesystem::remove_all(m_dir); }
-
   void setCpus(const std::string& present, const std::string& online) {
     write("sys/devices/system/cpu/present", present + "\n");
     write("sys/devices/system/cpu/online", online + "\n");
   }
-  void write(const std::string& relative, const std::string& text) {
-    std::ofstream(m_dir / relative) << text;
-  }
+  void write(const std::string& relative, const std::string& text) { m_dir.write(relative, text); }
   SysRoot root() const { return SysRoot((m_dir / "proc").string(), (m_dir / "sys").string()); }
   DefaultSettings& store() { return *m_store; }
   // A sampler on the scratch tree whose timer would first fire after an hour: samples come only
@@ -55,7 +35,7 @@ class Scratch {
   std::shared_ptr<SystemStats> sampler() { return SystemStats::create(root(), 3'600'000); }
 
  private:
-  std::filesystem::path m_dir;
+  test::TempDir m_dir{"pelmora-stats"};
   std::unique_ptr<DefaultSettings> m_store;
 };
 

@@ -83,7 +83,6 @@ TEST(TotalCpuSample, SumsTimesAndAveragesKnownFrequencies) {
 
 class StatsWindowTest : public ::testing::Test {
  protected:
-  void SetUp() override { app(); }
   // Builds a window on the scratch tree with the given processor lists.
   std::unique_ptr<SystemStatsWindow> makeWindow(const std::string& present, const std::string& online) {
     scratch.setCpus(present, online);

@@ -32,7 +32,15 @@
 
 #include <nlohmann/json.hpp>
 
+#include "common/child.h"
+#include "common/eventually.h"
+#include "common/words.h"
+
 namespace {
+
+using pelmora::test::Child;
+using pelmora::test::procState;
+using pelmora::test::words;
 
 constexpr size_t kResidentBytes = size_t{200} << 20;
 constexpr int64_t kSendBytesPerTick = 10'000;  // every 10 ms: 1,000,000 B/s, 8 Mbit/s
@@ -43,19 +51,6 @@ std::string readText(const std::string& path) {
   std::stringstream text;
   text << in.rdbuf();
   return text.str();
-}
-
-std::vector<std::string> words(const std::string& text) {
-  std::istringstream in(text);
-  std::vector<std::string> out;
-  for (std::string w; in >> w;) out.push_back(w);
-  return out;
-}
-
-char procState(pid_t pid) {
-  const std::string stat = readText("/proc/" + std::to_string(pid) + "/stat");
-  const auto close = stat.rfind(')');
-  return close != std::string::npos && close + 2 < stat.size() ? stat[close + 2] : '?';
 }
 
 // "Threads:" and the like from /proc/PID/status.
@@ -80,33 +75,6 @@ int64_t monotonic_ns() {
   timespec ts{};
   clock_gettime(CLOCK_MONOTONIC, &ts);
   return int64_t{ts.tv_sec} * 1'000'000'000 + ts.tv_nsec;
-}
-
-// A child running `body`; killed (after a SIGCONT, so it is never left stopped) when it goes.
-class Child {
- public:
-  explicit Child(const std::function<void()>& body) {
-    m_pid = ::fork();
-    if (m_pid == 0) {
-      body();
-      ::_exit(0);
-    }
-  }
-  ~Child() {
-    ::kill(m_pid, SIGCONT);
-    ::kill(m_pid, SIGKILL);
-    ::waitpid(m_pid, nullptr, 0);
-  }
-  Child(const Child&) = delete;
-  Child& operator=(const Child&) = delete;
-  pid_t pid() const { return m_pid; }
-
- private:
-  pid_t m_pid = -1;
-};
-
-void waitUntil(const std::function<bool()>& ready) {
-  for (int i = 0; i < 1000 && !ready(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
 }
 
 // Real-time priority (root only) keeps the paced sender and its reader on time on a busy machine.
@@ -306,7 +274,7 @@ TEST_F(TopOracle, EveryFigureMatchesTheKernel) {
       ::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &next, nullptr);
     }
   });
-  waitUntil([&] {
+  pelmora::test::eventually([&] {
     return statusValue(resident.pid(), "VmRSS") * 1024 >= static_cast<int64_t>(kResidentBytes) &&
            statusValue(threads.pid(), "Threads") == 8 && procState(stopped.pid()) == 'T';
   });

@@ -39,19 +39,7 @@
 namespace fs = std::filesystem;
 using namespace pelmora;
 
-// fontconfig keeps a cache it never frees; under the leak checker that is not ours to report.
-extern "C" const char* __lsan_default_suppressions() { return "leak:libfontconfig\n"; }
-
 namespace {
-
-QApplication& app() {
-  static int argc = 1;
-  static char name[] = "pelmora_graphs_tests";
-  static char* argv[] = {name, nullptr};
-  if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
-  static auto* application = new QApplication(argc, argv);
-  return *application;
-}
 
 bool near(QColor a, QColor b, int tolerance = 12) {
   return std::abs(a.red() - b.red()) <= tolerance && std::abs(a.green() - b.green()) <= tolerance &&
@@ -61,7 +49,6 @@ bool near(QColor a, QColor b, int tolerance = 12) {
 class GraphWidgetTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    app();
     QLocale::setDefault(QLocale::c());
     file = fs::temp_directory_path() / ("pelmora-graphview-" + std::to_string(::getpid()) + "-" +
                                         ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".json");

@@ -17,6 +17,8 @@
 #include <thread>
 #include <vector>
 
+#include "common/child.h"
+#include "common/eventually.h"
 #include "helper/test_support.h"
 #include "support/socket_transport.h"
 #include "support/sys_root.h"
@@ -24,22 +26,9 @@
 
 namespace pelmora::testing {
 
-// Polls cond every 10 ms, at most `tries` times. For readiness only, never as a measurement.
-inline bool eventually(const std::function<bool()>& cond, int tries = 1000) {
-  for (int i = 0; i < tries; ++i) {
-    if (cond()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return cond();
-}
+using test::eventually;
 
-// The one-letter state of /proc/PID/stat ('?' when gone).
-inline char procState(pid_t pid) {
-  auto text = SysRoot::readFile("/proc/" + std::to_string(pid) + "/stat");
-  if (!text) return '?';
-  const auto close = text->rfind(')');
-  return close != std::string::npos && close + 2 < text->size() ? (*text)[close + 2] : '?';
-}
+using test::procState;
 
 // A child that sleeps until killed, optionally as another user.
 class Sleeper {

@@ -9,10 +9,10 @@
 #include <cstdlib>
 #include <functional>
 
+#include "common/temp_dir.h"
 #include "helper_link/in_process_transport.h"
 #include "helper_link/pelmora.h"
 #include "support/logger.h"
-#include "temp_tree.h"
 
 namespace pelmora {
 namespace {
@@ -24,7 +24,7 @@ using Lines = std::vector<std::string>;
 constexpr const char* kRecordingTool = "#!/bin/sh\nprintf '%s\\n' \"$*\" > \"$(dirname \"$0\")/ran-with\"\n";
 
 struct BootRoot {
-  test::TempTree tree;
+  test::TempDir tree;
   BootLocations where;
   HelperOptions options = RequestHandler::inProcessOptions();
 
@@ -62,16 +62,16 @@ TEST(BootApply, InstallsRunsAndUninstalls) {
   client.applyBoot(true, controls, root.where);
   EXPECT_EQ(log.lines(), Lines{"Set at boot installed"});
   const fs::path state = root.where.support_dir;
-  EXPECT_EQ(test::TempTree::readFile(state / "settings"), settingsFor(controls) + "\n");
-  EXPECT_EQ(test::TempTree::readFile(state / "applyboot.sh"),
-            test::TempTree::readFile(root.where.resources_dir / "applyboot.sh"));
+  EXPECT_EQ(test::TempDir::readFile(state / "settings"), settingsFor(controls) + "\n");
+  EXPECT_EQ(test::TempDir::readFile(state / "applyboot.sh"),
+            test::TempDir::readFile(root.where.resources_dir / "applyboot.sh"));
   EXPECT_TRUE(fs::is_regular_file(root.where.unit_file));
   const fs::path wants = root.where.unit_file.parent_path() / "multi-user.target.wants" / root.where.unit_file.filename();
   EXPECT_TRUE(fs::is_regular_file(wants)) << "the unit is enabled for boot";
 
   // What the boot service runs: the installed script hands the saved flags to the installed tool.
   ASSERT_EQ(std::system((state / "applyboot.sh").c_str()), 0);
-  EXPECT_EQ(test::TempTree::readFile(state / "ran-with"), settingsFor(controls) + "\n");
+  EXPECT_EQ(test::TempDir::readFile(state / "ran-with"), settingsFor(controls) + "\n");
 
   client.applyBoot(false, controls, root.where);
   EXPECT_EQ(log.lines(), (Lines{"Set at boot installed", "Set at boot uninstalled"}));
@@ -82,7 +82,7 @@ TEST(BootApply, InstallsRunsAndUninstalls) {
 }
 
 TEST(BootApply, TheScriptRefusesATamperedSettingsFile) {
-  test::TempTree tree;
+  test::TempDir tree;
   fs::copy_file(fs::path(PELMORA_SOURCE_RESOURCES) / "applyboot.sh", tree / "applyboot.sh");
   tree.write("pelmora", kRecordingTool);
   ::chmod((tree / "pelmora").c_str(), 0755);

@@ -8,8 +8,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "common/temp_dir.h"
+#include "common/words.h"
 #include "helper_link/fallback_transport.h"
-#include "temp_tree.h"
+#include "support/text.h"
 
 namespace pelmora {
 namespace {
@@ -91,7 +93,7 @@ class DaemonChild {
 // A writable machine: four CPUs (cpu0 without an online file, as on x86; cpu2 and cpu3 offline)
 // and one disk with a writeback-throttle file.
 struct Machine {
-  test::TempTree tree;
+  test::TempDir tree;
   Machine() {
     fs::copy(fs::path(PELMORA_FIXTURES) / "cpu-nosmt-4c", tree / "sys", fs::copy_options::recursive);
     tree.write("sys/block/sda/queue/wbt_lat_usec", "75000\n");

@@ -6,7 +6,8 @@
 
 #include <regex>
 
-#include "temp_tree.h"
+#include "common/temp_dir.h"
+#include "common/words.h"
 
 namespace pelmora {
 namespace {
@@ -65,7 +66,7 @@ TEST(HardwareThreads, FromThreadSiblingsLists) {
       {"garbage", {{"cpu0", "zero"}}, false},
   };
   for (const auto& c : cases) {
-    test::TempTree tree;
+    test::TempDir tree;
     for (const auto& [dir, list] : c.lists) tree.write("devices/system/cpu/" + dir + "/topology/thread_siblings_list", list + "\n");
     EXPECT_EQ(hasHardwareThreads(SysRoot("/nonexistent", tree.path())), c.expected) << c.name;
   }

@@ -9,9 +9,10 @@
 #include <cstdio>
 #include <string>
 
+#include "common/child.h"
+#include "common/temp_dir.h"
 #include "support/sys_root.h"
 #include "support/text.h"
-#include "temp_tree.h"
 
 namespace pelmora {
 namespace {
@@ -39,11 +40,7 @@ ToolRun run(const fs::path& cwd, const std::string& env_and_args) {
   return r;
 }
 
-char stateOf(pid_t pid) {
-  auto text = SysRoot::readFile("/proc/" + std::to_string(pid) + "/stat").value_or("");
-  const auto close = text.rfind(')');
-  return close != std::string::npos && close + 2 < text.size() ? text[close + 2] : '?';
-}
+using test::procState;
 
 // Entries of a folder other than the tool's own log folder.
 std::vector<std::string> leftovers(const fs::path& dir) {
@@ -67,7 +64,7 @@ std::vector<pid_t> childrenOf(pid_t pid) {
 }
 
 TEST(CliInput, AShareThatIsNotAFiniteNumberInRangeIsRefusedWithUsage) {
-  test::TempTree cwd;
+  test::TempDir cwd;
   const pid_t target = ::fork();
   if (target == 0) {
     for (;;) ::pause();
@@ -80,14 +77,14 @@ TEST(CliInput, AShareThatIsNotAFiniteNumberInRangeIsRefusedWithUsage) {
     EXPECT_EQ(r.status, 2);
     EXPECT_NE(r.output.find("usage"), std::string::npos) << r.output;
     EXPECT_EQ(r.output.find("holding"), std::string::npos) << r.output;
-    EXPECT_EQ(stateOf(target), 'S');
+    EXPECT_EQ(procState(target), 'S');
   }
   ::kill(target, SIGKILL);
   ::waitpid(target, nullptr, 0);
 }
 
 TEST(CliInput, SampleRunsWhateverTmpdirIsAndWritesNothingHere) {
-  test::TempTree cwd;
+  test::TempDir cwd;
   for (const std::string tmpdir : {"/nonexistent", "/proc", "/dev/null", ""}) {
     SCOPED_TRACE("TMPDIR='" + tmpdir + "'");
     const ToolRun r = run(cwd.path(), "TMPDIR='" + tmpdir + "' timeout 60 " + kTool + " sample --count 1");
@@ -97,7 +94,7 @@ TEST(CliInput, SampleRunsWhateverTmpdirIsAndWritesNothingHere) {
 }
 
 TEST(CliInput, AKilledLimitLeavesNoTemporaryFolder) {
-  test::TempTree tmp;
+  test::TempDir tmp;
   const pid_t target = ::fork();
   if (target == 0) {
     for (;;) ::pause();

@@ -8,10 +8,11 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "common/child.h"
+#include "common/temp_dir.h"
 #include "support/proc_task_reader.h"
 #include "support/sys_root.h"
 #include "support/text.h"
-#include "temp_tree.h"
 
 namespace pelmora {
 namespace {
@@ -29,13 +30,10 @@ std::vector<std::string> childrenOf(pid_t pid) {
   return out;
 }
 
-char stateOf(pid_t pid) {
-  const auto stat = ProcTaskReader().readStat(pid);
-  return stat ? stat->state : '?';
-}
+using test::procState;
 
 TEST(LimitCommand, HoldsABusyChildWithoutChildrenOfItsOwnAndReleasesIt) {
-  test::TempTree state;
+  test::TempDir state;
   const pid_t busy = ::fork();
   if (busy == 0) {
     volatile uint64_t n = 0;
@@ -76,7 +74,7 @@ TEST(LimitCommand, HoldsABusyChildWithoutChildrenOfItsOwnAndReleasesIt) {
   int status = 0;
   ASSERT_EQ(::waitpid(tool, &status, 0), tool);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << text;
-  EXPECT_NE(stateOf(busy), 'T') << "left stopped";
+  EXPECT_NE(procState(busy), 'T') << "left stopped";
   ::close(out[0]);
   ::kill(busy, SIGKILL);
   ::waitpid(busy, nullptr, 0);

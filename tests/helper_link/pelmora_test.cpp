@@ -9,11 +9,11 @@
 #include <csignal>
 #include <functional>
 
+#include "common/temp_dir.h"
 #include "fake_transport.h"
 #include "support/broadcast.h"
 #include "support/logger.h"
 #include "support/main_queue.h"
-#include "temp_tree.h"
 
 namespace pelmora {
 namespace {
@@ -173,7 +173,7 @@ TEST(PelmoraAuthorisation, FlagIsStoredAndBroadcastOnTheMainQueue) {
 
 // A resources folder with the three boot files and an install root.
 struct BootSetup {
-  test::TempTree tree;
+  test::TempDir tree;
   BootLocations where;
   BootSetup() {
     tree.write("res/applyboot.sh", "#!/bin/sh\n");

@@ -1,4 +1,5 @@
 // Socket owners from a /proc tree of links, as the kernel shows descriptors.
+#include "common/temp_dir.h"
 #include "nettop/socket_owners.h"
 
 #include <gtest/gtest.h>
@@ -6,6 +7,7 @@
 
 #include <filesystem>
 #include <fstream>
+
 
 namespace pelmora {
 namespace {
@@ -22,24 +24,18 @@ TEST(SocketOwners, LinkTextsAndLabels) {
 
 class ProcTree {
  public:
-  ProcTree() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "pelmora-nettop-XXXXXX").string();
-    if (!::mkdtemp(pattern.data())) std::abort();
-    m_root = pattern;
-  }
-  ~ProcTree() { std::filesystem::remove_all(m_root); }
   // A process with descriptors linking to `targets`, an exe link (empty: none) and a comm file.
   void process(int pid, const std::string& exe, const std::string& comm, const std::vector<std::string>& targets) {
-    const auto dir = m_root / std::to_string(pid);
+    const auto dir = m_root.path() / std::to_string(pid);
     std::filesystem::create_directories(dir / "fd");
     for (size_t i = 0; i < targets.size(); ++i) std::filesystem::create_symlink(targets[i], dir / "fd" / std::to_string(i));
     if (!exe.empty()) std::filesystem::create_symlink(exe, dir / "exe");
     std::ofstream(dir / "comm") << comm << "\n";
   }
-  SysRoot root() const { return SysRoot(m_root.string(), "/nonexistent"); }
+  SysRoot root() const { return SysRoot(m_root.path().string(), "/nonexistent"); }
 
  private:
-  std::filesystem::path m_root;
+  test::TempDir m_root{"pelmora-nettop"};
 };
 
 TEST(SocketOwners, FindsHoldersLikelyFirstAndStopsAtWhatItWasAskedFor) {

@@ -5,10 +5,10 @@
 #include <csignal>
 #include <fstream>
 
+#include "common/sim_limiter.h"
 #include "process_control/cpu_limiter.h"
 #include "process_control/power_monitor.h"
 #include "process_control/proc_settings.h"
-#include "sim_helper.h"
 #include "support/logger.h"
 #include "support/main_queue.h"
 #include "support/pid.h"
@@ -18,40 +18,15 @@ namespace {
 
 using Signals = std::vector<std::pair<int32_t, int64_t>>;
 
-struct Rig {
-  FakeClock clock;
-  test::SimRoot dir;
-  std::shared_ptr<test::SimWire> wire = std::make_shared<test::SimWire>();
-  Pelmora helper{std::make_unique<test::SimTransport>(wire)};
-  DefaultSettings settings{dir.settingsFile()};
-  std::unique_ptr<CPULimiter> limiter;
-
-  // Authorised: the simulated helper answers every query.
-  Rig() {
-    helper.setAuthorised(true);
-    CPULimiter::Options options;
-    options.journal_dir = dir.journalDir();
-    limiter = std::make_unique<CPULimiter>(helper, dir.root(), settings, options);
-  }
-  ~Rig() {
-    limiter.reset();
-    RunLoop::main().runUntilIdle();
-  }
-  void add(int32_t pid, const std::string& name) {
-    dir.addProcess(pid);
-    wire->procs[pid].name = name;
-  }
-  void limit(int32_t pid, double share) {
-    MutexLock lock(limiter->mutex());
-    limiter->setLimit(pid, share);
-  }
+struct Rig : test::SimLimiter {
+  using SimLimiter::add;
+  void add(int32_t pid, const std::string& name) { add(pid, test::SimProcess{.name = name}); }
   // One 30 ms tick of a busy process (demand in processors).
   void step(double demand = 1.0) {
     clock.advance_us(30'000);
     wire->run(30'000, demand);
     limiter->tick();
   }
-  bool stopped(int32_t pid) { return wire->procs[pid].stopped; }
 };
 
 TEST(Limiter, DutyCycleSendsTheRealStopAndContinueSignals) {

@@ -10,107 +10,73 @@
 #include <fstream>
 #include <thread>
 
-#include "helper_link/in_process_transport.h"
-#include "helper_link/pelmora.h"
-#include "process_control/cpu_limiter.h"
+#include "common/child.h"
+#include "common/eventually.h"
+#include "common/live_limiter.h"
+#include "common/temp_dir.h"
 #include "process_control/stop_journal.h"
 #include "support/proc_pid_stat.h"
-#include "live_child.h"
-#include "sim_helper.h"
 
 namespace pelmora {
 namespace {
 
-char stateOf(pid_t pid) {
-  auto text = SysRoot::readFile("/proc/" + std::to_string(pid) + "/stat");
-  auto id = text ? parseProcPidStat(*text) : std::nullopt;
-  return id ? id->state : '?';
-}
-
-template <typename Pred>
-bool eventually(Pred pred) {
-  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!pred()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
-}
-
-using test::busyChild;
-using test::CountingTransport;
+using test::eventually;
+using test::procState;
 
 TEST(LiveLimit, BusyChildHeldAt30PercentIsStoppedContinuedAndRunningAfterwards) {
-  test::SimRoot dir;
-  const pid_t child = busyChild(4);
-  ASSERT_GT(child, 0);
-  auto transport = std::make_unique<CountingTransport>();
-  CountingTransport* counts = transport.get();
-  Pelmora helper(std::move(transport));
-  DefaultSettings settings(dir.settingsFile());
-  CPULimiter::Options options;
-  options.nettop_path = "/bin/true";
-  options.journal_dir = dir.journalDir();
-  {
-    CPULimiter limiter(helper, SysRoot::current(), settings, options);
-    ASSERT_TRUE(limiter.start());
-    {
-      MutexLock lock(limiter.mutex());
-      limiter.setLimit(child, 0.3);
-    }
-    EXPECT_TRUE(eventually([&] { return stateOf(child) == 'T'; }));
-    EXPECT_TRUE(eventually([&] { return counts->stops >= 3 && counts->continues >= 3; }));
-    EXPECT_EQ(limiter.limits().count(child), 1u);
-    // While held, the journal names it, so a crash of this program would not leave it stopped.
-    EXPECT_FALSE(std::filesystem::is_empty(dir.journalDir()));
-    limiter.clearLimit(child);
-    EXPECT_TRUE(limiter.limits().empty());
-    limiter.stopTimer();
-  }
-  EXPECT_NE(stateOf(child), 'T');
-  EXPECT_TRUE(!std::filesystem::exists(dir.journalDir()) || std::filesystem::is_empty(dir.journalDir()));
+  const test::Child child = test::Child::busy(4);
+  ASSERT_GT(child.pid(), 0);
+  test::LiveLimiter live;
+  ASSERT_TRUE(live.limiter->start());
+  live.limit(child.pid(), 0.3);
+  EXPECT_TRUE(eventually([&] { return procState(child.pid()) == 'T'; }));
+  EXPECT_TRUE(eventually([&] { return live.counts->stops >= 3 && live.counts->continues >= 3; }));
+  EXPECT_EQ(live.limiter->limits().count(child.pid()), 1u);
+  // While held, the journal names it, so a crash of this program would not leave it stopped.
+  EXPECT_FALSE(std::filesystem::is_empty(live.journalDir()));
+  live.limiter->clearLimit(child.pid());
+  EXPECT_TRUE(live.limiter->limits().empty());
+  live.limiter->stopTimer();
+  live.limiter.reset();
+  EXPECT_NE(procState(child.pid()), 'T');
+  EXPECT_TRUE(!std::filesystem::exists(live.journalDir()) || std::filesystem::is_empty(live.journalDir()));
   // It runs: its processor time still grows.
-  const auto before = helper.taskInfo(child, false);
+  const auto before = live.helper->taskInfo(child.pid(), false);
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  const auto after = helper.taskInfo(child, false);
+  const auto after = live.helper->taskInfo(child.pid(), false);
   ASSERT_TRUE(before && after);
   EXPECT_GT(after->pti_total_user + after->pti_total_system, before->pti_total_user + before->pti_total_system);
-  ::kill(child, SIGKILL);
-  ::waitpid(child, nullptr, 0);
 }
 
 TEST(StopJournal, ContinuesWhatADeadHolderLeftStoppedButNeverAnotherProcess) {
-  test::SimRoot dir;
-  const pid_t held = busyChild();
-  const pid_t other = busyChild();
+  const test::TempDir dir;
+  const auto journal_dir = dir / "held";
+  const test::Child held_child = test::Child::busy(), other_child = test::Child::busy();
+  const pid_t held = held_child.pid(), other = other_child.pid();
   ASSERT_GT(held, 0);
   ASSERT_GT(other, 0);
   ::kill(held, SIGSTOP);
   ::kill(other, SIGSTOP);
-  ASSERT_TRUE(eventually([&] { return stateOf(held) == 'T' && stateOf(other) == 'T'; }));
+  ASSERT_TRUE(eventually([&] { return procState(held) == 'T' && procState(other) == 'T'; }));
   const auto start = [](pid_t pid) {
     return parseProcPidStat(*SysRoot::readFile("/proc/" + std::to_string(pid) + "/stat"))->starttime_ticks;
   };
-  std::filesystem::create_directories(dir.journalDir());
+  std::filesystem::create_directories(journal_dir);
   // A holder that is gone (no such pid), which held `held`, and `other` under a different start
   // time: a pid that was reused since.
-  std::ofstream(dir.journalDir() / "999999999-5.json")
+  std::ofstream(journal_dir / "999999999-5.json")
       << "[{\"pid\":" << held << ",\"start_ticks\":" << start(held) << "},{\"pid\":" << other
       << ",\"start_ticks\":" << start(other) + 1 << "}]";
   // A holder that is alive (this test) is left alone.
-  std::ofstream(dir.journalDir() / (std::to_string(getpid()) + "-" + std::to_string(start(getpid())) + ".json"))
+  std::ofstream(journal_dir / (std::to_string(getpid()) + "-" + std::to_string(start(getpid())) + ".json"))
       << "[{\"pid\":" << other << ",\"start_ticks\":" << start(other) << "}]";
-  std::ofstream(dir.journalDir() / "1-1.json") << "not json";
-  StopJournal journal(dir.journalDir());
+  std::ofstream(journal_dir / "1-1.json") << "not json";
+  StopJournal journal(journal_dir);
   EXPECT_EQ(journal.recover(), 1);
-  EXPECT_TRUE(eventually([&] { return stateOf(held) != 'T'; }));
-  EXPECT_EQ(stateOf(other), 'T');
-  EXPECT_FALSE(std::filesystem::exists(dir.journalDir() / "999999999-5.json"));
-  EXPECT_FALSE(std::filesystem::exists(dir.journalDir() / "1-1.json"));
-  for (pid_t pid : {held, other}) {
-    ::kill(pid, SIGKILL);
-    ::waitpid(pid, nullptr, 0);
-  }
+  EXPECT_TRUE(eventually([&] { return procState(held) != 'T'; }));
+  EXPECT_EQ(procState(other), 'T');
+  EXPECT_FALSE(std::filesystem::exists(journal_dir / "999999999-5.json"));
+  EXPECT_FALSE(std::filesystem::exists(journal_dir / "1-1.json"));
 }
 
 }  // namespace

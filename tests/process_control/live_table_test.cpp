@@ -14,23 +14,16 @@
 #include <thread>
 #include <vector>
 
+#include "common/eventually.h"
+#include "common/sim_helper.h"
 #include "helper_link/in_process_transport.h"
 #include "helper_link/pelmora.h"
 #include "process_control/cpu_limiter.h"
-#include "sim_helper.h"
 
 namespace pelmora {
 namespace {
 
-template <typename Pred>
-bool eventually(Pred pred) {
-  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (!pred()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  return true;
-}
+using test::eventually;
 
 // Runs in the forked child: only system calls, no allocation.
 [[noreturn]] void churn(const char* file, int tx, int rx, char* buffer, size_t size) {

@@ -1,11 +1,11 @@
 // The energy-impact weights: which table is used, and the formula.
+#include "common/sim_helper.h"
 #include "process_control/pm_energy.h"
 
 #include <gtest/gtest.h>
 
 #include <fstream>
 
-#include "sim_helper.h"
 
 namespace pelmora {
 namespace {

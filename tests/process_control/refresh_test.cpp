@@ -6,10 +6,10 @@
 #include <algorithm>
 #include <set>
 
+#include "common/sim_limiter.h"
 #include "process_control/cpu_limiter.h"
 #include "process_control/power_monitor.h"
 #include "process_control/proc_settings.h"
-#include "sim_helper.h"
 #include "support/broadcast.h"
 #include "support/logger.h"
 #include "support/main_queue.h"
@@ -20,34 +20,9 @@ namespace {
 
 using test::SimProcess;
 
-struct Table {
-  FakeClock clock;
-  test::SimRoot dir;
-  std::shared_ptr<test::SimWire> wire = std::make_shared<test::SimWire>();
-  Pelmora helper{std::make_unique<test::SimTransport>(wire)};
-  DefaultSettings settings{dir.settingsFile()};
-  std::unique_ptr<CPULimiter> limiter;
-
-  // Authorised, so that every query goes to the simulated helper.
-  Table() {
-    helper.setAuthorised(true);
-    RunLoop::main().runUntilIdle();
-  }
-  ~Table() { limiter.reset(); RunLoop::main().runUntilIdle(); }
-  CPULimiter& make() {
-    CPULimiter::Options options;
-    options.journal_dir = dir.journalDir();
-    limiter = std::make_unique<CPULimiter>(helper, dir.root(), settings, options);
-    return *limiter;
-  }
-  void add(int32_t pid, SimProcess p) {
-    dir.addProcess(pid);
-    wire->procs[pid] = p;
-  }
-  void gone(int32_t pid) {
-    dir.removeProcess(pid);
-    wire->procs.erase(pid);
-  }
+// The limiter is made once the test's processes are in place.
+struct Table : test::SimLimiter {
+  Table() : SimLimiter(false) {}
 };
 
 TEST(Refresh, FirstSightingHasNoRatesSecondHasRatesOverTheRealInterval) {

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <thread>
 
+#include "common/eventually.h"
 #include "helper_link/fake_transport.h"
 #include "helper_link/pelmora.h"
 #include "sampling/system_stats.h"
@@ -25,11 +26,7 @@ constexpr const char* kEightCpus =
     "CPU 4 frequency: 600 MHz\nCPU 5 frequency: 600 MHz\nCPU 6 frequency: 972 MHz\nCPU 7 frequency: 3228 MHz\n"
     "GPU HW active frequency: 389 MHz\n";
 
-// Polls for a condition; a cap keeps a broken reader from hanging the test. Never a measurement.
-bool eventually(const std::function<bool()>& cond) {
-  for (int i = 0; i < 1000 && !cond(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  return cond();
-}
+using test::eventually;
 
 // A pipe holding `text`, already closed for writing: what the helper's child leaves behind.
 XPCValue pipeWith(const std::string& text) {

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/eventually.h"
 #include "support/logger.h"
 #include "support/main_queue.h"
 #include "test_support.h"
@@ -62,12 +63,7 @@ class FakeFrequencySource : public FrequencySource {
   Mutex m_mutex;
 };
 
-// Runs the main loop until the condition holds; a generous cap keeps a broken sampler from hanging.
-template <typename Condition>
-bool runUntil(Condition condition) {
-  for (int i = 0; i < 2000 && !condition(); ++i) RunLoop::main().runFor(5ms);
-  return condition();
-}
+using test::runUntil;
 
 class SamplerTest : public ::testing::Test {
  protected:

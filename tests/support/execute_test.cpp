@@ -11,27 +11,16 @@
 #include <mutex>
 #include <thread>
 
+#include "common/child.h"
+#include "common/eventually.h"
 #include "support/power_assertion.h"
 
 namespace pelmora {
 namespace {
 
-template <typename Pred>
-bool eventually(Pred pred) {
-  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!pred()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
+using test::eventually;
 
-char processState(pid_t pid) {
-  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-  std::string text((std::istreambuf_iterator<char>(in)), {});
-  const auto close = text.rfind(')');
-  return close == std::string::npos || close + 2 >= text.size() ? '?' : text[close + 2];
-}
+using test::procState;
 
 struct Collected {
   std::mutex mutex;
@@ -88,7 +77,7 @@ TEST(Execute, TerminateEndsAChildThatWouldRunForeverEvenIfItsChildHoldsThePipe) 
     std::ifstream in(pid_file);
     pid_t grandchild = 0;
     if (in >> grandchild) {
-      EXPECT_TRUE(eventually([&] { return ::kill(grandchild, 0) != 0 || processState(grandchild) == 'Z'; }));
+      EXPECT_TRUE(eventually([&] { return ::kill(grandchild, 0) != 0 || procState(grandchild) == 'Z'; }));
     }
     ::unlink(pid_file);
   }

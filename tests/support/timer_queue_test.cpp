@@ -1,3 +1,4 @@
+#include "common/eventually.h"
 #include "support/timer_queue.h"
 
 #include <gtest/gtest.h>
@@ -11,16 +12,7 @@ using pelmora::TimerQueue;
 
 namespace {
 
-// Waits (bounded) until pred holds; the tests check behaviour, never timing.
-template <typename Pred>
-bool eventually(Pred pred, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
-  const auto until = std::chrono::steady_clock::now() + limit;
-  while (!pred()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
+using pelmora::test::eventually;
 
 TEST(TimerQueue, StartHookRunsOnceOnTheTimerThreadBeforeActions) {
   std::atomic<int> hooks{0}, actions{0};

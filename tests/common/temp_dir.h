@@ -1,28 +1,28 @@
 #pragma once
-// A temporary directory tree for the tests (fixture sysfs, install roots), removed at the end.
-#include <cstdlib>
+// A temporary folder for one test (fixture copies, settings files, sockets, install roots), made
+// private by mkdtemp and removed with everything in it at the end.
+#include <stdlib.h>
+
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
-#include <vector>
-
-#include "support/text.h"
 
 namespace pelmora::test {
 
-class TempTree {
+class TempDir {
  public:
-  TempTree() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "pelmora-client-XXXXXX").string();
+  explicit TempDir(const std::string& prefix = "pelmora-test") {
+    std::string pattern = (std::filesystem::temp_directory_path() / (prefix + "-XXXXXX")).string();
     if (!::mkdtemp(pattern.data())) std::abort();
     m_path = pattern;
   }
-  ~TempTree() {
+  ~TempDir() {
     std::error_code ec;
     std::filesystem::remove_all(m_path, ec);
   }
-  TempTree(const TempTree&) = delete;
-  TempTree& operator=(const TempTree&) = delete;
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
 
   const std::filesystem::path& path() const { return m_path; }
   std::filesystem::path operator/(const std::string& relative) const { return m_path / relative; }
@@ -39,15 +39,16 @@ class TempTree {
     std::ifstream in(file);
     return std::string(std::istreambuf_iterator<char>(in), {});
   }
+  // A writable copy of tests/fixtures/<name> inside this folder.
+  std::filesystem::path copyFixture(const std::string& name) const {
+    const auto target = m_path / name;
+    std::filesystem::copy(std::filesystem::path(PELMORA_FIXTURES) / name, target,
+                          std::filesystem::copy_options::recursive);
+    return target;
+  }
 
  private:
   std::filesystem::path m_path;
 };
-
-inline std::vector<std::string> words(const std::string& text) {
-  std::vector<std::string> out;
-  for (auto w : splitWhitespace(text)) out.emplace_back(w);
-  return out;
-}
 
 }  // namespace pelmora::test

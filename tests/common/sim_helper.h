@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "common/temp_dir.h"
 #include "helper_link/pelmora.h"
 #include "support/default_settings.h"
 #include "support/sys_root.h"
@@ -172,25 +173,18 @@ class SimTransport : public XPCTransport {
 class SimRoot {
  public:
   SimRoot() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "pelmora-pc-XXXXXX").string();
-    if (!::mkdtemp(pattern.data())) std::abort();
-    m_dir = pattern;
     std::filesystem::create_directories(m_dir / "proc");
     std::filesystem::create_directories(m_dir / "sys");
   }
-  ~SimRoot() {
-    std::error_code ec;
-    std::filesystem::remove_all(m_dir, ec);
-  }
-  void addProcess(int32_t pid) { std::filesystem::create_directories(m_dir / "proc" / std::to_string(pid)); }
-  void removeProcess(int32_t pid) { std::filesystem::remove_all(m_dir / "proc" / std::to_string(pid)); }
+  void addProcess(int32_t pid) { std::filesystem::create_directories(m_dir / ("proc/" + std::to_string(pid))); }
+  void removeProcess(int32_t pid) { std::filesystem::remove_all(m_dir / ("proc/" + std::to_string(pid))); }
   SysRoot root() const { return SysRoot((m_dir / "proc").string(), (m_dir / "sys").string()); }
   std::filesystem::path settingsFile() const { return m_dir / "defaults.json"; }
   std::filesystem::path journalDir() const { return m_dir / "held"; }
-  const std::filesystem::path& dir() const { return m_dir; }
+  const std::filesystem::path& dir() const { return m_dir.path(); }
 
  private:
-  std::filesystem::path m_dir;
+  TempDir m_dir{"pelmora-pc"};
 };
 
 }  // namespace pelmora::test

@@ -1,0 +1,86 @@
+#pragma once
+// Real child processes for the live tests, and their state as the kernel reports it (read here,
+// never through the parsers under test).
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <string>
+#include <thread>
+
+namespace pelmora::test {
+
+[[noreturn]] inline void spinForever() {
+  volatile uint64_t n = 0;
+  for (;;) n = n + 1;
+}
+
+// A forked child running `body` (then exiting). It dies with the test, and holds none of its
+// output when `quiet`: a test that ends early must neither leave an orphan running nor keep the
+// runner waiting on a pipe the orphan still holds open. Extra threads in the child are only safe
+// when the parent forks while running a single thread.
+inline pid_t forkChild(const std::function<void()>& body, bool quiet = true) {
+  const pid_t parent = ::getpid();
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() != parent) ::_exit(0);
+    if (quiet) {
+      const int null = ::open("/dev/null", O_WRONLY);
+      ::dup2(null, STDOUT_FILENO);
+      ::dup2(null, STDERR_FILENO);
+    }
+    body();
+    ::_exit(0);
+  }
+  return pid;
+}
+
+// A child spinning on `threads` processors until killed.
+inline pid_t busyChild(int threads = 1) {
+  return forkChild([threads] {
+    for (int i = 1; i < threads; ++i) std::thread(spinForever).detach();
+    spinForever();
+  });
+}
+
+// Continued first, so that nothing is ever left stopped, then killed and reaped.
+inline void endChild(pid_t pid) {
+  if (pid <= 0) return;
+  ::kill(pid, SIGCONT);
+  ::kill(pid, SIGKILL);
+  ::waitpid(pid, nullptr, 0);
+}
+
+// A child that is ended when it goes out of scope.
+class Child {
+ public:
+  explicit Child(const std::function<void()>& body, bool quiet = true) : m_pid(forkChild(body, quiet)) {}
+  static Child busy(int threads = 1) { return Child(busyChild(threads)); }
+  ~Child() { endChild(m_pid); }
+  Child(Child&& other) noexcept : m_pid(other.m_pid) { other.m_pid = -1; }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+  Child& operator=(Child&&) = delete;
+  pid_t pid() const { return m_pid; }
+
+ private:
+  explicit Child(pid_t pid) : m_pid(pid) {}
+  pid_t m_pid = -1;
+};
+
+// The one-letter state in /proc/PID/stat ('T' stopped, 'Z' zombie, '?' gone).
+inline char procState(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+  const std::string stat(std::istreambuf_iterator<char>(in), {});
+  const auto close = stat.rfind(')');
+  return close != std::string::npos && close + 2 < stat.size() ? stat[close + 2] : '?';
+}
+
+}  // namespace pelmora::test
