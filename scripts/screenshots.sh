@@ -12,14 +12,14 @@ fixtures=$PWD/tests/fixtures
 
 command -v xvfb-run >/dev/null || { echo "xvfb-run is needed (apt-get install xvfb)" >&2; exit 1; }
 cmake -S . -B "$build_dir" -G Ninja -DPELMORA_BUILD_BENCH=ON >/dev/null
-cmake --build "$build_dir" --target pelmora_app_tests window_screenshots procinfo_screenshot
+cmake --build "$build_dir" --target settings_screenshots window_screenshots procinfo_screenshot
 mkdir -p "$out"
+source scripts/render-lib.sh  # the working folder is the repository's root
 
 for scale in 1 2; do
-  if [ "$scale" = 2 ]; then suffix=@2x screen=1600x1000x24; else suffix= screen=1400x1000x24; fi
-  run() { xvfb-run -a -s "-screen 0 $screen" env QT_QPA_PLATFORM=xcb QT_SCALE_FACTOR=$scale "$@"; }
-  run env PELMORA_SCREENSHOT_DIR="$out" PELMORA_SCREENSHOT_SUFFIX="$suffix" \
-    "$build_dir/tests/pelmora_app_tests" --gtest_filter='SettingsScreenshots.*'
+  if [ "$scale" = 2 ]; then suffix=@2x screen=1600x1000; else suffix= screen=1400x1000; fi
+  run() { render "$screen" env QT_SCALE_FACTOR=$scale "$@"; }
+  run "$build_dir/bench/settings_screenshots" "$out" "$suffix"
   run "$build_dir/bench/procinfo_screenshot" "$out/process-window$suffix.png"
   PELMORA_PROC_ROOT=$fixtures/sampling-laptop/proc PELMORA_SYS_ROOT=$fixtures/sampling-laptop/sys \
     run "$build_dir/bench/window_screenshots" "$out/window-laptop$suffix.png"

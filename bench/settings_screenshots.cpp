@@ -1,42 +1,39 @@
-// Renders the CPU settings window and the preference panes for the README when
-// PELMORA_SCREENSHOT_DIR is set (scripts/settings-screenshots.sh runs it under Xvfb); skipped
-// otherwise. The helper is scripted: an 8-thread machine with all processors on and two processes
-// limited.
+// Not a benchmark: renders the CPU settings window, the three preference panes and the help window
+// for the README (scripts/screenshots.sh runs it under a virtual X server). The helper is scripted
+// through the app tests' rigs: an 8-thread machine with all processors on and two processes limited.
+//   settings_screenshots OUT_DIR [SUFFIX]     writes OUT_DIR/NAME[SUFFIX].png
 #include <QApplication>
 #include <QPixmap>
 
-#include <gtest/gtest.h>
+#include <cstdio>
 
+#include "app/app_rig.h"
 #include "app/pelmora_window.h"
 #include "app/preferences_pid.h"
 #include "app/preferences_window.h"
 #include "app/process_preferences.h"
+#include "app/settings_test_support.h"
 #include "graphs/views/preferences_graph.h"
-#include "app/app_rig.h"
-#include "settings_test_support.h"
 #include "support/settings_keys.h"
 
-namespace pelmora {
 namespace {
 
+using namespace pelmora;
 using settings_test::Rig;
 
-// NAME.png, or NAME@2x.png in the pass at twice the scale.
-QString shotFile(const char* name) {
-  return qEnvironmentVariable("PELMORA_SCREENSHOT_DIR") + QLatin1Char('/') + QLatin1String(name) +
-         qEnvironmentVariable("PELMORA_SCREENSHOT_SUFFIX") + QStringLiteral(".png");
-}
+QString g_dir, g_suffix;
 
-void save(QWidget& w, const QString& file) {
+bool save(QWidget& w, const char* name, bool fit = true) {
   w.show();
-  w.adjustSize();
+  if (fit) w.adjustSize();
   for (int i = 0; i < 5; ++i) QApplication::processEvents();
-  ASSERT_TRUE(w.grab().save(file)) << file.toStdString();
+  const QString file = g_dir + QLatin1Char('/') + QLatin1String(name) + g_suffix + QStringLiteral(".png");
+  if (w.grab().save(file)) return true;
+  std::fprintf(stderr, "could not write %s\n", qPrintable(file));
+  return false;
 }
 
-TEST(SettingsScreenshots, Render) {
-  const QString dir = qEnvironmentVariable("PELMORA_SCREENSHOT_DIR");
-  if (dir.isEmpty()) GTEST_SKIP() << "PELMORA_SCREENSHOT_DIR is not set";
+bool settingsAndPreferences() {
   Rig rig;
   rig.script.counts = {8, 4, 8, 4};
   PelmoraWindow::Options o;
@@ -53,7 +50,7 @@ TEST(SettingsScreenshots, Render) {
     rig.limiter.setLimit(900002, 0.5);
   }
   window.limiterWatch();
-  save(window, shotFile("cpu-settings"));
+  bool ok = save(window, "cpu-settings");
   rig.limiter.clearLimit(900001);
   rig.limiter.clearLimit(900002);
 
@@ -64,21 +61,30 @@ TEST(SettingsScreenshots, Render) {
   const char* names[] = {"prefs-graph", "prefs-processes", "prefs-pid"};
   for (int i = 0; i < 3; ++i) {
     prefs.showPane(i);
-    save(prefs, shotFile(names[i]));
+    ok = save(prefs, names[i]) && ok;
   }
   Rig::deliver();
+  return ok;
 }
 
-TEST(SettingsScreenshots, Help) {
-  if (qEnvironmentVariable("PELMORA_SCREENSHOT_DIR").isEmpty()) GTEST_SKIP() << "PELMORA_SCREENSHOT_DIR is not set";
+bool help() {
   app_test::AppRig rig;
   keys::kAppPelmora.save(rig.rig.store, true);
   rig.app->finishLaunching();
   rig.app->openHelp();
-  QWidget* help = rig.app->helpViewer();
-  for (int i = 0; i < 5; ++i) QApplication::processEvents();
-  ASSERT_TRUE(help->grab().save(shotFile("help")));
+  return save(*rig.app->helpViewer(), "help", false);
 }
 
 }  // namespace
-}  // namespace pelmora
+
+int main(int argc, char** argv) {
+  if (argc < 2) {
+    std::fprintf(stderr, "usage: %s OUT_DIR [SUFFIX]\n", argv[0]);
+    return 2;
+  }
+  QApplication app(argc, argv);
+  g_dir = QString::fromLocal8Bit(argv[1]);
+  g_suffix = argc > 2 ? QString::fromLocal8Bit(argv[2]) : QString();
+  const bool ok = settingsAndPreferences() && help();
+  return ok ? 0 : 1;
+}
