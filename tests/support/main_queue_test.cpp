@@ -2,9 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <future>
 #include <thread>
 #include <vector>
 
+#include "common/eventually.h"
 #include "support/broadcast.h"
 
 using namespace pelmora;
@@ -55,10 +61,19 @@ TEST(Broadcast, AsyncDeliveryWaitsForTheLoopAndListenersLeaveByKey) {
   Broadcast("pelmora.other", false);
 }
 
+// run() on a thread of its own, waiting for jobs, ended by quit() from this one. A run() that quit
+// fails to wake would hang the whole test program: past the deadline the failure is reported and
+// the program ends, since the stuck thread can be neither joined nor left using a destroyed loop.
 TEST(RunLoop, QuitFromAnotherThreadEndsRun) {
   RunLoop loop;
-  std::thread t([&] { loop.post([&] { loop.quit(); }); });
-  loop.run();
-  t.join();
-  SUCCEED();
+  std::atomic<int> ran{0};
+  auto running = std::async(std::launch::async, [&] { loop.run(); });
+  loop.post([&] { ++ran; });
+  EXPECT_TRUE(test::eventually([&] { return ran == 1; }));  // run() now waits for the next job
+  loop.quit();
+  if (running.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
+    std::fprintf(stderr, "RunLoop.QuitFromAnotherThreadEndsRun: run() still running 30 s after quit()\n");
+    std::_Exit(1);
+  }
+  EXPECT_EQ(ran.load(), 1);
 }
