@@ -56,6 +56,18 @@ void Connection::noteContinued(pid_t pid) {
   m_stopped.erase(pid);
 }
 
+std::optional<int> Connection::continueNoted(pid_t pid) {
+  UniqueFd pidfd;
+  {
+    MutexLock lock(*m_mutex);
+    auto found = m_stopped.find(pid);
+    if (found == m_stopped.end()) return std::nullopt;
+    pidfd = std::move(found->second);
+    m_stopped.erase(found);
+  }
+  return pidfdSignal(pidfd.get(), SIGCONT);
+}
+
 void Connection::continueStopped() {
   std::map<pid_t, UniqueFd> stopped;
   {

@@ -51,6 +51,9 @@ class Connection {
   // Bookkeeping for crash safety. pidfd must refer to the stopped process.
   void noteStopped(pid_t pid, UniqueFd pidfd);
   void noteContinued(pid_t pid);
+  // Continues a process this connection stopped, through the pidfd taken when it was checked and
+  // stopped, and forgets it: 0 or the errno of the signal. None when it was not noted as stopped here.
+  std::optional<int> continueNoted(pid_t pid);
   // Continues every process still noted as stopped, and forgets them.
   void continueStopped();
 
