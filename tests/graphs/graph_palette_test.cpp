@@ -1,11 +1,11 @@
 #include "graphs/graph_palette.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <set>
 
+#include "common/temp_dir.h"
 #include "graphs/graph_switches.h"
 #include "support/default_settings.h"
 
@@ -17,13 +17,10 @@ namespace {
 class StoreTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    file = fs::temp_directory_path() / ("pelmora-graphs-" + std::to_string(::getpid()) + "-" +
-                                        ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".json");
-    fs::remove(file);
     for (GraphClass g : kAllGraphClasses) GraphPalette::colors(g) = GraphPalette::defaults(g);
   }
-  void TearDown() override { fs::remove(file); }
-  fs::path file;
+  test::TempDir dir{"pelmora-graphs"};
+  const fs::path file = dir / "defaults.json";
 };
 
 TEST(GraphColors, TextRoundTripAndRejects) {

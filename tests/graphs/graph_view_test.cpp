@@ -13,11 +13,11 @@
 #include <QPushButton>
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <tuple>
 
+#include "common/temp_dir.h"
 #include "graphs/views/graph_legend.h"
 #include "graphs/views/graph_popover.h"
 #include "graphs/views/graph_view_battery.h"
@@ -50,9 +50,6 @@ class GraphWidgetTest : public ::testing::Test {
  protected:
   void SetUp() override {
     QLocale::setDefault(QLocale::c());
-    file = fs::temp_directory_path() / ("pelmora-graphview-" + std::to_string(::getpid()) + "-" +
-                                        ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".json");
-    fs::remove(file);
     store = std::make_unique<DefaultSettings>(file);
     GraphView::setSettingsStore(store.get());
     for (GraphClass g : kAllGraphClasses) GraphPalette::colors(g) = GraphPalette::defaults(g);
@@ -63,7 +60,6 @@ class GraphWidgetTest : public ::testing::Test {
   void TearDown() override {
     GraphView::setSettingsStore(nullptr);
     GraphSwitches::current() = GraphSwitches{};
-    fs::remove(file);
   }
   // Half busy (a quarter user, a quarter system) for every column.
   static std::vector<cpu_sample_t> halfBusy(size_t samples) {
@@ -71,7 +67,8 @@ class GraphWidgetTest : public ::testing::Test {
     for (uint64_t i = 0; i < samples; ++i) h.push_back({i * 10, i * 10, i * 20, 1000.0 + double(i)});
     return h;
   }
-  fs::path file;
+  test::TempDir dir{"pelmora-graphview"};
+  const fs::path file = dir / "defaults.json";
   std::unique_ptr<DefaultSettings> store;
 };
 

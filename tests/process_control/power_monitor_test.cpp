@@ -9,6 +9,7 @@
 
 #include "support/broadcast.h"
 #include "support/main_queue.h"
+#include "common/temp_dir.h"
 
 namespace fs = std::filesystem;
 using namespace pelmora;
@@ -39,14 +40,6 @@ struct BroadcastCounter {
 // A writable copy of a fixture tree, so a test can plug and unplug the charger.
 class PowerTree : public ::testing::Test {
  protected:
-  void SetUp() override {
-    dir = fs::temp_directory_path() /
-          ("pelmora-power-" + std::to_string(::getpid()) + "-" +
-           ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(dir);
-    fs::copy(std::string(PELMORA_FIXTURES) + "/power-laptop-mains", dir, fs::copy_options::recursive);
-  }
-  void TearDown() override { fs::remove_all(dir); }
   SysRoot root() const { return SysRoot("/proc", dir.string()); }
   void set(const std::string& attribute, const std::string& value) {
     std::ofstream(dir / "class/power_supply" / attribute) << value << "\n";
@@ -59,7 +52,8 @@ class PowerTree : public ::testing::Test {
     set("AC/online", "1");
     set("BAT0/status", "Charging");
   }
-  fs::path dir;
+  test::TempDir temp{"pelmora-power"};
+  const fs::path dir = temp.copyFixture("power-laptop-mains");
 };
 
 TEST(PowerMonitorFixtures, EachMachineReportsItsSource) {

@@ -11,6 +11,7 @@
 #include "support/default_settings.h"
 #include "support/logger.h"
 #include "support/main_queue.h"
+#include "common/temp_dir.h"
 
 namespace fs = std::filesystem;
 using namespace pelmora;
@@ -21,15 +22,9 @@ namespace {
 class ProcSettingsTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    dir = fs::temp_directory_path() /
-          ("pelmora-procsettings-" + std::to_string(::getpid()) + "-" +
-           ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(dir);
-    fs::create_directories(dir);
     fs::copy(std::string(PELMORA_FIXTURES) + "/power-laptop-mains", dir / "sys", fs::copy_options::recursive);
     RunLoop::main().runUntilIdle();
   }
-  void TearDown() override { fs::remove_all(dir); }
   fs::path file() const { return dir / "defaults.json"; }
   void write(const std::string& text) { std::ofstream(file()) << text; }
   // What a fresh reader of the file sees.
@@ -42,7 +37,8 @@ class ProcSettingsTest : public ::testing::Test {
     std::ofstream(dir / "sys/class/power_supply/AC/online") << "0\n";
     std::ofstream(dir / "sys/class/power_supply/BAT0/status") << "Discharging\n";
   }
-  fs::path dir;
+  test::TempDir temp{"pelmora-procsettings"};
+  const fs::path& dir = temp.path();
 };
 
 TEST_F(ProcSettingsTest, SaveOptionsDecideWhatIsWritten) {

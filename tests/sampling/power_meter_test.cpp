@@ -6,6 +6,7 @@
 #include <fstream>
 
 #include "test_support.h"
+#include "common/temp_dir.h"
 
 using namespace pelmora;
 using pelmora::testing::testName;
@@ -89,19 +90,12 @@ TEST(PowerMeter, OnlyTopLevelRaplZonesArePackages) {
 // The laptop fixture copied so a test can move the energy counter and take sources away.
 class LaptopPower : public ::testing::Test {
  protected:
-  void SetUp() override {
-    m_dir = std::filesystem::temp_directory_path() /
-            ("pelmora-power-" + std::to_string(getpid()) + "-" +
-             testName(::testing::UnitTest::GetInstance()->current_test_info()->name()));
-    std::filesystem::remove_all(m_dir);
-    std::filesystem::copy(pelmora::testing::fixtureDir("sampling-laptop"), m_dir, std::filesystem::copy_options::recursive);
-  }
-  void TearDown() override { std::filesystem::remove_all(m_dir); }
   SysRoot root() const { return SysRoot((m_dir / "proc").string(), (m_dir / "sys").string()); }
   void write(const std::string& relative, const std::string& text) { std::ofstream(m_dir / "sys" / relative) << text; }
   void remove(const std::string& relative) { std::filesystem::remove_all(m_dir / "sys" / relative); }
 
-  std::filesystem::path m_dir;
+  pelmora::test::TempDir m_temp{"pelmora-power"};
+  const std::filesystem::path m_dir = m_temp.copyFixture("sampling-laptop");
 };
 
 // A counter this process may not read (a root-only file; as root in this test, a directory stands

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "support/logger.h"
+#include "common/temp_dir.h"
 
 namespace fs = std::filesystem;
 using pelmora::DefaultSettings;
@@ -17,16 +18,10 @@ namespace {
 
 class SettingsTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    dir = fs::temp_directory_path() / ("pelmora-settings-" + std::to_string(::getpid()) + "-" +
-                                       ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(dir);
-    fs::create_directories(dir);
-    file = dir / "defaults.json";
-  }
-  void TearDown() override { fs::remove_all(dir); }
   void write(const std::string& text) { std::ofstream(file) << text; }
-  fs::path dir, file;
+  pelmora::test::TempDir temp{"pelmora-settings"};
+  const fs::path& dir = temp.path();
+  const fs::path file = dir / "defaults.json";
 };
 
 TEST_F(SettingsTest, MissingFileReadsDefaultsAndSavesSurviveAReload) {

@@ -7,13 +7,14 @@
 #include <filesystem>
 #include <string>
 
+#include "common/temp_dir.h"
+
 namespace pelmora {
 namespace {
 
 TEST(Logger, TheLogIsNotHandedToChildProcesses) {
-  char dir[] = "/tmp/pelmora-log-XXXXXX";
-  ASSERT_TRUE(::mkdtemp(dir));
-  const std::filesystem::path log = std::filesystem::path(dir) / "pelmora.log";
+  const test::TempDir dir("pelmora-log");
+  const std::filesystem::path log = dir / "pelmora.log";
   Logger::shared().setPath(log);
   Log("opened");
   // What a child started by us holds open, as the kernel lists it.
@@ -26,7 +27,6 @@ TEST(Logger, TheLogIsNotHandedToChildProcesses) {
   Logger::shared().close();
   EXPECT_NE(listing.find(" -> "), std::string::npos);  // the listing itself ran
   EXPECT_EQ(listing.find(log.string()), std::string::npos) << listing;
-  std::filesystem::remove_all(dir);
 }
 
 }  // namespace

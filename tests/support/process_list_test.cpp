@@ -13,6 +13,7 @@
 
 #include "support/pid.h"
 #include "support/sys_attr.h"
+#include "common/temp_dir.h"
 
 namespace pelmora {
 namespace {
@@ -90,9 +91,8 @@ TEST(ProcessKinds, CommandLines) {
 }
 
 TEST(ProcessList, WalksNumericEntriesOfAFixtureProc) {
-  char pattern[] = "/tmp/pelmora-plist-XXXXXX";
-  ASSERT_TRUE(mkdtemp(pattern));
-  const std::filesystem::path dir = pattern;
+  const test::TempDir temp("pelmora-plist");
+  const std::filesystem::path& dir = temp.path();
   for (const char* name : {"1", "2", "300", "self", "sys", "acpi"}) std::filesystem::create_directories(dir / name);
   std::ofstream(dir / "2/stat") << "2 (kthreadd) S 0 0 0 0 -1 2129984 0 0 0 0 0 0 0 0 20 0 1 0 10 0 0";
   ProcessList list(SysRoot(dir.string(), "/sys"));

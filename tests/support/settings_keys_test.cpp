@@ -1,11 +1,11 @@
 #include "support/settings_keys.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <set>
 
+#include "common/temp_dir.h"
 #include "support/default_settings.h"
 
 namespace pelmora {
@@ -13,18 +13,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-fs::path freshDir() {
-  static int counter = 0;
-  fs::path dir = fs::temp_directory_path() /
-                 ("pelmora-keys-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
-  fs::remove_all(dir);
-  fs::create_directories(dir);
-  return dir;
-}
-
 struct FreshStore {
-  ~FreshStore() { fs::remove_all(dir); }
-  fs::path dir = freshDir();
+  test::TempDir dir{"pelmora-keys"};
   DefaultSettings store{dir / "defaults.json"};
 };
 
