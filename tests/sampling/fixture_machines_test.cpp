@@ -12,7 +12,7 @@
 
 using namespace pelmora;
 using pelmora::testing::fixtureRoot;
-using pelmora::testing::testName;
+using pelmora::testing::byLabel;
 
 namespace {
 
@@ -107,7 +107,7 @@ INSTANTIATE_TEST_SUITE_P(
                     {{"sda", "Msft Virtual Disk"}, {"sdb", "Virtual Disk"}, {"nvme0n1", "INTEL SSDPE2KX010T8"},
                      {"nvme1n1", "Micron 7450"}},
                     {"ens3", "ens4"}, {}, {}}),
-    [](const auto& info) { return testName(info.param.label); });
+    byLabel);
 
 TEST(FixtureMachines, SectorsAre512BytesWhateverTheBlockSize) {
   // The laptop's NVMe drive has 4096-byte logical blocks; its stat file still counts 512-byte sectors.

@@ -9,11 +9,9 @@
 #include "common/temp_dir.h"
 
 using namespace pelmora;
-using pelmora::testing::testName;
+using pelmora::testing::byLabel;
 
 namespace {
-
-auto byLabel = [](const auto& info) { return testName(info.param.label); };
 
 struct DeltaCase {
   const char* label;

@@ -6,11 +6,9 @@
 #include "test_support.h"
 
 using namespace pelmora;
-using pelmora::testing::testName;
+using pelmora::testing::byLabel;
 
 namespace {
-
-auto byLabel = [](const auto& info) { return testName(info.param.label); };
 
 struct BusyCase {
   const char* label;

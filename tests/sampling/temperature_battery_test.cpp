@@ -12,11 +12,9 @@
 
 using namespace pelmora;
 using pelmora::testing::fixtureRoot;
-using pelmora::testing::testName;
+using pelmora::testing::byLabel;
 
 namespace {
-
-auto byLabel = [](const auto& info) { return testName(info.param.label); };
 
 struct FiguresCase {
   const char* label;

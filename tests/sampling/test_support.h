@@ -18,4 +18,7 @@ inline std::string testName(std::string label) {
   return label;
 }
 
+// Names the cases of a parameterised suite after their `label`.
+inline constexpr auto byLabel = [](const auto& info) { return testName(info.param.label); };
+
 }  // namespace pelmora::testing
