@@ -51,6 +51,7 @@ CPULimiter::CPULimiter(Pelmora& helper, SysRoot root, DefaultSettings& settings,
       m_energy(m_root),
       m_uid(getuid()),
       m_proclist(m_root),
+      m_process_tree(m_root),
       m_journal(m_options.journal_dir.empty() ? StopJournal::defaultDir() : m_options.journal_dir, m_root) {
   if (!monitor) {
     PowerMonitor::Options manual;

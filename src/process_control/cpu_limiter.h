@@ -24,6 +24,7 @@
 #include "process_control/pm_energy.h"
 #include "process_control/process_cpu_clock.h"
 #include "process_control/procinfo.h"
+#include "process_control/process_tree.h"
 #include "process_control/stop_journal.h"
 #include "support/kernel_records.h"
 #include "support/mutex.h"
@@ -123,14 +124,20 @@ class CPULimiter {
 
   // The mutex the caller of setLimit() must hold.
   Mutex& mutex() { return m_mutex; }
-  // Limits `pid` to `share` of one processor. The caller holds mutex().
-  void setLimit(int32_t pid, double share);
+  // Limits `pid` to `share` of one processor; with `tree`, the process and all its descendants,
+  // present and future, share it together. The caller holds mutex(). A process inside a held tree
+  // is held by the tree and cannot be limited apart.
+  void setLimit(int32_t pid, double share, bool tree = false);
   void clearLimit(int32_t pid);
   void clearAllLimits();
   void continueAll();
   std::optional<double> limitFor(int32_t pid);
   std::map<int32_t, pidInfo> limits();
   std::map<int32_t, adjustInfo> adjustments();
+  // The held trees: first process -> every member (itself included while it lives).
+  std::map<int32_t, std::set<int32_t>> trees();
+  // The first process of the tree that holds `pid`, if one does.
+  std::optional<int32_t> treeOf(int32_t pid);
   void setLimitFrontmost(bool limit_frontmost);
 
   // Re-reads the PID settings and intervals (also on "net.tandrel.pelmora.prefschanged").
@@ -176,7 +183,22 @@ class CPULimiter {
   void removeLimitLocked(int32_t pid);
   std::optional<int64_t> measureCPU_us(int32_t pid);
   bool sendSignalLocked(int32_t pid, int signal);
-  void saveLimitNameLocked(int32_t pid, std::optional<double> share);
+  void saveLimitNameLocked(int32_t pid, std::optional<double> share, bool tree = false);
+  // cpu_limiter_tree.cpp
+  // The process, or every member of the tree it heads; false when none took the signal.
+  bool signalLocked(int32_t pid, int signal);
+  void startTreeLocked(int32_t root, pidInfo& record);
+  // Continues and lets go of every member but the first process, and forgets the tree.
+  void endTreeLocked(int32_t root);
+  void forgetMemberLocked(int32_t pid);
+  // One pass over the process links: each tree's members this tick. A limit of a process found
+  // inside a tree gives way to the tree (`released`: processes whose own limit held them stopped).
+  std::map<int32_t, std::set<int32_t>> growTreesLocked(std::set<int32_t>& released);
+  // The group's new summed processor time, after joining and letting go members; none when no
+  // member is left.
+  std::optional<int64_t> measureTreeLocked(int32_t root, const pidInfo& record, const std::set<int32_t>& found,
+                                           const std::set<int32_t>& released);
+  std::optional<int32_t> treeOfLocked(int32_t pid) const;
   // cpu_limiter_adjuster.cpp
   void adjusterRunLocked();
   void reniceLocked(int32_t pid, int priority);
@@ -204,6 +226,7 @@ class CPULimiter {
   std::map<int32_t, procinfo> m_processes;
   std::unique_ptr<ProcSettings> m_proc_settings;
   std::map<int32_t, adjustInfo> m_adjustments;
+  std::map<int32_t, treeInfo> m_trees;  // by first process; each also has its record in m_pids
   std::unique_ptr<Execute> m_nettop;
   std::string m_nettop_buffer;
   std::map<int32_t, netUsage> m_netuse;
@@ -215,6 +238,7 @@ class CPULimiter {
   double m_ki = 0.25;
   double m_kd = 0.0125;
   ProcessList m_proclist;
+  ProcessTree m_process_tree;  // parent links, read only while a tree is held
   StopJournal m_journal;
   bool m_listening = false;
   std::set<int32_t> m_unreadable;  // processes the last refresh could not read

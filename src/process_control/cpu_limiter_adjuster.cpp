@@ -80,6 +80,12 @@ void CPULimiter::reniceLocked(int32_t pid, int priority) {
   m_proc_settings->setPriority(row->second.name, m_proc_settings->power(), priority);
   saveProcessesIntervalLocked();
   m_helper.setPriority(pid, priority);
+  // A held tree's first process gives its priority to the whole group, members still to come too.
+  if (auto tree = m_trees.find(pid); tree != m_trees.end()) {
+    tree->second.nice = priority;
+    for (const auto& [member, cpu_us] : tree->second.members)
+      if (member != pid) m_helper.setPriority(member, priority);
+  }
 }
 
 }  // namespace pelmora

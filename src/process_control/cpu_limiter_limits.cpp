@@ -5,6 +5,7 @@
 #include "process_control/cpu_limiter.h"
 #include "process_control/limiter_math.h"
 #include "process_control/proc_settings.h"
+#include "support/logger.h"
 #include "support/pid.h"
 
 namespace pelmora {
@@ -31,7 +32,12 @@ std::optional<int64_t> CPULimiter::measureCPU_us(int32_t pid) {
 
 bool CPULimiter::sendSignalLocked(int32_t pid, int signal) { return m_helper.sendSignal(pid, signal) == 0; }
 
-void CPULimiter::setLimit(int32_t pid, double share) {
+void CPULimiter::setLimit(int32_t pid, double share, bool tree) {
+  if (auto holder = treeOfLocked(pid); holder && *holder != pid) {
+    Log("Process " + std::to_string(pid) + " is held with the tree of process " + std::to_string(*holder) +
+        "; its own limit is not set.");
+    return;
+  }
   const bool was_empty = m_pids.empty();
   pidInfo record;
   if (auto it = m_pids.find(pid); it != m_pids.end()) {
@@ -42,20 +48,28 @@ void CPULimiter::setLimit(int32_t pid, double share) {
     record.totalCPU = measureCPU_us(pid).value_or(0);
     m_journal.hold(pid);
   }
+  if (tree && !m_trees.count(pid)) {
+    startTreeLocked(pid, record);
+    m_adjustments.erase(pid);  // its processor time is now the group's: the adjuster starts afresh
+  } else if (!tree && m_trees.count(pid)) {
+    endTreeLocked(pid);
+    record.totalCPU = measureCPU_us(pid).value_or(record.totalCPU);
+    m_adjustments.erase(pid);
+  }
   record.cpuLimit = share;
   record.creditQuantum = creditQuantumFor(share, m_limiter_update_interval);
   record.frontmost = PID(pid, m_root).isFrontmost();
   m_pids[pid] = record;
-  saveLimitNameLocked(pid, share);
+  saveLimitNameLocked(pid, share, tree);
   if (was_empty) setTimerPeriodLocked();
 }
 
 // Records (share) or forgets (none) the limit under the process's name for the current power source.
-void CPULimiter::saveLimitNameLocked(int32_t pid, std::optional<double> share) {
+void CPULimiter::saveLimitNameLocked(int32_t pid, std::optional<double> share, bool tree) {
   auto row = m_processes.find(pid);
   if (row == m_processes.end() || row->second.name.empty()) return;
   if (share)
-    m_proc_settings->setLimit(row->second.name, m_proc_settings->power(), *share);
+    m_proc_settings->setLimit(row->second.name, m_proc_settings->power(), *share, tree);
   else
     m_proc_settings->removeLimit(row->second.name);
   saveProcessesIntervalLocked();
@@ -64,7 +78,8 @@ void CPULimiter::saveLimitNameLocked(int32_t pid, std::optional<double> share) {
 void CPULimiter::removeLimitLocked(int32_t pid) {
   auto it = m_pids.find(pid);
   if (it == m_pids.end()) return;
-  sendSignalLocked(pid, SIGCONT);  // whether or not we think it is stopped
+  signalLocked(pid, SIGCONT);  // whether or not we think it is stopped
+  endTreeLocked(pid);
   m_pids.erase(it);
   m_cpu_clocks.erase(pid);
   m_journal.forget(pid);
@@ -82,9 +97,11 @@ void CPULimiter::clearAllLimits() {
   m_proc_settings->clearLimits();
   const auto pids = m_pids;
   for (const auto& [pid, record] : pids) {
-    if (!sendSignalLocked(pid, SIGCONT)) removeLimitLocked(pid);
+    if (!signalLocked(pid, SIGCONT)) removeLimitLocked(pid);
   }
   m_pids.clear();
+  m_trees.clear();
+  m_adjustments.clear();
   m_cpu_clocks.clear();
   m_journal.forgetAll();
   saveProcessesIntervalLocked();
@@ -95,7 +112,7 @@ void CPULimiter::continueAll() {
   MutexLock lock(m_mutex);
   const auto pids = m_pids;
   for (const auto& [pid, record] : pids) {
-    if (!sendSignalLocked(pid, SIGCONT)) removeLimitLocked(pid);
+    if (!signalLocked(pid, SIGCONT)) removeLimitLocked(pid);
   }
 }
 
@@ -113,12 +130,23 @@ std::map<int32_t, pidInfo> CPULimiter::limits() {
 
 void CPULimiter::limiterTickLocked() {
   const Timeval now;
+  std::set<int32_t> released;
+  const auto found = growTreesLocked(released);
   const auto old = m_pids;
   std::map<int32_t, pidInfo> next;
   for (const auto& [pid, record] : old) {
     if (record.pid < 0) continue;
+    const auto tree = found.find(pid);
     int64_t total = record.totalCPU;
-    if (!record.stopped) {
+    if (tree != found.end()) {
+      // Always measured: a member that joined since the last tick may have run.
+      const auto measured = measureTreeLocked(pid, record, tree->second, released);
+      if (!measured) {
+        m_journal.forget(pid);
+        continue;
+      }
+      total = *measured;
+    } else if (!record.stopped) {
       const auto measured = measureCPU_us(pid);
       if (!measured) {
         m_journal.forget(pid);  // gone: nothing to continue
@@ -128,8 +156,8 @@ void CPULimiter::limiterTickLocked() {
     }
     const LimiterStep step = limiterStep(record, total, m_limit_frontmost, now);
     bool ok = true;
-    if (step.signal == LimiterSignal::stop) ok = sendSignalLocked(pid, SIGSTOP);
-    if (step.signal == LimiterSignal::resume) ok = sendSignalLocked(pid, SIGCONT);
+    if (step.signal == LimiterSignal::stop) ok = signalLocked(pid, SIGSTOP);
+    if (step.signal == LimiterSignal::resume) ok = signalLocked(pid, SIGCONT);
     if (!ok) {
       removeLimitLocked(pid);
       continue;

@@ -191,9 +191,10 @@ void CPULimiter::applySavedSettingsLocked(const procinfo& row) {
   // would limit someone who never asked for it. Limiting another user's process stays an explicit act.
   if (row.uid != m_uid) return;
   const std::string power = m_proc_settings->power();
-  if (auto share = m_proc_settings->limitFor(row.name, power)) {
+  // A process born inside a held tree is held by the tree, whatever its own name remembers.
+  if (auto share = m_proc_settings->limitFor(row.name, power); share && !treeOfLocked(row.pid)) {
     // The new row is not in the table yet, so setLimit does not write the saved list again.
-    setLimit(row.pid, *share);
+    setLimit(row.pid, *share, m_proc_settings->limitHoldsTree(row.name, power));
   }
   if (auto priority = m_proc_settings->priorityFor(row.name, power)) m_helper.setPriority(row.pid, *priority);
 }

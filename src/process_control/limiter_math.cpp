@@ -16,6 +16,29 @@ int64_t checkedAdd(int64_t a, int64_t b) {
   return out;
 }
 
+GroupTally tallyGroup(const std::map<int32_t, int64_t>& before, const std::map<int32_t, std::optional<int64_t>>& now,
+                      const std::set<int32_t>& born_during_hold) {
+  GroupTally out;
+  for (const auto& [pid, cpu_us] : before)
+    if (!now.count(pid)) out.left.push_back(pid);
+  for (const auto& [pid, cpu_us] : now) {
+    if (!cpu_us) {
+      if (before.count(pid)) out.left.push_back(pid);
+      continue;
+    }
+    out.member_cpu_us[pid] = *cpu_us;
+    const auto old = before.find(pid);
+    int64_t used = 0;
+    if (old != before.end())
+      used = *cpu_us >= old->second ? checkedAdd(*cpu_us, -old->second) : *cpu_us;
+    else if (born_during_hold.count(pid))
+      used = *cpu_us;
+    out.used_us = checkedAdd(out.used_us, used);
+  }
+  std::sort(out.left.begin(), out.left.end());
+  return out;
+}
+
 double creditQuantumFor(double share, int64_t limiter_interval_ms) {
   return static_cast<double>(limiter_interval_ms) * 1000.0 * share;
 }

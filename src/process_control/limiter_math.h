@@ -3,7 +3,10 @@
 // simulated process can drive it in tests. Overflow of the microsecond sums is a programming error
 // and aborts.
 #include <cstdint>
+#include <map>
 #include <optional>
+#include <set>
+#include <vector>
 
 #include "process_control/pid_info.h"
 
@@ -43,6 +46,22 @@ adjustInfo freshAdjustInfo(const pidInfo& record, const Timeval& now);
 // unknown, which clamps the integral and derivative to 0). None when no time has passed.
 std::optional<AdjusterStep> adjusterStep(const pidInfo& record, const adjustInfo& info, const AdjusterSettings& s,
                                          double cpus, const Timeval& now);
+
+// One tick of a held tree: what its members used since the last tick.
+struct GroupTally {
+  int64_t used_us = 0;                       // the whole group's processor time since the last tick
+  std::map<int32_t, int64_t> member_cpu_us;  // the members still there, with their time now
+  std::vector<int32_t> left;                 // members that are gone
+};
+
+// `before`: the members at the last tick with their processor time then. `now`: the members found
+// this tick (old and new) with their time now, none for one that could not be read. A member new
+// since the last tick is charged all its time when it was born during the hold (in
+// `born_during_hold`: a child forked by a member ran inside the group's share), and nothing when it
+// is older (a process adopted into the tree brings a past that is not the group's). A counter that
+// went backwards (a pid reused between two ticks) counts as a fresh start. Pure.
+GroupTally tallyGroup(const std::map<int32_t, int64_t>& before, const std::map<int32_t, std::optional<int64_t>>& now,
+                      const std::set<int32_t>& born_during_hold);
 
 // a + b; aborts on overflow.
 int64_t checkedAdd(int64_t a, int64_t b);

@@ -1,6 +1,8 @@
 #pragma once
 // The records of a limited process (the duty cycle's state) and of its adjuster.
 #include <cstdint>
+#include <map>
+#include <optional>
 
 #include "support/timeval.h"
 
@@ -17,6 +19,15 @@ struct pidInfo {
   int64_t totalTimeStopped = 0;  // us
   Timeval stopTime;
   double credit = 0.0;  // us still allowed; never above creditQuantum
+};
+
+// A limit that holds a process together with all its descendants, present and future. Its pidInfo,
+// under the first process's pid, carries the group's summed processor time and the duty cycle
+// that stops and continues every member together.
+struct treeInfo {
+  std::map<int32_t, int64_t> members;  // pid -> its processor time (us) at the last tick
+  uint64_t since_ticks = 0;  // the newest process start (ticks after boot) when the hold began
+  std::optional<int> nice;   // a priority given to the whole group, joiners included
 };
 
 struct adjustInfo {

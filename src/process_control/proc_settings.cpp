@@ -7,6 +7,7 @@
 #include "support/broadcast.h"
 #include "support/default_settings.h"
 #include "support/logger.h"
+#include "support/settings_keys.h"
 
 namespace pelmora {
 namespace {
@@ -92,6 +93,23 @@ PriorityTable priorityTableFromJson(const nlohmann::json& value, std::vector<std
 nlohmann::json toJson(const LimitTable& table) { return tableToJson(table); }
 nlohmann::json toJson(const PriorityTable& table) { return tableToJson(table); }
 
+std::map<std::string, std::set<std::string>> treeNamesFromJson(const nlohmann::json& value) {
+  std::map<std::string, std::set<std::string>> out;
+  const auto table = tableFromJson<bool>(
+      value, [](const nlohmann::json& v) { return v.is_boolean() && v.get<bool>() ? std::optional<bool>(true) : std::nullopt; },
+      nullptr);
+  for (const auto& [power, names] : table)
+    for (const auto& [name, on] : names) out[power].insert(name);
+  return out;
+}
+
+nlohmann::json treeNamesToJson(const std::map<std::string, std::set<std::string>>& names) {
+  nlohmann::json out = nlohmann::json::object();
+  for (const auto& [power, set] : names)
+    for (const auto& name : set) out[power][name] = true;
+  return out;
+}
+
 ProcSettings::ProcSettings() : ProcSettings(DefaultSettings::shared(), PowerMonitor::shared()) {}
 
 ProcSettings::ProcSettings(DefaultSettings& store, PowerMonitor& monitor)
@@ -123,10 +141,21 @@ std::optional<double> ProcSettings::limitFor(const std::string& name, const std:
   return lookup<LimitTable, double>(m_limited_names, name, power);
 }
 
-void ProcSettings::setLimit(const std::string& name, const std::string& power, double share) {
+void ProcSettings::setLimit(const std::string& name, const std::string& power, double share, bool tree) {
   MutexLock lock(m_mutex);
   m_limited_names[power][name] = share;
+  if (tree)
+    m_tree_names[power].insert(name);
+  else if (auto source = m_tree_names.find(power); source != m_tree_names.end() && source->second.erase(name) &&
+                                                   source->second.empty())
+    m_tree_names.erase(source);
   saveLocked();
+}
+
+bool ProcSettings::limitHoldsTree(const std::string& name, const std::string& power) {
+  MutexLock lock(m_mutex);
+  auto source = m_tree_names.find(power);
+  return source != m_tree_names.end() && source->second.count(name) > 0;
 }
 
 void ProcSettings::removeLimit(const std::string& name) { removeLimit(name, power()); }
@@ -138,12 +167,17 @@ void ProcSettings::removeLimit(const std::string& name, const std::string& power
     source->second.erase(name);
     if (source->second.empty()) m_limited_names.erase(source);
   }
+  if (auto trees = m_tree_names.find(power); trees != m_tree_names.end()) {
+    trees->second.erase(name);
+    if (trees->second.empty()) m_tree_names.erase(trees);
+  }
   saveLocked();
 }
 
 void ProcSettings::clearLimits() {
   MutexLock lock(m_mutex);
   m_limited_names.erase(m_power);
+  m_tree_names.erase(m_power);
   saveLocked();
 }
 
@@ -186,6 +220,7 @@ void ProcSettings::loadLocked() {
     } else if (stored) {
       Log("Saved \"limited\" is not a dictionary and is ignored.");
     }
+    m_tree_names = treeNamesFromJson(keys::kLimitedTree.load(m_store));
   }
   if (m_store.loadBool(kSaveRenicedKey, true)) {
     if (auto stored = m_store.loadValue(kRenicedKey); stored && stored->is_object()) {
@@ -199,7 +234,10 @@ void ProcSettings::loadLocked() {
 }
 
 void ProcSettings::saveLocked() {
-  if (m_store.loadBool(kSaveLimitedKey, true)) m_store.saveDict(kLimitedKey, toJson(m_limited_names));
+  if (m_store.loadBool(kSaveLimitedKey, true)) {
+    m_store.saveDict(kLimitedKey, toJson(m_limited_names));
+    keys::kLimitedTree.save(m_store, treeNamesToJson(m_tree_names));
+  }
   if (m_store.loadBool(kSaveRenicedKey, true)) m_store.saveDict(kRenicedKey, toJson(m_reniced_names));
 }
 

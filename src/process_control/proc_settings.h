@@ -1,11 +1,14 @@
 #pragma once
 // The remembered CPU limits and priorities, by program name, one list per power source ("AC Power",
 // "Battery Power"). Kept in the settings store under "limited" and "reniced", each only while its
-// option ("save_limited", "save_reniced") is on. Called from the limiter's timer thread and the main
+// option ("save_limited", "save_reniced") is on. The names whose limit includes their child
+// processes are kept apart, under "limited_tree", so that a settings file written before such limits
+// existed loads as it did, and one written since still loads in an older version. Called from the limiter's timer thread and the main
 // thread; every operation takes m_mutex, always after CPULimiter.m_mutex when both are held.
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -32,6 +35,9 @@ LimitTable limitTableFromJson(const nlohmann::json& value, std::vector<std::stri
 PriorityTable priorityTableFromJson(const nlohmann::json& value, std::vector<std::string>* rejected = nullptr);
 nlohmann::json toJson(const LimitTable& table);
 nlohmann::json toJson(const PriorityTable& table);
+// "limited_tree": power-source name -> (program name -> true). Entries that are not true are left out.
+std::map<std::string, std::set<std::string>> treeNamesFromJson(const nlohmann::json& value);
+nlohmann::json treeNamesToJson(const std::map<std::string, std::set<std::string>>& names);
 
 class ProcSettings {
  public:
@@ -46,7 +52,9 @@ class ProcSettings {
   std::string power();
 
   std::optional<double> limitFor(const std::string& name, const std::string& power);
-  void setLimit(const std::string& name, const std::string& power, double share);
+  // `tree`: the limit holds the program together with all its child processes.
+  void setLimit(const std::string& name, const std::string& power, double share, bool tree = false);
+  bool limitHoldsTree(const std::string& name, const std::string& power);
   // Removes the name from the current source's list, or from the named source's (and the list when
   // it becomes empty).
   void removeLimit(const std::string& name);
@@ -72,6 +80,7 @@ class ProcSettings {
   std::string m_power;
   LimitTable m_limited_names;
   PriorityTable m_reniced_names;
+  std::map<std::string, std::set<std::string>> m_tree_names;  // power-source name -> names
   DefaultSettings& m_store;
   PowerMonitor& m_monitor;
 };

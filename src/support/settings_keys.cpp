@@ -43,7 +43,7 @@ std::vector<SettingKey> buildTable() {
       entry(kAppPelmora), entry(kAppProcesses), entry(kAppSystemStats), entry(kCpuSettings),
       entry(kWarnThrottle), entry(kWarnApplyBoot), entry(kApplyBoot), entry(kSaveLimited),
       entry(kSaveReniced), entry(kLaunchAtLogin), entry(kShowDock), entry(kShowMenubar),
-      entry(kLimitFrontmost), entry(kLimited), entry(kReniced), entry(kLimiterInterval_ms),
+      entry(kLimitFrontmost), entry(kLimited), entry(kReniced), entry(kLimitedTree), entry(kLimiterInterval_ms),
       entry(kAdjusterInterval_ms), entry(kPIDProportional), entry(kPIDIntegral), entry(kPIDDerivative),
       entry(kUsePIDController), entry(kProcessesInterval_ms), entry(kProcessFilter),
       entry(kProcessSortColumn), entry(kProcessSortAscending), entry(kDockDisplay),

@@ -73,6 +73,8 @@ inline constexpr BoolKey kLimitFrontmost{"LimitFrontmost", false};
 // Per-power-source lists of limited and reniced programs.
 inline constexpr DictKey kLimited{"limited"};
 inline constexpr DictKey kReniced{"reniced"};
+// Power-source name -> program name -> true: the limits that hold the program's child processes too.
+inline constexpr DictKey kLimitedTree{"limited_tree"};
 // Limiter and adjuster (milliseconds) and the PID law.
 inline constexpr IntKey kLimiterInterval_ms{"limiter_sample_interval", 30};
 inline constexpr IntKey kAdjusterInterval_ms{"adjuster_sample_interval", 500};
