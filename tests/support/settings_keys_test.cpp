@@ -25,6 +25,7 @@ const nlohmann::json kExpected = {
     {"apply_boot", false}, {"save_limited", true}, {"save_reniced", true}, {"LaunchAtLogin", false},
     {"show_dock", true}, {"show_menubar", false}, {"LimitFrontmost", false},
     {"limited", nlohmann::json::object()}, {"reniced", nlohmann::json::object()},
+    {"limited_tree", nlohmann::json::object()},
     {"limiter_sample_interval", 30}, {"adjuster_sample_interval", 500}, {"PID_proportional", 0.5},
     {"PID_integral", 0.25}, {"PID_derivative", 0.0125}, {"PID_use_pidcontroller", false},
     {"UPDATE_PROCESSES", 5000}, {"process_filter", 0}, {"process_sort_column", "pctcpu"},

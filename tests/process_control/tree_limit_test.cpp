@@ -1,0 +1,270 @@
+// Limits that hold a process with all its descendants: the membership and the group's arithmetic as
+// pure functions, then the whole tree inside CPULimiter against a simulated helper and a fixture
+// /proc whose stat files carry the parent links.
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+
+#include "process_control/cpu_limiter.h"
+#include "process_control/limiter_math.h"
+#include "process_control/proc_settings.h"
+#include "process_control/process_tree.h"
+#include "sim_helper.h"
+#include "support/main_queue.h"
+
+namespace pelmora {
+namespace {
+
+TEST(TreeMembers, FollowsParentLinksFromTheMembersThatAreStillThere) {
+  // 1 -> 10 -> 11 -> 12, 10 -> 13, 1 -> 20 -> 21; 30 is orphaned (parent 1) but was a member.
+  const ProcessLinks links = {{1, {0, 1}},   {10, {1, 5}},  {11, {10, 6}}, {12, {11, 7}},
+                              {13, {10, 8}}, {20, {1, 9}},  {21, {20, 9}}, {30, {1, 9}}};
+  struct Case {
+    const char* what;
+    std::set<int32_t> members, expected;
+  };
+  const Case cases[] = {
+      {"a whole subtree", {10}, {10, 11, 12, 13}},
+      {"a leaf", {12}, {12}},
+      {"an orphan stays, with whatever it forks", {10, 30}, {10, 11, 12, 13, 30}},
+      {"a member that is gone leaves", {10, 99}, {10, 11, 12, 13}},
+      {"two roots", {11, 20}, {11, 12, 20, 21}},
+      {"nothing left", {99}, {}},
+  };
+  for (const auto& c : cases) EXPECT_EQ(treeMembers(c.members, links), c.expected) << c.what;
+}
+
+TEST(TallyGroup, ChargesWhatEachMemberUsedAndNewbornsFromBirth) {
+  using Now = std::map<int32_t, std::optional<int64_t>>;
+  struct Case {
+    const char* what;
+    std::map<int32_t, int64_t> before;
+    Now now;
+    std::set<int32_t> born;
+    int64_t used_us;
+    std::vector<int32_t> left;
+  };
+  const Case cases[] = {
+      {"members that ran", {{1, 100}, {2, 50}}, {{1, 130}, {2, 70}}, {}, 50, {}},
+      {"a child forked during the hold: all its time", {{1, 100}}, {{1, 110}, {2, 25}}, {2}, 35, {}},
+      {"an adopted older process: none of its past", {{1, 100}}, {{1, 110}, {2, 9000}}, {}, 10, {}},
+      {"a member that exited, unreadable or unlisted", {{1, 100}, {2, 5}, {3, 7}}, {{1, 100}, {2, std::nullopt}}, {}, 0, {2, 3}},
+      {"a counter that went backwards starts afresh", {{1, 100}}, {{1, 40}}, {}, 40, {}},
+      {"a newborn that is already gone is no member", {{1, 100}}, {{1, 100}, {2, std::nullopt}}, {2}, 0, {}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const GroupTally t = tallyGroup(c.before, c.now, c.born);
+    EXPECT_EQ(t.used_us, c.used_us);
+    EXPECT_EQ(t.left, c.left);
+    for (const auto& [pid, cpu] : c.now) EXPECT_EQ(t.member_cpu_us.count(pid), cpu.has_value() ? 1u : 0u) << pid;
+  }
+}
+
+using Signals = std::vector<std::pair<int32_t, int64_t>>;
+
+// A tree in the fixture /proc: 100 -> {101, 102}, 101 -> 103; 200 is unrelated.
+struct TreeRig {
+  FakeClock clock;
+  test::SimRoot dir;
+  std::shared_ptr<test::SimWire> wire = std::make_shared<test::SimWire>();
+  Pelmora helper{std::make_unique<test::SimTransport>(wire)};
+  DefaultSettings settings{dir.settingsFile()};
+  std::unique_ptr<CPULimiter> limiter;
+
+  TreeRig() {
+    helper.setAuthorised(true);
+    add(100, 1, "make");
+    add(101, 100, "cc");
+    add(102, 100, "cc");
+    add(103, 101, "as");
+    add(200, 1, "other");
+    makeLimiter();
+  }
+  ~TreeRig() {
+    limiter.reset();
+    RunLoop::main().runUntilIdle();
+  }
+  void makeLimiter() {
+    CPULimiter::Options options;
+    options.journal_dir = dir.journalDir();
+    limiter = std::make_unique<CPULimiter>(helper, dir.root(), settings, options);
+  }
+  void add(int32_t pid, int32_t ppid, const std::string& name, uint64_t start_ticks = 100) {
+    dir.addProcess(pid);
+    wire->procs[pid].name = name;
+    wire->procs[pid].ppid = ppid;
+    wire->procs[pid].uid = ::getuid();  // saved limits apply to our own processes only
+    std::ofstream(dir.dir() / "proc" / std::to_string(pid) / "stat")
+        << pid << " (" << name << ") S " << ppid << " 0 0 0 0 0 0 0 0 0 0 0 0 0 20 0 1 0 " << start_ticks
+        << " 0 0\n";
+  }
+  void remove(int32_t pid) {
+    dir.removeProcess(pid);
+    wire->procs.erase(pid);
+  }
+  void limitTree(int32_t pid, double share) {
+    MutexLock lock(limiter->mutex());
+    limiter->setLimit(pid, share, true);
+  }
+  void step() {
+    clock.advance_us(30'000);
+    wire->run(30'000);
+    limiter->tick();
+  }
+  bool stopped(int32_t pid) { return wire->procs[pid].stopped; }
+  uint64_t cpu_ns(std::initializer_list<int32_t> pids) {
+    uint64_t sum = 0;
+    for (int32_t pid : pids) sum += wire->procs[pid].cpu_ns;
+    return sum;
+  }
+  // The pids each signal of one kind went to, in order.
+  std::set<int32_t> signalled(int64_t signal, size_t from = 0) {
+    std::set<int32_t> out;
+    for (size_t i = from; i < wire->signals.size(); ++i)
+      if (wire->signals[i].second == signal) out.insert(wire->signals[i].first);
+    return out;
+  }
+};
+
+TEST(TreeLimit, TheGroupsSummedTimeFollowsTheShareAndEveryMemberMovesTogether) {
+  TreeRig r;
+  const uint64_t before = r.cpu_ns({100, 101, 102, 103});
+  r.limitTree(100, 0.5);
+  EXPECT_EQ(r.limiter->trees().at(100), (std::set<int32_t>{100, 101, 102, 103}));
+  for (int i = 0; i < 80; ++i) r.step();
+  // Four busy processes held to half of one processor in total, not half each.
+  const double share = static_cast<double>(r.cpu_ns({100, 101, 102, 103}) - before) / 1000.0 / (80 * 30'000.0);
+  EXPECT_NEAR(share, 0.5, 0.05);
+  EXPECT_EQ(r.signalled(SIGSTOP), (std::set<int32_t>{100, 101, 102, 103}));
+  // At every stop, the members are stopped and continued together.
+  for (int32_t pid : {101, 102, 103}) EXPECT_EQ(r.stopped(pid), r.stopped(100));
+  EXPECT_FALSE(r.stopped(200));
+  EXPECT_EQ(r.signalled(SIGSTOP).count(200), 0u);
+  r.limiter->clearLimit(100);
+  for (int32_t pid : {100, 101, 102, 103}) EXPECT_FALSE(r.stopped(pid)) << pid;
+  EXPECT_TRUE(r.limiter->trees().empty());
+  EXPECT_TRUE(r.limiter->limits().empty());
+}
+
+TEST(TreeLimit, ChildrenJoinAtTheNextTickMembersLeaveAndTheGroupEndsWithTheLast) {
+  TreeRig r;
+  r.limitTree(100, 0.25);
+  r.step();
+  ASSERT_TRUE(r.stopped(100));
+  // Forked while the group is held: joins, is stopped with it, and brings the group's priority.
+  r.limiter->refresh();
+  r.limiter->renice(100, 7);
+  r.add(104, 102, "ld", 500);
+  r.step();
+  EXPECT_TRUE(r.limiter->trees().at(100).count(104));
+  EXPECT_TRUE(r.stopped(104));
+  EXPECT_NE(std::find(r.wire->priorities.begin(), r.wire->priorities.end(), std::make_pair(104, int64_t{7})),
+            r.wire->priorities.end());
+  // The first process exits: the group goes on under its pid without it.
+  r.remove(100);
+  r.remove(101);
+  for (int i = 0; i < 10; ++i) r.step();
+  EXPECT_EQ(r.limiter->trees().at(100), (std::set<int32_t>{102, 103, 104}));
+  const size_t mark = r.wire->signals.size();
+  for (int i = 0; i < 20; ++i) r.step();
+  EXPECT_EQ(r.signalled(SIGSTOP, mark), (std::set<int32_t>{102, 103, 104}));
+  for (int32_t pid : {102, 103, 104}) r.remove(pid);
+  r.step();
+  EXPECT_TRUE(r.limiter->trees().empty());
+  EXPECT_TRUE(r.limiter->limits().empty());
+  EXPECT_EQ(r.limiter->tickInterval(), 5000);
+}
+
+TEST(TreeLimit, ATreeTakesOverTheLimitsInsideItAndItsMembersCannotBeLimitedApart) {
+  TreeRig r;
+  {
+    MutexLock lock(r.limiter->mutex());
+    r.limiter->setLimit(101, 0.1);
+  }
+  r.step();
+  ASSERT_TRUE(r.stopped(101));
+  r.limitTree(100, 0.9);
+  EXPECT_EQ(r.limiter->limits().count(101), 0u);
+  EXPECT_FALSE(r.stopped(101));  // its own stop ends: the group runs now
+  {
+    MutexLock lock(r.limiter->mutex());
+    r.limiter->setLimit(103, 0.1);
+  }
+  EXPECT_EQ(r.limiter->limits().count(103), 0u);
+  EXPECT_EQ(r.limiter->treeOf(103), 100);
+  // Without its children again: the members are let go, the first process keeps its share.
+  r.step();
+  {
+    MutexLock lock(r.limiter->mutex());
+    r.limiter->setLimit(100, 0.9, false);
+  }
+  EXPECT_TRUE(r.limiter->trees().empty());
+  EXPECT_EQ(r.limiter->limitFor(100), 0.9);
+  for (int32_t pid : {101, 102, 103}) EXPECT_FALSE(r.stopped(pid)) << pid;
+}
+
+TEST(TreeLimit, EveryWayOutContinuesEveryMember) {
+  struct Case {
+    const char* what;
+    void (*out)(TreeRig&);
+  };
+  const Case cases[] = {
+      {"clear limit", [](TreeRig& r) { r.limiter->clearLimit(100); }},
+      {"clear all limits", [](TreeRig& r) { r.limiter->clearAllLimits(); }},
+      {"continue all (sleep)", [](TreeRig& r) { r.limiter->continueAll(); }},
+      {"quit", [](TreeRig& r) { r.limiter.reset(); }},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    TreeRig r;
+    r.limitTree(100, 0.25);
+    r.add(104, 103, "ld", 500);
+    r.step();
+    for (int32_t pid : {100, 101, 102, 103, 104}) ASSERT_TRUE(r.stopped(pid)) << pid;
+    c.out(r);
+    for (int32_t pid : {100, 101, 102, 103, 104}) EXPECT_FALSE(r.stopped(pid)) << pid;
+  }
+}
+
+TEST(TreeLimit, RememberedByNameWithItsChildrenAndOldSettingsStillLoad) {
+  struct Case {
+    const char* what;
+    nlohmann::json limited, limited_tree;
+    bool expect_tree;
+  };
+  const Case cases[] = {
+      {"saved with its children", {{"AC Power", {{"make", 0.3}}}}, {{"AC Power", {{"make", true}}}}, true},
+      {"a file from before tree limits", {{"AC Power", {{"make", 0.3}}}}, nullptr, false},
+      {"a tree flag for the other source only", {{"AC Power", {{"make", 0.3}}}}, {{"Battery Power", {{"make", true}}}}, false},
+      {"a malformed tree flag", {{"AC Power", {{"make", 0.3}}}}, {{"AC Power", {{"make", "yes"}}}}, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    TreeRig r;
+    r.limiter.reset();
+    r.settings.saveDict("limited", c.limited);
+    if (!c.limited_tree.is_null()) r.settings.saveDict("limited_tree", c.limited_tree);
+    r.makeLimiter();
+    r.limiter->refresh();
+    EXPECT_EQ(r.limiter->limitFor(100), 0.3);
+    EXPECT_EQ(r.limiter->trees().count(100), c.expect_tree ? 1u : 0u);
+    // The members, named otherwise, are not limited apart.
+    EXPECT_EQ(r.limiter->limits().size(), 1u);
+  }
+  // Setting and clearing writes the flag beside the share, and takes it away with it.
+  TreeRig r;
+  r.limiter->refresh();
+  r.limitTree(100, 0.4);
+  EXPECT_EQ(r.settings.loadValue("limited_tree"), nlohmann::json({{"AC Power", {{"make", true}}}}));
+  r.limiter->clearLimit(100);
+  EXPECT_EQ(r.settings.loadValue("limited_tree"), nlohmann::json::object());
+  EXPECT_EQ(r.settings.loadValue("limited"), nlohmann::json::object());
+}
+
+}  // namespace
+}  // namespace pelmora
