@@ -4,13 +4,18 @@
 // adjuster (both in-process, as without a daemon), Debian's cpulimit, and the kernel's CFS quota
 // when a cpu cgroup is writable. Achieved share = the child's processor time over the run's wall
 // time; cost = the limiter's own processor time over the same time, in % of one processor.
+// A tree table holds a parent with three busy children to the same targets in total: our limiter
+// with the whole tree in one group, cpulimit with --monitor-forks (it limits each child apart) and
+// the CFS quota of one cgroup holding every process of the tree; achieved share = the processor
+// time of them all over the wall time.
 // A last table runs `pelmora limit` as a whole process beside cpulimit, with M extra sleeping
 // processes on the machine (default 1000): its cost counts the process and all its children.
-//   bench_limiter_accuracy [--seconds N] [--extra M]
+//   bench_limiter_accuracy [--seconds N] [--extra M] [--tree-only]
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -46,6 +51,19 @@ using namespace pelmora;
 [[noreturn]] void busy(int threads) {
   for (int i = 1; i < threads; ++i) std::thread(spin).detach();
   spin();
+}
+
+// A parent that only waits, with `children` busy children that die with it.
+[[noreturn]] void busyTree(int children) {
+  const pid_t parent = ::getpid();
+  for (int i = 0; i < children; ++i) {
+    if (::fork() == 0) {
+      ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+      if (::getppid() != parent) ::_exit(0);
+      spin();
+    }
+  }
+  for (;;) ::pause();
 }
 
 pid_t spawn(std::vector<std::string> args, bool quiet) {
@@ -90,15 +108,24 @@ struct Result {
   double cost = -1;   // fraction of one processor; negative: not measurable
 };
 
+// A process and all its descendants, from the kernel's children lists.
+std::vector<pid_t> treePids(pid_t root) {
+  std::vector<pid_t> out = {root};
+  for (size_t i = 0; i < out.size(); ++i) {
+    const std::string task = "/proc/" + std::to_string(out[i]) + "/task/";
+    for (const auto& tid : SysRoot::listDir(task)) {
+      const std::string children = SysRoot::readFile(task + tid + "/children").value_or("");  // outlives the views
+      for (auto child : splitWhitespace(children))
+        if (auto c = parseInt64(child)) out.push_back(static_cast<pid_t>(*c));
+    }
+  }
+  return out;
+}
+
 // A process's processor time plus that of all its descendants, in seconds.
 double treeCpuSeconds(pid_t pid) {
-  double total = cpuSeconds(pid);
-  const std::string task = "/proc/" + std::to_string(pid) + "/task/";
-  for (const auto& tid : SysRoot::listDir(task)) {
-    const std::string children = SysRoot::readFile(task + tid + "/children").value_or("");  // outlives the views
-    for (auto child : splitWhitespace(children))
-      if (auto c = parseInt64(child)) total += treeCpuSeconds(static_cast<pid_t>(*c));
-  }
+  double total = 0;
+  for (pid_t member : treePids(pid)) total += cpuSeconds(member);
   return total;
 }
 
@@ -137,10 +164,12 @@ class Bench {
   }
   bool haveCfs() const { return m_have_cfs; }
 
-  Result run(Kind kind, int threads, double share) {
-    const pid_t child = spawn({m_self, "--busy", std::to_string(threads)}, false);
+  // `tree`: a parent with `threads` busy children instead of one process with that many threads.
+  Result run(Kind kind, int threads, double share, bool tree = false) {
+    m_tree = tree;
+    const pid_t child = spawn({m_self, tree ? "--busy-tree" : "--busy", std::to_string(threads)}, false);
     if (child < 0) return {};
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // its threads are up
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // its threads or children are up
     Result r;
     switch (kind) {
       case Kind::proportional:
@@ -156,11 +185,12 @@ class Bench {
  private:
   // Measures the child's share over the run while `hold` keeps the limit in force.
   double measure(pid_t child) {
-    const double c0 = cpuSeconds(child);
+    const auto used = [&] { return m_tree ? treeCpuSeconds(child) : cpuSeconds(child); };
+    const double c0 = used();
     const auto t0 = std::chrono::steady_clock::now();
     std::this_thread::sleep_for(std::chrono::duration<double>(m_seconds));
     const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    return (cpuSeconds(child) - c0) / wall;
+    return (used() - c0) / wall;
   }
 
   Result ours(pid_t child, double share, bool use_pid) {
@@ -174,7 +204,7 @@ class Bench {
     limiter.start();
     {
       MutexLock lock(limiter.mutex());
-      limiter.setLimit(child, share);
+      limiter.setLimit(child, share, m_tree);
     }
     const double own0 = ownCpuSeconds();
     const auto t0 = std::chrono::steady_clock::now();
@@ -187,7 +217,9 @@ class Bench {
   }
 
   Result cpulimit(pid_t child, double share) {
-    return external({"cpulimit", "-p", std::to_string(child), "-l", percentText(share)}, child);
+    std::vector<std::string> args = {"cpulimit", "-p", std::to_string(child), "-l", percentText(share)};
+    if (m_tree) args.push_back("--monitor-forks");
+    return external(std::move(args), child);
   }
 
   // `pelmora limit` served in-process (no daemon), as a user without one runs it.
@@ -226,10 +258,13 @@ class Bench {
     bool ok = v2 ? writeFile(m_cgroup + "/cpu.max", std::to_string(quota_us) + " " + std::to_string(period_us))
                  : writeFile(m_cgroup + "/cpu.cfs_period_us", std::to_string(period_us)) &&
                        writeFile(m_cgroup + "/cpu.cfs_quota_us", std::to_string(quota_us));
-    ok = ok && writeFile(m_cgroup + "/cgroup.procs", std::to_string(child));
+    // A process joins a cgroup alone (its children stay where they are): each member is moved.
+    for (pid_t pid : m_tree ? treePids(child) : std::vector<pid_t>{child})
+      ok = ok && writeFile(m_cgroup + "/cgroup.procs", std::to_string(pid));
     if (!ok) return {};
     Result r;
     r.share = measure(child);
+    // Empty again, or the cgroup cannot be removed: the members die with the parent in run().
     return r;  // the kernel's own cost is not attributable
   }
 
@@ -245,6 +280,7 @@ class Bench {
   std::filesystem::path m_dir;
   std::string m_cgroup;
   bool m_have_cfs = false;
+  bool m_tree = false;
 };
 
 std::string cell(const Result& r, double target) {
@@ -263,11 +299,14 @@ std::string cell(const Result& r, double target) {
 int main(int argc, char** argv) {
   double seconds = 10;
   int extra = 1000;
+  bool only_tree = false;  // just the tree table (a quicker run)
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--busy" && i + 1 < argc) busy(static_cast<int>(parseInt64(argv[i + 1]).value_or(1)));
+    if (arg == "--busy-tree" && i + 1 < argc) busyTree(static_cast<int>(parseInt64(argv[i + 1]).value_or(3)));
     if (arg == "--seconds" && i + 1 < argc) seconds = parseDouble(argv[++i]).value_or(seconds);
     if (arg == "--extra" && i + 1 < argc) extra = static_cast<int>(parseInt64(argv[++i]).value_or(extra));
+    if (arg == "--tree-only") only_tree = true;
   }
   Bench bench(std::filesystem::read_symlink("/proc/self/exe").string(), seconds);
   std::printf("achieved share %% of one processor (error in points) and limiter cost %% of one processor,\n"
@@ -275,7 +314,7 @@ int main(int argc, char** argv) {
               seconds, sysconf(_SC_NPROCESSORS_ONLN), bench.haveCfs() ? "" : "; no writable cpu cgroup: CFS n/a");
   std::printf("%-7s %6s | %-19s | %-19s | %-19s | %-19s\n", "threads", "target", "ours, proportional", "ours, PID",
               "cpulimit", "CFS quota");
-  for (int threads : {1, 4}) {
+  for (int threads : only_tree ? std::vector<int>{} : std::vector<int>{1, 4}) {
     for (double target : {0.10, 0.25, 0.50, 0.75}) {
       std::string row;
       for (Kind kind : {Kind::proportional, Kind::pid, Kind::cpulimit, Kind::cfs}) {
@@ -286,6 +325,19 @@ int main(int argc, char** argv) {
       std::fflush(stdout);
     }
   }
+  std::printf("\na parent with three busy children, held in total\n");
+  std::printf("%-7s %6s | %-19s | %-19s | %-19s | %-19s\n", "tree", "target", "ours, proportional", "ours, PID",
+              "cpulimit -m", "CFS quota");
+  for (double target : {0.10, 0.25, 0.50, 0.75}) {
+    std::string row;
+    for (Kind kind : {Kind::proportional, Kind::pid, Kind::cpulimit, Kind::cfs}) {
+      const Result r = (kind == Kind::cfs && !bench.haveCfs()) ? Result{} : bench.run(kind, 3, target, true);
+      row += " | " + cell(r, target);
+    }
+    std::printf("%-7s %5.0f%%%s\n", "1+3", target * 100, row.c_str());
+    std::fflush(stdout);
+  }
+  if (only_tree) return 0;
   const auto extra_pids = sleepers(extra);
   std::printf("\nwhole programs with their children, %zu extra sleeping processes\n", extra_pids.size());
   std::printf("%-7s %6s | %-19s | %-19s | %s\n", "threads", "target", "pelmora limit", "cpulimit", "cost ratio");

@@ -42,7 +42,7 @@ using NumberKey = double (*)(const ProcessRow&);
 const std::map<std::string_view, NumberKey>& numberKeys() {
   static const std::map<std::string_view, NumberKey> keys = {
       {"pid", [](const ProcessRow& r) { return double(r.info.pid); }},
-      {"pctcpu", [](const ProcessRow& r) { return r.info.pctCPU; }},
+      {"pctcpu", [](const ProcessRow& r) { return r.tree_limit ? r.group_share : r.info.pctCPU; }},
       {"wakeups", [](const ProcessRow& r) { return r.info.idleWakeupsPerSec; }},
       {"energy", [](const ProcessRow& r) { return r.info.energyImpact; }},
       {"uid", [](const ProcessRow& r) { return double(r.info.uid); }},
@@ -92,10 +92,12 @@ std::string elapsedText(uint64_t elapsed_ns) {
 }
 
 std::string limitText(const ProcessRow& row, bool limit_frontmost) {
+  if (row.held_with) return "with " + std::to_string(*row.held_with);
   if (!row.limit) return {};
   const double percent = *row.limit * 100.0;
-  if (!limit_frontmost && row.frontmost) return format("(%.1f)", percent);
-  return format("%.1f", percent);
+  const char* group = row.tree_limit ? " Σ" : "";
+  if (!limit_frontmost && row.frontmost) return format("(%.1f)", percent) + group;
+  return format("%.1f", percent) + group;
 }
 
 std::string cellText(std::string_view column, const ProcessRow& row, const CellContext& ctx) {
@@ -104,7 +106,7 @@ std::string cellText(std::string_view column, const ProcessRow& row, const CellC
   if (column == "pid") return std::to_string(p.pid);
   if (column == "kind") return p.kind;
   if (column == "elapsed") return elapsedText(ctx.now_ns > p.startTime ? ctx.now_ns - p.startTime : 0);
-  if (column == "pctcpu") return format("%.1f", p.pctCPU * 100.0);
+  if (column == "pctcpu") return row.tree_limit ? format("%.1f", row.group_share * 100.0) + " Σ" : format("%.1f", p.pctCPU * 100.0);
   if (column == "wakeups") return format("%.1f", p.idleWakeupsPerSec);
   if (column == "energy") return format("%.1f", p.energyImpact);
   if (column == "user") return p.user;
@@ -204,7 +206,17 @@ std::vector<ProcessRow> treeOrder(std::vector<ProcessRow> rows) {
 }
 
 std::vector<ProcessRow> buildRows(const std::map<int32_t, procinfo>& table,
-                                  const std::map<int32_t, pidInfo>& limits, const RowQuery& query) {
+                                  const std::map<int32_t, pidInfo>& limits, const RowQuery& query,
+                                  const std::map<int32_t, std::set<int32_t>>& trees) {
+  std::map<int32_t, int32_t> head_of;
+  std::map<int32_t, double> group_share;
+  for (const auto& [root, members] : trees) {
+    for (int32_t pid : members) {
+      if (pid != root) head_of[pid] = root;
+      // Summed over the whole table: a member hidden by the filter or the search still counts.
+      if (auto it = table.find(pid); it != table.end()) group_share[root] += it->second.pctCPU;
+    }
+  }
   std::vector<ProcessRow> rows;
   rows.reserve(table.size());
   for (const auto& [pid, info] : table) {
@@ -217,6 +229,11 @@ std::vector<ProcessRow> buildRows(const std::map<int32_t, procinfo>& table,
       row.frontmost = it->second.frontmost;
     }
     if (query.nice_of) row.nice = query.nice_of(pid);
+    if (auto share = group_share.find(pid); share != group_share.end() || trees.count(pid)) {
+      row.tree_limit = true;
+      row.group_share = share != group_share.end() ? share->second : 0.0;
+    }
+    if (auto head = head_of.find(pid); head != head_of.end()) row.held_with = head->second;
     rows.push_back(std::move(row));
   }
   const std::string key = isProcessColumn(query.sort_key) ? query.sort_key : "pctcpu";

@@ -31,6 +31,12 @@ struct ProcessRow {
   bool frontmost = false;
   int nice = 0;  // the current priority, read from the process when the rows are built
   int depth = 0;  // in the tree view: how many ancestors are shown above the row
+  // A limit that holds the process with all its descendants: this row shows the group's summed
+  // share (`group_share`) and limit, each marked "Σ"; a member's row names the process that heads
+  // its group in `held_with`.
+  bool tree_limit = false;
+  double group_share = 0.0;
+  std::optional<int32_t> held_with;
 };
 
 // The column identifiers in their default order.
@@ -85,8 +91,10 @@ std::string commandText(const procinfo& info);
 std::vector<ProcessRow> treeOrder(std::vector<ProcessRow> rows);
 
 // The rows shown: the table filtered, searched and sorted (ties broken by pid so the order is
-// stable between refreshes), with each row's limit and frontmost state from the limiter's records.
+// stable between refreshes), with each row's limit and frontmost state from the limiter's records,
+// and the held trees (first process -> members) marked.
 std::vector<ProcessRow> buildRows(const std::map<int32_t, procinfo>& table,
-                                  const std::map<int32_t, pidInfo>& limits, const RowQuery& query);
+                                  const std::map<int32_t, pidInfo>& limits, const RowQuery& query,
+                                  const std::map<int32_t, std::set<int32_t>>& trees = {});
 
 }  // namespace pelmora

@@ -393,7 +393,7 @@ void ProcinfoWindow::rebuild() {
   query.nice_of = [](int32_t pid) { return PID(pid).priority().value_or(0); };
   m_updating = true;
   m_model->setContext({m_settings.loadBool("LimitFrontmost", false), wallClock_ns()});
-  m_model->setRows(buildRows(table, m_limiter.limits(), query));
+  m_model->setRows(buildRows(table, m_limiter.limits(), query, m_limiter.trees()));
   m_updating = false;
   const int row = m_model->rowOfPid(m_selected_pid);
   if (row < 0) {
@@ -466,7 +466,9 @@ void ProcinfoWindow::selectPid(int32_t pid) {
 void ProcinfoWindow::onSelectionChanged() {
   if (m_updating) return;
   const QModelIndexList rows = m_table->selectionModel()->selectedRows();
-  m_selected_pid = rows.isEmpty() ? -1 : m_model->pidAt(rows.first().row());
+  const int32_t pid = rows.isEmpty() ? -1 : m_model->pidAt(rows.first().row());
+  m_limit_tree_pending = m_limit_tree_pending && pid == m_selected_pid;  // a choice is for one process
+  m_selected_pid = pid;
   refreshDetail();
 }
 

@@ -20,6 +20,7 @@
 #include "app/slider_stepper.h"
 
 class QAction;
+class QCheckBox;
 class QComboBox;
 class QLabel;
 class QLineEdit;
@@ -90,6 +91,8 @@ class ProcinfoWindow : public QWidget, public SliderStepperDelegate {
   void setColumnVisible(const std::string& id, bool visible);
 
   void sliderStepperValueChanged(SliderStepper& sender) override;
+  // "Include child processes": the limit holds the selected process with all its descendants.
+  void includeChildrenChanged(bool include);
   void reniceValueChanged(int value);
 
   // State, for tests and the application.
@@ -101,6 +104,7 @@ class ProcinfoWindow : public QWidget, public SliderStepperDelegate {
   ProcessTableModel& model() const { return *m_model; }
   QTableView* table() const { return m_table; }
   SliderStepper* limitControl() const { return m_limit; }
+  QCheckBox* includeChildrenControl() const { return m_limit_tree; }
   QSpinBox* reniceControl() const { return m_renice; }
   QWidget* coverBox() const { return m_cover_box; }
   QLabel* headerTitle() const { return m_header_title; }
@@ -176,6 +180,8 @@ class ProcinfoWindow : public QWidget, public SliderStepperDelegate {
   QAction* m_act_clear_all = nullptr;
   QWidget* m_details = nullptr;
   SliderStepper* m_limit = nullptr;
+  QCheckBox* m_limit_tree = nullptr;
+  bool m_limit_tree_pending = false;  // ticked for a process not limited yet: applies with its share
   QSpinBox* m_renice = nullptr;
   bool m_updating = false;
   bool m_table_client = false;

@@ -1,5 +1,6 @@
 // The process window's detail area (figures, limit and priority controls per power source, enabled
 // states) and the actions on the selected process.
+#include <QCheckBox>
 #include <QComboBox>
 #include <QFontMetrics>
 #include <QFontDialog>
@@ -94,6 +95,9 @@ void ProcinfoWindow::buildDetail(QWidget* detail) {
   m_limit = new SliderStepper(m_ph_limit, kNoLimit, 100 * onlineCpus(), 1, kNoLimit, this);
   m_limit->m_stepper->setSpecialValueText(tr("None"));
   m_limit->m_stepper->setSuffix(tr(" %"));
+  m_limit_tree = new QCheckBox(tr("Include child processes"), m_details);
+  m_limit_tree->setToolTip(tr("Hold the process together with every process it starts, now and later, to "
+                              "this share in total"));
   m_label_renice = new QLabel(tr("Priority (nice):"), m_details);
   m_ph_renice = new QWidget(m_details);
   auto* renice_layout = new QHBoxLayout(m_ph_renice);
@@ -112,7 +116,8 @@ void ProcinfoWindow::buildDetail(QWidget* detail) {
   grid->addWidget(m_pid_waiting, 1, 2);
   grid->addWidget(m_pid_idle, 1, 3);
   grid->addWidget(new QLabel(tr("CPU limit:"), m_details), 2, 0, 1, 1, Qt::AlignRight);
-  grid->addWidget(m_ph_limit, 2, 1, 1, 3);
+  grid->addWidget(m_ph_limit, 2, 1, 1, 2);
+  grid->addWidget(m_limit_tree, 2, 3);
   grid->addWidget(m_clear_limit, 2, 4);
   grid->addWidget(m_clear_all, 2, 5);
   grid->addWidget(m_label_renice, 3, 0, 1, 1, Qt::AlignRight);
@@ -127,6 +132,7 @@ void ProcinfoWindow::buildDetail(QWidget* detail) {
   connect(m_power_source, &QComboBox::currentIndexChanged, this, [this](int index) { changePowerSource(index); });
   connect(m_auth, &QPushButton::clicked, this, [this] { authorise(); });
   connect(m_clear_limit, &QPushButton::clicked, this, [this] { clearLimit(); });
+  connect(m_limit_tree, &QCheckBox::toggled, this, [this](bool on) { includeChildrenChanged(on); });
   connect(m_clear_all, &QPushButton::clicked, this, [this] { clearAllLimits(); });
 }
 
@@ -162,7 +168,20 @@ void ProcinfoWindow::refreshDetail() {
     m_pid_idle->setText(tr("Idle wake-ups: %1 /s").arg(QString::number(p.idleWakeupsPerSec, 'f', 1)));
     const bool current = shownPower() == m_limiter.procSettings().power();
     m_limit->setMaximum(100 * onlineCpus());
-    m_limit->setValue(percentOf(current ? row->limit : m_limiter.procSettings().limitFor(p.name, shownPower())));
+    if (row->held_with) {
+      // Held with its group: the group's limit, set on the process that heads it.
+      m_limit->setValue(percentOf(m_limiter.limitFor(*row->held_with)));
+      m_limit_tree->setChecked(true);
+    } else {
+      m_limit->setValue(percentOf(current ? row->limit : m_limiter.procSettings().limitFor(p.name, shownPower())));
+      const bool has_limit =
+          current ? row->limit.has_value() : m_limiter.procSettings().limitFor(p.name, shownPower()).has_value();
+      if (has_limit)
+        m_limit_tree->setChecked(current ? row->tree_limit
+                                         : m_limiter.procSettings().limitHoldsTree(p.name, shownPower()));
+      else
+        m_limit_tree->setChecked(m_limit_tree_pending);
+    }
     const int nice = PID(p.pid).priority().value_or(row->nice);
     // Without administrator rights the owner may only lower a process's priority (raise its nice).
     m_renice->setMinimum(m_helper.authorised() ? kLowestNice : nice);
@@ -177,12 +196,19 @@ void ProcinfoWindow::updateEnabledState() {
   const auto row = selectedRow();
   const bool can = row && mayControl(*row);
   const bool current = shownPower() == m_limiter.procSettings().power();
-  m_limit->setControlEnabled(can);
+  // A member of a held group is limited with it, from the row of the process that heads it.
+  const bool own_limit = can && !row->held_with;
+  m_limit->setControlEnabled(own_limit);
+  m_limit_tree->setEnabled(own_limit);
+  m_limit_tree->setToolTip(row && row->held_with
+                               ? tr("Held with process %1 and its other descendants").arg(*row->held_with)
+                               : tr("Hold the process together with every process it starts, now and later, "
+                                    "to this share in total"));
   m_renice->setEnabled(can);
   m_label_renice->setEnabled(can);
   const bool limited = current ? row && row->limit.has_value()
                                 : row && m_limiter.procSettings().limitFor(row->info.name, shownPower()).has_value();
-  m_clear_limit->setEnabled(can && limited);
+  m_clear_limit->setEnabled(own_limit && limited);
   const bool any_limit = !m_limiter.limits().empty();
   m_clear_all->setEnabled(any_limit);
   m_act_clear_all->setEnabled(any_limit);
@@ -208,14 +234,30 @@ void ProcinfoWindow::sliderStepperValueChanged(SliderStepper& sender) {
       if (row->limit) m_limiter.clearLimit(row->info.pid);
     } else if (percent != percentOf(row->limit)) {
       MutexLock lock(m_limiter.mutex());
-      m_limiter.setLimit(row->info.pid, percent / 100.0);
+      m_limiter.setLimit(row->info.pid, percent / 100.0, m_limit_tree->isChecked());
     }
   } else if (!row->info.name.empty()) {
     // The other source's list: remembered now, applied when that source is in force.
     if (percent == kNoLimit)
       m_limiter.procSettings().removeLimit(row->info.name, shownPower());
     else
-      m_limiter.procSettings().setLimit(row->info.name, shownPower(), percent / 100.0);
+      m_limiter.procSettings().setLimit(row->info.name, shownPower(), percent / 100.0, m_limit_tree->isChecked());
+  }
+  rebuild();
+}
+
+// Without a limit, the choice waits for the share to be set; with one, the limit changes at once.
+void ProcinfoWindow::includeChildrenChanged(bool include) {
+  if (m_updating || m_selected_pid < 0) return;
+  const auto row = selectedRow();
+  if (!row || !mayControl(*row) || row->held_with) return;
+  m_limit_tree_pending = include;
+  if (shownPower() == m_limiter.procSettings().power()) {
+    if (!row->limit || row->tree_limit == include) return;
+    MutexLock lock(m_limiter.mutex());
+    m_limiter.setLimit(row->info.pid, *row->limit, include);
+  } else if (auto share = m_limiter.procSettings().limitFor(row->info.name, shownPower())) {
+    m_limiter.procSettings().setLimit(row->info.name, shownPower(), *share, include);
   }
   rebuild();
 }

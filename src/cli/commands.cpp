@@ -8,8 +8,9 @@ const std::vector<Command>& commands() {
        "print one system sample a second (N samples, or until interrupted); --json prints whole samples",
        runSampleCommand},
       {"top", "[--json]", "print the process table once, with rates over one second", runTopCommand},
-      {"limit", "PID PERCENT [--pid-control]",
-       "hold a process to PERCENT of one processor until interrupted, printing the share it gets",
+      {"limit", "[--tree] PID PERCENT [--pid-control]",
+       "hold a process (with --tree, it and all its descendants, present and future, together) to\n"
+       "      PERCENT of one processor until interrupted, printing the share it gets",
        runLimitCommand},
   };
   return table;

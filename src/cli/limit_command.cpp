@@ -1,4 +1,5 @@
-// pelmora limit PID PERCENT [--pid-control]: holds a process to PERCENT of one processor until
+// pelmora limit [--tree] PID PERCENT [--pid-control]: holds a process (with --tree, the process with
+// all its descendants, present and future, sharing one budget) to PERCENT of one processor until
 // interrupted, printing the share it actually got once a second. On every way out (Ctrl-C, SIGTERM,
 // SIGHUP, the process exiting, an error) the process is continued. If this program is killed
 // outright, the daemon continues what it held (its crash safety), or, without a daemon, the next run
@@ -7,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 
@@ -23,6 +25,7 @@ struct LimitOptions {
   int32_t pid = 0;
   double share = 0;
   bool pid_control = false;
+  bool tree = false;
 };
 
 std::optional<LimitOptions> parseOptions(const std::vector<std::string>& args) {
@@ -31,6 +34,8 @@ std::optional<LimitOptions> parseOptions(const std::vector<std::string>& args) {
   for (const auto& a : args) {
     if (a == "--pid-control")
       o.pid_control = true;
+    else if (a == "--tree")
+      o.tree = true;
     else
       positional.push_back(a);
   }
@@ -65,23 +70,34 @@ int waitForSignal(const sigset_t& set) {
   }
 }
 
+size_t members(CPULimiter& limiter, int32_t root) {
+  const auto trees = limiter.trees();
+  const auto it = trees.find(root);
+  return it == trees.end() ? 1 : std::max<size_t>(it->second.size(), 1);
+}
+
 int hold(CPULimiter& limiter, const LimitOptions& o, const sigset_t& signals) {
   limiter.start();
   {
     MutexLock lock(limiter.mutex());
-    limiter.setLimit(o.pid, o.share);
+    limiter.setLimit(o.pid, o.share, o.tree);
   }
   int64_t last_cpu = limiter.limits()[o.pid].totalCPU;
   Timeval last;
   for (;;) {
     if (const int s = waitForSignal(signals)) {
-      std::printf("signal %d: continuing %d\n", s, o.pid);
+      std::printf("signal %d: continuing %d%s\n", s, o.pid, o.tree ? " and its descendants" : "");
       return kExitOk;
     }
     const auto limits = limiter.limits();
     const auto it = limits.find(o.pid);
     if (it == limits.end()) {
-      // The limiter drops a process that is gone, or one it could not signal.
+      // The limiter drops a process that is gone, or one it could not signal; a tree ends with
+      // its last member.
+      if (o.tree) {
+        std::printf("every process of the tree of %d exited\n", o.pid);
+        return kExitOk;
+      }
       if (::kill(o.pid, 0) != 0 && errno == ESRCH) {
         std::printf("process %d exited\n", o.pid);
         return kExitOk;
@@ -91,7 +107,11 @@ int hold(CPULimiter& limiter, const LimitOptions& o, const sigset_t& signals) {
     }
     const Timeval now;
     const double share = static_cast<double>(it->second.totalCPU - last_cpu) / static_cast<double>(last.elapsedUntil(now));
-    std::printf("%d: %5.1f %% of one processor (target %.1f %%)\n", o.pid, share * 100, o.share * 100);
+    if (o.tree)
+      std::printf("%d and %zu more: %5.1f %% of one processor (target %.1f %%)\n", o.pid,
+                  members(limiter, o.pid) - 1, share * 100, o.share * 100);
+    else
+      std::printf("%d: %5.1f %% of one processor (target %.1f %%)\n", o.pid, share * 100, o.share * 100);
     std::fflush(stdout);
     last_cpu = it->second.totalCPU;
     last = now;
@@ -103,7 +123,8 @@ int hold(CPULimiter& limiter, const LimitOptions& o, const sigset_t& signals) {
 int runLimitCommand(const std::vector<std::string>& args) {
   const auto options = parseOptions(args);
   if (!options) {
-    std::fprintf(stderr, "pelmora limit: expected PID (above 1) and PERCENT (above 0, at most 100 per processor)\n%s",
+    std::fprintf(stderr,
+                 "pelmora limit: expected [--tree] PID (above 1) and PERCENT (above 0, at most 100 per processor)\n%s",
                  usageText().c_str());
     return kExitUsage;
   }
@@ -117,8 +138,9 @@ int runLimitCommand(const std::vector<std::string>& args) {
     std::fprintf(stderr, "pelmora limit: no process %d\n", options->pid);
     return kExitFailure;
   }
-  std::printf("holding %s (%d) to %.1f %% of one processor%s; Ctrl-C ends\n", name->c_str(), options->pid,
-              options->share * 100, options->pid_control ? " with the PID adjuster" : "");
+  std::printf("holding %s (%d)%s to %.1f %% of one processor%s; Ctrl-C ends\n", name->c_str(), options->pid,
+              options->tree ? " with all its descendants" : "", options->share * 100,
+              options->pid_control ? " with the PID adjuster" : "");
   // Nothing shows a process table here: the limiter only limits.
   CliLimiter limiter(options->pid_control, /*process_table=*/false);
   const int status = hold(*limiter, *options, signals);

@@ -202,6 +202,7 @@ class CPULimiter {
   // cpu_limiter_adjuster.cpp
   void adjusterRunLocked();
   void reniceLocked(int32_t pid, int priority);
+  void setPriorityLocked(int32_t pid, int priority);
 
   Pelmora& m_helper;
   SysRoot m_root;

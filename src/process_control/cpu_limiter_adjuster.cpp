@@ -79,8 +79,12 @@ void CPULimiter::reniceLocked(int32_t pid, int priority) {
   if (row == m_processes.end() || row->second.name.empty()) return;
   m_proc_settings->setPriority(row->second.name, m_proc_settings->power(), priority);
   saveProcessesIntervalLocked();
+  setPriorityLocked(pid, priority);
+}
+
+// A held tree's first process gives its priority to the whole group, members still to come too.
+void CPULimiter::setPriorityLocked(int32_t pid, int priority) {
   m_helper.setPriority(pid, priority);
-  // A held tree's first process gives its priority to the whole group, members still to come too.
   if (auto tree = m_trees.find(pid); tree != m_trees.end()) {
     tree->second.nice = priority;
     for (const auto& [member, cpu_us] : tree->second.members)

@@ -196,7 +196,7 @@ void CPULimiter::applySavedSettingsLocked(const procinfo& row) {
     // The new row is not in the table yet, so setLimit does not write the saved list again.
     setLimit(row.pid, *share, m_proc_settings->limitHoldsTree(row.name, power));
   }
-  if (auto priority = m_proc_settings->priorityFor(row.name, power)) m_helper.setPriority(row.pid, *priority);
+  if (auto priority = m_proc_settings->priorityFor(row.name, power)) setPriorityLocked(row.pid, *priority);
 }
 
 std::optional<cpu_buckets> CPULimiter::readMachineTicks() const {

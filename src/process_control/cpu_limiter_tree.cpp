@@ -45,6 +45,7 @@ bool CPULimiter::signalLocked(int32_t pid, int signal) {
       ++it;
     } else {
       forgetMemberLocked(it->first);
+      if (it->first != pid) tree->second.refused.insert(it->first);
       it = tree->second.members.erase(it);
     }
   }
@@ -53,6 +54,8 @@ bool CPULimiter::signalLocked(int32_t pid, int signal) {
 
 void CPULimiter::startTreeLocked(int32_t root, pidInfo& record) {
   treeInfo tree;
+  // Links kept from an earlier hold may belong to pids reused since: start from a fresh pass.
+  m_process_tree = ProcessTree(m_root);
   m_process_tree.refresh();
   std::set<int32_t> found = treeMembers({root}, m_process_tree.links());
   found.insert(root);  // read even when the pass missed it: measuring it tells whether it is there
@@ -95,6 +98,7 @@ std::map<int32_t, std::set<int32_t>> CPULimiter::growTreesLocked(std::set<int32_
     std::set<int32_t> known;
     for (const auto& [pid, cpu_us] : tree.members) known.insert(pid);
     found[root] = treeMembers(known, m_process_tree.links());
+    for (int32_t pid : tree.refused) found[root].erase(pid);
   }
   // A tree found inside another (its first process forked by a member) folds into the outer one,
   // as does the single limit of a process that joins a tree.
@@ -131,10 +135,13 @@ std::optional<int64_t> CPULimiter::measureTreeLocked(int32_t root, const pidInfo
       if (link && link->start_ticks >= tree.since_ticks) born.insert(pid);
       // Recorded before it is stopped, so that a crash of ours never leaves it stopped.
       m_journal.hold(pid);
-      if (record.stopped)
-        sendSignalLocked(pid, SIGSTOP);
-      else if (released.count(pid))
-        sendSignalLocked(pid, SIGCONT);
+      const bool took = record.stopped ? sendSignalLocked(pid, SIGSTOP)
+                                       : !released.count(pid) || sendSignalLocked(pid, SIGCONT);
+      if (!took) {
+        tree.refused.insert(pid);
+        m_journal.forget(pid);
+        continue;
+      }
       if (tree.nice) m_helper.setPriority(pid, *tree.nice);
     }
     now[pid] = measureCPU_us(pid);

@@ -208,6 +208,18 @@ TEST(TreeLimit, ATreeTakesOverTheLimitsInsideItAndItsMembersCannotBeLimitedApart
   for (int32_t pid : {101, 102, 103}) EXPECT_FALSE(r.stopped(pid)) << pid;
 }
 
+TEST(TreeLimit, AMemberThatRefusesSignalsIsLeftOutAndNotAskedAgainWhileItsChildStays) {
+  TreeRig r;
+  r.wire->procs[101].kill_fails = true;
+  r.limitTree(100, 0.25);
+  r.step();  // the first stop: 101 refuses it
+  EXPECT_EQ(r.limiter->trees().at(100), (std::set<int32_t>{100, 102, 103}));
+  const size_t mark = r.wire->signals.size();
+  for (int i = 0; i < 20; ++i) r.step();
+  EXPECT_EQ(r.signalled(SIGSTOP, mark), (std::set<int32_t>{100, 102, 103}));
+  EXPECT_EQ(r.limiter->trees().at(100), (std::set<int32_t>{100, 102, 103}));
+}
+
 TEST(TreeLimit, EveryWayOutContinuesEveryMember) {
   struct Case {
     const char* what;

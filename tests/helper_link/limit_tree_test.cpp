@@ -1,0 +1,218 @@
+// `pelmora limit --tree` killed outright at a moment it holds every member of a tree stopped. With no
+// daemon, the journal names every member and the next run of the tool continues them all; with the
+// real daemon on a real socket, the daemon continues every member the connection stopped as soon as
+// the connection closes. And its misuse: usage and a non-zero exit, no process touched.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
+#include "support/proc_task_reader.h"
+#include "support/sys_root.h"
+#include "support/text.h"
+#include "temp_tree.h"
+
+namespace pelmora {
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kTool = std::string(PELMORA_BINARY_DIR) + "/src/cli/pelmora";
+const std::string kDaemon = std::string(PELMORA_BINARY_DIR) + "/src/helper/pelmora-helper";
+
+char stateOf(pid_t pid) {
+  const auto stat = ProcTaskReader().readStat(pid);
+  return stat ? stat->state : '?';
+}
+
+template <typename Pred>
+bool eventually(Pred pred) {
+  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (!pred()) {
+    if (std::chrono::steady_clock::now() > until) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
+
+// A parent and `children` busy children; all die with the test.
+struct BusyTree {
+  pid_t root = -1;
+  std::vector<pid_t> members;  // the root first
+
+  explicit BusyTree(int children) {
+    int ready[2];
+    if (::pipe(ready) != 0) std::abort();
+    const pid_t test = ::getpid();
+    root = ::fork();
+    if (root == 0) {
+      ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+      if (::getppid() != test) ::_exit(0);
+      const pid_t me = ::getpid();
+      for (int i = 0; i < children; ++i) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+          ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+          if (::getppid() != me) ::_exit(0);
+          volatile uint64_t n = 0;
+          for (;;) n = n + 1;
+        }
+        if (::write(ready[1], &child, sizeof child) != sizeof child) ::_exit(1);
+      }
+      for (;;) ::pause();
+    }
+    members.push_back(root);
+    for (int i = 0; i < children; ++i) {
+      pid_t child = -1;
+      if (::read(ready[0], &child, sizeof child) != sizeof child) std::abort();
+      members.push_back(child);
+    }
+    ::close(ready[0]);
+    ::close(ready[1]);
+  }
+  ~BusyTree() {
+    ::kill(root, SIGKILL);
+    ::waitpid(root, nullptr, 0);
+  }
+  std::string states() const {
+    std::string out;
+    for (pid_t pid : members) out += stateOf(pid);
+    return out;
+  }
+  bool allStopped() const { return states().find_first_not_of('T') == std::string::npos; }
+  bool noneStopped() const { return states().find('T') == std::string::npos; }
+};
+
+pid_t spawn(const std::vector<std::string>& argv, const std::vector<std::string>& env, int* out) {
+  int pipe_fds[2];
+  if (::pipe2(pipe_fds, O_CLOEXEC) != 0) return -1;
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::dup2(pipe_fds[1], 1);
+    ::dup2(pipe_fds[1], 2);
+    for (const auto& e : env) ::putenv(const_cast<char*>(e.c_str()));
+    std::vector<char*> args;
+    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    ::execv(args[0], args.data());
+    ::_exit(126);
+  }
+  ::close(pipe_fds[1]);
+  *out = pipe_fds[0];
+  return child;
+}
+
+std::string readUntil(int fd, const std::string& until = {}) {
+  std::string out;
+  char buffer[4096];
+  ssize_t n;
+  while ((until.empty() || out.find(until) == std::string::npos) && (n = ::read(fd, buffer, sizeof buffer)) > 0)
+    out.append(buffer, static_cast<size_t>(n));
+  return out;
+}
+
+// Runs `pelmora limit --tree` on the tree and kills it outright at a moment every member is stopped:
+// the tool is frozen first, so that no stop or continue is under way when the members are looked at.
+std::string killWhileAllStopped(const BusyTree& tree, const std::vector<std::string>& env) {
+  int out = -1;
+  const pid_t tool = spawn({kTool, "limit", "--tree", std::to_string(tree.root), "10"}, env, &out);
+  std::string said = readUntil(out, "of one processor (target");
+  bool caught = false;
+  for (int attempt = 0; attempt < 2000 && !caught; ++attempt) {
+    ::kill(tool, SIGSTOP);
+    ::waitpid(tool, nullptr, WUNTRACED);
+    caught = tree.allStopped();
+    if (!caught) {
+      ::kill(tool, SIGCONT);
+      std::this_thread::sleep_for(std::chrono::milliseconds(3));
+    }
+  }
+  ::kill(tool, SIGKILL);
+  ::waitpid(tool, nullptr, 0);
+  ::close(out);
+  return caught ? said : "never caught with every member stopped: " + said;
+}
+
+TEST(LimitTree, WithoutADaemonTheJournalNamesEveryMemberAndTheNextRunContinuesThemAll) {
+  test::TempTree state;
+  BusyTree tree(3);
+  const std::vector<std::string> env = {"PELMORA_HELPER_SOCKET=" + (state / "no-daemon.sock").string(),
+                                        "PELMORA_STATE_DIR=" + state.path().string(),
+                                        "XDG_STATE_HOME=" + state.path().string()};
+  const std::string said = killWhileAllStopped(tree, env);
+  ASSERT_TRUE(said.find("with all its descendants") != std::string::npos) << said;
+  // Nobody continued them: the tool died with them stopped.
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_TRUE(tree.allStopped()) << tree.states();
+  std::string journal;
+  for (const auto& entry : fs::recursive_directory_iterator(state.path()))
+    if (entry.path().extension() == ".json") journal += test::TempTree::readFile(entry.path());
+  for (pid_t pid : tree.members)
+    EXPECT_NE(journal.find("\"pid\":" + std::to_string(pid)), std::string::npos) << journal;
+  // Any later run of the tool continues what the dead one left stopped.
+  int out = -1;
+  const pid_t next = spawn({kTool, "top"}, env, &out);
+  readUntil(out);
+  ::waitpid(next, nullptr, 0);
+  ::close(out);
+  EXPECT_TRUE(tree.noneStopped()) << tree.states();
+}
+
+TEST(LimitTree, TheDaemonContinuesEveryMemberWhenTheToolDies) {
+  if (::geteuid() != 0) GTEST_SKIP() << "the daemon runs as root";
+  test::TempTree state;
+  const std::string socket = (state / "helper.sock").string();
+  int daemon_out = -1;
+  const pid_t daemon = spawn({kDaemon, "--foreground", "--socket", socket},
+                             {"PELMORA_STATE_DIR=" + (state / "daemon").string()}, &daemon_out);
+  ASSERT_NE(readUntil(daemon_out, "serving on").find("serving on"), std::string::npos);
+  {
+    BusyTree tree(3);
+    // The tool's own journal is elsewhere and never read again here: only the daemon can continue them.
+    const std::string said = killWhileAllStopped(tree, {"PELMORA_HELPER_SOCKET=" + socket,
+                                                        "PELMORA_STATE_DIR=" + (state / "tool").string(),
+                                                        "XDG_STATE_HOME=" + (state / "tool").string()});
+    ASSERT_TRUE(said.find("with all its descendants") != std::string::npos) << said;
+    EXPECT_TRUE(eventually([&] { return tree.noneStopped(); })) << tree.states();
+  }
+  ::kill(daemon, SIGTERM);
+  ::waitpid(daemon, nullptr, 0);
+  ::close(daemon_out);
+}
+
+TEST(LimitTree, MisuseGivesUsageAndANonZeroExitAndTouchesNothing) {
+  test::TempTree state;
+  BusyTree tree(1);
+  const std::string root = std::to_string(tree.root);
+  const std::vector<std::vector<std::string>> cases = {
+      {"--tree"}, {"--tree", root}, {"--tree", "abc", "50"}, {"--tree", "1", "50"},
+      {"--tree", root, "0"}, {"--tree", root, "50", "7"}, {"--trees", root, "50"},
+  };
+  for (const auto& args : cases) {
+    std::vector<std::string> argv = {kTool, "limit"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::string line;
+    for (const auto& a : args) line += a + " ";
+    SCOPED_TRACE(line);
+    int out = -1;
+    const pid_t tool = spawn(argv, {"PELMORA_HELPER_SOCKET=" + (state / "none.sock").string(),
+                                    "XDG_STATE_HOME=" + state.path().string()},
+                             &out);
+    const std::string said = readUntil(out);
+    int status = 0;
+    ::waitpid(tool, &status, 0);
+    ::close(out);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 2) << said;
+    EXPECT_NE(said.find("usage"), std::string::npos) << said;
+    EXPECT_NE(said.find("--tree"), std::string::npos) << said;
+    EXPECT_TRUE(tree.noneStopped());
+  }
+}
+
+}  // namespace
+}  // namespace pelmora
