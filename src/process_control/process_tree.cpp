@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <vector>
 
-#include "support/proc_task_reader.h"
+#include "support/proc_pid_stat.h"
 
 namespace pelmora {
 
