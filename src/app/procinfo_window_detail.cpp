@@ -91,7 +91,7 @@ void ProcinfoWindow::buildDetail(QWidget* detail) {
   m_clear_limit = new QPushButton(tr("Clear Limit"), m_details);
   m_clear_all = new QPushButton(tr("Clear All Limits"), m_details);
   m_ph_limit = new QWidget(m_details);
-  m_ph_limit->setMinimumWidth(320);
+  m_ph_limit->setMinimumWidth(220);  // with "Include child processes" beside it, the window still fits 800 px
   m_limit = new SliderStepper(m_ph_limit, kNoLimit, 100 * onlineCpus(), 1, kNoLimit, this);
   m_limit->m_stepper->setSpecialValueText(tr("None"));
   m_limit->m_stepper->setSuffix(tr(" %"));
