@@ -2,22 +2,19 @@
 // fixture /proc carries the parent links: the limit set with it holds the whole tree in the real
 // limiter, the first process's row shows the group, its members are marked and cannot be limited
 // apart, and the choice is remembered per power source.
-#include <QApplication>
 #include <QCheckBox>
 #include <QPushButton>
 
 #include <gtest/gtest.h>
-
-#include <fstream>
 
 // The simulated helper keeps a member named like Qt's "signals" keyword.
 #undef signals
 
 #include "app/process_table_model.h"
 #include "app/procinfo_window.h"
+#include "common/sim_limiter.h"
 #include "process_control/cpu_limiter.h"
 #include "process_control/proc_settings.h"
-#include "process_control/sim_helper.h"
 #include "support/main_queue.h"
 
 namespace pelmora {
@@ -25,46 +22,20 @@ namespace {
 
 constexpr uint32_t kMe = 1000;
 
-void ensureApp() {
-  if (QApplication::instance()) return;
-  static int argc = 1;
-  static char name[] = "procinfo_tree_test";
-  static char* argv[] = {name, nullptr};
-  new QApplication(argc, argv);
-}
-
 // make (20) -> cc (21), cc (22); shell (30) apart.
-struct TreeFixture {
-  FakeClock clock;
-  test::SimRoot dir;
-  std::shared_ptr<test::SimWire> wire = std::make_shared<test::SimWire>();
-  Pelmora helper{std::make_unique<test::SimTransport>(wire)};
-  DefaultSettings settings{dir.settingsFile()};
-  std::unique_ptr<CPULimiter> limiter;
-
-  TreeFixture() {
-    ensureApp();
-    helper.setAuthorised(true);
-    RunLoop::main().runUntilIdle();
+struct TreeFixture : test::SimLimiter {
+  TreeFixture() : SimLimiter(false) {
     add(20, 1, "make");
     add(21, 20, "cc");
     add(22, 20, "cc");
     add(30, 1, "shell");
-    CPULimiter::Options options;
-    options.journal_dir = dir.journalDir();
-    limiter = std::make_unique<CPULimiter>(helper, dir.root(), settings, options);
+    make();
     refresh();
     refresh();
-  }
-  ~TreeFixture() {
-    limiter.reset();
-    RunLoop::main().runUntilIdle();
   }
   void add(int32_t pid, int32_t ppid, const std::string& name) {
-    dir.addProcess(pid);
-    wire->procs[pid] = test::SimProcess{.name = name, .uid = kMe, .ppid = ppid};
-    std::ofstream(dir.dir() / "proc" / std::to_string(pid) / "stat")
-        << pid << " (" << name << ") S " << ppid << " 0 0 0 0 0 0 0 0 0 0 0 0 0 20 0 1 0 100 0 0\n";
+    SimLimiter::add(pid, test::SimProcess{.name = name, .uid = kMe, .ppid = ppid});
+    dir.addProcess(pid, name, ppid);
   }
   // A second of half a processor for each, then a refresh and its broadcast.
   void refresh() {

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <memory>
@@ -177,6 +178,12 @@ class SimRoot {
     std::filesystem::create_directories(m_dir / "sys");
   }
   void addProcess(int32_t pid) { std::filesystem::create_directories(m_dir / ("proc/" + std::to_string(pid))); }
+  // The process's stat file too, with its parent and start time: for what follows the process tree.
+  void addProcess(int32_t pid, const std::string& name, int32_t ppid, uint64_t start_ticks = 100) {
+    addProcess(pid);
+    std::ofstream(m_dir / ("proc/" + std::to_string(pid) + "/stat"))
+        << pid << " (" << name << ") S " << ppid << " 0 0 0 0 0 0 0 0 0 0 0 0 0 20 0 1 0 " << start_ticks << " 0 0\n";
+  }
   void removeProcess(int32_t pid) { std::filesystem::remove_all(m_dir / ("proc/" + std::to_string(pid))); }
   SysRoot root() const { return SysRoot((m_dir / "proc").string(), (m_dir / "sys").string()); }
   std::filesystem::path settingsFile() const { return m_dir / "defaults.json"; }

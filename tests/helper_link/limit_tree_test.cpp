@@ -5,17 +5,15 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <thread>
 
-#include "support/proc_task_reader.h"
-#include "support/sys_root.h"
-#include "support/text.h"
-#include "temp_tree.h"
+#include "common/child.h"
+#include "common/eventually.h"
+#include "common/temp_dir.h"
 
 namespace pelmora {
 namespace {
@@ -25,20 +23,7 @@ namespace fs = std::filesystem;
 const std::string kTool = std::string(PELMORA_BINARY_DIR) + "/src/cli/pelmora";
 const std::string kDaemon = std::string(PELMORA_BINARY_DIR) + "/src/helper/pelmora-helper";
 
-char stateOf(pid_t pid) {
-  const auto stat = ProcTaskReader().readStat(pid);
-  return stat ? stat->state : '?';
-}
-
-template <typename Pred>
-bool eventually(Pred pred) {
-  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!pred()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
-}
+using test::eventually;
 
 // A parent and `children` busy children; all die with the test.
 struct BusyTree {
@@ -48,24 +33,13 @@ struct BusyTree {
   explicit BusyTree(int children) {
     int ready[2];
     if (::pipe(ready) != 0) std::abort();
-    const pid_t test = ::getpid();
-    root = ::fork();
-    if (root == 0) {
-      ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-      if (::getppid() != test) ::_exit(0);
-      const pid_t me = ::getpid();
+    root = test::forkChild([&] {
       for (int i = 0; i < children; ++i) {
-        const pid_t child = ::fork();
-        if (child == 0) {
-          ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-          if (::getppid() != me) ::_exit(0);
-          volatile uint64_t n = 0;
-          for (;;) n = n + 1;
-        }
+        const pid_t child = test::busyChild();
         if (::write(ready[1], &child, sizeof child) != sizeof child) ::_exit(1);
       }
       for (;;) ::pause();
-    }
+    });
     members.push_back(root);
     for (int i = 0; i < children; ++i) {
       pid_t child = -1;
@@ -75,13 +49,10 @@ struct BusyTree {
     ::close(ready[0]);
     ::close(ready[1]);
   }
-  ~BusyTree() {
-    ::kill(root, SIGKILL);
-    ::waitpid(root, nullptr, 0);
-  }
+  ~BusyTree() { test::endChild(root); }  // its children die with it
   std::string states() const {
     std::string out;
-    for (pid_t pid : members) out += stateOf(pid);
+    for (pid_t pid : members) out += test::procState(pid);
     return out;
   }
   bool allStopped() const { return states().find_first_not_of('T') == std::string::npos; }
@@ -139,7 +110,7 @@ std::string killWhileAllStopped(const BusyTree& tree, const std::vector<std::str
 }
 
 TEST(LimitTree, WithoutADaemonTheJournalNamesEveryMemberAndTheNextRunContinuesThemAll) {
-  test::TempTree state;
+  test::TempDir state;
   BusyTree tree(3);
   const std::vector<std::string> env = {"PELMORA_HELPER_SOCKET=" + (state / "no-daemon.sock").string(),
                                         "PELMORA_STATE_DIR=" + state.path().string(),
@@ -151,7 +122,7 @@ TEST(LimitTree, WithoutADaemonTheJournalNamesEveryMemberAndTheNextRunContinuesTh
   EXPECT_TRUE(tree.allStopped()) << tree.states();
   std::string journal;
   for (const auto& entry : fs::recursive_directory_iterator(state.path()))
-    if (entry.path().extension() == ".json") journal += test::TempTree::readFile(entry.path());
+    if (entry.path().extension() == ".json") journal += test::TempDir::readFile(entry.path());
   for (pid_t pid : tree.members)
     EXPECT_NE(journal.find("\"pid\":" + std::to_string(pid)), std::string::npos) << journal;
   // Any later run of the tool continues what the dead one left stopped.
@@ -165,7 +136,7 @@ TEST(LimitTree, WithoutADaemonTheJournalNamesEveryMemberAndTheNextRunContinuesTh
 
 TEST(LimitTree, TheDaemonContinuesEveryMemberWhenTheToolDies) {
   if (::geteuid() != 0) GTEST_SKIP() << "the daemon runs as root";
-  test::TempTree state;
+  test::TempDir state;
   const std::string socket = (state / "helper.sock").string();
   int daemon_out = -1;
   const pid_t daemon = spawn({kDaemon, "--foreground", "--socket", socket},
@@ -186,7 +157,7 @@ TEST(LimitTree, TheDaemonContinuesEveryMemberWhenTheToolDies) {
 }
 
 TEST(LimitTree, MisuseGivesUsageAndANonZeroExitAndTouchesNothing) {
-  test::TempTree state;
+  test::TempDir state;
   BusyTree tree(1);
   const std::string root = std::to_string(tree.root);
   const std::vector<std::vector<std::string>> cases = {

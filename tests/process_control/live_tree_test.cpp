@@ -3,42 +3,29 @@
 // members' summed share holds, and whether clearing leaves any of them stopped.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <thread>
 
-#include "helper_link/pelmora.h"
+#include "common/child.h"
+#include "common/eventually.h"
+#include "common/live_limiter.h"
 #include "process_control/cpu_limiter.h"
 #include "process_control/process_tree.h"
-#include "live_child.h"
-#include "sim_helper.h"
 #include "support/proc_task_reader.h"
 
 namespace pelmora {
 namespace {
 
-template <typename Pred>
-bool eventually(Pred pred) {
-  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!pred()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
-}
+using test::eventually;
+using test::procState;
 
 // A parent that forks `first` busy children at once, then one more every 200 ms up to `total`,
-// and then only waits. It and its children die with the test.
-pid_t forkingParent(int first, int total) {
-  const pid_t test = ::getpid();
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (::getppid() != test) ::_exit(0);
+// and then only waits. It and its children die with the test (or when it goes out of scope).
+test::Child forkingParent(int first, int total) {
+  return test::Child([first, total] {
     for (int i = 0; i < total; ++i) {
       if (i >= first) {
         const timespec pause{0, 200'000'000};
@@ -47,8 +34,7 @@ pid_t forkingParent(int first, int total) {
       test::busyChild();
     }
     for (;;) ::pause();
-  }
-  return pid;
+  });
 }
 
 struct Descendants {
@@ -67,22 +53,13 @@ Descendants descendantsOf(pid_t root) {
   return out;
 }
 
-char stateOf(pid_t pid) {
-  const auto stat = ProcTaskReader().readStat(pid);
-  return stat ? stat->state : '?';
-}
-
 TEST(LiveTreeLimit, AParentForkingBusyChildrenWhileHeldStaysWithinItsShareInTotal) {
-  test::SimRoot dir;
-  const pid_t parent = forkingParent(2, 5);
+  const test::Child tree = forkingParent(2, 5);
+  const pid_t parent = tree.pid();
   ASSERT_GT(parent, 0);
-  Pelmora helper(std::make_unique<test::CountingTransport>());
-  DefaultSettings settings(dir.settingsFile());
-  CPULimiter::Options options;
-  options.nettop_path = "/bin/true";
-  options.journal_dir = dir.journalDir();
+  test::LiveLimiter live;
+  CPULimiter& limiter = *live.limiter;
   constexpr double kShare = 0.3;
-  CPULimiter limiter(helper, SysRoot::current(), settings, options);
   ASSERT_TRUE(limiter.start());
   {
     MutexLock lock(limiter.mutex());
@@ -103,12 +80,10 @@ TEST(LiveTreeLimit, AParentForkingBusyChildrenWhileHeldStaysWithinItsShareInTota
   EXPECT_GT(share, 0.05) << "the tree did not run at all";
   EXPECT_LT(share, kShare + 0.2) << "the tree was not held to its share in total";
   limiter.clearLimit(parent);
-  for (int32_t pid : after.pids) EXPECT_TRUE(eventually([&] { return stateOf(pid) != 'T'; })) << pid;
+  for (int32_t pid : after.pids) EXPECT_TRUE(eventually([&] { return procState(pid) != 'T'; })) << pid;
   EXPECT_TRUE(limiter.trees().empty());
-  limiter.stopTimer();
-  ::kill(parent, SIGKILL);  // its children follow it (parent-death signal)
-  ::waitpid(parent, nullptr, 0);
-}
+  live.release();
+}  // the parent is ended, and its children with it (parent-death signal)
 
 }  // namespace
 }  // namespace pelmora

@@ -7,13 +7,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 
+#include "common/sim_limiter.h"
 #include "process_control/cpu_limiter.h"
 #include "process_control/limiter_math.h"
 #include "process_control/proc_settings.h"
 #include "process_control/process_tree.h"
-#include "sim_helper.h"
 #include "support/main_queue.h"
 
 namespace pelmora {
@@ -68,45 +67,21 @@ TEST(TallyGroup, ChargesWhatEachMemberUsedAndNewbornsFromBirth) {
 using Signals = std::vector<std::pair<int32_t, int64_t>>;
 
 // A tree in the fixture /proc: 100 -> {101, 102}, 101 -> 103; 200 is unrelated.
-struct TreeRig {
-  FakeClock clock;
-  test::SimRoot dir;
-  std::shared_ptr<test::SimWire> wire = std::make_shared<test::SimWire>();
-  Pelmora helper{std::make_unique<test::SimTransport>(wire)};
-  DefaultSettings settings{dir.settingsFile()};
-  std::unique_ptr<CPULimiter> limiter;
-
-  TreeRig() {
-    helper.setAuthorised(true);
+struct TreeRig : test::SimLimiter {
+  TreeRig() : SimLimiter(false) {
     add(100, 1, "make");
     add(101, 100, "cc");
     add(102, 100, "cc");
     add(103, 101, "as");
     add(200, 1, "other");
-    makeLimiter();
+    make();
   }
-  ~TreeRig() {
-    limiter.reset();
-    RunLoop::main().runUntilIdle();
-  }
-  void makeLimiter() {
-    CPULimiter::Options options;
-    options.journal_dir = dir.journalDir();
-    limiter = std::make_unique<CPULimiter>(helper, dir.root(), settings, options);
-  }
+  // Our own processes: saved limits apply to those only.
   void add(int32_t pid, int32_t ppid, const std::string& name, uint64_t start_ticks = 100) {
-    dir.addProcess(pid);
-    wire->procs[pid].name = name;
-    wire->procs[pid].ppid = ppid;
-    wire->procs[pid].uid = ::getuid();  // saved limits apply to our own processes only
-    std::ofstream(dir.dir() / "proc" / std::to_string(pid) / "stat")
-        << pid << " (" << name << ") S " << ppid << " 0 0 0 0 0 0 0 0 0 0 0 0 0 20 0 1 0 " << start_ticks
-        << " 0 0\n";
+    SimLimiter::add(pid, test::SimProcess{.name = name, .uid = ::getuid(), .ppid = ppid});
+    dir.addProcess(pid, name, ppid, start_ticks);
   }
-  void remove(int32_t pid) {
-    dir.removeProcess(pid);
-    wire->procs.erase(pid);
-  }
+  void remove(int32_t pid) { gone(pid); }
   void limitTree(int32_t pid, double share) {
     MutexLock lock(limiter->mutex());
     limiter->setLimit(pid, share, true);
@@ -116,7 +91,6 @@ struct TreeRig {
     wire->run(30'000);
     limiter->tick();
   }
-  bool stopped(int32_t pid) { return wire->procs[pid].stopped; }
   uint64_t cpu_ns(std::initializer_list<int32_t> pids) {
     uint64_t sum = 0;
     for (int32_t pid : pids) sum += wire->procs[pid].cpu_ns;
@@ -261,7 +235,7 @@ TEST(TreeLimit, RememberedByNameWithItsChildrenAndOldSettingsStillLoad) {
     r.limiter.reset();
     r.settings.saveDict("limited", c.limited);
     if (!c.limited_tree.is_null()) r.settings.saveDict("limited_tree", c.limited_tree);
-    r.makeLimiter();
+    r.make();
     r.limiter->refresh();
     EXPECT_EQ(r.limiter->limitFor(100), 0.3);
     EXPECT_EQ(r.limiter->trees().count(100), c.expect_tree ? 1u : 0u);
