@@ -7,9 +7,7 @@ BootLocations BootLocations::standard() {
   BootLocations out;
   out.support_dir = "/var/lib/pelmora";
   out.unit_file = "/etc/systemd/system/net.tandrel.bootpelmora.service";
-  std::error_code ec;
-  out.resources_dir = fs::is_directory(PELMORA_LIBEXEC_DIR, ec) ? fs::path(PELMORA_LIBEXEC_DIR)
-                                                                 : fs::path(PELMORA_SOURCE_RESOURCES);
+  out.resources_dir = PELMORA_LIBEXEC_DIR;
   return out;
 }
 

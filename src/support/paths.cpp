@@ -40,9 +40,7 @@ std::filesystem::path autostartDir() { return xdg("XDG_CONFIG_HOME", ".config") 
 
 std::filesystem::path resourcesDir() {
   if (auto v = env("PELMORA_RESOURCES_DIR"); !v.empty()) return v;
-  std::error_code ec;
-  if (std::filesystem::is_directory(PELMORA_DATA_DIR, ec)) return PELMORA_DATA_DIR;
-  return PELMORA_SOURCE_RESOURCES;
+  return PELMORA_DATA_DIR;
 }
 
 std::string siblingProgram(const std::string& name, const std::string& build_folder) {

@@ -12,8 +12,8 @@ std::filesystem::path configDir();
 std::filesystem::path stateDir();
 // $XDG_CONFIG_HOME/autostart, else ~/.config/autostart.
 std::filesystem::path autostartDir();
-// The resources folder: $PELMORA_RESOURCES_DIR, else the installed data folder when it exists,
-// else the source tree's resources/ (a development build).
+// The resources folder: $PELMORA_RESOURCES_DIR (a development build points it at the source tree's
+// resources/), else the installed data folder. No source path is built into the programs.
 std::filesystem::path resourcesDir();
 // One of our own programs (e.g. "pelmora-nettop"): next to this executable, in its folder of a
 // development build's tree (build/src/<build_folder>/), else in the installed libexec folder.
