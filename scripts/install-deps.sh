@@ -5,6 +5,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build pkg-config clang
+  clang-format  # .ci/run checks the formatting of the last commit's lines (scripts/check-format.sh)
   qt6-base-dev qt6-base-dev-tools qt6-tools-dev qt6-tools-dev-tools qt6-l10n-tools
   libgl-dev
   nlohmann-json3-dev libsystemd-dev libxcb1-dev libxcb-ewmh-dev
