@@ -65,7 +65,7 @@ int main(int argc, char** argv) {
     options.nettop_path = "/bin/true";
     options.journal_dir = dir / "held";
     CPULimiter limiter(helper, SysRoot::current(), settings, options);
-    limiter.setProcessesUpdateInterval(1000);
+    limiter.setProcessesInterval_ms(1000);
     limiter.start();
     {
       ProcinfoWindow window(limiter, helper, settings);

@@ -19,7 +19,6 @@
 #include "helper_link/pelmora.h"
 #include "process_control/cpu_limiter.h"
 #include "process_control/power_monitor.h"
-#include "process_control/process_census.h"
 #include "sampling/system_stats.h"
 #include "support/broadcast.h"
 #include "support/default_settings.h"
@@ -100,7 +99,8 @@ void AppDelegate::finishLaunching() {
   // The full process table is gathered only while the process window shows it.
   m_services.limiter.setTableOnDemand(true);
   // The process counts of the statistics window and the live icon come from the limiter's table.
-  m_services.sampler.setProcessCensusProvider(processCensusProvider(m_services.limiter));
+  // The provider runs under the sampler's lock and takes the limiter's: the documented lock order.
+  m_services.sampler.setProcessCensusProvider([&limiter = m_services.limiter] { return limiter.owners(); });
   // Every graph colour the user chose, before anything draws: the live icon's view is never shown on
   // screen, so it would not load them itself.
   GraphView::setSettingsStore(&store);

@@ -138,7 +138,6 @@ class AppDelegate : public QObject {
   std::vector<QWidget*> ourWindows() const;
   void setTaskBarPresence(bool present);
   void saveWindowKeys();
-  bool firstLaunch() const { return m_first_launch; }
 
   AppServices m_services;
   PelmoraWindow* m_window = nullptr;

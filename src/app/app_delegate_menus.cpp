@@ -42,10 +42,10 @@ namespace {
 
 void configureFrequencyReader(bool use, int interval_s, int sample_interval_ms) {
   const auto& reader = PowerMetrics::shared();
-  reader->setInterval(interval_s);  // takes the reader's lock itself
+  reader->setInterval_s(interval_s);  // takes the reader's lock itself
   MutexLock lock(reader->mutex());
   reader->setUsePowermetrics(use);
-  reader->setSampleInterval(sample_interval_ms);
+  reader->setSampleInterval_ms(sample_interval_ms);
 }
 
 QAction* addItem(QMenu* menu, const QString& text, QObject* context, std::function<void()> action,
@@ -117,7 +117,7 @@ void AppDelegate::createPreferences() {
   // values now, but leave starting it to the sampler, which runs it only while a graph is shown.
   const GraphSwitches& current = GraphSwitches::current();
   configureFrequencyReader(current.show_cpu_frequency, static_cast<int>(current.updateInterval_us() / 1'000'000),
-                           static_cast<int>(current.freq_sample_interval));
+                           static_cast<int>(current.freq_sample_interval_ms));
   m_preferences = dialog;
   connect(this, &QObject::destroyed, dialog, &QObject::deleteLater);
 }

@@ -18,9 +18,10 @@
 #include "graphs/views/graph_view_power.h"
 #include "graphs/views/graph_view_proc.h"
 #include "graphs/views/graph_view_temperature.h"
-#include "sampling/temperature_collector.h"
 #include "sampling/system_stats.h"
+#include "sampling/temperature_collector.h"
 #include "support/default_settings.h"
+#include "support/settings_keys.h"
 
 namespace pelmora {
 
@@ -28,7 +29,7 @@ Dock::Dock(SystemStats& sampler, DefaultSettings& store, QObject* parent)
     : QObject(parent), m_sampler(sampler), m_store(store), m_app_icon(QApplication::windowIcon()) {
   m_link = std::make_shared<SamplerClientLink>([this] { samplerRestarted(); },
                                                [this](const SampleSet& sample) { statsUpdated(sample); });
-  m_display_type = displayFromRaw(m_store.loadInt(kDisplayKey, 0));
+  m_display_type = displayFromRaw(keys::kDockDisplay.load(m_store));
   setDisplay(m_display_type);
 }
 
@@ -90,7 +91,7 @@ void Dock::setDisplay(Display display) {
   }
   m_display_type = display;
   if (changed && m_view) feedView();
-  m_store.saveInt(kDisplayKey, static_cast<int64_t>(display));
+  keys::kDockDisplay.save(m_store, static_cast<int64_t>(display));
   if (display == Display::Icon) {
     detach();
     clearHistories();
@@ -254,22 +255,6 @@ void Dock::drawIcon(bool force) {
 QIcon Dock::icon() const { return m_view ? m_live_icon : m_app_icon; }
 
 QIcon Dock::trayIcon() const { return m_view ? m_live_tray_icon : m_app_icon; }
-
-QMenu* Dock::makeMenu(QWidget* parent) {
-  auto* menu = new QMenu(tr("Dock Display"), parent);
-  auto* group = new QActionGroup(menu);
-  group->setExclusive(true);
-  for (int raw = 0; raw < kDisplayCount; ++raw) {
-    const auto display = static_cast<Display>(raw);
-    QAction* action = menu->addAction(displayName(display));
-    action->setCheckable(true);
-    action->setChecked(display == m_display_type);
-    group->addAction(action);
-    connect(action, &QAction::triggered, this, [this, display] { setDisplay(display); });
-    connect(this, &Dock::displayChanged, action, [action, display](Display now) { action->setChecked(now == display); });
-  }
-  return menu;
-}
 
 std::vector<size_t> Dock::historyLengths() const {
   std::vector<size_t> lengths{m_total_cpu.size(), m_io.size(), m_load.size(), m_mem.size(),

@@ -39,7 +39,6 @@ class Dock : public QObject {
   // The common tray size; the tray gets a graph of its own drawn at this size, without a caption.
   static constexpr int kTraySize_px = 22;
   static constexpr int64_t kIconInterval_us = 1'000'000;
-  static constexpr const char* kDisplayKey = "DOCK_display";
 
   // Reads the saved kind and shows it (attaching to the sampler unless it is Icon).
   Dock(SystemStats& sampler, DefaultSettings& store, QObject* parent = nullptr);
@@ -51,15 +50,12 @@ class Dock : public QObject {
   static Display displayFromRaw(int64_t raw);
   // The menu item text of a kind.
   static QString displayName(Display display);
-  // A "Dock Display" submenu with every kind, the current one checked; it follows later changes.
-  QMenu* makeMenu(QWidget* parent);
 
   // The icon shown now: the live graph or, for Icon, the application's own.
   QIcon icon() const;
   // The same at tray size: the graph without its caption, or the application's own icon.
   QIcon trayIcon() const;
   GraphView* view() const { return m_view.get(); }
-  GraphView* trayView() const { return m_tray_view.get(); }
   // The graph preferences changed (the appearance among them): both icons are drawn again at once.
   void graphSettingsChanged();
   bool attached() const { return m_attached; }

@@ -35,7 +35,6 @@ constexpr const char* kListenerKey = "net.tandrel.pelmora.authchanged.PelmoraWin
 constexpr const char* kAuthChanged = "net.tandrel.pelmora.authchanged";
 constexpr const char* kCpuChanged = "net.tandrel.pelmora.cpuchanged";
 constexpr int kWatchPeriod_ms = 1000;
-constexpr const char* kFrameKey = "PelmoraWindow Frame";
 // A reply cannot hold a negative count, so this marks "the helper did not answer".
 constexpr cpu_numbers_t kNoAnswer{-1, -1, -1, -1};
 
@@ -105,7 +104,7 @@ PelmoraWindow::PelmoraWindow(Pelmora& helper, PowerMonitor& power, CPULimiter& l
   if (m_options.start_watch) m_timer->start(kWatchPeriod_ms);
   listen();
   m_cpucontrol->setDelegate(this);
-  installWindowConventions(this, &m_store, kFrameKey);
+  installWindowConventions(this, &m_store, &keys::kPelmoraWindowFrame);
 }
 
 PelmoraWindow::~PelmoraWindow() { unlisten(); }

@@ -33,16 +33,11 @@
 #include "support/broadcast.h"
 #include "support/default_settings.h"
 #include "support/pid.h"
+#include "support/settings_keys.h"
 
 namespace pelmora {
 namespace {
 
-constexpr const char* kFilterKey = "process_filter";
-constexpr const char* kSortColumnKey = "process_sort_column";
-constexpr const char* kSortAscendingKey = "process_sort_ascending";
-constexpr const char* kFontKey = "process_table_font";
-constexpr const char* kTreeKey = "process_tree";
-constexpr const char* kFrameKey = "ProcinfoWindow Frame";
 constexpr const char* kAuthChanged = "net.tandrel.pelmora.authchanged";
 constexpr const char* kCpuChanged = "net.tandrel.pelmora.cpuchanged";
 constexpr const char* kPowerSource = "pelmora.powersource";
@@ -142,7 +137,7 @@ ProcinfoWindow::ProcinfoWindow(CPULimiter& limiter, Pelmora& helper, DefaultSett
   listen();
   g_shared = this;
   resize(1040, 640);
-  installWindowConventions(this, &m_settings, kFrameKey);
+  installWindowConventions(this, &m_settings, &keys::kProcinfoWindowFrame);
   rebuild();
   fitColumns();
 }
@@ -267,7 +262,7 @@ void ProcinfoWindow::buildMenus() {
     connect(action, &QAction::triggered, this, [this, seconds] { updateFrequency(seconds * 1000); });
   }
   connect(m_header_frequency, &QMenu::aboutToShow, this, [this] {
-    const int64_t current = m_limiter.processesUpdateInterval();
+    const int64_t current = m_limiter.processesInterval_ms();
     for (QAction* action : m_header_frequency->actions()) action->setChecked(action->data().toInt() == current);
   });
   buildActionMenus();
@@ -320,14 +315,14 @@ void ProcinfoWindow::setColumnVisible(const std::string& id, bool visible) {
 }
 
 void ProcinfoWindow::loadSettings() {
-  m_process_filter = processesViewFrom(m_settings.loadInt(kFilterKey, 0));
-  m_sort_key = m_settings.loadString(kSortColumnKey, "pctcpu");
-  if (!isProcessColumn(m_sort_key)) m_sort_key = "pctcpu";
-  m_sort_ascending = m_settings.loadBool(kSortAscendingKey, false);
-  m_tree = m_settings.loadBool(kTreeKey, false);
+  m_process_filter = processesViewFrom(keys::kProcessFilter.load(m_settings));
+  m_sort_key = keys::kProcessSortColumn.load(m_settings);
+  if (!isProcessColumn(m_sort_key)) m_sort_key = keys::kProcessSortColumn.def;
+  m_sort_ascending = keys::kProcessSortAscending.load(m_settings);
+  m_tree = keys::kProcessTree.load(m_settings);
   m_act_tree->setChecked(m_tree);
   m_font = m_default_font;
-  const std::string font = m_settings.loadString(kFontKey, "");
+  const std::string font = keys::kProcessTableFont.load(m_settings);
   QFont stored;
   if (!font.empty() && stored.fromString(QString::fromStdString(font))) m_font = stored;
   m_table->setFont(m_font);
@@ -341,11 +336,11 @@ void ProcinfoWindow::loadSettings() {
 }
 
 void ProcinfoWindow::saveSettings() {
-  m_settings.saveInt(kFilterKey, static_cast<int64_t>(m_process_filter));
-  m_settings.saveBool(kTreeKey, m_tree);
-  m_settings.saveString(kSortColumnKey, m_sort_key);
-  m_settings.saveBool(kSortAscendingKey, m_sort_ascending);
-  m_settings.saveString(kFontKey, m_font == m_default_font ? "" : m_font.toString().toStdString());
+  keys::kProcessFilter.save(m_settings, static_cast<int64_t>(m_process_filter));
+  keys::kProcessTree.save(m_settings, m_tree);
+  keys::kProcessSortColumn.save(m_settings, m_sort_key);
+  keys::kProcessSortAscending.save(m_settings, m_sort_ascending);
+  keys::kProcessTableFont.save(m_settings, m_font == m_default_font ? "" : m_font.toString().toStdString());
 }
 
 void ProcinfoWindow::listen() {
@@ -392,7 +387,7 @@ void ProcinfoWindow::rebuild() {
   query.tree = m_tree;
   query.nice_of = [](int32_t pid) { return PID(pid).priority().value_or(0); };
   m_updating = true;
-  m_model->setContext({m_settings.loadBool("LimitFrontmost", false), wallClock_ns()});
+  m_model->setContext({keys::kLimitFrontmost.load(m_settings), wallClock_ns()});
   m_model->setRows(buildRows(table, m_limiter.limits(), query, m_limiter.trees()));
   m_updating = false;
   const int row = m_model->rowOfPid(m_selected_pid);

@@ -100,7 +100,6 @@ class ProcinfoWindow : public QWidget, public SliderStepperDelegate {
   const std::string& sortKey() const { return m_sort_key; }
   bool sortAscending() const { return m_sort_ascending; }
   processesView processFilter() const { return m_process_filter; }
-  const QFont& tableFont() const { return m_font; }
   ProcessTableModel& model() const { return *m_model; }
   QTableView* table() const { return m_table; }
   SliderStepper* limitControl() const { return m_limit; }
@@ -110,7 +109,6 @@ class ProcinfoWindow : public QWidget, public SliderStepperDelegate {
   QLabel* headerTitle() const { return m_header_title; }
   QPushButton* clearLimitButton() const { return m_clear_limit; }
   QPushButton* authButton() const { return m_auth; }
-  QLabel* modeLabel() const { return m_mode; }
   QLabel* nameLabel() const { return m_name; }
   QLabel* pctCpuLabel() const { return m_pct_cpu; }
 

@@ -358,7 +358,7 @@ void ProcinfoWindow::showOpenFiles() {
 }
 
 void ProcinfoWindow::updateFrequency(int64_t interval_ms) {
-  m_limiter.setProcessesUpdateInterval(interval_ms);
+  m_limiter.setProcessesInterval_ms(interval_ms);
   for (QAction* action : m_header_frequency->actions()) action->setChecked(action->data().toInt() == interval_ms);
 }
 

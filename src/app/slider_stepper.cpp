@@ -79,11 +79,6 @@ void SliderStepper::setControlEnabled(bool enabled) {
   m_slider->setEnabled(enabled);
 }
 
-void SliderStepper::setControlHidden(bool hidden) {
-  m_hidden = hidden;
-  setVisible(!hidden);
-}
-
 // The user moved the slider: the slider's integer value becomes the value.
 void SliderStepper::sliderAction() { setValue(m_slider->value()); }
 

@@ -42,8 +42,6 @@ class SliderStepper : public QWidget {
   // Enables or disables the stepper and the slider together.
   void setControlEnabled(bool enabled);
   bool controlEnabled() const { return m_enabled; }
-  void setControlHidden(bool hidden);
-  bool controlHidden() const { return m_hidden; }
 
   QSlider* m_slider;
   QSpinBox* m_stepper;
@@ -54,7 +52,6 @@ class SliderStepper : public QWidget {
 
   SliderStepperDelegate* m_delegate = nullptr;
   bool m_enabled = true;
-  bool m_hidden = false;
 };
 
 // The value a request for `requested` ends with in [minimum, maximum]. Pure.

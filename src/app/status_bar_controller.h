@@ -55,7 +55,6 @@ class StatusBarController : public QObject {
   void setBaseIcon(const QIcon& icon);
   // Redraws the icon for the current hyper-threading state.
   void refreshTitle();
-  bool showsHT() const { return m_shows_ht; }
   // The menuNeedsUpdate: the three read-outs from the helper and the limiter.
   void refreshReadouts();
   QAction* readout(int index) const { return m_readouts.at(static_cast<size_t>(index)); }

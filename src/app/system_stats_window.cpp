@@ -40,10 +40,6 @@ namespace pelmora {
 
 namespace {
 
-constexpr const char* kShowDataIOKey = "graph_show_data_io";
-constexpr const char* kLabelFontKey = "graph_label_font";
-constexpr const char* kGfxSplitKey = "SystemStatsGFX";
-constexpr const char* kFrameKey = "SystemStatsWindow Frame";
 constexpr int kFillerHeight_px = 100;
 
 QPointer<SystemStatsWindow>& sharedSlot() {
@@ -124,17 +120,17 @@ SystemStatsWindow::SystemStatsWindow(SystemStats& sampler, DefaultSettings& stor
   m_cpu.resize(m_ncpu);
 
   QFont font = defaultLabelFont();
-  const std::string stored_font = m_store.loadString(kLabelFontKey, "");
+  const std::string stored_font = keys::kGraphLabelFont.load(m_store);
   if (!stored_font.empty()) font.fromString(qs(stored_font));
   m_font = font;
 
   buildLayout();
-  setShowDataIO(m_store.loadBool(kShowDataIOKey, true));
+  setShowDataIO(keys::kGraphShowDataIO.load(m_store));
   rebuildCpuGraphs();
   applyAppearance();
 
   resize(1100, 760);
-  installWindowConventions(this, &m_store, kFrameKey);
+  installWindowConventions(this, &m_store, &keys::kSystemStatsWindowFrame);
 
   // The link outlives the window inside the sampler's client list until it is removed; cut() below
   // makes any delivery after that a no-op.
@@ -188,7 +184,7 @@ void SystemStatsWindow::buildLayout() {
   m_data_io = new QComboBox(central);
   m_data_io->addItems({tr("Data"), tr("Operations")});
   connect(m_data_io, &QComboBox::currentIndexChanged, this, [this] {
-    m_store.saveBool(kShowDataIOKey, showDataIO());
+    keys::kGraphShowDataIO.save(m_store, showDataIO());
     updateGraphs();
   });
   bar->addWidget(new QLabel(tr("Disk I/O:"), central));
@@ -249,7 +245,7 @@ void SystemStatsWindow::buildLayout() {
                                                         m_temp_view, m_battery_view})
     device->hide();
   // The GPU dividers are put back once the GPU graphs exist (restoring an empty splitter does nothing).
-  m_gfx_state = QByteArray::fromBase64(QByteArray::fromStdString(m_store.loadString(kGfxSplitKey, "")));
+  m_gfx_state = QByteArray::fromBase64(QByteArray::fromStdString(keys::kSystemStatsGfxSplit.load(m_store)));
 }
 
 void SystemStatsWindow::rebuildCpuGraphs() {
@@ -314,7 +310,7 @@ void SystemStatsWindow::graphSettingsChanged() {
 void SystemStatsWindow::setLabelFont(const QFont& font) {
   m_font = font;
   for (auto* view : findChildren<GraphView*>()) view->setLabelFont(font);
-  m_store.saveString(kLabelFontKey, font.toString().toStdString());
+  keys::kGraphLabelFont.save(m_store, font.toString().toStdString());
 }
 
 QFont SystemStatsWindow::defaultLabelFont() { return QFontDatabase::systemFont(QFontDatabase::SmallestReadableFont); }
@@ -553,9 +549,10 @@ void SystemStatsWindow::release() {
 }
 
 void SystemStatsWindow::saveSettings() {
-  m_store.saveBool(kShowDataIOKey, showDataIO());
-  m_store.saveString(kLabelFontKey, m_font.toString().toStdString());
-  if (m_gfx_views->count() > 0) m_store.saveString(kGfxSplitKey, m_gfx_views->saveState().toBase64().toStdString());
+  keys::kGraphShowDataIO.save(m_store, showDataIO());
+  keys::kGraphLabelFont.save(m_store, m_font.toString().toStdString());
+  if (m_gfx_views->count() > 0)
+    keys::kSystemStatsGfxSplit.save(m_store, m_gfx_views->saveState().toBase64().toStdString());
   saveWindowFrame(this);
 }
 

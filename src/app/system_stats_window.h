@@ -114,8 +114,6 @@ class SystemStatsWindow : public QMainWindow {
   const std::map<std::string, GraphViewGFX*>& gpuViews() const { return m_gpu_views; }
   const std::vector<GraphViewFan*>& fanViews() const { return m_fan_views_list; }
   GraphViewCPU* totalCpuView() const { return m_total_cpu_view; }
-  GraphViewIO* ioView() const { return m_io_view; }
-  GraphViewMEM* memView() const { return m_mem_view; }
   // Hidden on a machine without such sensors or without a battery of its own.
   GraphViewTemperature* temperatureView() const { return m_temp_view; }
   GraphViewBattery* batteryView() const { return m_battery_view; }

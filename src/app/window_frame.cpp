@@ -24,11 +24,11 @@ int placeInside(int start, int length, int low, int high) {
 // Shows and first-show geometry work on the window it watches.
 class WindowConventions : public QObject {
  public:
-  WindowConventions(QWidget* window, DefaultSettings* store, const char* key)
+  WindowConventions(QWidget* window, DefaultSettings* store, const StringKey* key)
       : QObject(window), m_window(window), m_store(store), m_key(key) {}
 
   void save() const {
-    if (m_store && m_key) saveFrame(m_window, *m_store, m_key);
+    if (m_store && m_key) saveFrame(m_window, *m_store, *m_key);
   }
 
  protected:
@@ -45,7 +45,7 @@ class WindowConventions : public QObject {
  private:
   QWidget* m_window;
   DefaultSettings* m_store;
-  const char* m_key;
+  const StringKey* m_key;
 };
 
 }  // namespace
@@ -99,8 +99,8 @@ void fitToScreen(QWidget* window) {
     window->setGeometry(fitted);
 }
 
-bool restoreFrame(QWidget* window, DefaultSettings& store, const char* key) {
-  const std::string saved = store.loadString(key, "");
+bool restoreFrame(QWidget* window, DefaultSettings& store, const StringKey& key) {
+  const std::string saved = key.load(store);
   if (saved.empty()) {
     fitToScreen(window);
     return false;
@@ -123,11 +123,11 @@ bool restoreFrame(QWidget* window, DefaultSettings& store, const char* key) {
   return used;
 }
 
-void saveFrame(const QWidget* window, DefaultSettings& store, const char* key) {
-  store.saveString(key, window->saveGeometry().toBase64().toStdString());
+void saveFrame(const QWidget* window, DefaultSettings& store, const StringKey& key) {
+  key.save(store, window->saveGeometry().toBase64().toStdString());
 }
 
-void installWindowConventions(QWidget* window, DefaultSettings* store, const char* frame_key) {
+void installWindowConventions(QWidget* window, DefaultSettings* store, const StringKey* frame_key) {
   auto* close = new QAction(window);
   QList<QKeySequence> keys = QKeySequence::keyBindings(QKeySequence::Close);
   for (const QKeySequence& extra : {QKeySequence(Qt::CTRL | Qt::Key_W), QKeySequence(Qt::Key_Escape)})
@@ -136,7 +136,7 @@ void installWindowConventions(QWidget* window, DefaultSettings* store, const cha
   close->setShortcutContext(Qt::WindowShortcut);
   QObject::connect(close, &QAction::triggered, window, &QWidget::close);
   window->addAction(close);
-  if (store && frame_key) restoreFrame(window, *store, frame_key);
+  if (store && frame_key) restoreFrame(window, *store, *frame_key);
   window->installEventFilter(new WindowConventions(window, store, frame_key));
 }
 

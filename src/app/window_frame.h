@@ -8,6 +8,8 @@
 #include <QRect>
 #include <QString>
 
+#include "support/settings_keys.h"
+
 class QScreen;
 class QWidget;
 
@@ -32,13 +34,13 @@ void fitToScreen(QWidget* window);
 
 // Restores the geometry saved under `key` when it fits a screen; otherwise keeps the window's size,
 // fitted to the screen. Returns whether the saved geometry was used.
-bool restoreFrame(QWidget* window, DefaultSettings& store, const char* key);
-void saveFrame(const QWidget* window, DefaultSettings& store, const char* key);
+bool restoreFrame(QWidget* window, DefaultSettings& store, const StringKey& key);
+void saveFrame(const QWidget* window, DefaultSettings& store, const StringKey& key);
 
 // Ctrl+W, the platform's Close key and Esc close the window; it is fitted to its screen each time it
 // is shown. With a key, the saved geometry is restored now (when it fits) and saved whenever the
 // window is hidden or closed, and by saveWindowFrame.
-void installWindowConventions(QWidget* window, DefaultSettings* store = nullptr, const char* frame_key = nullptr);
+void installWindowConventions(QWidget* window, DefaultSettings* store = nullptr, const StringKey* frame_key = nullptr);
 // Saves the geometry of a window given a key by installWindowConventions (quit, while it is open).
 void saveWindowFrame(QWidget* window);
 

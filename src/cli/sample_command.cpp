@@ -13,7 +13,6 @@
 
 #include "cli/cli_limiter.h"
 #include "cli/commands.h"
-#include "process_control/process_census.h"
 #include "sampling/power_metrics.h"
 #include "sampling/sample_format.h"
 #include "sampling/system_stats.h"
@@ -135,13 +134,14 @@ int runSampleCommand(const std::vector<std::string>& args) {
   signal(SIGPIPE, SIG_IGN);
   SignalWaiter signals;  // before the sampler's thread exists, so it inherits the blocked mask
   // Frequencies every second, like the samples (the reader's own default is every 5 s).
-  PowerMetrics::shared()->setInterval(1);
+  PowerMetrics::shared()->setInterval_s(1);
   auto& sampler = SystemStats::shared();
   // The process counts come from the process table, which the limiter's timer keeps fresh.
   CliLimiter limiter;
   limiter->refresh();
   limiter->start();
-  sampler.setProcessCensusProvider(processCensusProvider(*limiter));
+  // Runs under the sampler's lock and takes the limiter's: the documented lock order.
+  sampler.setProcessCensusProvider([&table = *limiter] { return table.owners(); });
   auto client = std::make_shared<PrintingClient>(*options, sampler.pageSize());
   sampler.addClient(client);
   RunLoop::main().run();

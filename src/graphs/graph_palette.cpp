@@ -55,21 +55,21 @@ GraphColor adjustColourAndAlpha(const GraphColor& color, double factor) {
   return out;
 }
 
-const char* GraphPalette::key(GraphClass graph) {
+const ColoursKey& GraphPalette::key(GraphClass graph) {
   switch (graph) {
-    case GraphClass::cpu: return "cpu_colors";
-    case GraphClass::mem: return "mem_colors";
-    case GraphClass::gfx: return "gfx_colors";
-    case GraphClass::io: return "io_colors";
-    case GraphClass::net: return "net_colors";
-    case GraphClass::load: return "loadavg_colors";
-    case GraphClass::proc: return "proc_colors";
-    case GraphClass::power: return "power_colors";
-    case GraphClass::fan: return "fan_colors";
-    case GraphClass::temp: return "temp_colors";
-    case GraphClass::battery: return "battery_colors";
+    case GraphClass::cpu: return keys::kCpuColours;
+    case GraphClass::mem: return keys::kMemColours;
+    case GraphClass::gfx: return keys::kGfxColours;
+    case GraphClass::io: return keys::kIOColours;
+    case GraphClass::net: return keys::kNetColours;
+    case GraphClass::load: return keys::kLoadColours;
+    case GraphClass::proc: return keys::kProcColours;
+    case GraphClass::power: return keys::kPowerColours;
+    case GraphClass::fan: return keys::kFanColours;
+    case GraphClass::temp: return keys::kTempColours;
+    case GraphClass::battery: return keys::kBatteryColours;
   }
-  return "";
+  return keys::kCpuColours;
 }
 
 std::vector<GraphColor> GraphPalette::defaults(GraphClass graph) {
@@ -97,7 +97,7 @@ std::vector<GraphColor>& GraphPalette::colors(GraphClass graph) {
 }
 
 void GraphPalette::load(GraphClass graph, DefaultSettings& store) {
-  const auto value = store.loadValue(key(graph));
+  const auto value = key(graph).load(store);
   if (!value || !value->is_array() || value->size() != defaults(graph).size()) return;
   std::vector<GraphColor> loaded;
   for (const auto& item : *value) {
@@ -112,13 +112,13 @@ void GraphPalette::setColor(GraphClass graph, int index, const GraphColor& color
   auto& array = colors(graph);
   if (index < 0 || static_cast<size_t>(index) >= array.size()) return;
   array[static_cast<size_t>(index)] = color;
-  store.saveDict(key(graph), toJson(array));
+  key(graph).save(store, toJson(array));
 }
 
 void GraphPalette::restoreDefaults(DefaultSettings& store) {
   for (GraphClass graph : kAllGraphClasses) {
     colors(graph) = defaults(graph);
-    store.saveDict(key(graph), toJson(colors(graph)));
+    key(graph).save(store, toJson(colors(graph)));
   }
 }
 

@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "support/settings_keys.h"
+
 namespace pelmora {
 
 class DefaultSettings;
@@ -42,7 +44,7 @@ inline constexpr std::array<GraphClass, 11> kAllGraphClasses = {
 class GraphPalette {
  public:
   // "cpu_colors", "mem_colors", ...
-  static const char* key(GraphClass graph);
+  static const ColoursKey& key(GraphClass graph);
   static std::vector<GraphColor> defaults(GraphClass graph);
 
   // The class's shared array (the defaults until loaded or changed).

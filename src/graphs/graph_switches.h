@@ -1,10 +1,12 @@
 #pragma once
-// Every "graph_" setting with its default and range. The graph preferences pane keeps the shared
-// instance (current()) equal to its controls, and the graph views read their drawing switches from it
-// at paint time, so painting never goes to the settings store. Main thread only.
+// Every "graph_" setting (key and default in support/settings_keys.h) with its range. The graph
+// preferences pane keeps the shared instance (current()) equal to its controls, and the graph views
+// read their drawing switches from it at paint time, so painting never goes to the settings store.
+// Main thread only.
 #include <cstdint>
 
 #include "graphs/graph_geometry.h"
+#include "support/settings_keys.h"
 
 namespace pelmora {
 
@@ -17,28 +19,28 @@ struct IntRange {
 
 struct GraphSwitches {
   static constexpr IntRange kMaxCpuRows{1, 128, 8};
-  static constexpr IntRange kFreqSampleInterval{1, 5000, 500};
+  static constexpr IntRange kFreqSampleInterval_ms{1, 5000, 500};
   static constexpr IntRange kTimeGrid{1, 3600, 60};  // stored default 30; the stepper's own is 60
   static constexpr IntRange kScaleGrid{0, 100, 25};
 
-  bool radio_default = true;
-  bool radio_light = false;
-  bool radio_dark = false;
-  int64_t update_interval = 2;  // menu index: 1 s, 2 s, else 5 s
-  int64_t net_avg = 1;          // menu index: 5, 10, else 60 samples
-  bool thin_dividers = true;
-  bool show_current = true;
-  bool show_net_avg = true;
-  bool net_avg_exp = true;
-  bool show_offline_cpus = false;
-  bool show_cpu_frequency = true;
-  bool fill_graph = true;
-  bool show_time_grid = false;
-  bool show_scale_grid = false;
-  int64_t max_cpu_rows = 8;
-  int64_t freq_sample_interval = 500;  // milliseconds
-  int64_t time_grid = 30;              // history columns
-  int64_t scale_grid = 25;             // percent of the height
+  bool radio_default = keys::kGraphRadioDefault.def;
+  bool radio_light = keys::kGraphRadioLight.def;
+  bool radio_dark = keys::kGraphRadioDark.def;
+  int64_t update_interval = keys::kGraphUpdateInterval.def;  // menu index: 1 s, 2 s, else 5 s
+  int64_t net_avg = keys::kGraphNetAvg.def;                  // menu index: 5, 10, else 60 samples
+  bool thin_dividers = keys::kGraphThinDividers.def;
+  bool show_current = keys::kGraphShowCurrent.def;
+  bool show_net_avg = keys::kGraphShowNetAvg.def;
+  bool net_avg_exp = keys::kGraphNetAvgExp.def;
+  bool show_offline_cpus = keys::kGraphShowOfflineCpus.def;
+  bool show_cpu_frequency = keys::kGraphShowCpuFrequency.def;
+  bool fill_graph = keys::kGraphFillGraph.def;
+  bool show_time_grid = keys::kGraphShowTimeGrid.def;
+  bool show_scale_grid = keys::kGraphShowScaleGrid.def;
+  int64_t max_cpu_rows = keys::kGraphMaxCpuRows.def;
+  int64_t freq_sample_interval_ms = keys::kGraphFreqSampleInterval_ms.def;
+  int64_t time_grid = keys::kGraphTimeGrid.def;    // history columns
+  int64_t scale_grid = keys::kGraphScaleGrid.def;  // percent of the height
 
   // Reads every key with its default; integers are clamped into their stepper's range.
   static GraphSwitches load(DefaultSettings& store);

@@ -39,10 +39,6 @@ bool hasHardwareThreads(const SysRoot& root) {
   return false;
 }
 
-bool looksLikeBootFlags(const std::vector<std::string>& args) {
-  return !args.empty() && (args[0] == "-h" || args[0] == "-p" || args[0] == "-t" || args[0] == "-n");
-}
-
 BootFlagsParse parseBootFlags(const std::vector<std::string>& args) {
   BootFlags flags;
   if (args.empty()) return misuse("no flags given");

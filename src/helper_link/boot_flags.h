@@ -44,7 +44,4 @@ struct BootFlagsParse {
 
 BootFlagsParse parseBootFlags(const std::vector<std::string>& args);
 
-// True when the arguments start like boot flags (the tool's subcommands are plain words).
-bool looksLikeBootFlags(const std::vector<std::string>& args);
-
 }  // namespace pelmora

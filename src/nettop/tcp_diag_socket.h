@@ -31,15 +31,12 @@ class TcpDiagSocket {
   int subscribeDestroyed();
   // Destroy notifications queued since the last call; never waits.
   std::vector<TcpSocketRecord> takeDestroyed();
-  // How often the kernel reported a dropped notification.
-  uint64_t overflows() const { return m_overflows; }
 
  private:
   bool dumpFamily(uint8_t family, std::vector<TcpSocketRecord>& out);
 
   UniqueFd m_dump;
   UniqueFd m_destroyed;
-  uint64_t m_overflows = 0;
   std::vector<uint64_t> m_buffer;  // 8-byte aligned, as netlink messages want
 };
 

@@ -45,9 +45,6 @@ class TcpTraffic {
   void forgetProcesses(const std::set<int32_t>& exited);
 
   const std::map<int32_t, ProcessTraffic>& processes() const { return m_processes; }
-  size_t trackedSockets() const { return m_sockets.size(); }
-  // Inodes looked up without finding a readable holder (never looked up again while they live).
-  size_t ownerlessSockets() const { return m_ownerless.size(); }
 
  private:
   struct Tracked {
@@ -64,7 +61,7 @@ class TcpTraffic {
 
   std::optional<uint32_t> m_readable_uid;
   std::map<uint64_t, Tracked> m_sockets;  // by cookie
-  std::set<uint64_t> m_ownerless;         // inodes
+  std::set<uint64_t> m_ownerless;         // inodes without a readable holder: not looked up again
   std::map<int32_t, ProcessTraffic> m_processes;
   std::map<int32_t, std::string> m_names;  // of owners found this round, for new processes
 };

@@ -62,15 +62,11 @@ CPULimiter::CPULimiter(Pelmora& helper, SysRoot root, DefaultSettings& settings,
   m_proc_settings = std::make_unique<ProcSettings>(m_settings, *monitor);
   // Processes a previous run left stopped when it died without continuing them.
   m_journal.recover();
-  m_processes_update_interval =
-      std::clamp<int64_t>(m_settings.loadInt("UPDATE_PROCESSES", kDefaultProcessesInterval_ms), 100, 3'600'000);
+  m_processes_interval_ms = std::clamp<int64_t>(keys::kProcessesInterval_ms.load(m_settings), 100, 3'600'000);
   if (auto ticks = readMachineTicks()) m_usage_ticks = *ticks;
-  m_usePIDControl = m_settings.loadBool("PID_use_pidcontroller", false);
-  m_kp = m_settings.loadDouble("PID_proportional", 0.5);
-  m_ki = m_settings.loadDouble("PID_integral", 0.25);
-  m_kd = m_settings.loadDouble("PID_derivative", 0.0125);
+  loadPIDGainsLocked();
   m_timer = std::make_unique<TimerQueue>(
-      kTimerLabel, tickIntervalLocked() * 1000, [] { makeCurrentThreadTimeConstraint(); }, [this] { tick(); });
+      kTimerLabel, tickIntervalLocked_ms() * 1000, [] { makeCurrentThreadTimeConstraint(); }, [this] { tick(); });
 }
 
 CPULimiter::~CPULimiter() {
@@ -111,7 +107,7 @@ void CPULimiter::addTableClient() {
     MutexLock lock(m_mutex);
     if (++m_table_clients > 1 || !m_table_on_demand) return;
     // Due at the next tick, which comes at once: the window should not wait a whole interval.
-    m_monitor_lasttime = Timeval::fromMicroseconds(Timeval::nowMicroseconds() - m_processes_update_interval * 1000);
+    m_monitor_lasttime = Timeval::fromMicroseconds(Timeval::nowMicroseconds() - m_processes_interval_ms * 1000);
   }
   if (m_listening && m_options.process_table) startNettop();
   m_timer->fireNow();
@@ -133,10 +129,10 @@ bool CPULimiter::tableWanted() {
 
 bool CPULimiter::tableWantedLocked() const { return !m_table_on_demand || m_table_clients > 0; }
 
-ProcessOwners CPULimiter::owners() {
+ProcessCensus CPULimiter::owners() {
   MutexLock lock(m_mutex);
   m_owners_asked = true;
-  ProcessOwners owners;
+  ProcessCensus owners;
   owners.uids.reserve(m_processes.size());
   for (const auto& [pid, row] : m_processes) owners.uids.push_back(row.uid);
   owners.translated = m_translated_count;
@@ -220,7 +216,7 @@ bool CPULimiter::nettopRunning() {
 
 void CPULimiter::handleNettopChunk(std::string_view chunk) {
   MutexLock lock(m_mutex);
-  const double time_constant_s = static_cast<double>(m_processes_update_interval) * 0.001;
+  const double time_constant_s = static_cast<double>(m_processes_interval_ms) * 0.001;
   for (const auto& sample : feedNettopChunk(m_nettop_buffer, chunk))
     recordNettopSample(m_netuse, sample, time_constant_s);
 }
@@ -230,30 +226,32 @@ std::map<int32_t, netUsage> CPULimiter::netUse() {
   return m_netuse;
 }
 
-int64_t CPULimiter::processesUpdateInterval() {
+int64_t CPULimiter::processesInterval_ms() {
   MutexLock lock(m_mutex);
-  return m_processes_update_interval;
+  return m_processes_interval_ms;
 }
 
-void CPULimiter::setProcessesUpdateInterval(int64_t interval_ms) {
+void CPULimiter::setProcessesInterval_ms(int64_t interval_ms) {
   MutexLock lock(m_mutex);
-  if (interval_ms < 1 || interval_ms == m_processes_update_interval) return;
-  m_processes_update_interval = interval_ms;
+  if (interval_ms < 1 || interval_ms == m_processes_interval_ms) return;
+  m_processes_interval_ms = interval_ms;
   saveProcessesIntervalLocked();
   setTimerPeriodLocked();
 }
 
-void CPULimiter::saveProcessesIntervalLocked() { m_settings.saveInt("UPDATE_PROCESSES", m_processes_update_interval); }
-
-int64_t CPULimiter::tickInterval() {
-  MutexLock lock(m_mutex);
-  return tickIntervalLocked();
+void CPULimiter::saveProcessesIntervalLocked() {
+  keys::kProcessesInterval_ms.save(m_settings, m_processes_interval_ms);
 }
 
-int64_t CPULimiter::tickIntervalLocked() const {
-  if (m_pids.empty()) return m_processes_update_interval;
-  const int64_t limiting = std::min(m_limiter_update_interval, m_adjuster_interval);
-  return m_options.process_table ? std::min(limiting, m_processes_update_interval) : limiting;
+int64_t CPULimiter::tickInterval_ms() {
+  MutexLock lock(m_mutex);
+  return tickIntervalLocked_ms();
+}
+
+int64_t CPULimiter::tickIntervalLocked_ms() const {
+  if (m_pids.empty()) return m_processes_interval_ms;
+  const int64_t limiting = std::min(m_limiter_interval_ms, m_adjuster_interval_ms);
+  return m_options.process_table ? std::min(limiting, m_processes_interval_ms) : limiting;
 }
 
 // Runs on the timer thread. While nothing is limited the timer only paces the table refresh, whose
@@ -268,33 +266,33 @@ void CPULimiter::setTimerSlackLocked() {
 }
 
 void CPULimiter::setTimerPeriodLocked() {
-  const int64_t period_us = tickIntervalLocked() * 1000;
+  const int64_t period_us = tickIntervalLocked_ms() * 1000;
   if (m_timer->period_us() != period_us) m_timer->setPeriod_us(period_us);
 }
 
-int64_t CPULimiter::limiterInterval() {
+int64_t CPULimiter::limiterInterval_ms() {
   MutexLock lock(m_mutex);
-  return m_limiter_update_interval;
+  return m_limiter_interval_ms;
 }
 
 // The timer fires every tick interval, a little late at times. Each step is due when its interval
 // has passed less half a timer period, so that a step whose interval equals the period runs at every
 // tick instead of skipping one whenever the previous tick ran late.
 bool CPULimiter::due(const Timeval& last, int64_t interval_ms, const Timeval& now) const {
-  return last.elapsedUntil(now) >= interval_ms * 1000 - tickIntervalLocked() * 500;
+  return last.elapsedUntil(now) >= interval_ms * 1000 - tickIntervalLocked_ms() * 500;
 }
 
 void CPULimiter::tick() {
   MutexLock lock(m_mutex);
-  if (Timeval now; due(m_limiter_lasttime, m_limiter_update_interval, now)) {
+  if (Timeval now; due(m_limiter_lasttime, m_limiter_interval_ms, now)) {
     m_limiter_lasttime = now;
     limiterTickLocked();
   }
-  if (Timeval now; m_options.process_table && due(m_monitor_lasttime, m_processes_update_interval, now)) {
+  if (Timeval now; m_options.process_table && due(m_monitor_lasttime, m_processes_interval_ms, now)) {
     m_monitor_lasttime = now;
     refreshAsWantedLocked();
   }
-  if (Timeval now; due(m_adjuster_lasttime, m_adjuster_interval, now)) {
+  if (Timeval now; due(m_adjuster_lasttime, m_adjuster_interval_ms, now)) {
     m_adjuster_lasttime = now;
     adjusterRunLocked();
   }

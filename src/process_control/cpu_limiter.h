@@ -31,6 +31,7 @@
 #include "support/proc_stat.h"
 #include "support/proc_task_reader.h"
 #include "support/process_list.h"
+#include "support/settings_keys.h"
 #include "support/sys_root.h"
 #include "support/timeval.h"
 
@@ -45,9 +46,6 @@ class TimerQueue;
 
 inline constexpr const char* kProcessesUpdatedBroadcast = "net.tandrel.pelmora.processesupdated";
 inline constexpr const char* kPrefsChangedBroadcast = "net.tandrel.pelmora.prefschanged";
-inline constexpr int64_t kDefaultLimiterInterval_ms = 30;
-inline constexpr int64_t kDefaultAdjusterInterval_ms = 500;
-inline constexpr int64_t kDefaultProcessesInterval_ms = 5000;
 
 // Process counts by owner, for the sampler.
 struct CPULimiterOptions {
@@ -56,12 +54,6 @@ struct CPULimiterOptions {
   // False for a limiter that only limits (the command line's "limit"): no process table is
   // refreshed and no network tool runs, since nothing shows them.
   bool process_table = true;
-};
-
-// Owners of every process in the table and the translated count: the sampler's process counts.
-struct ProcessOwners {
-  std::vector<uint32_t> uids;
-  int translated = 0;
 };
 
 // How many passes of each kind the timer or a caller ran (tests and benchmarks count them).
@@ -90,9 +82,9 @@ class CPULimiter {
   // Stops the timer too (quit, tests). Call continueAll() as well to release held processes.
   void stopTimer();
 
-  int64_t processesUpdateInterval();
-  void setProcessesUpdateInterval(int64_t interval_ms);
-  int64_t tickInterval();
+  int64_t processesInterval_ms();
+  void setProcessesInterval_ms(int64_t interval_ms);
+  int64_t tickInterval_ms();
 
   // Rebuilds the table now (normally the timer does it).
   void refresh();
@@ -108,7 +100,7 @@ class CPULimiter {
   void removeTableClient();
   bool tableWanted();
   // The owners for the process counts; asking keeps the light pass going while no table is shown.
-  ProcessOwners owners();
+  ProcessCensus owners();
   RefreshCounts refreshCounts();
   // Updates the whole machine's processor split since the last update (the timer does it after
   // each refresh).
@@ -151,18 +143,19 @@ class CPULimiter {
   bool nettopRunning();
 
   ProcSettings& procSettings() { return *m_proc_settings; }
-  int64_t limiterInterval();
+  int64_t limiterInterval_ms();
 
  private:
   CPULimiter(Pelmora& helper, SysRoot root, DefaultSettings& settings, PowerMonitor* monitor, Options options);
 
   // cpu_limiter.cpp
   void setTimerPeriodLocked();
-  int64_t tickIntervalLocked() const;
+  int64_t tickIntervalLocked_ms() const;
   bool due(const Timeval& last, int64_t interval_ms, const Timeval& now) const;
   void startNettop();
   void restartNettop();
   void saveProcessesIntervalLocked();
+  void loadPIDGainsLocked();
   void setTimerSlackLocked();
   // cpu_limiter_refresh.cpp
   void refreshLocked();
@@ -210,9 +203,9 @@ class CPULimiter {
   Options m_options;
   std::unique_ptr<PowerMonitor> m_own_monitor;
 
-  int64_t m_limiter_update_interval = kDefaultLimiterInterval_ms;
-  int64_t m_processes_update_interval = kDefaultProcessesInterval_ms;
-  int64_t m_adjuster_interval = kDefaultAdjusterInterval_ms;
+  int64_t m_limiter_interval_ms = keys::kLimiterInterval_ms.def;
+  int64_t m_processes_interval_ms = keys::kProcessesInterval_ms.def;
+  int64_t m_adjuster_interval_ms = keys::kAdjusterInterval_ms.def;
   std::unique_ptr<TimerQueue> m_timer;
   Timeval m_limiter_lasttime;
   Timeval m_monitor_lasttime;

@@ -12,33 +12,36 @@
 namespace pelmora {
 namespace {
 
-int64_t clampedSetting(DefaultSettings& settings, const std::string& key, int64_t def, int64_t low, int64_t high) {
-  const int64_t value = settings.loadInt(key, def);
+int64_t clampedSetting(DefaultSettings& settings, const IntKey& key, int64_t low, int64_t high) {
+  const int64_t value = key.load(settings);
   if (value >= low && value <= high) return value;
-  Log("Setting " + key + " = " + std::to_string(value) + " is outside " + std::to_string(low) + "..." +
+  Log("Setting " + std::string(key.key) + " = " + std::to_string(value) + " is outside " + std::to_string(low) + "..." +
       std::to_string(high) + "; using " + std::to_string(std::clamp(value, low, high)) + ".");
   return std::clamp(value, low, high);
 }
 
 }  // namespace
 
+void CPULimiter::loadPIDGainsLocked() {
+  m_usePIDControl = keys::kUsePIDController.load(m_settings);
+  m_kp = keys::kPIDProportional.load(m_settings);
+  m_ki = keys::kPIDIntegral.load(m_settings);
+  m_kd = keys::kPIDDerivative.load(m_settings);
+}
+
 void CPULimiter::loadPIDSettings() {
   MutexLock lock(m_mutex);
-  m_usePIDControl = m_settings.loadBool("PID_use_pidcontroller", false);
-  m_kp = m_settings.loadDouble("PID_proportional", 0.5);
-  m_ki = m_settings.loadDouble("PID_integral", 0.25);
-  m_kd = m_settings.loadDouble("PID_derivative", 0.0125);
-  const int64_t limiter = clampedSetting(m_settings, "limiter_sample_interval", kDefaultLimiterInterval_ms, 1, 1000);
-  if (limiter != m_limiter_update_interval) {
+  loadPIDGainsLocked();
+  const int64_t limiter = clampedSetting(m_settings, keys::kLimiterInterval_ms, 1, 1000);
+  if (limiter != m_limiter_interval_ms) {
     // The budget is per tick: a longer tick needs a proportionally larger one.
     for (auto& [pid, record] : m_pids) record.creditQuantum = creditQuantumFor(record.cpuLimit, limiter);
-    m_limiter_update_interval = limiter;
+    m_limiter_interval_ms = limiter;
     setTimerPeriodLocked();
   }
-  const int64_t adjuster =
-      clampedSetting(m_settings, "adjuster_sample_interval", kDefaultAdjusterInterval_ms, 100, 5000);
-  if (adjuster != m_adjuster_interval) {
-    m_adjuster_interval = adjuster;
+  const int64_t adjuster = clampedSetting(m_settings, keys::kAdjusterInterval_ms, 100, 5000);
+  if (adjuster != m_adjuster_interval_ms) {
+    m_adjuster_interval_ms = adjuster;
     setTimerPeriodLocked();
   }
 }
@@ -52,7 +55,7 @@ void CPULimiter::adjusterRunLocked() {
   if (m_pids.empty() && m_adjustments.empty()) return;
   const Timeval now;
   const double cpus = static_cast<double>(m_helper.requestCpuInfo().logical_cpu);
-  const AdjusterSettings settings{m_usePIDControl, m_kp, m_ki, m_kd, m_limiter_update_interval};
+  const AdjusterSettings settings{m_usePIDControl, m_kp, m_ki, m_kd, m_limiter_interval_ms};
   for (auto& [pid, record] : m_pids) {
     if (record.frontmost && !m_limit_frontmost) continue;
     auto found = m_adjustments.find(pid);

@@ -57,7 +57,7 @@ void CPULimiter::setLimit(int32_t pid, double share, bool tree) {
     m_adjustments.erase(pid);
   }
   record.cpuLimit = share;
-  record.creditQuantum = creditQuantumFor(share, m_limiter_update_interval);
+  record.creditQuantum = creditQuantumFor(share, m_limiter_interval_ms);
   record.frontmost = PID(pid, m_root).isFrontmost();
   m_pids[pid] = record;
   saveLimitNameLocked(pid, share, tree);

@@ -164,7 +164,7 @@ bool CPULimiter::refreshOne(int32_t pid, const ProcessRecord& record, const std:
   if (is_new) {
     applySavedSettingsLocked(row);
   } else if (m_rows_have_figures) {
-    updateProcessRates(row, old->second, now, m_processes_update_interval);
+    updateProcessRates(row, old->second, now, m_processes_interval_ms);
     totals.readPerSec += row.readPerSec.current();
     totals.writePerSec += row.writePerSec.current();
     m_energy.energyImpact(row);

@@ -13,10 +13,6 @@ namespace pelmora {
 namespace {
 
 constexpr const char* kListenerKey = "pelmora.powersource.ProcSettings";
-constexpr const char* kLimitedKey = "limited";
-constexpr const char* kRenicedKey = "reniced";
-constexpr const char* kSaveLimitedKey = "save_limited";
-constexpr const char* kSaveRenicedKey = "save_reniced";
 
 std::optional<double> shareFromJson(const nlohmann::json& v) {
   if (!v.is_number()) return std::nullopt;
@@ -78,6 +74,23 @@ void logRejected(const char* key, const std::vector<std::string>& rejected) {
   std::string line = std::string("Saved \"") + key + "\" entries were malformed and are ignored:";
   for (const auto& what : rejected) line += " " + what;
   Log(line + ".");
+}
+
+// Reads one saved list when saving it is on. A stored value that is not a dictionary at all leaves
+// the list as it is (empty at creation).
+template <typename Table>
+void loadSavedList(DefaultSettings& store, const BoolKey& saved, const DictKey& key, Table& table,
+                   Table (*parse)(const nlohmann::json&, std::vector<std::string>*)) {
+  if (!saved.load(store)) return;
+  const auto stored = store.loadValue(key.key);
+  if (!stored) return;
+  if (!stored->is_object()) {
+    Log(std::string("Saved \"") + key.key + "\" is not a dictionary and is ignored.");
+    return;
+  }
+  std::vector<std::string> rejected;
+  table = parse(*stored, &rejected);
+  logRejected(key.key, rejected);
 }
 
 }  // namespace
@@ -211,34 +224,17 @@ void ProcSettings::save() {
 }
 
 void ProcSettings::loadLocked() {
-  // A stored value that is not a dictionary at all leaves the lists as they are (empty at creation).
-  if (m_store.loadBool(kSaveLimitedKey, true)) {
-    if (auto stored = m_store.loadValue(kLimitedKey); stored && stored->is_object()) {
-      std::vector<std::string> rejected;
-      m_limited_names = limitTableFromJson(*stored, &rejected);
-      logRejected(kLimitedKey, rejected);
-    } else if (stored) {
-      Log("Saved \"limited\" is not a dictionary and is ignored.");
-    }
-    m_tree_names = treeNamesFromJson(keys::kLimitedTree.load(m_store));
-  }
-  if (m_store.loadBool(kSaveRenicedKey, true)) {
-    if (auto stored = m_store.loadValue(kRenicedKey); stored && stored->is_object()) {
-      std::vector<std::string> rejected;
-      m_reniced_names = priorityTableFromJson(*stored, &rejected);
-      logRejected(kRenicedKey, rejected);
-    } else if (stored) {
-      Log("Saved \"reniced\" is not a dictionary and is ignored.");
-    }
-  }
+  loadSavedList(m_store, keys::kSaveLimited, keys::kLimited, m_limited_names, limitTableFromJson);
+  if (keys::kSaveLimited.load(m_store)) m_tree_names = treeNamesFromJson(keys::kLimitedTree.load(m_store));
+  loadSavedList(m_store, keys::kSaveReniced, keys::kReniced, m_reniced_names, priorityTableFromJson);
 }
 
 void ProcSettings::saveLocked() {
-  if (m_store.loadBool(kSaveLimitedKey, true)) {
-    m_store.saveDict(kLimitedKey, toJson(m_limited_names));
+  if (keys::kSaveLimited.load(m_store)) {
+    keys::kLimited.save(m_store, toJson(m_limited_names));
     keys::kLimitedTree.save(m_store, treeNamesToJson(m_tree_names));
   }
-  if (m_store.loadBool(kSaveRenicedKey, true)) m_store.saveDict(kRenicedKey, toJson(m_reniced_names));
+  if (keys::kSaveReniced.load(m_store)) keys::kReniced.save(m_store, toJson(m_reniced_names));
 }
 
 }  // namespace pelmora

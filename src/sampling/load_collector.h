@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "sampling/sample_records.h"
+#include "support/process_list.h"
 
 namespace pelmora {
 
@@ -12,13 +13,6 @@ struct LoadCollector {
   // All three values when getloadavg returned exactly 3, else zeros (never a partial reading).
   static loadAverage fromValues(int returned, const double values[3]);
   static loadAverage read();
-};
-
-// What the process table hands the sampler each tick: the owner of every process and how many run
-// under binary translation. Supplied by whoever owns the process table (it lives above sampling).
-struct ProcessCensus {
-  std::vector<uid_t> uids;
-  int64_t translated = 0;
 };
 
 struct ProcessCounter {

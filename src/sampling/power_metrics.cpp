@@ -60,7 +60,7 @@ PowerMetrics::~PowerMetrics() {
 
 void PowerMetrics::start() {
   if (m_timer) return;
-  m_timer = std::make_unique<TimerQueue>(kTimerLabel, int64_t{m_interval} * USEC, nullptr,
+  m_timer = std::make_unique<TimerQueue>(kTimerLabel, int64_t{m_interval_s} * USEC, nullptr,
                                          [this, generation = m_generation] {
                                            MutexLock lock(m_mutex);
                                            measureLocked(generation);
@@ -80,15 +80,15 @@ void PowerMetrics::stop() {
 
 double PowerMetrics::frequency_mhz(size_t cpu) { return cpu < m_frequency.size() ? m_frequency[cpu] : 0.0; }
 
-void PowerMetrics::setInterval(int interval_s) {
+void PowerMetrics::setInterval_s(int interval_s) {
   MutexLock lock(m_mutex);
   if (interval_s < 1) {
     Log("Power metrics interval of " + std::to_string(interval_s) + " s refused; it stays " +
-        std::to_string(m_interval) + " s.");
+        std::to_string(m_interval_s) + " s.");
     return;
   }
-  m_interval = interval_s;
-  if (m_timer) m_timer->setPeriod_us(int64_t{m_interval} * USEC);
+  m_interval_s = interval_s;
+  if (m_timer) m_timer->setPeriod_us(int64_t{m_interval_s} * USEC);
 }
 
 void PowerMetrics::measure() {
@@ -102,7 +102,7 @@ void PowerMetrics::measureLocked(uint64_t generation) {
     m_frequency.clear();
     return;
   }
-  auto reply = m_helper.powerMetrics(m_sample_interval);
+  auto reply = m_helper.powerMetrics(m_sample_interval_ms);
   if (reply.status != 0 || !reply.fd.valid()) return;
   const std::string text = readAllReleasingLock(reply.fd.get());
   reply.fd.reset();
@@ -111,7 +111,7 @@ void PowerMetrics::measureLocked(uint64_t generation) {
 }
 
 std::string PowerMetrics::readAllReleasingLock(int fd) {
-  const int timeout_ms = m_sample_interval + kReadGrace_ms;
+  const int timeout_ms = m_sample_interval_ms + kReadGrace_ms;
   std::string text;
   char buffer[kReadBufferBytes];
   for (;;) {

@@ -6,7 +6,7 @@
 //
 // Threads: the measuring job runs on the timer thread "net.tandrel.pelmora.powermetrics"; start,
 // stop and the readers run on the sampler's threads and the main thread. m_mutex guards every
-// field. Every operation except setInterval() expects the caller to hold m_mutex; the sampler takes
+// field. Every operation except setInterval_s() expects the caller to hold m_mutex; the sampler takes
 // its own lock before this one, never after. The job holds m_mutex for its whole run except while
 // blocked in read(), so the sampler's tick is not held up by the child's output.
 #include <cstdint>
@@ -48,13 +48,11 @@ class PowerMetrics : public FrequencySource {
   double frequency_mhz(size_t cpu) override;
 
   // Takes the lock itself. Seconds; below 1 is refused (logged) and changes nothing.
-  void setInterval(int interval_s);
-  int interval() const { return m_interval; }
-  bool usePowermetrics() const { return m_use_powermetrics; }
+  void setInterval_s(int interval_s);
+  int interval_s() const { return m_interval_s; }
   void setUsePowermetrics(bool use) { m_use_powermetrics = use; }
-  int sampleInterval() const { return m_sample_interval; }
   // Milliseconds handed to the helper; the helper refuses values outside 1..10000.
-  void setSampleInterval(int sample_interval_ms) { m_sample_interval = sample_interval_ms; }
+  void setSampleInterval_ms(int sample_interval_ms) { m_sample_interval_ms = sample_interval_ms; }
   const std::vector<double>& frequencies() const { return m_frequency; }
   bool running() const { return m_timer != nullptr; }
 
@@ -74,8 +72,8 @@ class PowerMetrics : public FrequencySource {
   Mutex m_mutex;
   std::unique_ptr<TimerQueue> m_timer;
   bool m_use_powermetrics = true;
-  int m_interval = kDefaultInterval_s;                // s, period of the timer
-  int m_sample_interval = kDefaultSampleInterval_ms;  // ms, handed to the helper
+  int m_interval_s = kDefaultInterval_s;                 // s, period of the timer
+  int m_sample_interval_ms = kDefaultSampleInterval_ms;  // ms, handed to the helper
   uint64_t m_generation = 0;  // bumped by stop(): a job of a stopped timer keeps nothing
   Pelmora& m_helper;
 };

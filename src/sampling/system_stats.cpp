@@ -46,12 +46,12 @@ std::shared_ptr<SystemStats> SystemStats::create(SysRoot root, int64_t sample_in
 }
 
 SystemStats::SystemStats(SysRoot root, int64_t sample_interval_ms)
-    : m_sample_interval(sample_interval_ms),
+    : m_sample_interval_ms(sample_interval_ms),
       m_page_size(sysconf(_SC_PAGESIZE)),
       m_root(std::move(root)),
       m_timebase(CpuCollector::hostTimebase()),
       m_real_machine(m_root.sysRoot() == "/sys") {
-  m_timer = std::make_unique<TimerQueue>(kTimerLabel, m_sample_interval * kMicrosecondsPerMillisecond,
+  m_timer = std::make_unique<TimerQueue>(kTimerLabel, m_sample_interval_ms * kMicrosecondsPerMillisecond,
                                          enterTimeConstraintPolicy, [this] { tick(); });
   const auto stat_text = m_root.readProc("stat");
   const auto stat = stat_text ? ProcStat::parse(*stat_text) : std::nullopt;
@@ -155,11 +155,6 @@ void SystemStats::setFrequencySource(std::shared_ptr<FrequencySource> source) {
   if (m_running) stopFrequencySourceLocked();
   m_powermetrics = std::move(source);
   if (m_running) startFrequencySourceLocked();
-}
-
-std::shared_ptr<FrequencySource> SystemStats::frequencySource() {
-  MutexLock lock(m_mutex);
-  return m_powermetrics;
 }
 
 void SystemStats::tick() {

@@ -69,7 +69,6 @@ class SystemStats : public std::enable_shared_from_this<SystemStats> {
   // Seams for what lives above sampling. Without them process counts and frequencies read 0.
   void setProcessCensusProvider(ProcessCensusProvider provider);
   void setFrequencySource(std::shared_ptr<FrequencySource> source);
-  std::shared_ptr<FrequencySource> frequencySource();
   // Where RAPL readings come from when this process may not read them (the helper).
   void setEnergySource(PowerMeter::EnergySource source);
 
@@ -85,7 +84,6 @@ class SystemStats : public std::enable_shared_from_this<SystemStats> {
   const SysRoot& root() const { return m_root; }
 
   int64_t pageSize() const { return m_page_size; }
-  int64_t sampleInterval_ms() const { return m_sample_interval; }
   // One entry per processor: "Performance", "Efficiency" or "". Fixed at construction.
   const std::vector<std::string>& cpuTypes() const { return m_cpu_types; }
 
@@ -102,7 +100,7 @@ class SystemStats : public std::enable_shared_from_this<SystemStats> {
   SampleSet snapshotLocked() const;
 
   std::vector<std::shared_ptr<SystemStatsClient>> m_clients;
-  const int64_t m_sample_interval;  // ms
+  const int64_t m_sample_interval_ms;  // ms
   const int64_t m_page_size;        // bytes
   Mutex m_mutex;
   std::unique_ptr<TimerQueue> m_timer;

@@ -3,12 +3,15 @@
 // executable, "kernel" for kernel threads, "" when unreadable) and the count of translated processes:
 // those run by a user-space emulator (qemu-*, box64, box86, FEXInterpreter) or built for a machine
 // this host cannot execute natively.
+#include <sys/types.h>
+
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "support/sys_root.h"
 
@@ -20,6 +23,13 @@ std::optional<std::string> elfMachineName(std::string_view header);
 bool isEmulatorName(std::string_view base_name);
 // True when a host of machine `host` (uname's machine, e.g. "x86_64") runs `kind` without emulation.
 bool isNativeKind(std::string_view kind, std::string_view host);
+
+// The owner of every process and how many run under binary translation: what the process table
+// (the limiter, in process control) hands the sampler each tick for its process counts.
+struct ProcessCensus {
+  std::vector<uid_t> uids;
+  int64_t translated = 0;
+};
 
 class ProcessList {
  public:

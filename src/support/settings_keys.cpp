@@ -27,6 +27,10 @@ void StringListKey::save(DefaultSettings& store, const std::vector<std::string>&
 }
 nlohmann::json DictKey::load(DefaultSettings& store) const { return store.loadDict(key); }
 void DictKey::save(DefaultSettings& store, const nlohmann::json& value) const { store.saveDict(key, value); }
+std::string FontKey::load(DefaultSettings& store) const { return store.loadString(key, ""); }
+void FontKey::save(DefaultSettings& store, const std::string& value) const { store.saveString(key, value); }
+std::optional<nlohmann::json> ColoursKey::load(DefaultSettings& store) const { return store.loadValue(key); }
+void ColoursKey::save(DefaultSettings& store, const nlohmann::json& value) const { store.saveDict(key, value); }
 
 namespace {
 
@@ -36,9 +40,13 @@ SettingKey entry(const DoubleKey& k) { return {k.key, SettingType::real, k.def};
 SettingKey entry(const StringKey& k) { return {k.key, SettingType::string, k.def}; }
 SettingKey entry(const StringListKey& k) { return {k.key, SettingType::strings, nlohmann::json::array()}; }
 SettingKey entry(const DictKey& k) { return {k.key, SettingType::dictionary, nlohmann::json::object()}; }
+SettingKey entry(const FontKey& k) { return {k.key, SettingType::font, nullptr}; }
+SettingKey entry(const ColoursKey& k) { return {k.key, SettingType::colours, nullptr}; }
 
 std::vector<SettingKey> buildTable() {
   using namespace keys;
+  // A table, a few keys to a line.
+  // clang-format off
   std::vector<SettingKey> t = {
       entry(kAppPelmora), entry(kAppProcesses), entry(kAppSystemStats), entry(kCpuSettings),
       entry(kWarnThrottle), entry(kWarnApplyBoot), entry(kApplyBoot), entry(kSaveLimited),
@@ -52,13 +60,14 @@ std::vector<SettingKey> buildTable() {
       entry(kGraphShowOfflineCpus), entry(kGraphShowCpuFrequency), entry(kGraphFreqSampleInterval_ms),
       entry(kGraphShowNetAvg), entry(kGraphNetAvg), entry(kGraphNetAvgExp), entry(kGraphShowTimeGrid),
       entry(kGraphTimeGrid), entry(kGraphShowScaleGrid), entry(kGraphScaleGrid), entry(kGraphFillGraph),
-      entry(kGraphShowCurrent), entry(kGraphShowDataIO), entry(kGraphTempSensors),
+      entry(kGraphShowCurrent), entry(kGraphShowDataIO), entry(kGraphTempSensors), entry(kProcessTree),
+      entry(kPelmoraWindowFrame), entry(kProcinfoWindowFrame), entry(kSystemStatsWindowFrame),
+      entry(kSystemStatsGfxSplit), entry(kProcessTableFont), entry(kOpenFilesFont), entry(kGraphLabelFont),
+      entry(kCpuColours), entry(kMemColours), entry(kIOColours), entry(kNetColours), entry(kGfxColours),
+      entry(kFanColours), entry(kLoadColours), entry(kPowerColours), entry(kProcColours), entry(kTempColours),
+      entry(kBatteryColours),
   };
-  for (const char* font : {"process_table_font", "openfiles_font", "graph_label_font"})
-    t.push_back({font, SettingType::font, nullptr});
-  for (const char* colours : {"cpu_colors", "mem_colors", "io_colors", "net_colors", "gfx_colors", "fan_colors",
-                              "loadavg_colors", "power_colors", "proc_colors", "temp_colors", "battery_colors"})
-    t.push_back({colours, SettingType::colours, nullptr});
+  // clang-format on
   return t;
 }
 

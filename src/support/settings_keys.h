@@ -1,10 +1,11 @@
 #pragma once
 // Every key of the user's settings with its type and default, in one place. Readers go through the
 // typed keys below so that a default is written once; the table (allSettingKeys) lists them all for
-// tools and tests. Graph defaults are repeated here because the graph library owns their meaning
-// and ranges; a test keeps both in step. Font and colour-array keys have no value of their own here:
+// tools and tests. The graph library takes its defaults from here and keeps their ranges itself.
+// Font and colour-array keys have no value of their own here:
 // their default is the drawing code's built-in one, and a fresh store holds nothing for them.
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -52,6 +53,19 @@ struct DictKey {
   nlohmann::json load(DefaultSettings& store) const;
   void save(DefaultSettings& store, const nlohmann::json& value) const;
 };
+// A font as QFont::toString writes it; empty when none is stored (the drawing code's own font).
+struct FontKey {
+  const char* key;
+  std::string load(DefaultSettings& store) const;
+  void save(DefaultSettings& store, const std::string& value) const;
+};
+// A graph's colour array as stored; none when nothing is (the drawing code's built-in colours). The
+// graph library checks its length and entries.
+struct ColoursKey {
+  const char* key;
+  std::optional<nlohmann::json> load(DefaultSettings& store) const;
+  void save(DefaultSettings& store, const nlohmann::json& value) const;
+};
 
 namespace keys {
 // Windows open at the last quit.
@@ -87,6 +101,7 @@ inline constexpr IntKey kProcessesInterval_ms{"UPDATE_PROCESSES", 5000};
 inline constexpr IntKey kProcessFilter{"process_filter", 0};
 inline constexpr StringKey kProcessSortColumn{"process_sort_column", "pctcpu"};
 inline constexpr BoolKey kProcessSortAscending{"process_sort_ascending", false};
+inline constexpr BoolKey kProcessTree{"process_tree", false};
 inline constexpr IntKey kDockDisplay{"DOCK_display", 0};
 // Graphs.
 inline constexpr IntKey kGraphUpdateInterval{"graph_update_interval", 2};
@@ -111,6 +126,28 @@ inline constexpr BoolKey kGraphShowDataIO{"graph_show_data_io", true};
 // The sensors the temperature graph draws, by name, in line order; empty: processor package, hottest
 // GPU, hottest disk.
 inline constexpr StringListKey kGraphTempSensors{"graph_temp_sensors"};
+// Window places and sizes (QWidget::saveGeometry, base64) and the statistics window's GPU split;
+// empty: the window manager places the window.
+inline constexpr StringKey kPelmoraWindowFrame{"PelmoraWindow Frame", ""};
+inline constexpr StringKey kProcinfoWindowFrame{"ProcinfoWindow Frame", ""};
+inline constexpr StringKey kSystemStatsWindowFrame{"SystemStatsWindow Frame", ""};
+inline constexpr StringKey kSystemStatsGfxSplit{"SystemStatsGFX", ""};
+// Fonts.
+inline constexpr FontKey kProcessTableFont{"process_table_font"};
+inline constexpr FontKey kOpenFilesFont{"openfiles_font"};
+inline constexpr FontKey kGraphLabelFont{"graph_label_font"};
+// Each graph's colours.
+inline constexpr ColoursKey kCpuColours{"cpu_colors"};
+inline constexpr ColoursKey kMemColours{"mem_colors"};
+inline constexpr ColoursKey kIOColours{"io_colors"};
+inline constexpr ColoursKey kNetColours{"net_colors"};
+inline constexpr ColoursKey kGfxColours{"gfx_colors"};
+inline constexpr ColoursKey kFanColours{"fan_colors"};
+inline constexpr ColoursKey kLoadColours{"loadavg_colors"};
+inline constexpr ColoursKey kPowerColours{"power_colors"};
+inline constexpr ColoursKey kProcColours{"proc_colors"};
+inline constexpr ColoursKey kTempColours{"temp_colors"};
+inline constexpr ColoursKey kBatteryColours{"battery_colors"};
 }  // namespace keys
 
 struct SettingKey {
@@ -119,7 +156,7 @@ struct SettingKey {
   nlohmann::json def;  // null for fonts and colour arrays (the drawing code's own default)
 };
 
-// Every key, in the order above, then the fonts and the nine colour arrays.
+// Every key, in the order above.
 const std::vector<SettingKey>& allSettingKeys();
 // The value a store yields for the entry's key, read with the entry's type and default (null for
 // fonts and colour arrays that are not stored).

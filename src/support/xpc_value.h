@@ -48,7 +48,6 @@ class XPCValue {
   const XPCArray* asArray() const { return std::get_if<XPCArray>(&m_value); }
   const XPCDict* asDict() const { return std::get_if<XPCDict>(&m_value); }
   const XPCDescriptor* asDescriptor() const { return std::get_if<XPCDescriptor>(&m_value); }
-  const Storage& storage() const { return m_value; }
 
   bool operator==(const XPCValue& other) const { return m_value == other.m_value; }
 

@@ -270,7 +270,7 @@ TEST(AppDelegateTest, TheLimiterReadsTheProcessesOnlyForSomeoneWhoNeedsThem) {
     SCOPED_TRACE(step.what);
     step.act();
     RunLoop::main().runUntilIdle();
-    clock.advance_us(limiter.processesUpdateInterval() * 1000);
+    clock.advance_us(limiter.processesInterval_ms() * 1000);
     limiter.tick();
     const RefreshCounts counts = limiter.refreshCounts();
     EXPECT_EQ(counts.full, step.full);

@@ -83,6 +83,7 @@ TEST(DesktopConventions, EveryWindowOpensInsideTheScreenWithATitleThatNamesThePr
 TEST(DesktopConventions, SavedGeometryComesBackOnlyWhereItFits) {
   AppRig rig;
   const QRect available = QGuiApplication::primaryScreen()->availableGeometry();
+  constexpr StringKey kTestFrame{"Test Frame", ""};
   struct Case {
     const char* what;
     QRect saved;
@@ -96,10 +97,10 @@ TEST(DesktopConventions, SavedGeometryComesBackOnlyWhereItFits) {
     SCOPED_TRACE(c.what);
     QWidget source;
     source.setGeometry(c.saved);
-    saveFrame(&source, rig.rig.store, "Test Frame");
+    saveFrame(&source, rig.rig.store, kTestFrame);
     QWidget window;
     window.setGeometry(available.x() + 50, available.y() + 50, 320, 200);
-    EXPECT_EQ(restoreFrame(&window, rig.rig.store, "Test Frame"), c.used);
+    EXPECT_EQ(restoreFrame(&window, rig.rig.store, kTestFrame), c.used);
     EXPECT_EQ(window.size(), c.used ? c.saved.size() : QSize(320, 200));
     EXPECT_TRUE(fitsInside(window.geometry(), frameMargins(&window), available));
   }

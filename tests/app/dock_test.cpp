@@ -236,21 +236,6 @@ TEST_F(DockTest, IconKindGivesBackTheApplicationIcon) {
   QApplication::setWindowIcon(QIcon());
 }
 
-TEST_F(DockTest, MenuOffersTheNineKinds) {
-  Dock dock(*sampler, scratch.store());
-  QWidget parent;
-  QMenu* menu = dock.makeMenu(&parent);
-  const auto actions = menu->actions();
-  ASSERT_EQ(actions.size(), Dock::kDisplayCount);
-  EXPECT_TRUE(actions[0]->isChecked());
-  actions[3]->trigger();
-  EXPECT_EQ(dock.displayType(), Kind::GPU);
-  EXPECT_TRUE(actions[3]->isChecked());
-  dock.setDisplay(Kind::Memory);
-  EXPECT_TRUE(actions[5]->isChecked());
-  EXPECT_FALSE(actions[3]->isChecked());
-}
-
 TEST_F(DockTest, WindowAndIconShareTheSampler) {
   Dock dock(*sampler, scratch.store());
   dock.setDisplay(Kind::CPU);

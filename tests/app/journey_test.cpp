@@ -102,7 +102,7 @@ TEST(Journey, LegendColourWellToDialogToWindowAndLiveIconAfterARestart) {
   GraphSwitches::current().radio_default = false;
   GraphSwitches::current().radio_light = true;  // white backgrounds whatever the platform theme
   AppRig rig;
-  rig.rig.store.saveInt(Dock::kDisplayKey, static_cast<int>(Dock::Display::CPU));
+  keys::kDockDisplay.save(rig.rig.store, static_cast<int>(Dock::Display::CPU));
   keys::kAppPelmora.save(rig.rig.store, false);  // not the first launch: no About box
   rig.app->finishLaunching();
   ScratchTicks ticks(rig);
@@ -279,7 +279,7 @@ TEST(Journey, LockButtonWaitsForThePasswordWhileTheGuiAnswersAndTheLimitedChildK
                  std::make_unique<SocketTransport>(daemon.path(), kAuthorizeTimeout_ms));
   CPULimiter limiter(helper, SysRoot::current(), settings.store,
                      CPULimiter::Options{"/bin/true", settings.dir / "held-live"});
-  limiter.setProcessesUpdateInterval(1000);
+  limiter.setProcessesInterval_ms(1000);
   auto sampler = scratch.sampler();
   const pid_t child = test::busyChild();
   ASSERT_GT(child, 0);

@@ -228,7 +228,7 @@ TEST(SettingsKeysAgainstGraphs, GraphDefaultsAgree) {
   EXPECT_EQ(keys::kGraphMaxCpuRows.def, g.max_cpu_rows);
   EXPECT_EQ(keys::kGraphShowOfflineCpus.def, g.show_offline_cpus);
   EXPECT_EQ(keys::kGraphShowCpuFrequency.def, g.show_cpu_frequency);
-  EXPECT_EQ(keys::kGraphFreqSampleInterval_ms.def, g.freq_sample_interval);
+  EXPECT_EQ(keys::kGraphFreqSampleInterval_ms.def, g.freq_sample_interval_ms);
   EXPECT_EQ(keys::kGraphShowNetAvg.def, g.show_net_avg);
   EXPECT_EQ(keys::kGraphNetAvg.def, g.net_avg);
   EXPECT_EQ(keys::kGraphNetAvgExp.def, g.net_avg_exp);

@@ -26,7 +26,7 @@ TEST(ProcinfoLive, BusyChildLimitedTo20PercentThroughTheWindow) {
   ASSERT_GT(child, 0);
   test::LiveLimiter live;
   CPULimiter& limiter = *live.limiter;
-  limiter.setProcessesUpdateInterval(1000);
+  limiter.setProcessesInterval_ms(1000);
   ASSERT_TRUE(limiter.start());
   {
     ProcinfoWindow window(limiter, *live.helper, *live.settings);

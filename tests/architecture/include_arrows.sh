@@ -19,10 +19,9 @@ declare -A allowed=(
   [app]="app graphs process_control sampling helper_link support"
 )
 qt_allowed=" app graphs/views "
-# The process-census provider joins the limiter to the sampler. It is header-only so that
-# process_control does not link sampling; only programs that link both may include it.
-census_header="process_control/process_census.h"
-census_users=" app cli "
+# The daemon's socket server is a library of its own (pelmora_helper_daemon) that only the daemon
+# links: helper_link reaches the request handlers, never the server.
+daemon_headers=" helper/helper_daemon.h helper/log_rate_limit.h "
 
 layer_of() {  # src-relative path -> its layer
   case "$1" in
@@ -42,14 +41,12 @@ check_tree() {
       continue
     fi
     while IFS= read -r line; do
-      if [[ $line =~ ^[[:space:]]*#[[:space:]]*include[[:space:]]*\"([a-z_]+)/ ]]; then
-        target=${BASH_REMATCH[1]}
-        if [[ $line == *"\"$census_header\""* ]]; then
-          [[ $census_users == *" $layer "* ]] && continue
-          echo "$rel: includes $census_header, which only the programs (app, cli) may wire"
+      if [[ $line =~ ^[[:space:]]*#[[:space:]]*include[[:space:]]*\"(([a-z_]+)/[^\"]+)\" ]]; then
+        target=${BASH_REMATCH[2]}
+        if [[ $daemon_headers == *" ${BASH_REMATCH[1]} "* && $layer != helper ]]; then
+          echo "$rel: includes the daemon's server (${BASH_REMATCH[1]}), which only pelmora-helper links"
           breaks=$((breaks + 1))
-        elif [[ " ${allowed[$layer]} " != *" $target "* ]] &&
-             ! [[ $rel == "$census_header" && $target == sampling ]]; then
+        elif [[ " ${allowed[$layer]} " != *" $target "* ]]; then
           echo "$rel: $layer may not include $target/ ($line)"
           breaks=$((breaks + 1))
         fi
@@ -82,10 +79,9 @@ self_test() {
     'helper/a.cpp|#include "helper_link/pelmora.h"|break'
     'helper_link/a.h|#include "helper/request_handler.h"|ok'
     'process_control/a.h|#include "sampling/load_collector.h"|break'
-    'process_control/process_census.h|#include "sampling/load_collector.h"|ok'
-    'process_control/a.cpp|#include "process_control/process_census.h"|break'
-    'sampling/a.cpp|#include "process_control/process_census.h"|break'
-    'cli/a.cpp|#include "process_control/process_census.h"|ok'
+    'helper/a.cpp|#include "helper/helper_daemon.h"|ok'
+    'helper_link/a.cpp|#include "helper/helper_daemon.h"|break'
+    'helper_link/a.h|#include "helper/log_rate_limit.h"|break'
     'nettop/a.cpp|#include "process_control/nettop_parser.h"|break'
     'graphs/a.cpp|#include <QPainter>|break'
     'graphs/a.cpp|#include "app/settings.h"|break'

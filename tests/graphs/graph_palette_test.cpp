@@ -40,8 +40,8 @@ TEST(GraphColors, EveryClassWithItsKeyAndSeriesCount) {
       {GraphClass::temp, 3}, {GraphClass::battery, 2}};
   std::set<std::string> keys;
   for (auto [graph, count] : series) {
-    EXPECT_EQ(GraphPalette::defaults(graph).size(), count) << GraphPalette::key(graph);
-    keys.insert(GraphPalette::key(graph));
+    EXPECT_EQ(GraphPalette::defaults(graph).size(), count) << GraphPalette::key(graph).key;
+    keys.insert(GraphPalette::key(graph).key);
   }
   EXPECT_EQ(keys, (std::set<std::string>{"cpu_colors", "mem_colors", "gfx_colors", "io_colors", "net_colors",
                                          "loadavg_colors", "proc_colors", "power_colors", "fan_colors",
@@ -82,7 +82,7 @@ TEST_F(StoreTest, RestoreDefaultsWritesAllNineArrays) {
   GraphPalette::restoreDefaults(store);
   for (GraphClass g : kAllGraphClasses) {
     EXPECT_EQ(GraphPalette::colors(g), GraphPalette::defaults(g));
-    EXPECT_TRUE(store.contains(GraphPalette::key(g))) << GraphPalette::key(g);
+    EXPECT_TRUE(store.contains(GraphPalette::key(g).key)) << GraphPalette::key(g).key;
   }
   EXPECT_EQ(store.loadValue("fan_colors"), (nlohmann::json{"#007AFFFF", "#FF3B30FF", "#34C759FF"}));
 }
@@ -102,7 +102,7 @@ TEST_F(StoreTest, GraphSettingsDefaultsRangesAndRoundTrip) {
   } cases[] = {
       {"graph_max_cpu_rows", 0, 1, &GraphSwitches::max_cpu_rows},
       {"graph_max_cpu_rows", 500, 128, &GraphSwitches::max_cpu_rows},
-      {"graph_freq_sample_interval", 9999, 5000, &GraphSwitches::freq_sample_interval},
+      {"graph_freq_sample_interval", 9999, 5000, &GraphSwitches::freq_sample_interval_ms},
       {"graph_time_grid", -3, 1, &GraphSwitches::time_grid},
       {"graph_scale_grid", 101, 100, &GraphSwitches::scale_grid},
       {"graph_scale_grid", 0, 0, &GraphSwitches::scale_grid},

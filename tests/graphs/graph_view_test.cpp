@@ -384,7 +384,7 @@ TEST_F(GraphWidgetTest, PreferencesPaneDefaultsDependentControlsAndRestore) {
   EXPECT_EQ(pane.m_time_grid->value(), 60);  // the stepper's own default
   EXPECT_EQ(sampling.back(), std::make_tuple(true, 5, 500));
   EXPECT_EQ(GraphPalette::colors(GraphClass::power), GraphPalette::defaults(GraphClass::power));
-  for (GraphClass g : kAllGraphClasses) EXPECT_TRUE(store->contains(GraphPalette::key(g)));
+  for (GraphClass g : kAllGraphClasses) EXPECT_TRUE(store->contains(GraphPalette::key(g).key));
   EXPECT_EQ(store->loadInt("graph_time_grid", 0), 60);
 }
 

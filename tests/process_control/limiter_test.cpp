@@ -33,7 +33,7 @@ TEST(Limiter, DutyCycleSendsTheRealStopAndContinueSignals) {
   Rig r;
   r.add(50, "spin");
   r.limit(50, 0.5);
-  EXPECT_EQ(r.limiter->tickInterval(), 30);
+  EXPECT_EQ(r.limiter->tickInterval_ms(), 30);
   for (int i = 0; i < 40; ++i) r.step();
   ASSERT_FALSE(r.wire->signals.empty());
   EXPECT_EQ(r.wire->signals.front(), std::make_pair(50, int64_t{SIGSTOP}));
@@ -78,7 +78,7 @@ TEST(Limiter, ClearingEndsTheLimitEveryWay) {
     EXPECT_FALSE(r.stopped(61));
     EXPECT_EQ(r.limiter->limits().empty(), c.forgets_records);
     EXPECT_EQ(!r.limiter->procSettings().limitFor("alpha", kACPowerName), c.forgets_saved_names);
-    EXPECT_EQ(r.limiter->tickInterval(), c.forgets_records ? 5000 : 30);
+    EXPECT_EQ(r.limiter->tickInterval_ms(), c.forgets_records ? 5000 : 30);
   }
 }
 
@@ -122,7 +122,7 @@ TEST(Limiter, HelperFailuresRemoveTheLimit) {
     r.step();
     EXPECT_TRUE(r.limiter->limits().empty());
     EXPECT_EQ(r.wire->signals, c.expected);
-    EXPECT_EQ(r.limiter->tickInterval(), 5000);
+    EXPECT_EQ(r.limiter->tickInterval_ms(), 5000);
   }
 }
 
@@ -164,8 +164,8 @@ TEST(Limiter, IntervalSettingsRescaleQuantaAndTheTimer) {
     r.settings.saveInt("limiter_sample_interval", c.limiter_ms);
     r.settings.saveInt("adjuster_sample_interval", c.adjuster_ms);
     r.limiter->loadPIDSettings();
-    EXPECT_EQ(r.limiter->limiterInterval(), c.expect_limiter_ms);
-    EXPECT_EQ(r.limiter->tickInterval(), c.expect_tick_ms);
+    EXPECT_EQ(r.limiter->limiterInterval_ms(), c.expect_limiter_ms);
+    EXPECT_EQ(r.limiter->tickInterval_ms(), c.expect_tick_ms);
     EXPECT_DOUBLE_EQ(r.limiter->limits().at(5).creditQuantum, 0.5 * c.expect_limiter_ms * 1000);
   }
 }

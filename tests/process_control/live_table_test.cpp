@@ -134,7 +134,7 @@ TEST(LiveTable, ChildShowsDiskAndNetworkRatesOnTheSecondRefresh) {
   EXPECT_FALSE(limiter.nettopRunning());
   limiter.owners();
   const RefreshCounts before = limiter.refreshCounts();
-  limiter.setProcessesUpdateInterval(100);
+  limiter.setProcessesInterval_ms(100);
   EXPECT_TRUE(eventually([&] { return limiter.refreshCounts().light > before.light; }));
   limiter.addTableClient();
   EXPECT_TRUE(eventually([&] { return limiter.refreshCounts().full > before.full; }));

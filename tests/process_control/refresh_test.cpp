@@ -263,7 +263,7 @@ TEST(Refresh, NewProcessGetsItsSavedLimitAndPriority) {
   t.clock.advance_us(1'000'000);
   limiter.refresh();
   EXPECT_EQ(t.wire->priorities.size(), 1u);
-  EXPECT_EQ(limiter.tickInterval(), 30);
+  EXPECT_EQ(limiter.tickInterval_ms(), 30);
 }
 
 TEST(Refresh, BroadcastsAfterEachRefreshAndCountsOwners) {
@@ -295,17 +295,17 @@ TEST(Refresh, TimerRefreshesAtItsIntervalAndKeepsTheFastPeriodWhileLimiting) {
   t.clock.advance_us(5'000'000);
   limiter.tick();
   EXPECT_TRUE(limiter.rowFor(5));
-  EXPECT_EQ(limiter.tickInterval(), 5000);
+  EXPECT_EQ(limiter.tickInterval_ms(), 5000);
   {
     MutexLock lock(limiter.mutex());
     limiter.setLimit(5, 0.5);
   }
-  EXPECT_EQ(limiter.tickInterval(), 30);
-  limiter.setProcessesUpdateInterval(2000);
-  EXPECT_EQ(limiter.tickInterval(), 30);
+  EXPECT_EQ(limiter.tickInterval_ms(), 30);
+  limiter.setProcessesInterval_ms(2000);
+  EXPECT_EQ(limiter.tickInterval_ms(), 30);
   EXPECT_EQ(t.settings.loadInt("UPDATE_PROCESSES", 0), 2000);
   limiter.clearLimit(5);
-  EXPECT_EQ(limiter.tickInterval(), 2000);
+  EXPECT_EQ(limiter.tickInterval_ms(), 2000);
 }
 
 }  // namespace

@@ -127,7 +127,7 @@ TEST(PowerMetricsReader, SwitchedOffItEmptiesTheListWithoutAskingTheHelper) {
   {
     MutexLock lock(r.metrics.mutex());
     r.metrics.setUsePowermetrics(false);
-    r.metrics.setSampleInterval(250);
+    r.metrics.setSampleInterval_ms(250);
   }
   r.metrics.measure();
   EXPECT_TRUE(r.frequencies().empty());
@@ -179,11 +179,11 @@ TEST(PowerMetricsReader, StartStopAndTheInterval) {
   Logger::shared().startCapture();
   Reader r;
   r.answer([] { return success(pipeWith("CPU 0 frequency: 1500 MHz\n")); });
-  r.metrics.setInterval(0);  // refused
-  r.metrics.setInterval(1);
+  r.metrics.setInterval_s(0);  // refused
+  r.metrics.setInterval_s(1);
   {
     MutexLock lock(r.metrics.mutex());
-    EXPECT_EQ(r.metrics.interval(), 1);
+    EXPECT_EQ(r.metrics.interval_s(), 1);
     r.metrics.start();
     r.metrics.start();  // a second start keeps the one timer
     EXPECT_TRUE(r.metrics.running());

@@ -19,6 +19,7 @@ struct FreshStore {
 };
 
 // Written out by hand, apart from the code's table, so a changed default shows up here.
+// clang-format off
 const nlohmann::json kExpected = {
     {"APP_Pelmora", false}, {"APP_Processes", false}, {"APP_SystemStats", false},
     {"CPU_Settings", nlohmann::json::object()}, {"WARN_throttle", true}, {"WARN_apply_boot", true},
@@ -36,12 +37,15 @@ const nlohmann::json kExpected = {
     {"graph_net_avg", 1}, {"graph_net_avg_exp", true}, {"graph_show_time_grid", false},
     {"graph_time_grid", 30}, {"graph_show_scale_grid", false}, {"graph_scale_grid", 25},
     {"graph_fill_graph", true}, {"graph_show_current", true}, {"graph_show_data_io", true},
-    {"graph_temp_sensors", nlohmann::json::array()},
+    {"graph_temp_sensors", nlohmann::json::array()}, {"process_tree", false},
+    {"PelmoraWindow Frame", ""}, {"ProcinfoWindow Frame", ""}, {"SystemStatsWindow Frame", ""},
+    {"SystemStatsGFX", ""},
     {"process_table_font", nullptr}, {"openfiles_font", nullptr}, {"graph_label_font", nullptr},
     {"cpu_colors", nullptr}, {"mem_colors", nullptr}, {"io_colors", nullptr}, {"net_colors", nullptr},
     {"gfx_colors", nullptr}, {"fan_colors", nullptr}, {"loadavg_colors", nullptr}, {"power_colors", nullptr},
     {"proc_colors", nullptr}, {"temp_colors", nullptr}, {"battery_colors", nullptr},
 };
+// clang-format on
 
 TEST(SettingsKeys, AFreshStoreYieldsExactlyTheDefaults) {
   FreshStore fresh;

@@ -50,7 +50,6 @@ class GraphView : public QWidget {
   // Off for the tray meter: at 22 pixels a caption is unreadable, the graph alone says enough.
   void setShowsCaption(bool shows) { m_shows_caption = shows; }
   bool displayDock() const { return m_display_dock; }
-  GraphClass graphClass() const { return m_graph; }
 
   // The caption as drawn: the label followed by the current values.
   QString labelText() const { return m_label + currentText(); }

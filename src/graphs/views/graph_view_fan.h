@@ -13,9 +13,6 @@ class GraphViewFan : public GraphView {
   explicit GraphViewFan(QWidget* parent = nullptr);
   using QWidget::update;
   void update(const std::vector<fanStats>& history);
-  const std::vector<fan_column>& fanSpeeds() const { return m_fan_speeds; }
-  int64_t minSpeed() const { return m_min_speed; }
-  int64_t maxSpeed() const { return m_max_speed; }
 
  protected:
   void updateLegend() override;

@@ -22,7 +22,6 @@ class GraphViewIO : public GraphView {
   void setDisk(int64_t diskno, const QString& bsdname);
   void setDataRate(bool bytes);
   void update(const std::vector<ioStats>& history);
-  const std::vector<io_rate>& ioRates() const { return m_io_stats; }
   double maxIO() const { return m_max_io; }
   GraphPopover* volumesPopover() const;
   void openVolumes();

@@ -14,7 +14,6 @@ class GraphViewLoad : public GraphView {
   using QWidget::update;
   void update(const std::vector<loadAverage>& history);
   const std::vector<load_column>& loadAvg() const { return m_load_avg; }
-  double maxLoad() const { return m_max_load; }
 
  protected:
   void updateLegend() override;

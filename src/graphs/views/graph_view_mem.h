@@ -14,7 +14,6 @@ class GraphViewMEM : public GraphView {
   using QWidget::update;
   // Page counts, oldest first; page_size_bytes turns the free count into bytes for the caption.
   void update(const std::vector<memoryStats>& history, int64_t page_size_bytes);
-  const std::vector<mem_stats>& memStats() const { return m_mem_stats; }
 
  protected:
   void updateLegend() override;

@@ -14,9 +14,6 @@ class GraphViewPower : public GraphView {
   using QWidget::update;
   void update(const std::vector<powerStats>& history);
   const std::vector<power_column>& power() const { return m_power; }
-  double maxPower() const { return m_max_power; }
-  // False when the newest sample came from a machine without a readable power source.
-  bool hasSensor() const { return m_sensor; }
 
  protected:
   void updateLegend() override;

@@ -14,8 +14,6 @@ class GraphViewProc : public GraphView {
   explicit GraphViewProc(QWidget* parent = nullptr);
   using QWidget::update;
   void update(const std::vector<procstat>& history);
-  const std::vector<procStat>& procStats() const { return m_proc_stats; }
-  int64_t maxProcs() const { return m_max_procs; }
 
  protected:
   void updateLegend() override;

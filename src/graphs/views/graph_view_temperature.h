@@ -24,7 +24,6 @@ class GraphViewTemperature : public GraphView {
   // The sensor drawn in each line by name ("" leaves a line empty); empty: the default choice.
   // Saved, and the graph redrawn from the samples it holds.
   void setSensorChoice(const std::vector<std::string>& choice);
-  const std::vector<std::string>& sensorChoice() const { return m_choice; }
   // The context menu: every sensor of the newest sample, ticked while drawn (at most one per line),
   // and "Default Sensors".
   QMenu* makeSensorMenu(QWidget* parent);

@@ -62,7 +62,7 @@ void PreferencesGraph::build() {
   m_fill_graph = new QCheckBox(tr("Fill graph"), this);
   m_show_current = new QCheckBox(tr("Show current values"), this);
   m_max_cpu_rows = stepper(GraphSwitches::kMaxCpuRows, this);
-  m_freq_sample_interval = stepper(GraphSwitches::kFreqSampleInterval, this);
+  m_freq_sample_interval = stepper(GraphSwitches::kFreqSampleInterval_ms, this);
   m_time_grid = stepper(GraphSwitches::kTimeGrid, this);
   m_scale_grid = stepper(GraphSwitches::kScaleGrid, this);
   m_freq_sample_unit = new QLabel(tr("ms"), this);
@@ -117,7 +117,7 @@ void PreferencesGraph::setControls(const GraphSwitches& v) {
   m_fill_graph->setChecked(v.fill_graph);
   m_show_current->setChecked(v.show_current);
   m_max_cpu_rows->setValue(static_cast<int>(v.max_cpu_rows));
-  m_freq_sample_interval->setValue(static_cast<int>(v.freq_sample_interval));
+  m_freq_sample_interval->setValue(static_cast<int>(v.freq_sample_interval_ms));
   m_time_grid->setValue(static_cast<int>(v.time_grid));
   m_scale_grid->setValue(static_cast<int>(v.scale_grid));
   m_loading = false;
@@ -140,7 +140,7 @@ GraphSwitches PreferencesGraph::controlValues() const {
   v.fill_graph = m_fill_graph->isChecked();
   v.show_current = m_show_current->isChecked();
   v.max_cpu_rows = m_max_cpu_rows->value();
-  v.freq_sample_interval = m_freq_sample_interval->value();
+  v.freq_sample_interval_ms = m_freq_sample_interval->value();
   v.time_grid = m_time_grid->value();
   v.scale_grid = m_scale_grid->value();
   return v;
@@ -151,7 +151,7 @@ void PreferencesGraph::settingsChanged() {
   GraphSwitches::current() = v;
   // 1. The frequency sampler.
   emit frequencySamplingChanged(v.show_cpu_frequency, static_cast<int>(v.updateInterval_us() / 1'000'000),
-                                static_cast<int>(v.freq_sample_interval));
+                                static_cast<int>(v.freq_sample_interval_ms));
   // 2. Controls that only matter while another is on.
   m_freq_sample_interval->setEnabled(v.show_cpu_frequency);
   m_freq_sample_unit->setEnabled(v.show_cpu_frequency);
@@ -168,7 +168,7 @@ void PreferencesGraph::settingsChanged() {
 void PreferencesGraph::restoreDefaults() {
   GraphSwitches defaults;
   defaults.max_cpu_rows = GraphSwitches::kMaxCpuRows.stepper_default;
-  defaults.freq_sample_interval = GraphSwitches::kFreqSampleInterval.stepper_default;
+  defaults.freq_sample_interval_ms = GraphSwitches::kFreqSampleInterval_ms.stepper_default;
   defaults.time_grid = GraphSwitches::kTimeGrid.stepper_default;
   defaults.scale_grid = GraphSwitches::kScaleGrid.stepper_default;
   setControls(defaults);
