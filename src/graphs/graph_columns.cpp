@@ -8,7 +8,6 @@
 namespace pelmora {
 namespace {
 
-
 // A tick counter that did not grow (or went backwards after a CPU came back) counts as no change.
 double grown(uint64_t older, uint64_t newer) { return newer > older ? static_cast<double>(newer - older) : 0.0; }
 
@@ -18,18 +17,26 @@ std::vector<T> newest(const std::vector<T>& all, double width) {
   return std::vector<T>(all.end() - static_cast<std::ptrdiff_t>(keep), all.end());
 }
 
-// Divides every column by the peak that `peak_of` reports; nothing is left when the peak is 0.
-template <typename Column, typename PeakOf, typename Divide>
-PeakColumns<Column> scaleToPeak(std::vector<Column> columns, PeakOf peak_of, Divide divide) {
+// Divides the listed members of every column by the peak that `peak_of` reports; nothing is left
+// when the peak is 0.
+template <typename Column, typename PeakOf, typename... Members>
+PeakColumns<Column> scaleMembers(std::vector<Column> columns, PeakOf peak_of, Members... members) {
   PeakColumns<Column> out;
   for (const auto& c : columns) out.max = std::max(out.max, peak_of(c));
   if (out.max <= 0.0) {
     out.max = 0.0;
     return out;
   }
-  for (auto& c : columns) divide(c, out.max);
+  for (auto& c : columns) ((c.*members /= out.max), ...);
   out.columns = std::move(columns);
   return out;
+}
+
+// The same, against the highest listed member of any column.
+template <typename Column, typename... Members>
+PeakColumns<Column> scaleToHighestMember(std::vector<Column> columns, Members... members) {
+  return scaleMembers(
+      std::move(columns), [=](const Column& c) { return std::max({(c.*members)...}); }, members...);
 }
 
 }  // namespace
@@ -90,24 +97,13 @@ PeakColumns<io_rate> ioColumns(const std::vector<ioStats>& history, bool data_ra
       rates.push_back({static_cast<double>(counterDelta(a.count_read, b.count_read)),
                        static_cast<double>(counterDelta(a.count_write, b.count_write))});
   }
-  return scaleToPeak(
-      newest(rates, width), [](const io_rate& r) { return std::max(r.reads, r.writes); },
-      [](io_rate& r, double max) {
-        r.reads /= max;
-        r.writes /= max;
-      });
+  return scaleToHighestMember(newest(rates, width), &io_rate::reads, &io_rate::writes);
 }
 
 PeakColumns<load_column> loadColumns(const std::vector<loadAverage>& history, double width) {
   std::vector<load_column> columns;
   for (const auto& l : newest(history, width)) columns.push_back({l.oneMin, l.fiveMin, l.fifteenMin});
-  return scaleToPeak(
-      std::move(columns), [](const load_column& c) { return std::max({c.one, c.five, c.fifteen}); },
-      [](load_column& c, double max) {
-        c.one /= max;
-        c.five /= max;
-        c.fifteen /= max;
-      });
+  return scaleToHighestMember(std::move(columns), &load_column::one, &load_column::five, &load_column::fifteen);
 }
 
 PeakColumns<procStat> procColumns(const std::vector<procstat>& history, double width) {
@@ -115,27 +111,15 @@ PeakColumns<procStat> procColumns(const std::vector<procstat>& history, double w
   for (const auto& p : newest(history, width))
     columns.push_back({static_cast<double>(p.user), static_cast<double>(p.system), static_cast<double>(p.other),
                        static_cast<double>(p.translated)});
-  return scaleToPeak(
-      std::move(columns),
-      [](const procStat& c) { return std::max(c.user + c.system + c.other, c.translated); },
-      [](procStat& c, double max) {
-        c.user /= max;
-        c.system /= max;
-        c.other /= max;
-        c.translated /= max;
-      });
+  return scaleMembers(
+      std::move(columns), [](const procStat& c) { return std::max(c.user + c.system + c.other, c.translated); },
+      &procStat::user, &procStat::system, &procStat::other, &procStat::translated);
 }
 
 PeakColumns<power_column> powerColumns(const std::vector<powerStats>& history, double width) {
   std::vector<power_column> columns;
   for (const auto& p : newest(history, width)) columns.push_back({p.total, p.cpu, p.gpu});
-  return scaleToPeak(
-      std::move(columns), [](const power_column& c) { return std::max({c.total, c.cpu, c.gpu}); },
-      [](power_column& c, double max) {
-        c.total /= max;
-        c.cpu /= max;
-        c.gpu /= max;
-      });
+  return scaleToHighestMember(std::move(columns), &power_column::total, &power_column::cpu, &power_column::gpu);
 }
 
 FanColumns fanColumns(const std::vector<fanStats>& history, double width) {
@@ -189,15 +173,8 @@ std::vector<bit_rate> networkRates(const std::vector<netStats>& history, const N
 
 PeakColumns<bit_rate> netColumns(const std::vector<netStats>& history, const NetworkAveraging& averaging,
                                  double width) {
-  return scaleToPeak(
-      newest(networkRates(history, averaging), width),
-      [](const bit_rate& r) { return std::max({r.bps_in, r.bps_out, r.avg_bps_in, r.avg_bps_out}); },
-      [](bit_rate& r, double max) {
-        r.bps_in /= max;
-        r.bps_out /= max;
-        r.avg_bps_in /= max;
-        r.avg_bps_out /= max;
-      });
+  return scaleToHighestMember(newest(networkRates(history, averaging), width), &bit_rate::bps_in, &bit_rate::bps_out,
+                              &bit_rate::avg_bps_in, &bit_rate::avg_bps_out);
 }
 
 }  // namespace pelmora

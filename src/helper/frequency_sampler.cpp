@@ -10,10 +10,9 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
-#include <system_error>
-#include <thread>
 
 #include "helper/cpu_control.h"
+#include "support/child_process.h"
 #include "support/pidfd.h"
 #include "support/text.h"
 
@@ -227,15 +226,8 @@ FrequencySampler::Started FrequencySampler::start(int64_t interval_ms) const {
   write_end.reset();
   // Opened before the reaper starts, so the pid cannot have been recycled yet.
   started.pidfd = pidfdOpen(pid);
-  auto reap = [pid] {
-    while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
-    }
-  };
-  try {
-    std::thread(reap).detach();
-  } catch (const std::system_error&) {
-    reap();  // no thread to spare: wait here; the output fits the pipe, so the child does not block
-  }
+  // No thread to spare: wait here; the output fits the pipe, so the child does not block.
+  if (!reapInBackground(pid)) reapNow(pid);
   started.pid = pid;
   started.output = std::move(read_end);
   return started;

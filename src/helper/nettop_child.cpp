@@ -9,9 +9,8 @@
 
 #include <cerrno>
 #include <cstring>
-#include <system_error>
-#include <thread>
 
+#include "support/child_process.h"
 #include "support/pidfd.h"
 
 extern char** environ;
@@ -41,35 +40,21 @@ NettopChild startNettopChild(const std::string& program) {
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
   posix_spawn_file_actions_adddup2(&actions, write_end.get(), STDOUT_FILENO);
-  posix_spawnattr_t attr;
-  posix_spawnattr_init(&attr);
-  sigset_t all, none;
-  sigfillset(&all);
-  sigemptyset(&none);
-  posix_spawnattr_setsigdefault(&attr, &all);
-  posix_spawnattr_setsigmask(&attr, &none);
-  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+  SpawnAttributes attr;
   char* argv[] = {const_cast<char*>(program.c_str()), nullptr};
   pid_t pid = -1;
-  const int rc = posix_spawn(&pid, program.c_str(), &actions, &attr, argv, environ);
+  const int rc = posix_spawn(&pid, program.c_str(), &actions, attr.get(), argv, environ);
   posix_spawn_file_actions_destroy(&actions);
-  posix_spawnattr_destroy(&attr);
   if (rc != 0) return failed(rc, program);
   write_end.reset();
   ::setpriority(PRIO_PROCESS, static_cast<id_t>(pid), kNice);
   NettopChild child;
   // Opened before the reaper starts, so the pid cannot have been recycled yet.
   child.pidfd = pidfdOpen(pid);
-  auto reap = [pid] {
-    while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
-    }
-  };
-  try {
-    std::thread(reap).detach();
-  } catch (const std::system_error&) {
+  if (!reapInBackground(pid)) {
     // No thread to spare: end it rather than leave a zombie nobody waits for.
     ::kill(pid, SIGKILL);
-    reap();
+    reapNow(pid);
     return failed(EAGAIN, "reaper thread");
   }
   child.pid = pid;

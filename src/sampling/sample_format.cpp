@@ -38,28 +38,36 @@ std::string cpuPart(const SampleSet* previous, const SampleSet& current) {
   return out;
 }
 
-std::string diskPart(const SampleSet* previous, const SampleSet& current, int64_t interval_us) {
+// One " | name a RATE b RATE" part per device of `current` (disks, interfaces), each rate against the
+// same device in `previous`; "--" where it has none.
+template <typename Device, typename Counters>
+std::string devicePart(const std::vector<Device>* previous_devices, const SampleSet* previous,
+                       const std::vector<Device>& devices, std::string Device::*name, Counters Device::*counters,
+                       const std::pair<const char*, int64_t Counters::*> (&rates)[2], int64_t interval_us) {
   std::string out;
-  for (const auto& disk : current.dsk_stats) {
-    const diskstat* before = findBy(previous ? &previous->dsk_stats : nullptr, disk.bsdname, &diskstat::bsdname);
-    out += " | " + disk.bsdname + " r " + rate(before ? previous : nullptr, before ? before->stats.bytes_read : 0,
-                                               disk.stats.bytes_read, interval_us);
-    out += " w " + rate(before ? previous : nullptr, before ? before->stats.bytes_write : 0, disk.stats.bytes_write,
-                        interval_us);
+  for (const auto& device : devices) {
+    const Device* before = findBy(previous_devices, device.*name, name);
+    out += " | " + device.*name;
+    for (const auto& [label, counter] : rates)
+      out += std::string(" ") + label + " " +
+             rate(before ? previous : nullptr, before ? (before->*counters).*counter : 0, (device.*counters).*counter,
+                  interval_us);
   }
   return out;
 }
 
+std::string diskPart(const SampleSet* previous, const SampleSet& current, int64_t interval_us) {
+  static constexpr std::pair<const char*, int64_t ioStats::*> kRates[2] = {{"r", &ioStats::bytes_read},
+                                                                           {"w", &ioStats::bytes_write}};
+  return devicePart(previous ? &previous->dsk_stats : nullptr, previous, current.dsk_stats, &diskstat::bsdname,
+                    &diskstat::stats, kRates, interval_us);
+}
+
 std::string netPart(const SampleSet* previous, const SampleSet& current, int64_t interval_us) {
-  std::string out;
-  for (const auto& intf : current.net_stats) {
-    const interfaceStats* before = findBy(previous ? &previous->net_stats : nullptr, intf.intf, &interfaceStats::intf);
-    out += " | " + intf.intf + " in " + rate(before ? previous : nullptr, before ? before->stats.bytes_in : 0,
-                                             intf.stats.bytes_in, interval_us);
-    out += " out " + rate(before ? previous : nullptr, before ? before->stats.bytes_out : 0, intf.stats.bytes_out,
-                          interval_us);
-  }
-  return out;
+  static constexpr std::pair<const char*, int64_t netStats::*> kRates[2] = {{"in", &netStats::bytes_in},
+                                                                            {"out", &netStats::bytes_out}};
+  return devicePart(previous ? &previous->net_stats : nullptr, previous, current.net_stats, &interfaceStats::intf,
+                    &interfaceStats::stats, kRates, interval_us);
 }
 
 std::string fanPart(const SampleSet& current) {

@@ -168,36 +168,37 @@ void SystemStats::tick() {
 
 void SystemStats::collectLocked() {
   collectCpuLocked();
-  if (auto memory = MemoryCollector::read(m_root, m_page_size)) m_mem_stats = *memory;
-  m_gfx_cards = GpuCollector::readAmdgpu(m_root);
+  if (auto memory = MemoryCollector::read(m_root, m_page_size)) m_sample.mem_stats = *memory;
+  m_sample.gfx_cards = GpuCollector::readAmdgpu(m_root);
   std::vector<temperatureStats> nvidia_temps;
   if (m_real_machine)
-    for (auto& card : m_nvml.read(&nvidia_temps)) m_gfx_cards.push_back(std::move(card));
+    for (auto& card : m_nvml.read(&nvidia_temps)) m_sample.gfx_cards.push_back(std::move(card));
   auto disks = DiskCollector::read(m_root);
-  m_dsk_stats = std::move(disks.disks);
-  m_io_stats = disks.total;
-  m_proc_stats = m_process_census ? ProcessCounter::count(m_process_census(), getuid()) : procstat{};
-  m_net_stats.clear();
-  m_net_stats = NetworkCollector::read(m_root);
-  m_load_avg = LoadCollector::read();
+  m_sample.dsk_stats = std::move(disks.disks);
+  m_sample.io_stats = disks.total;
+  m_sample.proc_stats = m_process_census ? ProcessCounter::count(m_process_census(), getuid()) : procstat{};
+  m_sample.net_stats.clear();
+  m_sample.net_stats = NetworkCollector::read(m_root);
+  m_sample.load_avg = LoadCollector::read();
   const auto watts = m_power_meter.read_w(m_root, Timeval::nowMicroseconds());
-  m_power_stats.total = watts.value_or(0.0);
-  m_power_stats.sensor = watts.has_value();
-  m_power_stats.cpu = 0;
-  m_power_stats.gpu = 0;
-  m_fan_stats = FanCollector::read(m_root);
-  m_temp_stats = TemperatureCollector::read(m_root);
-  m_temp_stats.insert(m_temp_stats.end(), nvidia_temps.begin(), nvidia_temps.end());
+  m_sample.power_stats.total = watts.value_or(0.0);
+  m_sample.power_stats.sensor = watts.has_value();
+  m_sample.power_stats.cpu = 0;
+  m_sample.power_stats.gpu = 0;
+  m_sample.fan_stats = FanCollector::read(m_root);
+  m_sample.temp_stats = TemperatureCollector::read(m_root);
+  m_sample.temp_stats.insert(m_sample.temp_stats.end(), nvidia_temps.begin(), nvidia_temps.end());
   auto batteries = BatteryCollector::read(m_root);
-  m_battery_stats = std::move(batteries.system);
-  m_device_batteries = std::move(batteries.devices);
+  m_sample.battery_stats = std::move(batteries.system);
+  m_sample.device_batteries = std::move(batteries.devices);
 }
 
 void SystemStats::collectCpuLocked() {
-  m_cpu_stats = CpuCollector::read(m_root, m_timebase);
+  m_sample.cpu_stats = CpuCollector::read(m_root, m_timebase);
   if (!m_powermetrics) return;
   MutexLock source_lock(m_powermetrics->mutex());
-  for (size_t i = 0; i < m_cpu_stats.size(); ++i) m_cpu_stats[i].frequency = m_powermetrics->frequency_mhz(i);
+  for (size_t i = 0; i < m_sample.cpu_stats.size(); ++i)
+    m_sample.cpu_stats[i].frequency = m_powermetrics->frequency_mhz(i);
 }
 
 void SystemStats::notifyClients() {
@@ -207,10 +208,7 @@ void SystemStats::notifyClients() {
   for (const auto& client : m_clients) client->statsUpdated(sample);
 }
 
-SampleSet SystemStats::snapshotLocked() const {
-  return SampleSet{m_cpu_stats, m_dsk_stats, m_gfx_cards, m_mem_stats, m_io_stats,
-                   m_proc_stats, m_net_stats, m_load_avg, m_power_stats, m_fan_stats, m_temp_stats, m_battery_stats, m_device_batteries};
-}
+SampleSet SystemStats::snapshotLocked() const { return m_sample; }
 
 SampleSet SystemStats::snapshot() {
   MutexLock lock(m_mutex);

@@ -100,24 +100,12 @@ class SystemStats : public std::enable_shared_from_this<SystemStats> {
   SampleSet snapshotLocked() const;
 
   std::vector<std::shared_ptr<SystemStatsClient>> m_clients;
-  const int64_t m_sample_interval_ms;  // ms
+  const int64_t m_sample_interval_ms;
   const int64_t m_page_size;        // bytes
   Mutex m_mutex;
   std::unique_ptr<TimerQueue> m_timer;
   bool m_running = false;
-  std::vector<cpu_sample_t> m_cpu_stats;
-  std::vector<diskstat> m_dsk_stats;
-  std::vector<graphicsCard> m_gfx_cards;
-  memoryStats m_mem_stats;
-  ioStats m_io_stats;
-  procstat m_proc_stats;
-  std::vector<interfaceStats> m_net_stats;
-  loadAverage m_load_avg;
-  powerStats m_power_stats;
-  std::vector<fanStats> m_fan_stats;
-  std::vector<temperatureStats> m_temp_stats;
-  std::vector<batteryStats> m_battery_stats;
-  std::vector<batteryStats> m_device_batteries;
+  SampleSet m_sample;  // the newest tick's readings, handed out as they are
   std::shared_ptr<FrequencySource> m_powermetrics;
   Timeval m_sample_time;
   std::vector<std::string> m_cpu_types;

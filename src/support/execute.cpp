@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstring>
 
+#include "support/child_process.h"
 #include "support/logger.h"
 
 extern char** environ;
@@ -53,17 +54,9 @@ std::unique_ptr<Execute> Execute::readPipe(const std::string& path, QoS qos, con
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-  posix_spawnattr_t attr;
-  posix_spawnattr_init(&attr);
-  // The child starts with default signal dispositions and mask, whatever this thread blocks.
-  sigset_t all, none;
-  sigfillset(&all);
-  sigemptyset(&none);
-  posix_spawnattr_setsigdefault(&attr, &all);
-  posix_spawnattr_setsigmask(&attr, &none);
   // A process group of its own, so that terminate() also ends whatever the tool started.
-  posix_spawnattr_setpgroup(&attr, 0);
-  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP);
+  SpawnAttributes attr(POSIX_SPAWN_SETPGROUP);
+  posix_spawnattr_setpgroup(attr.get(), 0);
 
   std::vector<std::string> argv_s{path};
   argv_s.insert(argv_s.end(), args.begin(), args.end());
@@ -71,9 +64,8 @@ std::unique_ptr<Execute> Execute::readPipe(const std::string& path, QoS qos, con
   auto argv = pointers(argv_s);
   auto envp = pointers(env_s);
   pid_t pid = -1;
-  const int rc = posix_spawn(&pid, path.c_str(), &actions, &attr, argv.data(), envp.data());
+  const int rc = posix_spawn(&pid, path.c_str(), &actions, attr.get(), argv.data(), envp.data());
   posix_spawn_file_actions_destroy(&actions);
-  posix_spawnattr_destroy(&attr);
   ::close(fds[1]);
   if (rc != 0) {
     ::close(fds[0]);

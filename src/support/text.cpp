@@ -37,28 +37,26 @@ std::vector<std::string_view> splitWhitespace(std::string_view text) {
   return parts;
 }
 
-std::optional<int64_t> parseInt64(std::string_view text) {
-  if (!text.empty() && text.front() == '+') text.remove_prefix(1);
-  int64_t value = 0;
+namespace {
+
+// The whole text as one number of type Number (from_chars: no blanks, no base prefix); a leading '+'
+// only where `plus_allowed`.
+template <typename Number>
+std::optional<Number> parseWhole(std::string_view text, bool plus_allowed) {
+  if (plus_allowed && !text.empty() && text.front() == '+') text.remove_prefix(1);
+  Number value = 0;
   auto [ptr, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
   if (text.empty() || ec != std::errc() || ptr != text.data() + text.size()) return std::nullopt;
   return value;
 }
 
-std::optional<uint64_t> parseUInt64(std::string_view text) {
-  uint64_t value = 0;
-  auto [ptr, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (text.empty() || ec != std::errc() || ptr != text.data() + text.size()) return std::nullopt;
-  return value;
-}
+}  // namespace
 
-std::optional<double> parseDouble(std::string_view text) {
-  if (!text.empty() && text.front() == '+') text.remove_prefix(1);
-  double value = 0;
-  auto [ptr, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (text.empty() || ec != std::errc() || ptr != text.data() + text.size()) return std::nullopt;
-  return value;
-}
+std::optional<int64_t> parseInt64(std::string_view text) { return parseWhole<int64_t>(text, true); }
+
+std::optional<uint64_t> parseUInt64(std::string_view text) { return parseWhole<uint64_t>(text, false); }
+
+std::optional<double> parseDouble(std::string_view text) { return parseWhole<double>(text, true); }
 
 bool startsWith(std::string_view text, std::string_view prefix) {
   return text.substr(0, prefix.size()) == prefix;

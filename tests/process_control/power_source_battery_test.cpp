@@ -39,23 +39,22 @@ TEST_P(PowerSourceAndBattery, TellTheSameStory) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Fixtures, PowerSourceAndBattery,
-    ::testing::Values(AgreementCase{"power-desktop", kACPowerName, {}, 0},
-                      AgreementCase{"power-desktop-mouse", kACPowerName, {}, 1},
-                      AgreementCase{"power-laptop-battery", kBatteryPowerName, {"discharging"}, 0},
-                      AgreementCase{"power-laptop-mains", kACPowerName, {"charging"}, 0},
-                      AgreementCase{"power-laptop-mouse", kACPowerName, {"full"}, 1},
-                      // Plugged into a USB-C charger that cannot keep up: still on external power.
-                      AgreementCase{"power-usbc", kACPowerName, {"discharging"}, 0},
-                      AgreementCase{"sampling-laptop/sys", kBatteryPowerName, {"discharging"}, 1},
-                      AgreementCase{"sampling-desktop/sys", kACPowerName, {}, 0},
-                      AgreementCase{"sampling-vm/sys", kACPowerName, {}, 0}),
-    [](const auto& info) {
-      std::string name = info.param.tree;
-      for (char& ch : name)
-        if (!isalnum(static_cast<unsigned char>(ch))) ch = '_';
-      return name;
-    });
+INSTANTIATE_TEST_SUITE_P(Fixtures, PowerSourceAndBattery,
+                         ::testing::Values(AgreementCase{"power-desktop", kACPowerName, {}, 0},
+                                           AgreementCase{"power-desktop-mouse", kACPowerName, {}, 1},
+                                           AgreementCase{"power-laptop-battery", kBatteryPowerName, {"discharging"}, 0},
+                                           AgreementCase{"power-laptop-mains", kACPowerName, {"charging"}, 0},
+                                           AgreementCase{"power-laptop-mouse", kACPowerName, {"full"}, 1},
+                                           // Plugged into a USB-C charger that cannot keep up: still on external power.
+                                           AgreementCase{"power-usbc", kACPowerName, {"discharging"}, 0},
+                                           AgreementCase{"sampling-laptop/sys", kBatteryPowerName, {"discharging"}, 1},
+                                           AgreementCase{"sampling-desktop/sys", kACPowerName, {}, 0},
+                                           AgreementCase{"sampling-vm/sys", kACPowerName, {}, 0}),
+                         [](const auto& param_info) {
+                           std::string name = param_info.param.tree;
+                           for (char& ch : name)
+                             if (!isalnum(static_cast<unsigned char>(ch))) ch = '_';
+                           return name;
+                         });
 
 }  // namespace

@@ -31,17 +31,16 @@ TEST_P(ProcStatParse, FindsTheProcessorLines) {
 
 INSTANTIATE_TEST_SUITE_P(
     Texts, ProcStatParse,
-    ::testing::Values(
-        ParseCase{"all online", "cpu 4 0 2 8\ncpu0 1 0 1 4\ncpu1 3 0 1 4\nintr 5 0\n", true, {0, 1}},
-        ParseCase{"offline cpu1 has no line", "cpu 4 0 2 8\ncpu0 1 0 1 4\ncpu2 3 0 1 4\n", true, {0, 2}},
-        ParseCase{"unsorted and sparse", "cpu 1 1 1 1\ncpu12 1 1 1 1\ncpu3 1 1 1 1\n", true, {3, 12}},
-        ParseCase{"no cpu lines at all", "intr 5 0\nctxt 9\n", false, {}},
-        ParseCase{"a cpu line with three columns", "cpu 1 2 3\ncpu0 1 2 3\n", false, {}},
-        ParseCase{"a column that is not a number", "cpu 1 2 3 4\ncpu0 1 x 3 4\n", false, {}},
-        ParseCase{"a processor number that is not a number", "cpu 1 2 3 4\ncpuX 1 2 3 4\n", false, {}},
-        ParseCase{"empty text", "", false, {}}),
-    [](const auto& info) {
-      std::string name = info.param.label;
+    ::testing::Values(ParseCase{"all online", "cpu 4 0 2 8\ncpu0 1 0 1 4\ncpu1 3 0 1 4\nintr 5 0\n", true, {0, 1}},
+                      ParseCase{"offline cpu1 has no line", "cpu 4 0 2 8\ncpu0 1 0 1 4\ncpu2 3 0 1 4\n", true, {0, 2}},
+                      ParseCase{"unsorted and sparse", "cpu 1 1 1 1\ncpu12 1 1 1 1\ncpu3 1 1 1 1\n", true, {3, 12}},
+                      ParseCase{"no cpu lines at all", "intr 5 0\nctxt 9\n", false, {}},
+                      ParseCase{"a cpu line with three columns", "cpu 1 2 3\ncpu0 1 2 3\n", false, {}},
+                      ParseCase{"a column that is not a number", "cpu 1 2 3 4\ncpu0 1 x 3 4\n", false, {}},
+                      ParseCase{"a processor number that is not a number", "cpu 1 2 3 4\ncpuX 1 2 3 4\n", false, {}},
+                      ParseCase{"empty text", "", false, {}}),
+    [](const auto& param_info) {
+      std::string name = param_info.param.label;
       for (char& ch : name)
         if (!isalnum(static_cast<unsigned char>(ch))) ch = '_';
       return name;
