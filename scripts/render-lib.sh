@@ -4,6 +4,8 @@
 render() {
   local screen=$1
   shift
+  # The tools run uninstalled: their resources (energy tables, help) are the source tree's.
+  export PELMORA_RESOURCES_DIR="${PELMORA_RESOURCES_DIR:-$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)/resources}"
   if command -v xvfb-run >/dev/null; then
     xvfb-run -a -s "-screen 0 ${screen}x24" env QT_QPA_PLATFORM=xcb "$@"
   else

@@ -4,6 +4,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 cmake -S . -B build -G Ninja >/dev/null
+# An uninstalled build finds its resources (energy tables, help) in the source tree.
+export PELMORA_RESOURCES_DIR="${PELMORA_RESOURCES_DIR:-$PWD/resources}"
 if [[ -z "${DISPLAY:-}" && -z "${WAYLAND_DISPLAY:-}" ]]; then
   cmake --build build --target pelmora pelmora-nettop
   echo "No display (\$DISPLAY and \$WAYLAND_DISPLAY are unset): the desktop application cannot open a window."
