@@ -151,7 +151,7 @@ TEST(TreeLimit, ChildrenJoinAtTheNextTickMembersLeaveAndTheGroupEndsWithTheLast)
   r.step();
   EXPECT_TRUE(r.limiter->trees().empty());
   EXPECT_TRUE(r.limiter->limits().empty());
-  EXPECT_EQ(r.limiter->tickInterval(), 5000);
+  EXPECT_EQ(r.limiter->tickInterval_ms(), 5000);
 }
 
 TEST(TreeLimit, ATreeTakesOverTheLimitsInsideItAndItsMembersCannotBeLimitedApart) {
