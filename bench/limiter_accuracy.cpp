@@ -317,8 +317,8 @@ int main(int argc, char** argv) {
               "%.0f s per cell, %ld processors online%s\n\n",
               seconds, sysconf(_SC_NPROCESSORS_ONLN), bench.haveCfs() ? "" : "; no writable cpu cgroup: CFS n/a");
   if (!only_tree)
-    std::printf("%-7s %6s | %-19s | %-19s | %-19s | %-19s\n", "threads", "target", "ours, proportional",
-                "ours, PID", "cpulimit", "CFS quota");
+    std::printf("%-7s %6s | %-19s | %-19s | %-19s | %-19s\n", "threads", "target", "ours, proportional", "ours, PID",
+                "cpulimit", "CFS quota");
   for (int threads : only_tree ? std::vector<int>{} : std::vector<int>{1, 4}) {
     for (double target : {0.10, 0.25, 0.50, 0.75}) {
       std::string row;

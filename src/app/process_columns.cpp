@@ -106,7 +106,8 @@ std::string cellText(std::string_view column, const ProcessRow& row, const CellC
   if (column == "pid") return std::to_string(p.pid);
   if (column == "kind") return p.kind;
   if (column == "elapsed") return elapsedText(ctx.now_ns > p.startTime ? ctx.now_ns - p.startTime : 0);
-  if (column == "pctcpu") return row.tree_limit ? format("%.1f", row.group_share * 100.0) + " Σ" : format("%.1f", p.pctCPU * 100.0);
+  if (column == "pctcpu")
+    return row.tree_limit ? format("%.1f", row.group_share * 100.0) + " Σ" : format("%.1f", p.pctCPU * 100.0);
   if (column == "wakeups") return format("%.1f", p.idleWakeupsPerSec);
   if (column == "energy") return format("%.1f", p.energyImpact);
   if (column == "user") return p.user;
@@ -205,9 +206,8 @@ std::vector<ProcessRow> treeOrder(std::vector<ProcessRow> rows) {
   return out;
 }
 
-std::vector<ProcessRow> buildRows(const std::map<int32_t, procinfo>& table,
-                                  const std::map<int32_t, pidInfo>& limits, const RowQuery& query,
-                                  const std::map<int32_t, std::set<int32_t>>& trees) {
+std::vector<ProcessRow> buildRows(const std::map<int32_t, procinfo>& table, const std::map<int32_t, pidInfo>& limits,
+                                  const RowQuery& query, const std::map<int32_t, std::set<int32_t>>& trees) {
   std::map<int32_t, int32_t> head_of;
   std::map<int32_t, double> group_share;
   for (const auto& [root, members] : trees) {

@@ -93,8 +93,7 @@ std::vector<ProcessRow> treeOrder(std::vector<ProcessRow> rows);
 // The rows shown: the table filtered, searched and sorted (ties broken by pid so the order is
 // stable between refreshes), with each row's limit and frontmost state from the limiter's records,
 // and the held trees (first process -> members) marked.
-std::vector<ProcessRow> buildRows(const std::map<int32_t, procinfo>& table,
-                                  const std::map<int32_t, pidInfo>& limits, const RowQuery& query,
-                                  const std::map<int32_t, std::set<int32_t>>& trees = {});
+std::vector<ProcessRow> buildRows(const std::map<int32_t, procinfo>& table, const std::map<int32_t, pidInfo>& limits,
+                                  const RowQuery& query, const std::map<int32_t, std::set<int32_t>>& trees = {});
 
 }  // namespace pelmora

@@ -2,11 +2,11 @@
 // states) and the actions on the selected process.
 #include <QCheckBox>
 #include <QComboBox>
-#include <QFontMetrics>
 #include <QFontDialog>
+#include <QFontMetrics>
 #include <QGridLayout>
-#include <QHeaderView>
 #include <QHBoxLayout>
+#include <QHeaderView>
 #include <QLabel>
 #include <QMenu>
 #include <QMessageBox>
@@ -96,8 +96,9 @@ void ProcinfoWindow::buildDetail(QWidget* detail) {
   m_limit->m_stepper->setSpecialValueText(tr("None"));
   m_limit->m_stepper->setSuffix(tr(" %"));
   m_limit_tree = new QCheckBox(tr("Include child processes"), m_details);
-  m_limit_tree->setToolTip(tr("Hold the process together with every process it starts, now and later, to "
-                              "this share in total"));
+  m_limit_tree->setToolTip(
+      tr("Hold the process together with every process it starts, now and later, to "
+         "this share in total"));
   m_label_renice = new QLabel(tr("Priority (nice):"), m_details);
   m_ph_renice = new QWidget(m_details);
   auto* renice_layout = new QHBoxLayout(m_ph_renice);
@@ -174,8 +175,8 @@ void ProcinfoWindow::refreshDetail() {
       m_limit_tree->setChecked(true);
     } else {
       m_limit->setValue(percentOf(current ? row->limit : m_limiter.procSettings().limitFor(p.name, shownPower())));
-      const bool has_limit =
-          current ? row->limit.has_value() : m_limiter.procSettings().limitFor(p.name, shownPower()).has_value();
+      const bool has_limit = current ? row->limit.has_value()
+                                     : m_limiter.procSettings().limitFor(p.name, shownPower()).has_value();
       if (has_limit)
         m_limit_tree->setChecked(current ? row->tree_limit
                                          : m_limiter.procSettings().limitHoldsTree(p.name, shownPower()));

@@ -35,9 +35,9 @@ std::array<QString, 3> statusReadouts(const usageInfo& usage, const rwInfo& disk
                                           .arg(number(usage.system * 100.0, 1), number(usage.user * 100.0, 1),
                                                number(usage.idle * 100.0, 1))
                                     : QObject::tr("CPU: measuring…");
-  const QString io = rates_current
-                         ? QObject::tr("Disk: read %1, write %2").arg(byteRate(disk.readPerSec), byteRate(disk.writePerSec))
-                         : QObject::tr("Disk: measuring…");
+  const QString io =
+      rates_current ? QObject::tr("Disk: read %1, write %2").arg(byteRate(disk.readPerSec), byteRate(disk.writePerSec))
+                    : QObject::tr("Disk: measuring…");
   const QString cores = QObject::tr("Processors: %1 logical, %2 physical")
                             .arg(QLocale().toString(counts.logical_cpu), QLocale().toString(counts.physical_cpu));
   return {cpu, io, cores};

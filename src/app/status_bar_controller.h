@@ -81,9 +81,9 @@ class StatusBarController : public QObject {
   QIcon m_base_icon;
   cpu_numbers_t m_counts{};  // from the last menu refresh
   bool m_shows_ht = false;
-  QTimer m_live;                   // refreshes the read-outs while the menu shows
-  bool m_table_client = false;     // registered with the limiter while the menu shows
-  uint64_t m_current_after = 0;    // the limiter's full refresh count from which its rates are current
+  QTimer m_live;                 // refreshes the read-outs while the menu shows
+  bool m_table_client = false;   // registered with the limiter while the menu shows
+  uint64_t m_current_after = 0;  // the limiter's full refresh count from which its rates are current
 };
 
 }  // namespace pelmora

@@ -7,8 +7,8 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <ctime>
 
@@ -108,8 +108,8 @@ int hold(CPULimiter& limiter, const LimitOptions& o, const sigset_t& signals) {
     const Timeval now;
     const double share = static_cast<double>(it->second.totalCPU - last_cpu) / static_cast<double>(last.elapsedUntil(now));
     if (o.tree)
-      std::printf("%d and %zu more: %5.1f %% of one processor (target %.1f %%)\n", o.pid,
-                  members(limiter, o.pid) - 1, share * 100, o.share * 100);
+      std::printf("%d and %zu more: %5.1f %% of one processor (target %.1f %%)\n", o.pid, members(limiter, o.pid) - 1,
+                  share * 100, o.share * 100);
     else
       std::printf("%d: %5.1f %% of one processor (target %.1f %%)\n", o.pid, share * 100, o.share * 100);
     std::fflush(stdout);

@@ -12,8 +12,8 @@
 #include "support/paths.h"
 #include "support/pidfd.h"
 #include "support/rapl_zones.h"
-#include "support/xpc_codec.h"
 #include "support/text.h"
+#include "support/xpc_codec.h"
 
 namespace pelmora {
 namespace {

@@ -42,8 +42,7 @@ CPULimiter& CPULimiter::shared() {
 CPULimiter::CPULimiter(Pelmora& helper, SysRoot root, DefaultSettings& settings, Options options)
     : CPULimiter(helper, std::move(root), settings, nullptr, std::move(options)) {}
 
-CPULimiter::CPULimiter(Pelmora& helper, SysRoot root, DefaultSettings& settings, PowerMonitor* monitor,
-                       Options options)
+CPULimiter::CPULimiter(Pelmora& helper, SysRoot root, DefaultSettings& settings, PowerMonitor* monitor, Options options)
     : m_helper(helper),
       m_root(std::move(root)),
       m_settings(settings),

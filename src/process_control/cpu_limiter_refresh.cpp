@@ -211,7 +211,9 @@ void CPULimiter::updateMachineSplitLocked() {
   if (!now) return;
   const cpu_buckets& before = m_usage_ticks;
   if (now->total() != before.total()) {
-    const auto delta = [](uint64_t later, uint64_t earlier) { return static_cast<double>(later) - static_cast<double>(earlier); };
+    const auto delta = [](uint64_t later, uint64_t earlier) {
+      return static_cast<double>(later) - static_cast<double>(earlier);
+    };
     const double d = delta(now->total(), before.total());
     m_usage_info.system = delta(now->system, before.system) / d;
     m_usage_info.user = delta(now->user, before.user) / d;

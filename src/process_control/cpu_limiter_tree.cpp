@@ -59,7 +59,8 @@ void CPULimiter::startTreeLocked(int32_t root, pidInfo& record) {
   m_process_tree.refresh();
   std::set<int32_t> found = treeMembers({root}, m_process_tree.links());
   found.insert(root);  // read even when the pass missed it: measuring it tells whether it is there
-  for (const auto& [pid, link] : m_process_tree.links()) tree.since_ticks = std::max(tree.since_ticks, link.start_ticks);
+  for (const auto& [pid, link] : m_process_tree.links())
+    tree.since_ticks = std::max(tree.since_ticks, link.start_ticks);
   int64_t total = 0;
   for (int32_t pid : found) {
     const auto cpu_us = measureCPU_us(pid);

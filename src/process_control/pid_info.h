@@ -27,8 +27,8 @@ struct pidInfo {
 // that stops and continues every member together.
 struct treeInfo {
   std::map<int32_t, int64_t> members;  // pid -> its processor time (us) at the last tick
-  uint64_t since_ticks = 0;  // the newest process start (ticks after boot) when the hold began
-  std::optional<int> nice;   // a priority given to the whole group, joiners included
+  uint64_t since_ticks = 0;            // the newest process start (ticks after boot) when the hold began
+  std::optional<int> nice;             // a priority given to the whole group, joiners included
   // Descendants that refused a signal (out of our reach, such as a set-user-ID child): left out, so
   // that they are not taken in again at every tick. Their own descendants still join.
   std::set<int32_t> refused;

@@ -109,7 +109,10 @@ nlohmann::json toJson(const PriorityTable& table) { return tableToJson(table); }
 std::map<std::string, std::set<std::string>> treeNamesFromJson(const nlohmann::json& value) {
   std::map<std::string, std::set<std::string>> out;
   const auto table = tableFromJson<bool>(
-      value, [](const nlohmann::json& v) { return v.is_boolean() && v.get<bool>() ? std::optional<bool>(true) : std::nullopt; },
+      value,
+      [](const nlohmann::json& v) {
+        return v.is_boolean() && v.get<bool>() ? std::optional<bool>(true) : std::nullopt;
+      },
       nullptr);
   for (const auto& [power, names] : table)
     for (const auto& [name, on] : names) out[power].insert(name);
@@ -159,8 +162,8 @@ void ProcSettings::setLimit(const std::string& name, const std::string& power, d
   m_limited_names[power][name] = share;
   if (tree)
     m_tree_names[power].insert(name);
-  else if (auto source = m_tree_names.find(power); source != m_tree_names.end() && source->second.erase(name) &&
-                                                   source->second.empty())
+  else if (auto source = m_tree_names.find(power);
+           source != m_tree_names.end() && source->second.erase(name) && source->second.empty())
     m_tree_names.erase(source);
   saveLocked();
 }

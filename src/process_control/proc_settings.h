@@ -3,8 +3,8 @@
 // "Battery Power"). Kept in the settings store under "limited" and "reniced", each only while its
 // option ("save_limited", "save_reniced") is on. The names whose limit includes their child
 // processes are kept apart, under "limited_tree", so that a settings file written before such limits
-// existed loads as it did, and one written since still loads in an older version. Called from the limiter's timer thread and the main
-// thread; every operation takes m_mutex, always after CPULimiter.m_mutex when both are held.
+// existed loads as it did, and one written since still loads in an older version. Called from the limiter's timer
+// thread and the main thread; every operation takes m_mutex, always after CPULimiter.m_mutex when both are held.
 #include <cstdint>
 #include <map>
 #include <optional>

@@ -20,13 +20,12 @@ std::optional<ProcPidStat> parseProcPidStat(std::string_view text) {
   auto num = [&](int field) { return parseInt64(f[static_cast<size_t>(field - 3)]); };
   auto unum = [&](int field) { return parseUInt64(f[static_cast<size_t>(field - 3)]); };
   s.state = f[0][0];
-  auto ppid = num(4), pgrp = num(5), tty = num(7), tpgid = num(8), prio = num(18), nice = num(19),
-       threads = num(20);
+  auto ppid = num(4), pgrp = num(5), tty = num(7), tpgid = num(8), prio = num(18), nice = num(19), threads = num(20);
   auto flags = unum(9), minflt = unum(10), majflt = unum(12), ut = unum(14), st = unum(15), cut = unum(16),
        cst = unum(17), start = unum(22), vsize = unum(23);
   auto rss = num(24);
-  if (!ppid || !pgrp || !tty || !tpgid || !prio || !nice || !threads || !flags || !minflt || !majflt || !ut ||
-      !st || !cut || !cst || !start || !vsize || !rss) {
+  if (!ppid || !pgrp || !tty || !tpgid || !prio || !nice || !threads || !flags || !minflt || !majflt || !ut || !st ||
+      !cut || !cst || !start || !vsize || !rss) {
     return std::nullopt;
   }
   s.ppid = static_cast<int>(*ppid);

@@ -231,7 +231,8 @@ std::optional<ProcFacts> ProcTaskReader::gather(pid_t pid, int extras, int* erro
   const UniqueFd dir(statm_only ? -1 : ::open(procPath(pid, "").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!dir && !statm_only) return std::nullopt;
   const auto read = [&](const char* leaf) {
-    return statm_only ? SysRoot::readRecordAt(AT_FDCWD, procPath(pid, leaf).c_str()) : SysRoot::readRecordAt(dir.get(), leaf);
+    return statm_only ? SysRoot::readRecordAt(AT_FDCWD, procPath(pid, leaf).c_str())
+                      : SysRoot::readRecordAt(dir.get(), leaf);
   };
   ProcFacts f;
   // The owner ids and context switches of status come with the fuller records.

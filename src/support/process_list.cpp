@@ -13,7 +13,6 @@
 namespace pelmora {
 namespace {
 
-
 std::string hostMachine() {
   utsname u{};
   if (uname(&u) != 0) return {};

@@ -13,7 +13,6 @@
 #include <cstring>
 #include <string>
 
-
 namespace pelmora {
 namespace {
 

@@ -219,8 +219,10 @@ TEST(ProcessColumns, BuildRowsFiltersSearchesSortsAndAttachesLimits) {
 // search included) and its limit, both marked; members name the process that heads them.
 TEST(ProcessColumns, ATreesFirstRowShowsTheGroupAndItsMembersAreMarked) {
   std::map<int32_t, procinfo> table;
-  const std::tuple<int32_t, const char*, double> procs[] = {
-      {20, "make", 0.01}, {21, "cc", 0.20}, {22, "cc", 0.15}, {23, "shell", 0.30}};
+  const std::tuple<int32_t, const char*, double> procs[] = {{20, "make", 0.01},
+                                                            {21, "cc", 0.20},
+                                                            {22, "cc", 0.15},
+                                                            {23, "shell", 0.30}};
   for (auto [pid, name, cpu] : procs) {
     table[pid] = rowOf(pid, name).info;
     table[pid].pctCPU = cpu;
@@ -235,13 +237,19 @@ TEST(ProcessColumns, ATreesFirstRowShowsTheGroupAndItsMembersAreMarked) {
   // Sorted by the group's share: 0.36 above the shell's 0.30.
   EXPECT_EQ(rows[0].info.pid, 20);
   const CellContext ctx;
-  struct Case { int32_t pid; const char* column; const char* text; };
+  struct Case {
+    int32_t pid;
+    const char* column;
+    const char* text;
+  };
   q.search.clear();
   const auto all = buildRows(table, limits, q, trees);
-  auto find = [&](int32_t pid) { return *std::find_if(all.begin(), all.end(), [&](const ProcessRow& r) { return r.info.pid == pid; }); };
+  auto find = [&](int32_t pid) {
+    return *std::find_if(all.begin(), all.end(), [&](const ProcessRow& r) { return r.info.pid == pid; });
+  };
   const Case cases[] = {
-      {20, "pctcpu", "36.0 Σ"}, {20, "limit", "40.0 Σ"}, {21, "limit", "with 20"}, {21, "pctcpu", "20.0"},
-      {23, "limit", ""},        {23, "pctcpu", "30.0"},
+      {20, "pctcpu", "36.0 Σ"}, {20, "limit", "40.0 Σ"}, {21, "limit", "with 20"},
+      {21, "pctcpu", "20.0"},   {23, "limit", ""},       {23, "pctcpu", "30.0"},
   };
   for (const auto& c : cases) EXPECT_EQ(cellText(c.column, find(c.pid), ctx), c.text) << c.pid << " " << c.column;
   EXPECT_FALSE(find(21).limit);

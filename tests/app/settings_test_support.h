@@ -46,7 +46,8 @@ struct Rig {
       : wire(std::make_shared<test::FakeWire>()),
         helper(std::make_unique<test::FakeTransport>(wire)),
         store(dir / "defaults.json"),
-        power(SysRoot("/proc", std::string(PELMORA_FIXTURES) + "/" + power_fixture), PowerMonitor::Options{false, 5'000'000}),
+        power(SysRoot("/proc", std::string(PELMORA_FIXTURES) + "/" + power_fixture),
+              PowerMonitor::Options{false, 5'000'000}),
         limiter(helper, SysRoot("/proc", "/sys"), store, CPULimiter::Options{"", dir / "held"}) {
     wire->answer = [this](const XPCDict& r) { return settings_test::answer(script, r); };
   }

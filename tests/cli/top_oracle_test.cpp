@@ -386,7 +386,8 @@ KernelCounters readKernel() {
   for (const auto& entry : std::filesystem::directory_iterator("/sys/block")) {
     const auto w = words(readText(entry.path() / "stat"));
     if (w.size() >= 7) {
-      k.disk[entry.path().filename()] = {std::stoll(w[0]), std::stoll(w[2]) * 512, std::stoll(w[4]), std::stoll(w[6]) * 512};
+      k.disk[entry.path().filename()] = {std::stoll(w[0]), std::stoll(w[2]) * 512, std::stoll(w[4]),
+                                         std::stoll(w[6]) * 512};
     }
   }
   for (const auto& entry : std::filesystem::directory_iterator("/sys/class/net")) {
@@ -431,7 +432,8 @@ TEST(SampleOracle, EveryCounterIsTheKernels) {
     const std::string name = "cpu" + std::to_string(i);
     size_t field = 0;
     for (const char* key : {"totalUserTime", "totalSystemTime", "totalIdleTime"}) {
-      within(cpus[i][key].get<int64_t>(), before.cpu_ns.at(name)[field], after.cpu_ns.at(name)[field], name + " " + key);
+      within(cpus[i][key].get<int64_t>(), before.cpu_ns.at(name)[field], after.cpu_ns.at(name)[field],
+             name + " " + key);
       ++field;
     }
   }

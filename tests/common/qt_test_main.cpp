@@ -8,9 +8,7 @@
 // fontconfig keeps a cache it never frees, and libdbus and QtDBus keep their connection bookkeeping
 // for the life of the process (the appearance test's private session bus): under the leak checker
 // that is not ours to report.
-extern "C" const char* __lsan_default_suppressions() {
-  return "leak:libfontconfig\nleak:libdbus-1\nleak:libQt6DBus\n";
-}
+extern "C" const char* __lsan_default_suppressions() { return "leak:libfontconfig\nleak:libdbus-1\nleak:libQt6DBus\n"; }
 
 int main(int argc, char** argv) {
   ::testing::InitGoogleTest(&argc, argv);

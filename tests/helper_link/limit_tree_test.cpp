@@ -161,8 +161,13 @@ TEST(LimitTree, MisuseGivesUsageAndANonZeroExitAndTouchesNothing) {
   BusyTree tree(1);
   const std::string root = std::to_string(tree.root);
   const std::vector<std::vector<std::string>> cases = {
-      {"--tree"}, {"--tree", root}, {"--tree", "abc", "50"}, {"--tree", "1", "50"},
-      {"--tree", root, "0"}, {"--tree", root, "50", "7"}, {"--trees", root, "50"},
+      {"--tree"},
+      {"--tree", root},
+      {"--tree", "abc", "50"},
+      {"--tree", "1", "50"},
+      {"--tree", root, "0"},
+      {"--tree", root, "50", "7"},
+      {"--trees", root, "50"},
   };
   for (const auto& args : cases) {
     std::vector<std::string> argv = {kTool, "limit"};
@@ -171,8 +176,9 @@ TEST(LimitTree, MisuseGivesUsageAndANonZeroExitAndTouchesNothing) {
     for (const auto& a : args) line += a + " ";
     SCOPED_TRACE(line);
     int out = -1;
-    const pid_t tool = spawn(argv, {"PELMORA_HELPER_SOCKET=" + (state / "none.sock").string(),
-                                    "XDG_STATE_HOME=" + state.path().string()},
+    const pid_t tool = spawn(argv,
+                             {"PELMORA_HELPER_SOCKET=" + (state / "none.sock").string(),
+                              "XDG_STATE_HOME=" + state.path().string()},
                              &out);
     const std::string said = readUntil(out);
     int status = 0;

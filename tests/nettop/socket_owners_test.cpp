@@ -1,13 +1,12 @@
 // Socket owners from a /proc tree of links, as the kernel shows descriptors.
-#include "common/temp_dir.h"
 #include "nettop/socket_owners.h"
+#include "common/temp_dir.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
-
 
 namespace pelmora {
 namespace {

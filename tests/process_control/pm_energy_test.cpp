@@ -1,11 +1,10 @@
 // The energy-impact weights: which table is used, and the formula.
-#include "common/sim_helper.h"
 #include "process_control/pm_energy.h"
+#include "common/sim_helper.h"
 
 #include <gtest/gtest.h>
 
 #include <fstream>
-
 
 namespace pelmora {
 namespace {

@@ -7,9 +7,9 @@
 #include <filesystem>
 #include <fstream>
 
+#include "common/temp_dir.h"
 #include "support/broadcast.h"
 #include "support/main_queue.h"
-#include "common/temp_dir.h"
 
 namespace fs = std::filesystem;
 using namespace pelmora;

@@ -6,12 +6,12 @@
 #include <filesystem>
 #include <fstream>
 
+#include "common/temp_dir.h"
 #include "process_control/power_monitor.h"
 #include "support/broadcast.h"
 #include "support/default_settings.h"
 #include "support/logger.h"
 #include "support/main_queue.h"
-#include "common/temp_dir.h"
 
 namespace fs = std::filesystem;
 using namespace pelmora;

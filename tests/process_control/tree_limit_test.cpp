@@ -3,8 +3,8 @@
 // /proc whose stat files carry the parent links.
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <unistd.h>
+#include <csignal>
 
 #include <algorithm>
 
@@ -20,8 +20,8 @@ namespace {
 
 TEST(TreeMembers, FollowsParentLinksFromTheMembersThatAreStillThere) {
   // 1 -> 10 -> 11 -> 12, 10 -> 13, 1 -> 20 -> 21; 30 is orphaned (parent 1) but was a member.
-  const ProcessLinks links = {{1, {0, 1}},   {10, {1, 5}},  {11, {10, 6}}, {12, {11, 7}},
-                              {13, {10, 8}}, {20, {1, 9}},  {21, {20, 9}}, {30, {1, 9}}};
+  const ProcessLinks links = {{1, {0, 1}},   {10, {1, 5}}, {11, {10, 6}}, {12, {11, 7}},
+                              {13, {10, 8}}, {20, {1, 9}}, {21, {20, 9}}, {30, {1, 9}}};
   struct Case {
     const char* what;
     std::set<int32_t> members, expected;
@@ -51,7 +51,12 @@ TEST(TallyGroup, ChargesWhatEachMemberUsedAndNewbornsFromBirth) {
       {"members that ran", {{1, 100}, {2, 50}}, {{1, 130}, {2, 70}}, {}, 50, {}},
       {"a child forked during the hold: all its time", {{1, 100}}, {{1, 110}, {2, 25}}, {2}, 35, {}},
       {"an adopted older process: none of its past", {{1, 100}}, {{1, 110}, {2, 9000}}, {}, 10, {}},
-      {"a member that exited, unreadable or unlisted", {{1, 100}, {2, 5}, {3, 7}}, {{1, 100}, {2, std::nullopt}}, {}, 0, {2, 3}},
+      {"a member that exited, unreadable or unlisted",
+       {{1, 100}, {2, 5}, {3, 7}},
+       {{1, 100}, {2, std::nullopt}},
+       {},
+       0,
+       {2, 3}},
       {"a counter that went backwards starts afresh", {{1, 100}}, {{1, 40}}, {}, 40, {}},
       {"a newborn that is already gone is no member", {{1, 100}}, {{1, 100}, {2, std::nullopt}}, {2}, 0, {}},
   };
@@ -226,7 +231,10 @@ TEST(TreeLimit, RememberedByNameWithItsChildrenAndOldSettingsStillLoad) {
   const Case cases[] = {
       {"saved with its children", {{"AC Power", {{"make", 0.3}}}}, {{"AC Power", {{"make", true}}}}, true},
       {"a file from before tree limits", {{"AC Power", {{"make", 0.3}}}}, nullptr, false},
-      {"a tree flag for the other source only", {{"AC Power", {{"make", 0.3}}}}, {{"Battery Power", {{"make", true}}}}, false},
+      {"a tree flag for the other source only",
+       {{"AC Power", {{"make", 0.3}}}},
+       {{"Battery Power", {{"make", true}}}},
+       false},
       {"a malformed tree flag", {{"AC Power", {{"make", 0.3}}}}, {{"AC Power", {{"make", "yes"}}}}, false},
   };
   for (const auto& c : cases) {

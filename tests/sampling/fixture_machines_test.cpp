@@ -11,8 +11,8 @@
 #include "test_support.h"
 
 using namespace pelmora;
-using pelmora::testing::fixtureRoot;
 using pelmora::testing::byLabel;
+using pelmora::testing::fixtureRoot;
 
 namespace {
 
@@ -93,20 +93,43 @@ TEST_P(FixtureMachine, GpusFansAndTheSeamsLeftForLater) {
 
 INSTANTIATE_TEST_SUITE_P(
     Machines, FixtureMachine,
-    ::testing::Values(
-        MachineCase{"this vm", "sampling-vm", 2, {}, 0, 0, 22594032,
-                    {{"vda", ""}}, {"eth0"}, {}, {}},
-        MachineCase{"laptop", "sampling-laptop", 8, {}, 0, 0, 8000000,
-                    {{"nvme0n1", "SAMSUNG MZVLB512HAJQ-000L7"}}, {"enp2s0f0", "wlp3s0"},
-                    {GpuCollector::makeCard("AMD GPU 1002:1636", 7, 536870912, 134217728)},
-                    {fanStats{false, 2415, 0, 0}, fanStats{true, 3100, 5500, 1200}}},
-        MachineCase{"hybrid 8P 8E with smt", "sampling-hybrid", 24, {7}, 16, 8, 50000000,
-                    {{"sda", "ATA Samsung SSD 870"}}, {"eno1", "wlo1"}, {},
-                    {fanStats{false, 850, 0, 0}, fanStats{false, 0, 0, 0}, fanStats{false, 1200, 0, 0}}},
-        MachineCase{"nvme multipath host", "sampling-nvme", 4, {}, 0, 0, 4000000,
-                    {{"sda", "Msft Virtual Disk"}, {"sdb", "Virtual Disk"}, {"nvme0n1", "INTEL SSDPE2KX010T8"},
-                     {"nvme1n1", "Micron 7450"}},
-                    {"ens3", "ens4"}, {}, {}}),
+    ::testing::Values(MachineCase{"this vm", "sampling-vm", 2, {}, 0, 0, 22594032, {{"vda", ""}}, {"eth0"}, {}, {}},
+                      MachineCase{"laptop",
+                                  "sampling-laptop",
+                                  8,
+                                  {},
+                                  0,
+                                  0,
+                                  8000000,
+                                  {{"nvme0n1", "SAMSUNG MZVLB512HAJQ-000L7"}},
+                                  {"enp2s0f0", "wlp3s0"},
+                                  {GpuCollector::makeCard("AMD GPU 1002:1636", 7, 536870912, 134217728)},
+                                  {fanStats{false, 2415, 0, 0}, fanStats{true, 3100, 5500, 1200}}},
+                      MachineCase{"hybrid 8P 8E with smt",
+                                  "sampling-hybrid",
+                                  24,
+                                  {7},
+                                  16,
+                                  8,
+                                  50000000,
+                                  {{"sda", "ATA Samsung SSD 870"}},
+                                  {"eno1", "wlo1"},
+                                  {},
+                                  {fanStats{false, 850, 0, 0}, fanStats{false, 0, 0, 0}, fanStats{false, 1200, 0, 0}}},
+                      MachineCase{"nvme multipath host",
+                                  "sampling-nvme",
+                                  4,
+                                  {},
+                                  0,
+                                  0,
+                                  4000000,
+                                  {{"sda", "Msft Virtual Disk"},
+                                   {"sdb", "Virtual Disk"},
+                                   {"nvme0n1", "INTEL SSDPE2KX010T8"},
+                                   {"nvme1n1", "Micron 7450"}},
+                                  {"ens3", "ens4"},
+                                  {},
+                                  {}}),
     byLabel);
 
 TEST(FixtureMachines, SectorsAre512BytesWhateverTheBlockSize) {

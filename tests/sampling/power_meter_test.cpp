@@ -5,8 +5,8 @@
 #include <filesystem>
 #include <fstream>
 
-#include "test_support.h"
 #include "common/temp_dir.h"
+#include "test_support.h"
 
 using namespace pelmora;
 using pelmora::testing::byLabel;

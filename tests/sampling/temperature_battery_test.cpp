@@ -11,8 +11,8 @@
 #include "test_support.h"
 
 using namespace pelmora;
-using pelmora::testing::fixtureRoot;
 using pelmora::testing::byLabel;
+using pelmora::testing::fixtureRoot;
 
 namespace {
 

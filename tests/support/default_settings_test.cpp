@@ -8,8 +8,8 @@
 #include <thread>
 #include <vector>
 
-#include "support/logger.h"
 #include "common/temp_dir.h"
+#include "support/logger.h"
 
 namespace fs = std::filesystem;
 using pelmora::DefaultSettings;

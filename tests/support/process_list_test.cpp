@@ -1,7 +1,7 @@
 // The process walk's parsers (ELF machine, kernel-thread flag, nice value), translation rules, the
 // walk over a fixture /proc, and the real walk's kinds.
-#include "support/proc_pid_stat.h"
 #include "support/process_list.h"
+#include "support/proc_pid_stat.h"
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -11,9 +11,9 @@
 #include <fstream>
 #include <set>
 
+#include "common/temp_dir.h"
 #include "support/pid.h"
 #include "support/sys_attr.h"
-#include "common/temp_dir.h"
 
 namespace pelmora {
 namespace {

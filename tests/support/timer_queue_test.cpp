@@ -1,5 +1,5 @@
-#include "common/eventually.h"
 #include "support/timer_queue.h"
+#include "common/eventually.h"
 
 #include <gtest/gtest.h>
 
