@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "common/temp_dir.h"
+#include "common/tool_process.h"
 #include "common/words.h"
 #include "helper_link/fallback_transport.h"
 #include "support/text.h"
@@ -21,35 +22,7 @@ namespace fs = std::filesystem;
 const std::string kTool = std::string(PELMORA_BINARY_DIR) + "/src/cli/pelmora";
 const std::string kDaemon = std::string(PELMORA_BINARY_DIR) + "/src/helper/pelmora-helper";
 
-// Starts a program with extra environment, optionally as another user; its stderr is *err.
-pid_t spawn(const std::vector<std::string>& argv, const std::vector<std::string>& env, uid_t uid, int* err) {
-  int pipe_fds[2];
-  if (::pipe2(pipe_fds, O_CLOEXEC) != 0) return -1;
-  const pid_t child = ::fork();
-  if (child == 0) {
-    ::dup2(pipe_fds[1], 2);
-    for (const auto& e : env) ::putenv(const_cast<char*>(e.c_str()));
-    if (uid != 0 && (::setgid(uid) != 0 || ::setuid(uid) != 0)) ::_exit(125);
-    std::vector<char*> args;
-    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    ::execv(args[0], args.data());
-    ::_exit(126);
-  }
-  ::close(pipe_fds[1]);
-  *err = pipe_fds[0];
-  return child;
-}
-
-// Reads until `until` has been seen (empty: until the end).
-std::string readUntil(int fd, const std::string& until = {}) {
-  std::string out;
-  char buffer[4096];
-  ssize_t n;
-  while ((until.empty() || out.find(until) == std::string::npos) && (n = ::read(fd, buffer, sizeof buffer)) > 0)
-    out.append(buffer, static_cast<size_t>(n));
-  return out;
-}
+using test::readUntil;
 
 struct ToolRun {
   int exit_code = -1;
@@ -60,7 +33,7 @@ ToolRun runTool(const std::vector<std::string>& flags, const std::vector<std::st
   std::vector<std::string> argv = {kTool};
   argv.insert(argv.end(), flags.begin(), flags.end());
   int err = -1;
-  const pid_t child = spawn(argv, env, uid, &err);
+  const pid_t child = test::spawnTool(argv, env, &err, uid);
   ToolRun run;
   run.err = readUntil(err);
   ::close(err);
@@ -74,7 +47,7 @@ ToolRun runTool(const std::vector<std::string>& flags, const std::vector<std::st
 class DaemonChild {
  public:
   DaemonChild(const std::string& socket, const std::vector<std::string>& env)
-      : m_pid(spawn({kDaemon, "--foreground", "--socket", socket}, env, 0, &m_err)),
+      : m_pid(test::spawnTool({kDaemon, "--foreground", "--socket", socket}, env, &m_err)),
         // It says so once its socket listens.
         m_ready(readUntil(m_err, "serving on").find("serving on") != std::string::npos) {}
   ~DaemonChild() {

@@ -14,6 +14,7 @@
 #include "common/child.h"
 #include "common/eventually.h"
 #include "common/temp_dir.h"
+#include "common/tool_process.h"
 
 namespace pelmora {
 namespace {
@@ -59,39 +60,13 @@ struct BusyTree {
   bool noneStopped() const { return states().find('T') == std::string::npos; }
 };
 
-pid_t spawn(const std::vector<std::string>& argv, const std::vector<std::string>& env, int* out) {
-  int pipe_fds[2];
-  if (::pipe2(pipe_fds, O_CLOEXEC) != 0) return -1;
-  const pid_t child = ::fork();
-  if (child == 0) {
-    ::dup2(pipe_fds[1], 1);
-    ::dup2(pipe_fds[1], 2);
-    for (const auto& e : env) ::putenv(const_cast<char*>(e.c_str()));
-    std::vector<char*> args;
-    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    ::execv(args[0], args.data());
-    ::_exit(126);
-  }
-  ::close(pipe_fds[1]);
-  *out = pipe_fds[0];
-  return child;
-}
-
-std::string readUntil(int fd, const std::string& until = {}) {
-  std::string out;
-  char buffer[4096];
-  ssize_t n;
-  while ((until.empty() || out.find(until) == std::string::npos) && (n = ::read(fd, buffer, sizeof buffer)) > 0)
-    out.append(buffer, static_cast<size_t>(n));
-  return out;
-}
+using test::readUntil;
 
 // Runs `pelmora limit --tree` on the tree and kills it outright at a moment every member is stopped:
 // the tool is frozen first, so that no stop or continue is under way when the members are looked at.
 std::string killWhileAllStopped(const BusyTree& tree, const std::vector<std::string>& env) {
   int out = -1;
-  const pid_t tool = spawn({kTool, "limit", "--tree", std::to_string(tree.root), "10"}, env, &out);
+  const pid_t tool = test::spawnTool({kTool, "limit", "--tree", std::to_string(tree.root), "10"}, env, &out);
   std::string said = readUntil(out, "of one processor (target");
   bool caught = false;
   for (int attempt = 0; attempt < 2000 && !caught; ++attempt) {
@@ -127,7 +102,7 @@ TEST(LimitTree, WithoutADaemonTheJournalNamesEveryMemberAndTheNextRunContinuesTh
     EXPECT_NE(journal.find("\"pid\":" + std::to_string(pid)), std::string::npos) << journal;
   // Any later run of the tool continues what the dead one left stopped.
   int out = -1;
-  const pid_t next = spawn({kTool, "top"}, env, &out);
+  const pid_t next = test::spawnTool({kTool, "top"}, env, &out);
   readUntil(out);
   ::waitpid(next, nullptr, 0);
   ::close(out);
@@ -139,8 +114,8 @@ TEST(LimitTree, TheDaemonContinuesEveryMemberWhenTheToolDies) {
   test::TempDir state;
   const std::string socket = (state / "helper.sock").string();
   int daemon_out = -1;
-  const pid_t daemon = spawn({kDaemon, "--foreground", "--socket", socket},
-                             {"PELMORA_STATE_DIR=" + (state / "daemon").string()}, &daemon_out);
+  const pid_t daemon = test::spawnTool({kDaemon, "--foreground", "--socket", socket},
+                                       {"PELMORA_STATE_DIR=" + (state / "daemon").string()}, &daemon_out);
   ASSERT_NE(readUntil(daemon_out, "serving on").find("serving on"), std::string::npos);
   {
     BusyTree tree(3);
@@ -176,10 +151,10 @@ TEST(LimitTree, MisuseGivesUsageAndANonZeroExitAndTouchesNothing) {
     for (const auto& a : args) line += a + " ";
     SCOPED_TRACE(line);
     int out = -1;
-    const pid_t tool = spawn(argv,
-                             {"PELMORA_HELPER_SOCKET=" + (state / "none.sock").string(),
-                              "XDG_STATE_HOME=" + state.path().string()},
-                             &out);
+    const pid_t tool = test::spawnTool(argv,
+                                       {"PELMORA_HELPER_SOCKET=" + (state / "none.sock").string(),
+                                        "XDG_STATE_HOME=" + state.path().string()},
+                                       &out);
     const std::string said = readUntil(out);
     int status = 0;
     ::waitpid(tool, &status, 0);
