@@ -6,6 +6,10 @@
 
 #include <cstring>
 #include <ctime>
+#include <fstream>
+
+#include "common/temp_dir.h"
+#include "support/unique_fd.h"
 
 namespace pelmora {
 namespace {
@@ -231,6 +235,22 @@ TEST(ProcTaskReader, CountsOpenFilesOfALiveProcess) {
   for (int fd : fds) ::close(fd);
   ASSERT_TRUE(after);
   EXPECT_EQ(after->pbsd.pbi_nfiles, before->pbsd.pbi_nfiles + 3);
+}
+
+// A record file is read in one go when it fits the buffer, and whole when it does not (a status with
+// long group lists), however its length falls against the buffer.
+TEST(SysRootRecord, ReadsRecordFilesWholeAtAnyLength) {
+  test::TempDir dir;
+  for (size_t length : {size_t{0}, size_t{1}, size_t{4095}, size_t{4096}, size_t{4097}, size_t{12000}}) {
+    SCOPED_TRACE(length);
+    std::string text(length, 'x');
+    for (size_t i = 0; i < length; i += 97) text[i] = '\n';
+    std::ofstream(dir.path() / "status") << text;
+    const UniqueFd folder(::open(dir.path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    EXPECT_EQ(SysRoot::readRecordAt(folder.get(), "status"), text);
+    EXPECT_EQ(SysRoot::readRecordAt(AT_FDCWD, (dir.path() / "status").c_str()), text);
+  }
+  EXPECT_FALSE(SysRoot::readRecordAt(AT_FDCWD, "/nonexistent/status"));
 }
 
 }  // namespace
