@@ -106,7 +106,6 @@ TEST(ProcessColumns, CellTexts) {
   EXPECT_EQ(elapsedText(123ULL * 3600 * 1'000'000'000ULL), "123:00:00");
 }
 
-// Parentheses only while frontmost limiting is off and the process is the frontmost application.
 TEST(ProcessColumns, TreeOrderPutsChildrenUnderTheirParents) {
   auto row = [](int32_t pid, int32_t ppid) {
     ProcessRow r = rowOf(pid, "p" + std::to_string(pid));
@@ -132,53 +131,6 @@ TEST(ProcessColumns, TreeOrderPutsChildrenUnderTheirParents) {
     for (const ProcessRow& r : treeOrder(c.sorted)) shown.emplace_back(r.info.pid, r.depth);
     EXPECT_EQ(shown, c.shown);
   }
-}
-
-TEST(ProcessColumns, LimitTextInParenthesesOnlyForAnExemptFrontmostProcess) {
-  struct Case { std::optional<double> limit; bool frontmost, limit_frontmost; const char* text; };
-  const Case cases[] = {
-      {0.2, false, false, "20.0"}, {0.2, true, false, "(20.0)"}, {0.2, true, true, "20.0"},
-      {0.2, false, true, "20.0"},  {1.5, true, false, "(150.0)"}, {std::nullopt, true, false, ""},
-  };
-  for (const auto& c : cases) {
-    ProcessRow r = rowOf(7, "p");
-    r.limit = c.limit;
-    r.frontmost = c.frontmost;
-    EXPECT_EQ(limitText(r, c.limit_frontmost), c.text) << c.frontmost << c.limit_frontmost;
-  }
-}
-
-TEST(ProcessColumns, FiltersByOwnerAndApplication) {
-  const uint32_t me = 1000;
-  const std::set<int32_t> apps = {3};
-  struct Case { processesView view; std::set<int32_t> kept; };
-  // pid 1 root, 2 me, 3 me (application), 4 another user.
-  std::map<int32_t, procinfo> table;
-  for (auto [pid, uid] : {std::pair{1, 0u}, {2, me}, {3, me}, {4, 1001u}}) table[pid] = rowOf(pid, "p", uid).info;
-  const Case cases[] = {
-      {processesView::all, {1, 2, 3, 4}},   {processesView::mine, {2, 3}}, {processesView::system, {1}},
-      {processesView::other, {4}},          {processesView::application, {3}},
-  };
-  for (const auto& c : cases) {
-    std::set<int32_t> kept;
-    for (const auto& [pid, info] : table)
-      if (passesFilter(c.view, info, me, apps)) kept.insert(pid);
-    EXPECT_EQ(kept, c.kept) << static_cast<int>(c.view);
-  }
-  EXPECT_EQ(processesViewFrom(2), processesView::system);
-  EXPECT_EQ(processesViewFrom(5), processesView::all);
-  EXPECT_EQ(processesViewFrom(-1), processesView::all);
-}
-
-TEST(ProcessColumns, SearchContainsOrNotCaseInsensitively) {
-  struct Case { const char* name; const char* needle; bool contains, kept; };
-  const Case cases[] = {
-      {"Firefox", "fire", true, true}, {"Firefox", "fire", false, false}, {"bash", "fire", true, false},
-      {"bash", "fire", false, true},   {"bash", "", true, true},           {"bash", "", false, true},
-      {"GNOME-Shell", "e-s", true, true},
-  };
-  for (const auto& c : cases)
-    EXPECT_EQ(passesSearch(rowOf(1, c.name).info, c.needle, c.contains), c.kept) << c.name << " / " << c.needle;
 }
 
 TEST(ProcessColumns, BuildRowsFiltersSearchesSortsAndAttachesLimits) {

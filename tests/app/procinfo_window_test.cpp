@@ -1,7 +1,8 @@
 // The process window on a simulated helper: first open, settings, filters and search, selection
-// across refreshes, the limit and priority controls per power source, enabled states, ending a
-// process, and the open-files window.
+// across refreshes, the limit and priority controls per power source, limits on a process tree,
+// enabled states, ending a process, and the open-files window.
 #include <QApplication>
+#include <QCheckBox>
 #include <QHeaderView>
 #include <QItemSelectionModel>
 #include <QLabel>
@@ -44,8 +45,10 @@ struct Fixture : test::SimLimiter {
 
   ~Fixture() { PID::setFrontmostProvider(nullptr); }
   using SimLimiter::add;
-  void add(int32_t pid, const std::string& name, uint32_t uid, double share) {
-    add(pid, SimProcess{.name = name, .uid = uid});
+  // With a stat file in the fixture /proc too, for the limiter's process trees.
+  void add(int32_t pid, const std::string& name, uint32_t uid, double share, int32_t ppid = 1) {
+    add(pid, SimProcess{.name = name, .uid = uid, .ppid = ppid});
+    dir.addProcess(pid, name, ppid);
     demand[pid] = share;
   }
   // One second of running at each process's demand, a refresh, and its broadcast delivered.
@@ -156,10 +159,12 @@ TEST(ProcinfoWindow, SettingsAreReadAtOpenAndWrittenAtClose) {
   EXPECT_EQ(f.settings.loadString("process_sort_column", ""), "pid");
   EXPECT_FALSE(f.settings.loadBool("process_sort_ascending", true));
   EXPECT_EQ(f.settings.loadString("process_table_font", "x"), "");  // the default font is not stored
-  // A stored column that does not exist falls back to the share.
+  // A stored column or filter that does not exist falls back to the share and all processes.
   f.settings.saveString("process_sort_column", "nonsense");
+  f.settings.saveInt("process_filter", 5);
   ProcinfoWindow again(*f.limiter, f.helper, f.settings);
   EXPECT_EQ(again.sortKey(), "pctcpu");
+  EXPECT_EQ(again.processFilter(), processesView::all);
 }
 
 TEST(ProcinfoWindow, FiltersAndSearch) {
@@ -177,6 +182,7 @@ TEST(ProcinfoWindow, FiltersAndSearch) {
       {processesView::application, "", 0, {200}, "Applications (1)"},
       {processesView::all, "FIRE", 0, {200}, "All Processes (1)"},
       {processesView::all, "fire", 1, {100, 300, 201}, "All Processes (3)"},
+      {processesView::all, "", 1, {200, 100, 300, 201}, "All Processes (4)"},  // no search leaves all
       {processesView::mine, "s", 0, {201}, "My Processes (1)"},
       {processesView::all, "nothing", 0, {}, "All Processes (0)"},
   };
@@ -441,6 +447,62 @@ TEST(ProcinfoWindow, QuitAndForceQuitAskFirst) {
   w.selectPid(300);
   w.forceQuitSelected();
   EXPECT_EQ(questions.size(), 3u);
+}
+
+// "Include child processes" beside the limit: the limit set with it holds the whole tree in the real
+// limiter, the first process's row shows the group, its members are marked and cannot be limited
+// apart, and the choice is remembered per power source.
+TEST(ProcinfoWindow, IncludeChildProcessesHoldsTheTreeAndTheRowsShowIt) {
+  Fixture f;  // make (20) -> cc (21), cc (22); shell (30) apart
+  for (const auto& [pid, ppid, name] : {std::tuple{20, 1, "make"}, {21, 20, "cc"}, {22, 20, "cc"}, {30, 1, "shell"}})
+    f.add(pid, name, kMe, 0.5, ppid);
+  f.refresh();
+  f.refresh();
+  ProcinfoWindow w(*f.limiter, f.helper, f.settings);
+  w.setUid(kMe);
+  w.selectPid(20);
+  QCheckBox* include = w.includeChildrenControl();
+  ASSERT_TRUE(include && include->isEnabled());
+  EXPECT_FALSE(include->isChecked());
+  // Ticked first, then the share: the limit holds the tree.
+  include->click();
+  f.refresh();  // a refresh between the two does not lose the choice
+  EXPECT_TRUE(include->isChecked());
+  w.limitControl()->setValue(40);
+  EXPECT_EQ(f.limiter->trees()[20], (std::set<int32_t>{20, 21, 22}));
+  EXPECT_TRUE(f.limiter->procSettings().limitHoldsTree("make", "AC Power"));
+  f.refresh();
+  EXPECT_EQ(cell(w, 20, "limit"), "40.0 Σ");
+  EXPECT_EQ(cell(w, 21, "limit"), "with 20");
+  EXPECT_EQ(cell(w, 30, "limit"), "");
+  // A member: the group's limit, shown and not settable apart.
+  w.selectPid(21);
+  EXPECT_EQ(w.limitControl()->value(), 40);
+  EXPECT_TRUE(include->isChecked());
+  EXPECT_FALSE(include->isEnabled());
+  EXPECT_FALSE(w.limitControl()->controlEnabled());
+  EXPECT_FALSE(w.clearLimitButton()->isEnabled());
+  // Another process starts unticked.
+  w.selectPid(30);
+  EXPECT_FALSE(include->isChecked());
+  // Unticked on the first process: the limit stays, on it alone.
+  w.selectPid(20);
+  include->click();
+  EXPECT_TRUE(f.limiter->trees().empty());
+  EXPECT_EQ(f.limiter->limitFor(20), 0.4);
+  EXPECT_FALSE(f.limiter->procSettings().limitHoldsTree("make", "AC Power"));
+  EXPECT_EQ(cell(w, 21, "limit"), "");
+  // The battery's list remembers the choice without touching the limit in force.
+  w.changePowerSource(1);
+  w.limitControl()->setValue(25);
+  include->click();
+  EXPECT_TRUE(f.limiter->procSettings().limitHoldsTree("make", "Battery Power"));
+  EXPECT_EQ(f.limiter->procSettings().limitFor("make", "Battery Power"), 0.25);
+  EXPECT_TRUE(f.limiter->trees().empty());
+  w.changePowerSource(0);
+  EXPECT_FALSE(include->isChecked());
+  w.changePowerSource(1);
+  EXPECT_TRUE(include->isChecked());
 }
 
 TEST(OpenFilesWindow, ListsDescriptorsOrSaysTheyCannotBeRead) {
