@@ -22,59 +22,6 @@ using namespace pelmora::stats_test;
 
 namespace {
 
-std::vector<bool> bits(const std::string& pattern) {
-  std::vector<bool> out;
-  for (char c : pattern) out.push_back(c == '1');
-  return out;
-}
-
-struct GridCase {
-  std::string online;  // one character per processor: 1 online, 0 offline
-  bool show_offline;
-  int64_t max_rows;
-  std::vector<size_t> shown;
-  int64_t per_column, columns, fillers;
-};
-
-TEST(CpuGrid, CellsColumnsAndFillers) {
-  const GridCase cases[] = {
-      {"1111", false, 8, {0, 1, 2, 3}, 4, 1, 0},
-      {"11111111", false, 3, {0, 1, 2, 3, 4, 5, 6, 7}, 3, 3, 1},
-      {"111111111111", false, 4, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}, 4, 3, 0},
-      {"10110111", false, 3, {0, 2, 3, 5, 6, 7}, 3, 2, 0},
-      {"10110111", true, 3, {0, 1, 2, 3, 4, 5, 6, 7}, 3, 3, 1},
-      {"1", false, 8, {0}, 1, 1, 0},
-      {"0000", false, 8, {}, 0, 0, 0},
-      {"", true, 8, {}, 0, 0, 0},
-      {"11111", false, 0, {0, 1, 2, 3, 4}, 1, 5, 0},  // a stored 0 still stacks one per row
-      {"1111111", false, 2, {0, 1, 2, 3, 4, 5, 6}, 2, 4, 1},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.online + (c.show_offline ? " with offline" : "") + " rows " + std::to_string(c.max_rows));
-    const CpuGrid grid = cpuGrid(bits(c.online), c.show_offline, c.max_rows);
-    EXPECT_EQ(grid.shown, c.shown);
-    EXPECT_EQ(grid.per_column, c.per_column);
-    EXPECT_EQ(grid.columns, c.columns);
-    EXPECT_EQ(grid.fillers(), c.fillers);
-  }
-}
-
-TEST(CpuOnlineStatus, FromTheKernelList) {
-  const std::vector<int> present{0, 1, 2, 3};
-  const struct {
-    std::optional<std::string> text;
-    std::string expected;
-  } cases[] = {
-      {std::nullopt, "1111"}, {"0-3\n", "1111"}, {"0,2-3", "1011"}, {"0", "1000"}, {"garbage", "1111"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.text.value_or("(none)"));
-    EXPECT_EQ(cpuOnlineStatus(present, c.text), bits(c.expected));
-  }
-  // Numbers, not positions: a tree whose present list skips a processor.
-  EXPECT_EQ(cpuOnlineStatus({0, 2, 5}, std::string("0,5")), bits("101"));
-}
-
 TEST(TotalCpuSample, SumsTimesAndAveragesKnownFrequencies) {
   const cpu_sample_t total = totalCpuSample({{1, 2, 3, 1000.0}, {10, 20, 30, 0.0}, {100, 200, 300, 3000.0}});
   EXPECT_EQ(total, (cpu_sample_t{111, 222, 333, 2000.0}));
@@ -116,6 +63,10 @@ TEST_F(StatsWindowTest, ProcessorGridInTheWindow) {
       {"0-7", "0,2-3,6-7", true, 4, {"0", "1", "2", "3", "4", "5", "6", "7"}, 2, 4, 0},
       {"0-23", "0-23", false, 8, {}, 3, 8, 0},
       {"0-1", "0", false, 8, {"0"}, 1, 1, 0},
+      {"0-4", "0-4", false, 0, {"0", "1", "2", "3", "4"}, 5, 1, 0},  // a stored 0 still stacks one per row
+      {"0,2,5", "0,5", false, 8, {"0", "5"}, 1, 2, 0},            // numbers, not positions
+      {"0-3", "garbage", false, 8, {"0", "1", "2", "3"}, 1, 4, 0},  // unreadable: all online
+      {"0-3", "4", false, 8, {}, 0, 0, 0},                         // none of them online
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.present + " online " + c.online + " rows " + std::to_string(c.max_rows));
@@ -280,18 +231,6 @@ TEST_F(StatsWindowTest, LongRunKeepsEveryHistoryCapped) {
   window->samplerRestarted();
   EXPECT_EQ(window->heldSamples(), 0u);
   window->close();
-}
-
-TEST_F(StatsWindowTest, SamplerClientWhileShown) {
-  auto window = makeWindow("0-3", "0-3");
-  EXPECT_FALSE(sampler->running());
-  window->show();
-  EXPECT_TRUE(window->isSamplerClient());
-  EXPECT_EQ(sampler->clientCount(), 1u);
-  EXPECT_TRUE(sampler->running());
-  window->close();
-  EXPECT_EQ(sampler->clientCount(), 0u);
-  EXPECT_FALSE(sampler->running());
 }
 
 TEST_F(StatsWindowTest, SettingsReadAtLoadAndSavedAtClose) {
