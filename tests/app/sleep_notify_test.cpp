@@ -55,37 +55,25 @@ TEST(SleepNotifyTest, EventsRunOnTheMainQueueBetweenTheInhibitorSteps) {
   }
 }
 
-TEST(SleepNotifyTest, StoppingDropsQueuedEventsAndStopsTheSourceOnce) {
-  Journal journal;
-  int handled = 0;
-  {
-    SleepNotify notify([&](SleepEvent) { ++handled; }, std::make_unique<ScriptedSource>(journal));
+TEST(SleepNotifyTest, StoppingOrDestroyingDropsQueuedEventsAndStopsTheSourceOnce) {
+  for (const bool destroy : {false, true}) {
+    SCOPED_TRACE(destroy ? "destroyed" : "stopped");
+    Journal journal;
+    int handled = 0;
+    auto notify = std::make_unique<SleepNotify>([&](SleepEvent) { ++handled; },
+                                                std::make_unique<ScriptedSource>(journal));
     journal.deliver(SleepEvent::willSleep);
-    notify.stop();
-    EXPECT_FALSE(notify.listening());
+    if (destroy) notify.reset(); else notify->stop();
+    EXPECT_TRUE(!notify || !notify->listening());
     RunLoop::main().runUntilIdle();
+    notify.reset();
+    EXPECT_EQ(handled, 0);
+    EXPECT_TRUE(journal.steps.empty());
+    EXPECT_EQ(journal.stops, 1);
   }
-  EXPECT_EQ(handled, 0);
-  EXPECT_TRUE(journal.steps.empty());
-  EXPECT_EQ(journal.stops, 1);
-}
-
-TEST(SleepNotifyTest, EventsQueuedBeforeTheNotifierIsDestroyedAreDropped) {
-  Journal journal;
-  int handled = 0;
-  auto notify = std::make_unique<SleepNotify>([&](SleepEvent) { ++handled; },
-                                              std::make_unique<ScriptedSource>(journal));
-  journal.deliver(SleepEvent::didWake);
-  notify.reset();
-  RunLoop::main().runUntilIdle();
-  EXPECT_EQ(handled, 0);
-}
-
-TEST(SleepNotifyTest, ASourceWithNothingToListenToIsNotListening) {
-  Journal journal;
-  journal.start_result = false;
-  SleepNotify notify([](SleepEvent) {}, std::make_unique<ScriptedSource>(journal));
-  EXPECT_FALSE(notify.listening());
+  Journal nothing;  // a source with nothing to listen to
+  nothing.start_result = false;
+  EXPECT_FALSE(SleepNotify([](SleepEvent) {}, std::make_unique<ScriptedSource>(nothing)).listening());
 }
 
 }  // namespace
