@@ -8,28 +8,22 @@
 
 #include <QAction>
 #include <QApplication>
-#include <QCoreApplication>
-#include <QEvent>
 #include <QLocale>
 #include <QMenu>
+#include <QSystemTrayIcon>
 
 #include <filesystem>
 #include <functional>
 #include <fstream>
 
-#include "app/app_delegate.h"
 #include "app/app_rig.h"
 #include "app/dock.h"
-#include "app/procinfo_window.h"
 #include "app/process_table_model.h"
 #include "app/status_bar_controller.h"
-#include "app/system_stats_window.h"
 #include "graphs/graph_switches.h"
 #include "graphs/views/graph_view_proc.h"
 #include "process_control/proc_settings.h"
 #include "support/timeval.h"
-#include "app/settings_test_support.h"
-#include "app/stats_test_support.h"
 #include "support/broadcast.h"
 #include "support/logger.h"
 #include "support/settings_keys.h"
@@ -203,12 +197,23 @@ TEST(AppDelegateTest, PresentationAlwaysLeavesAWayIn) {
   }
 }
 
+// The status item switched on and off during a session: it has a painted icon (never an empty
+// square), and without it the settings window stays up as the way in.
 TEST(AppDelegateTest, PrefsChangedBroadcastReappliesThePresentation) {
   AppRig rig(true);
   keys::kAppPelmora.save(rig.rig.store, true);
-  keys::kShowMenubar.save(rig.rig.store, true);
+  keys::kShowMenubar.save(rig.rig.store, false);
   rig.app->finishLaunching();
+  ASSERT_FALSE(rig.app->statusItemShown());
+  keys::kShowMenubar.save(rig.rig.store, true);
+  Broadcast(kPrefsChangedBroadcast, false);
   ASSERT_TRUE(rig.app->statusItemShown());
+  const QImage image = rig.app->statusBar()->tray()->icon().pixmap(22, 22).toImage();
+  int painted = 0;
+  for (int y = 0; y < image.height(); ++y)
+    for (int x = 0; x < image.width(); ++x) painted += qAlpha(image.pixel(x, y)) > 0;
+  EXPECT_GT(painted, 22 * 22 / 4);
+  EXPECT_FALSE(rig.app->window()->windowIcon().isNull());
   keys::kShowMenubar.save(rig.rig.store, false);
   Broadcast(kPrefsChangedBroadcast, false);
   EXPECT_FALSE(rig.app->statusItemShown());

@@ -1,7 +1,6 @@
 // What a desktop user expects of every window, through the real application object and its real
 // windows: each one opens inside the screen, a saved geometry comes back only where it fits, the
-// close, search, preferences and quit keys work, titles name the program, and the tray icon is never
-// an empty square.
+// close, search, preferences and quit keys work, and titles name the program.
 #include <gtest/gtest.h>
 
 #include <QAbstractButton>
@@ -11,14 +10,11 @@
 #include <QMessageBox>
 #include <QPointer>
 #include <QScreen>
-#include <QSystemTrayIcon>
 #include <QTest>
 #include <QTextBrowser>
 
 #include "app/app_rig.h"
-#include "app/status_bar_controller.h"
 #include "app/window_frame.h"
-#include "support/broadcast.h"
 #include "support/logger.h"
 #include "support/settings_keys.h"
 
@@ -189,25 +185,6 @@ TEST(DesktopConventions, ShowLogFileWithoutAnApplicationSaysSoAndOffersTheFolder
     EXPECT_EQ(rig.revealed, (std::vector<std::string>{log.string(), log.parent_path().string()}));
   }
   Logger::shared().setPath(previous_log);
-}
-
-TEST(DesktopConventions, TheTrayIconSwitchedOnDuringASessionHasAnIcon) {
-  AppRig rig(true);
-  keys::kAppPelmora.save(rig.rig.store, true);
-  keys::kShowMenubar.save(rig.rig.store, false);
-  rig.app->finishLaunching();
-  ASSERT_FALSE(rig.app->statusItemShown());
-  keys::kShowMenubar.save(rig.rig.store, true);
-  Broadcast(kPrefsChangedBroadcast, false);
-  ASSERT_TRUE(rig.app->statusItemShown());
-  const QIcon icon = rig.app->statusBar()->tray()->icon();
-  ASSERT_FALSE(icon.isNull());
-  const QImage image = icon.pixmap(22, 22).toImage();
-  int painted = 0;
-  for (int y = 0; y < image.height(); ++y)
-    for (int x = 0; x < image.width(); ++x) painted += qAlpha(image.pixel(x, y)) > 0;
-  EXPECT_GT(painted, 22 * 22 / 4);
-  EXPECT_FALSE(rig.app->window()->windowIcon().isNull());
 }
 
 }  // namespace
