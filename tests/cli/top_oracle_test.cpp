@@ -34,32 +34,23 @@
 
 #include "common/child.h"
 #include "common/eventually.h"
+#include "common/text_file.h"
 #include "common/words.h"
 
 namespace {
 
 using pelmora::test::Child;
 using pelmora::test::procState;
+using pelmora::test::readText;
 using pelmora::test::words;
 
 constexpr size_t kResidentBytes = size_t{200} << 20;
 constexpr int64_t kSendBytesPerTick = 10'000;  // every 10 ms: 1,000,000 B/s, 8 Mbit/s
 constexpr double kSendBitsPerSecond = 8'000'000.0;
 
-std::string readText(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 // "Threads:" and the like from /proc/PID/status.
 int64_t statusValue(pid_t pid, const std::string& key) {
-  std::istringstream in(readText("/proc/" + std::to_string(pid) + "/status"));
-  for (std::string line; std::getline(in, line);) {
-    if (line.rfind(key + ":", 0) == 0) return std::stoll(line.substr(key.size() + 1));
-  }
-  return -1;
+  return pelmora::test::keyedNumber("/proc/" + std::to_string(pid) + "/status", key);
 }
 
 std::set<pid_t> procPids() {
@@ -364,14 +355,6 @@ struct KernelCounters {
   int64_t mem_free_bytes = 0;
 };
 
-int64_t meminfoBytes(const std::string& key) {
-  std::istringstream in(readText("/proc/meminfo"));
-  for (std::string line; std::getline(in, line);) {
-    if (line.rfind(key + ":", 0) == 0) return std::stoll(line.substr(key.size() + 1)) * 1024;
-  }
-  return -1;
-}
-
 KernelCounters readKernel() {
   KernelCounters k;
   const int64_t ns_per_tick = 1'000'000'000 / ::sysconf(_SC_CLK_TCK);
@@ -395,7 +378,7 @@ KernelCounters readKernel() {
     const auto out = words(readText(entry.path() / "statistics/tx_bytes"));
     if (!in.empty() && !out.empty()) k.net[entry.path().filename()] = {std::stoll(in[0]), std::stoll(out[0])};
   }
-  k.mem_free_bytes = meminfoBytes("MemFree");
+  k.mem_free_bytes = pelmora::test::keyedNumber("/proc/meminfo", "MemFree") * 1024;
   return k;
 }
 
