@@ -13,42 +13,35 @@
 #include "sampling/load_collector.h"
 #include "sampling/memory_collector.h"
 #include "sampling/network_collector.h"
-#include "test_support.h"
 
 using namespace pelmora;
-using pelmora::testing::byLabel;
 
 namespace {
 
 // --- processor ticks -------------------------------------------------------------------------
 
-struct TickCase {
-  const char* label;
-  cpu_ticks ticks;
-  CpuCollector::Timebase timebase;
-  cpu_sample_t expected;
-};
-
-class CpuTicks : public ::testing::TestWithParam<TickCase> {};
-
-TEST_P(CpuTicks, ScaleIntoTheSample) {
-  EXPECT_EQ(CpuCollector::sampleFromTicks(GetParam().ticks, GetParam().timebase), GetParam().expected);
+TEST(CpuCollector, TicksScaleIntoTheSample) {
+  const struct {
+    const char* label;
+    cpu_ticks ticks;
+    CpuCollector::Timebase timebase;
+    cpu_sample_t expected;
+  } cases[] = {
+      // user nice system idle iowait irq softirq steal guest guest_nice
+      {"user plus nice", {100, 20, 0, 0, 0, 0, 0, 0, 0, 0}, {10'000'000, 1}, {0, 1'200'000'000, 0, 0}},
+      {"irq and softirq are system time", {0, 0, 30, 0, 0, 4, 6, 0, 0, 0}, {10'000'000, 1}, {400'000'000, 0, 0, 0}},
+      {"iowait is idle time", {0, 0, 0, 70, 30, 0, 0, 0, 0, 0}, {10'000'000, 1}, {0, 0, 1'000'000'000, 0}},
+      // The kernel already counts guest inside user; steal belongs to other guests of the host.
+      {"steal and guest are not added", {50, 0, 10, 40, 0, 0, 0, 900, 30, 5}, {1, 1}, {10, 50, 40, 0}},
+      {"a timebase with a denominator", {3, 0, 0, 0, 0, 0, 0, 0, 0, 0}, {10, 4}, {0, 7, 0, 0}},
+      {"a zero denominator gives zero", {3, 3, 3, 3, 0, 0, 0, 0, 0, 0}, {10, 0}, {0, 0, 0, 0}},
+      {"counters beyond 32 bits",
+       {5'000'000'000, 0, 0, 0, 0, 0, 0, 0, 0, 0},
+       {10'000'000, 1},
+       {0, 50'000'000'000'000'000, 0, 0}},
+  };
+  for (const auto& c : cases) EXPECT_EQ(CpuCollector::sampleFromTicks(c.ticks, c.timebase), c.expected) << c.label;
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, CpuTicks,
-    ::testing::Values(
-        // user nice system idle iowait irq softirq steal guest guest_nice
-        TickCase{"user plus nice", {100, 20, 0, 0, 0, 0, 0, 0, 0, 0}, {10'000'000, 1}, {0, 1'200'000'000, 0, 0}},
-        TickCase{"irq and softirq are system time", {0, 0, 30, 0, 0, 4, 6, 0, 0, 0}, {10'000'000, 1}, {400'000'000, 0, 0, 0}},
-        TickCase{"iowait is idle time", {0, 0, 0, 70, 30, 0, 0, 0, 0, 0}, {10'000'000, 1}, {0, 0, 1'000'000'000, 0}},
-        // The kernel already counts guest inside user; steal belongs to other guests of the host.
-        TickCase{"steal and guest are not added", {50, 0, 10, 40, 0, 0, 0, 900, 30, 5}, {1, 1}, {10, 50, 40, 0}},
-        TickCase{"a timebase with a denominator", {3, 0, 0, 0, 0, 0, 0, 0, 0, 0}, {10, 4}, {0, 7, 0, 0}},
-        TickCase{"a zero denominator gives zero", {3, 3, 3, 3, 0, 0, 0, 0, 0, 0}, {10, 0}, {0, 0, 0, 0}},
-        TickCase{"counters beyond 32 bits", {5'000'000'000, 0, 0, 0, 0, 0, 0, 0, 0, 0}, {10'000'000, 1},
-                 {0, 50'000'000'000'000'000, 0, 0}}),
-    byLabel);
 
 TEST(CpuCollector, AnOfflineProcessorKeepsItsPlaceWithAZeroSample) {
   auto stat = ProcStat::parse("cpu 6 0 6 6\ncpu0 1 0 1 1\ncpu2 3 0 3 3\n");
@@ -68,86 +61,62 @@ TEST(CpuCollector, TheHostTimebaseGivesNanoseconds) {
 
 // --- memory ----------------------------------------------------------------------------------
 
-struct MeminfoCase {
-  const char* label;
-  std::string text;
-  int64_t page_size;
-  std::optional<memoryStats> expected;
-};
-
-class Meminfo : public ::testing::TestWithParam<MeminfoCase> {};
-
-TEST_P(Meminfo, ReadsPagesByKey) {
-  EXPECT_EQ(MemoryCollector::fromMeminfo(GetParam().text, GetParam().page_size), GetParam().expected);
+TEST(MemoryCollector, ReadsPagesByKey) {
+  const std::string meminfo =
+      "MemTotal: 1000 kB\nMemFree: 400 kB\nActive: 200 kB\nInactive: 120 kB\nActive(anon): 99 kB\n"
+      "Unevictable: 8 kB\nSUnreclaim: 12 kB\nKernelStack: 4 kB\nPageTables: 16 kB\nHugePages_Total: 7\n";
+  const struct {
+    const char* label;
+    std::string text;
+    int64_t page_size;
+    std::optional<memoryStats> expected;
+  } cases[] = {
+      {"4 KiB pages", meminfo, 4096, memoryStats{100, 50, 30, 10}},
+      {"16 KiB pages", meminfo, 16384, memoryStats{25, 12, 7, 2}},
+      {"keys in another order",
+       "PageTables: 16 kB\nInactive: 120 kB\nMemFree: 400 kB\nSUnreclaim: 12 kB\nActive: 200 kB\n"
+       "KernelStack: 4 kB\nUnevictable: 8 kB\n",
+       4096, memoryStats{100, 50, 30, 10}},
+      {"Active(anon) is not Active", "MemFree: 4 kB\nActive(anon): 400 kB\nInactive: 4 kB\n", 4096, std::nullopt},
+      {"wired parts an old kernel lacks count zero",
+       "MemFree: 4 kB\nActive: 8 kB\nInactive: 12 kB\nPageTables: 40 kB\n", 4096, memoryStats{1, 2, 3, 10}},
+      {"no page size", meminfo, 0, std::nullopt},
+      {"empty", "", 4096, std::nullopt},
+  };
+  for (const auto& c : cases) EXPECT_EQ(MemoryCollector::fromMeminfo(c.text, c.page_size), c.expected) << c.label;
 }
-
-const std::string kMeminfo =
-    "MemTotal: 1000 kB\nMemFree: 400 kB\nActive: 200 kB\nInactive: 120 kB\nActive(anon): 99 kB\n"
-    "Unevictable: 8 kB\nSUnreclaim: 12 kB\nKernelStack: 4 kB\nPageTables: 16 kB\nHugePages_Total: 7\n";
-
-INSTANTIATE_TEST_SUITE_P(
-    Texts, Meminfo,
-    ::testing::Values(
-        MeminfoCase{"4 KiB pages", kMeminfo, 4096, memoryStats{100, 50, 30, 10}},
-        MeminfoCase{"16 KiB pages", kMeminfo, 16384, memoryStats{25, 12, 7, 2}},
-        MeminfoCase{"keys in another order",
-                    "PageTables: 16 kB\nInactive: 120 kB\nMemFree: 400 kB\nSUnreclaim: 12 kB\nActive: 200 kB\n"
-                    "KernelStack: 4 kB\nUnevictable: 8 kB\n",
-                    4096, memoryStats{100, 50, 30, 10}},
-        MeminfoCase{"Active(anon) is not Active", "MemFree: 4 kB\nActive(anon): 400 kB\nInactive: 4 kB\n", 4096,
-                    std::nullopt},
-        MeminfoCase{"wired parts an old kernel lacks count zero",
-                    "MemFree: 4 kB\nActive: 8 kB\nInactive: 12 kB\nPageTables: 40 kB\n", 4096, memoryStats{1, 2, 3, 10}},
-        MeminfoCase{"no page size", kMeminfo, 0, std::nullopt},
-        MeminfoCase{"empty", "", 4096, std::nullopt}),
-    byLabel);
 
 // --- disks -----------------------------------------------------------------------------------
 
-struct DiskStatCase {
-  const char* label;
-  std::string text;
-  std::optional<ioStats> expected;
-};
-
-class DiskStat : public ::testing::TestWithParam<DiskStatCase> {};
-
-TEST_P(DiskStat, ReadsOperationsAndSectors) { EXPECT_EQ(DiskCollector::parseStat(GetParam().text), GetParam().expected); }
-
-// Fields: reads merged sectors ms writes merged sectors ms inflight io_ms weighted [discards x4] [flush x2]
-INSTANTIATE_TEST_SUITE_P(
-    Texts, DiskStat,
-    ::testing::Values(
-        DiskStatCase{"11 fields", "  10 1 200 5  20 2 400 6  0 7 8\n", ioStats{102400, 204800, 10, 20}},
-        DiskStatCase{"15 fields with discards", "10 1 200 5 20 2 400 6 0 7 8 99 0 9999 3\n", ioStats{102400, 204800, 10, 20}},
-        DiskStatCase{"17 fields with flushes", "10 1 200 5 20 2 400 6 0 7 8 99 0 9999 3 44 5\n",
-                     ioStats{102400, 204800, 10, 20}},
-        DiskStatCase{"10 fields is not a stat line", "10 1 200 5 20 2 400 6 0 7\n", std::nullopt},
-        DiskStatCase{"a field that is not a number", "10 1 2x0 5 20 2 400 6 0 7 8\n", std::nullopt},
-        DiskStatCase{"sectors whose bytes overflow", "1 0 18014398509481984 0 1 0 0 0 0 0 0\n", std::nullopt}),
-    byLabel);
-
-struct DiskNameCase {
-  const char* label;
-  const char* vendor;
-  const char* model;
-  const char* expected;
-};
-
-class DiskName : public ::testing::TestWithParam<DiskNameCase> {};
-
-TEST_P(DiskName, JoinsVendorAndModel) {
-  EXPECT_EQ(DiskCollector::diskName(GetParam().vendor, GetParam().model), GetParam().expected);
+TEST(DiskCollector, StatLinesGiveOperationsAndBytes) {
+  const struct {
+    const char* label;
+    std::string text;
+    std::optional<ioStats> expected;
+  } cases[] = {
+      // Fields: reads merged sectors ms writes merged sectors ms inflight io_ms weighted [discards x4] [flush x2]
+      {"11 fields", "  10 1 200 5  20 2 400 6  0 7 8\n", ioStats{102400, 204800, 10, 20}},
+      {"15 fields with discards", "10 1 200 5 20 2 400 6 0 7 8 99 0 9999 3\n", ioStats{102400, 204800, 10, 20}},
+      {"17 fields with flushes", "10 1 200 5 20 2 400 6 0 7 8 99 0 9999 3 44 5\n", ioStats{102400, 204800, 10, 20}},
+      {"10 fields is not a stat line", "10 1 200 5 20 2 400 6 0 7\n", std::nullopt},
+      {"a field that is not a number", "10 1 2x0 5 20 2 400 6 0 7 8\n", std::nullopt},
+      {"sectors whose bytes overflow", "1 0 18014398509481984 0 1 0 0 0 0 0 0\n", std::nullopt},
+  };
+  for (const auto& c : cases) EXPECT_EQ(DiskCollector::parseStat(c.text), c.expected) << c.label;
 }
 
-INSTANTIATE_TEST_SUITE_P(Names, DiskName,
-                         ::testing::Values(DiskNameCase{"padded SCSI strings", "ATA     ", "Samsung SSD 870 \n",
-                                                        "ATA Samsung SSD 870"},
-                                           DiskNameCase{"no vendor (NVMe)", "", "Micron 7450\n", "Micron 7450"},
-                                           DiskNameCase{"blank vendor", "   \n", "Virtual Disk", "Virtual Disk"},
-                                           DiskNameCase{"numeric vendor id (virtio)", "0x1af4\n", "", ""},
-                                           DiskNameCase{"no model", "WDC", "", "WDC"}),
-                         byLabel);
+TEST(DiskCollector, NamesJoinVendorAndModel) {
+  const struct {
+    const char *vendor, *model, *expected;
+  } cases[] = {
+      {"ATA     ", "Samsung SSD 870 \n", "ATA Samsung SSD 870"},  // padded SCSI strings
+      {"", "Micron 7450\n", "Micron 7450"},                       // no vendor (NVMe)
+      {"   \n", "Virtual Disk", "Virtual Disk"},
+      {"0x1af4\n", "", ""},  // numeric vendor id (virtio)
+      {"WDC", "", "WDC"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(DiskCollector::diskName(c.vendor, c.model), c.expected) << c.vendor;
+}
 
 TEST(DiskCollector, ParsesDevAndRejectsVirtualDevices) {
   EXPECT_EQ(DiskCollector::parseDev("259:12\n"), (std::pair<int, int>{259, 12}));
@@ -168,26 +137,14 @@ TEST(NetworkCollector, ReportsOnlyHardwareInterfaceNames) {
     EXPECT_FALSE(NetworkCollector::isReported(name)) << name;
 }
 
-struct CardCase {
-  const char* label;
-  int64_t total, used, expected_free;
-};
-
-class GpuFree : public ::testing::TestWithParam<CardCase> {};
-
-TEST_P(GpuFree, IsNeverNegative) {
-  const auto card = GpuCollector::makeCard("x", 50, GetParam().total, GetParam().used);
-  EXPECT_EQ(card.stats.freeVRAM, GetParam().expected_free);
-  EXPECT_EQ(card.stats.totalVRAM, GetParam().total);
-  EXPECT_EQ(card.stats.usedVRAM, GetParam().used);
-  EXPECT_TRUE(card.active);
-  EXPECT_EQ(card.stats.cpuWait, 0);
+TEST(GpuCollector, FreeMemoryIsNeverNegative) {
+  const struct { int64_t total, used, expected_free; } cases[] = {{1000, 250, 750}, {100, 150, 0}, {0, 0, 0}};
+  for (const auto& c : cases) {
+    const auto card = GpuCollector::makeCard("x", 50, c.total, c.used);
+    EXPECT_EQ(card.stats, (graphicsCardStats{c.total, c.used, c.expected_free, 0, 50})) << c.used << " of " << c.total;
+    EXPECT_TRUE(card.active);
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Cards, GpuFree,
-                         ::testing::Values(CardCase{"partly used", 1000, 250, 750}, CardCase{"more used than allocated", 100, 150, 0},
-                                           CardCase{"nothing allocated", 0, 0, 0}),
-                         byLabel);
 
 TEST(GpuCollector, TellsCardsFromConnectorsAndReadsUevent) {
   EXPECT_TRUE(GpuCollector::isCardName("card0"));
@@ -217,24 +174,20 @@ TEST(ProcessCounter, RootComesBeforeTheOwnUser) {
 
 // --- core clusters -------------------------------------------------------------------------
 
-struct CapacityCase {
-  const char* label;
-  std::vector<std::optional<int64_t>> capacities;
-  std::vector<std::string> expected;
-};
-
-class Capacities : public ::testing::TestWithParam<CapacityCase> {};
-
-TEST_P(Capacities, NameTheClusters) { EXPECT_EQ(CoreClusters::fromCapacities(GetParam().capacities), GetParam().expected); }
-
-INSTANTIATE_TEST_SUITE_P(
-    Machines, Capacities,
-    ::testing::Values(CapacityCase{"big little", {446, 446, 1024, 1024}, {"Efficiency", "Efficiency", "Performance", "Performance"}},
-                      CapacityCase{"three tiers", {160, 485, 1024}, {"Efficiency", "Efficiency", "Performance"}},
-                      CapacityCase{"all alike", {1024, 1024}, {"", ""}},
-                      CapacityCase{"unknown", {std::nullopt, std::nullopt}, {"", ""}},
-                      CapacityCase{"one unreadable", {512, std::nullopt, 1024}, {"Efficiency", "", "Performance"}}),
-    byLabel);
+TEST(CoreClusters, CapacitiesNameTheClusters) {
+  const struct {
+    const char* label;
+    std::vector<std::optional<int64_t>> capacities;
+    std::vector<std::string> expected;
+  } cases[] = {
+      {"big little", {446, 446, 1024, 1024}, {"Efficiency", "Efficiency", "Performance", "Performance"}},
+      {"three tiers", {160, 485, 1024}, {"Efficiency", "Efficiency", "Performance"}},
+      {"all alike", {1024, 1024}, {"", ""}},
+      {"unknown", {std::nullopt, std::nullopt}, {"", ""}},
+      {"one unreadable", {512, std::nullopt, 1024}, {"Efficiency", "", "Performance"}},
+  };
+  for (const auto& c : cases) EXPECT_EQ(CoreClusters::fromCapacities(c.capacities), c.expected) << c.label;
+}
 
 TEST(CoreClusters, HybridListsNameEachPresentProcessor) {
   EXPECT_EQ(CoreClusters::fromHybridLists({0, 1, 2, 3, 4}, {0, 1}, {2, 3}),

@@ -6,32 +6,31 @@
 #include <fstream>
 
 #include "common/temp_dir.h"
-#include "test_support.h"
 
 using namespace pelmora;
-using pelmora::testing::byLabel;
 
 namespace {
 
-struct DeltaCase {
-  const char* label;
-  uint64_t previous, current, max_range, expected;
-};
-
-class RaplDelta : public ::testing::TestWithParam<DeltaCase> {};
-
-TEST_P(RaplDelta, CountsAcrossTheWrap) {
-  const auto& c = GetParam();
-  EXPECT_EQ(PowerMeter::energyDelta_uj(c.previous, c.current, c.max_range), c.expected);
+// Watts from products of micro-units, compared to the nano-watt.
+void expectWatts(std::optional<double> got, std::optional<double> expected, const char* label) {
+  ASSERT_EQ(got.has_value(), expected.has_value()) << label;
+  if (got) {
+    EXPECT_NEAR(*got, *expected, 1e-9) << label;
+  }
 }
 
-INSTANTIATE_TEST_SUITE_P(Readings, RaplDelta,
-                         ::testing::Values(DeltaCase{"forward", 100, 300, 1000, 200}, DeltaCase{"wrapped", 900, 100, 1000, 200},
-                                           DeltaCase{"unchanged", 500, 500, 1000, 0},
-                                           DeltaCase{"previous beyond the range", 2000, 100, 1000, 0},
-                                           DeltaCase{"no range known", 900, 100, 0, 0},
-                                           DeltaCase{"real package range", 262143000000, 1000000, 262143328850, 1328850}),
-                         byLabel);
+TEST(PowerMeter, RaplDeltaCountsAcrossTheWrap) {
+  const struct {
+    const char* label;
+    uint64_t previous, current, max_range, expected;
+  } cases[] = {
+      {"forward", 100, 300, 1000, 200},   {"wrapped", 900, 100, 1000, 200},
+      {"unchanged", 500, 500, 1000, 0},   {"previous beyond the range", 2000, 100, 1000, 0},
+      {"no range known", 900, 100, 0, 0}, {"real package range", 262143000000, 1000000, 262143328850, 1328850},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(PowerMeter::energyDelta_uj(c.previous, c.current, c.max_range), c.expected) << c.label;
+}
 
 TEST(PowerMeter, RaplWattsAreEnergyOverTimeSummedOverPackages) {
   PowerMeter meter;
@@ -49,34 +48,24 @@ TEST(PowerMeter, RaplWattsAreEnergyOverTimeSummedOverPackages) {
   EXPECT_DOUBLE_EQ(*meter.raplWatts({{"intel-rapl:0", 1'003'000, range}, {"intel-rapl:2", 7, range}}, 4'000'000), 1.0);
 }
 
-struct BatteryCase {
-  const char* label;
-  const char* status;
-  std::optional<int64_t> power_uw, current_ua, voltage_uv;
-  std::optional<double> expected_w;
-};
-
-class Battery : public ::testing::TestWithParam<BatteryCase> {};
-
-TEST_P(Battery, PowerWhileDischarging) {
-  const auto& c = GetParam();
-  auto watts = PowerMeter::batteryPower_w(c.status, c.power_uw, c.current_ua, c.voltage_uv);
-  ASSERT_EQ(watts.has_value(), c.expected_w.has_value());
-  if (watts) {
-    EXPECT_NEAR(*watts, *c.expected_w, 1e-9);
-  }
+TEST(PowerMeter, BatteryPowerWhileDischarging) {
+  const struct {
+    const char* label;
+    const char* status;
+    std::optional<int64_t> power_uw, current_ua, voltage_uv;
+    std::optional<double> expected_w;
+  } cases[] = {
+      {"power now", "Discharging\n", 12'500'000, std::nullopt, std::nullopt, 12.5},
+      {"current times voltage", "Discharging", std::nullopt, 1'500'000, 11'000'000, 16.5},
+      {"power wins over current", "Discharging", 7'000'000, 1'500'000, 11'000'000, 7.0},
+      {"negative current", "Discharging", std::nullopt, -2'000'000, 10'000'000, 20.0},
+      {"charging", "Charging", 12'500'000, std::nullopt, std::nullopt, std::nullopt},
+      {"full", "Full", 0, std::nullopt, std::nullopt, std::nullopt},
+      {"no readings", "Discharging", std::nullopt, 1'500'000, std::nullopt, std::nullopt},
+  };
+  for (const auto& c : cases)
+    expectWatts(PowerMeter::batteryPower_w(c.status, c.power_uw, c.current_ua, c.voltage_uv), c.expected_w, c.label);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Supplies, Battery,
-    ::testing::Values(BatteryCase{"power now", "Discharging\n", 12'500'000, std::nullopt, std::nullopt, 12.5},
-                      BatteryCase{"current times voltage", "Discharging", std::nullopt, 1'500'000, 11'000'000, 16.5},
-                      BatteryCase{"power wins over current", "Discharging", 7'000'000, 1'500'000, 11'000'000, 7.0},
-                      BatteryCase{"negative current", "Discharging", std::nullopt, -2'000'000, 10'000'000, 20.0},
-                      BatteryCase{"charging", "Charging", 12'500'000, std::nullopt, std::nullopt, std::nullopt},
-                      BatteryCase{"full", "Full", 0, std::nullopt, std::nullopt, std::nullopt},
-                      BatteryCase{"no readings", "Discharging", std::nullopt, 1'500'000, std::nullopt, std::nullopt}),
-    byLabel);
 
 TEST(PowerMeter, OnlyTopLevelRaplZonesArePackages) {
   EXPECT_TRUE(RaplZones::isPackageZone("intel-rapl:0"));
@@ -124,31 +113,21 @@ TEST_F(LaptopPower, RaplIsPreferredAndMeasuredAcrossItsWrap) {
   EXPECT_DOUBLE_EQ(meter.read_w(root(), 3'000'000).value_or(-1), 10.0);
 }
 
-struct FallbackCase {
-  const char* label;
-  std::vector<std::string> removed;
-  std::optional<double> expected_w;  // none: no power sensor
-};
-
-class LaptopFallback : public LaptopPower, public ::testing::WithParamInterface<FallbackCase> {};
-
-TEST_P(LaptopFallback, UsesTheNextSource) {
-  for (const auto& path : GetParam().removed) remove(path);
-  PowerMeter meter;
-  const auto watts = meter.read_w(root(), 1'000'000);
-  ASSERT_EQ(watts.has_value(), GetParam().expected_w.has_value());
-  if (watts) {
-    EXPECT_NEAR(*watts, *GetParam().expected_w, 1e-9);  // the battery's is current x voltage
+TEST_F(LaptopPower, EachMissingSourceGivesWayToTheNext) {
+  const struct {
+    const char* label;
+    std::vector<std::string> removed;
+    std::optional<double> expected_w;  // none: no power sensor
+  } cases[] = {
+      // energy_uj is root-only since 5.10: a zone we cannot read does not count.
+      {"no rapl counter then hwmon", {"class/powercap/intel-rapl:0/energy_uj"}, 8.0},
+      {"no hwmon power then battery", {"class/powercap", "class/hwmon/hwmon2"}, 9.8},  // current x voltage
+      {"nothing at all", {"class/powercap", "class/hwmon", "class/power_supply"}, std::nullopt},
+  };
+  for (const auto& c : cases) {  // each row takes away at least what the one before did
+    for (const auto& path : c.removed) remove(path);
+    expectWatts(PowerMeter().read_w(root(), 1'000'000), c.expected_w, c.label);
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Sources, LaptopFallback,
-    ::testing::Values(
-        // energy_uj is root-only since 5.10: a zone we cannot read does not count.
-        FallbackCase{"no rapl counter then hwmon", {"class/powercap/intel-rapl:0/energy_uj"}, 8.0},
-        FallbackCase{"no hwmon power then battery", {"class/powercap", "class/hwmon/hwmon2"}, 9.8},
-        FallbackCase{"nothing at all", {"class/powercap", "class/hwmon", "class/power_supply"}, std::nullopt}),
-    byLabel);
 
 }  // namespace

@@ -10,10 +10,10 @@
 #include <thread>
 
 #include "common/eventually.h"
+#include "common/fixture_root.h"
 #include "helper_link/fake_transport.h"
 #include "helper_link/pelmora.h"
 #include "sampling/system_stats.h"
-#include "sampling/test_support.h"
 #include "support/logger.h"
 #include "support/main_queue.h"
 
@@ -204,7 +204,7 @@ TEST(PowerMetricsReader, StartStopAndTheInterval) {
 
 TEST(PowerMetricsReader, TheSamplerCopiesOneValuePerProcessorAndZeroBeyond) {
   RunLoop::main().runUntilIdle();
-  auto stats = SystemStats::create(testing::fixtureRoot("sampling-vm"));
+  auto stats = SystemStats::create(test::fixtureRoot("sampling-vm"));
   auto r = std::make_shared<Reader>();
   stats->setFrequencySource(std::shared_ptr<FrequencySource>(r, &r->metrics));
   r->answer([] { return success(pipeWith("CPU 0 frequency: 2064 MHz\n")); });

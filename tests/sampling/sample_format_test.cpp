@@ -3,36 +3,28 @@
 #include <gtest/gtest.h>
 
 #include "sampling/gpu_collector.h"
-#include "test_support.h"
 
 using namespace pelmora;
-using pelmora::testing::byLabel;
 
 namespace {
 
-struct BusyCase {
-  const char* label;
-  cpu_sample_t previous, current;
-  std::optional<double> expected;
-};
-
-class CpuBusy : public ::testing::TestWithParam<BusyCase> {};
-
-TEST_P(CpuBusy, ComesFromTheDifferences) {
-  const auto busy = SampleFormat::cpuBusyPercent({GetParam().previous}, {GetParam().current});
-  ASSERT_EQ(busy.size(), 1u);
-  EXPECT_EQ(busy[0], GetParam().expected);
+TEST(SampleFormat, BusyShareComesFromTheDifferences) {
+  const struct {
+    const char* label;
+    cpu_sample_t previous, current;  // system, user, idle, frequency
+    std::optional<double> expected;
+  } cases[] = {
+      {"quarter busy", {100, 100, 100, 0}, {110, 115, 175, 0}, 25.0},
+      {"all idle", {5, 5, 5, 0}, {5, 5, 105, 0}, 0.0},
+      {"all busy", {0, 0, 9, 0}, {30, 70, 9, 0}, 100.0},
+      {"nothing advanced", {7, 7, 7, 0}, {7, 7, 7, 0}, std::nullopt},
+      // Went offline in between: its counters read zero now.
+      {"went offline", {7, 7, 7, 0}, {0, 0, 0, 0}, std::nullopt},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(SampleFormat::cpuBusyPercent({c.previous}, {c.current}), std::vector{c.expected}) << c.label;
+  }
 }
-
-// Fields: system, user, idle, frequency.
-INSTANTIATE_TEST_SUITE_P(Intervals, CpuBusy,
-                         ::testing::Values(BusyCase{"quarter busy", {100, 100, 100, 0}, {110, 115, 175, 0}, 25.0},
-                                           BusyCase{"all idle", {5, 5, 5, 0}, {5, 5, 105, 0}, 0.0},
-                                           BusyCase{"all busy", {0, 0, 9, 0}, {30, 70, 9, 0}, 100.0},
-                                           BusyCase{"nothing advanced", {7, 7, 7, 0}, {7, 7, 7, 0}, std::nullopt},
-                                           // Went offline in between: its counters read zero now.
-                                           BusyCase{"went offline", {7, 7, 7, 0}, {0, 0, 0, 0}, std::nullopt}),
-                         byLabel);
 
 TEST(SampleFormat, AProcessorWithoutAPreviousSampleHasNoBusyShare) {
   const auto busy = SampleFormat::cpuBusyPercent({{0, 0, 0, 0}}, {{0, 10, 10, 0}, {0, 10, 10, 0}});
@@ -41,25 +33,21 @@ TEST(SampleFormat, AProcessorWithoutAPreviousSampleHasNoBusyShare) {
   EXPECT_EQ(busy[1], std::nullopt);
 }
 
-struct RateCase {
-  const char* label;
-  int64_t previous, current, interval_us;
-  double expected;
-};
-
-class Rate : public ::testing::TestWithParam<RateCase> {};
-
-TEST_P(Rate, PerSecond) {
-  const auto& c = GetParam();
-  EXPECT_DOUBLE_EQ(SampleFormat::ratePerSecond(c.previous, c.current, c.interval_us), c.expected);
+TEST(SampleFormat, RatesPerSecond) {
+  const struct {
+    const char* label;
+    int64_t previous, current, interval_us;
+    double expected;
+  } cases[] = {
+      {"one second", 1000, 3048, 1'000'000, 2048.0},
+      {"half a second", 0, 500, 500'000, 1000.0},
+      {"counter reset", 5000, 100, 1'000'000, 0.0},
+      {"no time passed", 0, 100, 0, 0.0},
+  };
+  for (const auto& c : cases) {
+    EXPECT_DOUBLE_EQ(SampleFormat::ratePerSecond(c.previous, c.current, c.interval_us), c.expected) << c.label;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Counters, Rate,
-                         ::testing::Values(RateCase{"one second", 1000, 3048, 1'000'000, 2048.0},
-                                           RateCase{"half a second", 0, 500, 500'000, 1000.0},
-                                           RateCase{"counter reset", 5000, 100, 1'000'000, 0.0},
-                                           RateCase{"no time passed", 0, 100, 0, 0.0}),
-                         byLabel);
 
 TEST(SampleFormat, BytesUseBinaryUnits) {
   EXPECT_EQ(SampleFormat::bytes(0), "0 B");

@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "common/eventually.h"
+#include "common/fixture_root.h"
 #include "support/logger.h"
 #include "support/main_queue.h"
-#include "test_support.h"
 
 using namespace pelmora;
 using namespace std::chrono_literals;
@@ -69,7 +69,7 @@ class SamplerTest : public ::testing::Test {
  protected:
   void SetUp() override {
     RunLoop::main().runUntilIdle();
-    m_stats = SystemStats::create(pelmora::testing::fixtureRoot("sampling-vm"), kShortInterval_ms);
+    m_stats = SystemStats::create(pelmora::test::fixtureRoot("sampling-vm"), kShortInterval_ms);
     m_source = std::make_shared<FakeFrequencySource>();
     m_stats->setFrequencySource(m_source);
   }
@@ -202,7 +202,7 @@ TEST_F(SamplerTest, TheLastClientLeavingDuringSleepStopsForGood) {
 
 TEST_F(SamplerTest, EachTickStampsTheSampleTime) {
   FakeClock clock;
-  auto stats = SystemStats::create(pelmora::testing::fixtureRoot("sampling-vm"));
+  auto stats = SystemStats::create(pelmora::test::fixtureRoot("sampling-vm"));
   clock.advance_us(2'500'000);
   stats->tick();
   EXPECT_EQ(stats->sampleTime().microseconds(), clock.now_us());

@@ -5,35 +5,26 @@
 #include <string>
 #include <vector>
 
+#include "common/fixture_root.h"
 #include "sampling/battery_collector.h"
 #include "sampling/system_stats.h"
 #include "sampling/temperature_collector.h"
-#include "test_support.h"
 
 using namespace pelmora;
-using pelmora::testing::byLabel;
-using pelmora::testing::fixtureRoot;
+using pelmora::test::fixtureRoot;
 
 namespace {
 
-struct FiguresCase {
-  const char* label;
-  BatteryAttributes attributes;
-  batteryStats expected;  // name and model stay empty: the caller fills them
-};
-
-class BatteryFigures : public ::testing::TestWithParam<FiguresCase> {};
-
-TEST_P(BatteryFigures, FromWhicheverPairTheDriverPublishes) {
-  const auto& c = GetParam();
-  const batteryStats b = BatteryCollector::figures(c.attributes);
-  EXPECT_EQ(b.status, c.expected.status);
-  EXPECT_NEAR(b.charge_pct, c.expected.charge_pct, 1e-9);
-  EXPECT_NEAR(b.power_w, c.expected.power_w, 1e-9);
-  EXPECT_EQ(b.time_to_empty_s, c.expected.time_to_empty_s);
-  EXPECT_EQ(b.time_to_full_s, c.expected.time_to_full_s);
-  EXPECT_NEAR(b.health_pct, c.expected.health_pct, 1e-9);
-  EXPECT_EQ(b.cycle_count, c.expected.cycle_count);
+void expectBatteries(const std::vector<batteryStats>& actual, const std::vector<batteryStats>& expected) {
+  ASSERT_EQ(actual.size(), expected.size());
+  for (size_t i = 0; i < actual.size(); ++i) {
+    batteryStats rounded = actual[i];
+    EXPECT_NEAR(rounded.health_pct, expected[i].health_pct, 0.01) << rounded.name;
+    EXPECT_NEAR(rounded.power_w, expected[i].power_w, 1e-9) << rounded.name;
+    rounded.health_pct = expected[i].health_pct;
+    rounded.power_w = expected[i].power_w;
+    EXPECT_EQ(rounded, expected[i]);
+  }
 }
 
 BatteryAttributes energy(const char* status, int64_t now, int64_t full, int64_t design, int64_t power) {
@@ -63,27 +54,38 @@ BatteryAttributes withCapacity(BatteryAttributes a, int64_t capacity) {
   return a;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Attributes, BatteryFigures,
-    ::testing::Values(
-        // 40 Wh left at 10 W: four hours; 50 of 60 Wh design.
-        FiguresCase{"energy discharging", energy("Discharging", 40'000'000, 50'000'000, 60'000'000, 10'000'000),
-                    {"", "", "discharging", 80.0, 10.0, 4 * 3600, 0, 100.0 * 50 / 60, 0}},
-        // 1 Ah short of full at 2 A: half an hour; the rate in watts is current x voltage.
-        FiguresCase{"charge charging", charge("Charging", 3'000'000, 4'000'000, 5'000'000, 2'000'000, 12'000'000),
-                    {"", "", "charging", 75.0, 24.0, 0, 1800, 80.0, 0}},
-        // Some firmware signs the discharge current negative.
-        FiguresCase{"negative current", charge("Discharging", 1'000'000, 4'000'000, 4'000'000, -500'000, 11'000'000),
-                    {"", "", "discharging", 25.0, 5.5, 2 * 3600, 0, 100.0, 0}},
-        // The driver's own percentage wins over the ratio (they round differently).
-        FiguresCase{"capacity published", withCapacity(energy("Full", 49'000'000, 50'000'000, 0, 0), 100),
-                    {"", "", "full", 100.0, 0.0, 0, 0, 0.0, 0}},
-        FiguresCase{"not charging at a threshold", withCapacity(energy("Not charging", 40'000'000, 50'000'000, 50'000'000, 0), 80),
-                    {"", "", "not charging", 80.0, 0.0, 0, 0, 100.0, 0}},
-        FiguresCase{"discharging with no rate yet", energy("Discharging", 40'000'000, 50'000'000, 50'000'000, 0),
-                    {"", "", "discharging", 80.0, 0.0, 0, 0, 100.0, 0}},
-        FiguresCase{"nothing but a status", BatteryAttributes{}, {"", "", "unknown", 0.0, 0.0, 0, 0, 0.0, 0}}),
-    byLabel);
+TEST(BatteryCollector, FiguresFromWhicheverPairTheDriverPublishes) {
+  const struct {
+    const char* label;
+    BatteryAttributes attributes;
+    batteryStats expected;  // name and model stay empty: the caller fills them
+  } cases[] = {
+      // clang-format off
+      // 40 Wh left at 10 W: four hours; 50 of 60 Wh design.
+      {"energy discharging", energy("Discharging", 40'000'000, 50'000'000, 60'000'000, 10'000'000),
+       {"", "", "discharging", 80.0, 10.0, 4 * 3600, 0, 100.0 * 50 / 60, 0}},
+      // 1 Ah short of full at 2 A: half an hour; the rate in watts is current x voltage.
+      {"charge charging", charge("Charging", 3'000'000, 4'000'000, 5'000'000, 2'000'000, 12'000'000),
+       {"", "", "charging", 75.0, 24.0, 0, 1800, 80.0, 0}},
+      // Some firmware signs the discharge current negative.
+      {"negative current", charge("Discharging", 1'000'000, 4'000'000, 4'000'000, -500'000, 11'000'000),
+       {"", "", "discharging", 25.0, 5.5, 2 * 3600, 0, 100.0, 0}},
+      // The driver's own percentage wins over the ratio (they round differently).
+      {"capacity published", withCapacity(energy("Full", 49'000'000, 50'000'000, 0, 0), 100),
+       {"", "", "full", 100.0, 0.0, 0, 0, 0.0, 0}},
+      {"not charging at a threshold", withCapacity(energy("Not charging", 40'000'000, 50'000'000, 50'000'000, 0), 80),
+       {"", "", "not charging", 80.0, 0.0, 0, 0, 100.0, 0}},
+      {"discharging with no rate yet", energy("Discharging", 40'000'000, 50'000'000, 50'000'000, 0),
+       {"", "", "discharging", 80.0, 0.0, 0, 0, 100.0, 0}},
+      {"nothing but a status", BatteryAttributes{}, {"", "", "unknown", 0.0, 0.0, 0, 0, 0.0, 0}},
+  };  // clang-format on
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    const batteryStats b = BatteryCollector::figures(c.attributes);
+    EXPECT_NEAR(b.health_pct, c.expected.health_pct, 1e-9);
+    expectBatteries({b}, {c.expected});
+  }
+}
 
 TEST(TemperatureNames, ChipAndLabelOrChipAndChannel) {
   EXPECT_EQ(TemperatureCollector::sensorName("coretemp", "Package id 0", 1), "coretemp Package id 0");
@@ -107,68 +109,52 @@ TEST(TemperatureChoice, PackageThenHottestGpuThenHottestDisk) {
   EXPECT_TRUE(TemperatureCollector::defaultChoice({t("acpitz", "other", 40000)}).empty());
 }
 
-struct ThermalCase {
-  const char* label;
-  const char* machine;
-  std::vector<temperatureStats> temps;
-  std::vector<size_t> chosen;
-  std::vector<batteryStats> batteries;
-  std::vector<batteryStats> devices;
-};
-
-class ThermalMachine : public ::testing::TestWithParam<ThermalCase> {};
-
-void expectBatteries(const std::vector<batteryStats>& actual, const std::vector<batteryStats>& expected) {
-  ASSERT_EQ(actual.size(), expected.size());
-  for (size_t i = 0; i < actual.size(); ++i) {
-    batteryStats rounded = actual[i];
-    EXPECT_NEAR(rounded.health_pct, expected[i].health_pct, 0.01) << rounded.name;
-    EXPECT_NEAR(rounded.power_w, expected[i].power_w, 1e-9) << rounded.name;
-    rounded.health_pct = expected[i].health_pct;
-    rounded.power_w = expected[i].power_w;
-    EXPECT_EQ(rounded, expected[i]);
+TEST(ThermalMachines, SensorsAndBatteriesThroughTheSampler) {
+  const struct {
+    const char* label;
+    const char* machine;
+    std::vector<temperatureStats> temps;
+    std::vector<size_t> chosen;
+    std::vector<batteryStats> batteries;
+    std::vector<batteryStats> devices;
+  } cases[] = {
+      // clang-format off
+      // acpitz and x86_pkg_temp are thermal zones that hwmon already carries; the Wi-Fi zone is not.
+      {"laptop", "sampling-laptop",
+       {{"acpitz", "other", 45000, 98000, 0},
+        {"coretemp Package id 0", "cpu", 52000, 100000, 80000},
+        {"coretemp Core 0", "cpu", 50000, 100000, 80000},
+        {"coretemp Core 1", "cpu", 53000, 100000, 80000},
+        {"nvme Composite", "disk", 38850, 84850, 81850},
+        {"nvme Sensor 1", "disk", 40850, 0, 0},
+        {"iwlwifi_1", "other", 41000, 0, 0}},
+       {1, 5},
+       // 33.39 Wh at 9.8 W: 3 h 24 min 26 s; 53 of 57 Wh design.
+       {{"BAT0", "5B10W13930", "discharging", 63.0, 9.8, 12266, 0, 92.98, 187}},
+       {{"hidpp_battery_0", "MX Master 3", "discharging", 80.0, 0.0, 0, 0, 0.0, 0}}},
+      {"desktop", "sampling-desktop",
+       {{"k10temp Tctl", "cpu", 61250, 0, 0},
+        {"k10temp Tccd1", "cpu", 58500, 0, 0},
+        {"amdgpu edge", "gpu", 47000, 100000, 0},
+        {"amdgpu junction", "gpu", 52000, 110000, 0},
+        {"amdgpu mem", "gpu", 56000, 105000, 0},
+        {"nct6798", "other", 36000, 0, 0},
+        {"nct6798 temp2", "other", 0, 0, 0}},
+       {0, 4},
+       {},
+       {}},
+      {"this vm", "sampling-vm", {}, {}, {}, {}},
+  };  // clang-format on
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    auto stats = SystemStats::create(fixtureRoot(c.machine));
+    stats->tick();
+    const SampleSet sample = stats->snapshot();
+    EXPECT_EQ(sample.temp_stats, c.temps);
+    EXPECT_EQ(TemperatureCollector::defaultChoice(sample.temp_stats), c.chosen);
+    expectBatteries(sample.battery_stats, c.batteries);
+    expectBatteries(sample.device_batteries, c.devices);
   }
 }
-
-TEST_P(ThermalMachine, SensorsAndBatteriesThroughTheSampler) {
-  const auto& c = GetParam();
-  auto stats = SystemStats::create(fixtureRoot(c.machine));
-  stats->tick();
-  const SampleSet sample = stats->snapshot();
-  EXPECT_EQ(sample.temp_stats, c.temps);
-  EXPECT_EQ(TemperatureCollector::defaultChoice(sample.temp_stats), c.chosen);
-  expectBatteries(sample.battery_stats, c.batteries);
-  expectBatteries(sample.device_batteries, c.devices);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Machines, ThermalMachine,
-    ::testing::Values(
-        // acpitz and x86_pkg_temp are thermal zones that hwmon already carries; the Wi-Fi zone is not.
-        ThermalCase{"laptop", "sampling-laptop",
-                    {{"acpitz", "other", 45000, 98000, 0},
-                     {"coretemp Package id 0", "cpu", 52000, 100000, 80000},
-                     {"coretemp Core 0", "cpu", 50000, 100000, 80000},
-                     {"coretemp Core 1", "cpu", 53000, 100000, 80000},
-                     {"nvme Composite", "disk", 38850, 84850, 81850},
-                     {"nvme Sensor 1", "disk", 40850, 0, 0},
-                     {"iwlwifi_1", "other", 41000, 0, 0}},
-                    {1, 5},
-                    // 33.39 Wh at 9.8 W: 3 h 24 min 26 s; 53 of 57 Wh design.
-                    {{"BAT0", "5B10W13930", "discharging", 63.0, 9.8, 12266, 0, 92.98, 187}},
-                    {{"hidpp_battery_0", "MX Master 3", "discharging", 80.0, 0.0, 0, 0, 0.0, 0}}},
-        ThermalCase{"desktop", "sampling-desktop",
-                    {{"k10temp Tctl", "cpu", 61250, 0, 0},
-                     {"k10temp Tccd1", "cpu", 58500, 0, 0},
-                     {"amdgpu edge", "gpu", 47000, 100000, 0},
-                     {"amdgpu junction", "gpu", 52000, 110000, 0},
-                     {"amdgpu mem", "gpu", 56000, 105000, 0},
-                     {"nct6798", "other", 36000, 0, 0},
-                     {"nct6798 temp2", "other", 0, 0, 0}},
-                    {0, 4},
-                    {},
-                    {}},
-        ThermalCase{"this vm", "sampling-vm", {}, {}, {}, {}}),
-    byLabel);
 
 }  // namespace
