@@ -8,11 +8,15 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iterator>
 #include <string>
 #include <thread>
+#include <vector>
+
+#include "common/eventually.h"
 
 namespace pelmora::test {
 
@@ -81,6 +85,27 @@ inline char procState(pid_t pid) {
   const std::string stat(std::istreambuf_iterator<char>(in), {});
   const auto close = stat.rfind(')');
   return close != std::string::npos && close + 2 < stat.size() ? stat[close + 2] : '?';
+}
+
+// A child that sleeps until it is ended, as `uid` unless that is 0; returned once it sleeps.
+inline Child sleepingChild(uid_t uid = 0) {
+  Child child([uid] {
+    if (uid != 0 && (::setgid(uid) != 0 || ::setuid(uid) != 0)) ::_exit(1);
+    for (;;) ::pause();
+  });
+  eventually([&] { return procState(child.pid()) == 'S'; });
+  return child;
+}
+
+// The children of every thread of `pid`, from /proc/PID/task/TID/children.
+inline std::vector<pid_t> childrenOf(pid_t pid) {
+  std::vector<pid_t> out;
+  std::error_code error;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", error)) {
+    std::ifstream in(task.path() / "children");
+    for (pid_t child; in >> child;) out.push_back(child);
+  }
+  return out;
 }
 
 }  // namespace pelmora::test

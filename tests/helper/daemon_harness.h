@@ -29,29 +29,7 @@ namespace pelmora::testing {
 using test::eventually;
 
 using test::procState;
-
-// A child that sleeps until killed, optionally as another user.
-class Sleeper {
- public:
-  explicit Sleeper(uid_t uid = 0) {
-    m_pid = ::fork();
-    if (m_pid == 0) {
-      if (uid != 0 && (::setgid(uid) != 0 || ::setuid(uid) != 0)) ::_exit(1);
-      for (;;) ::pause();
-    }
-    eventually([this] { return procState(m_pid) == 'S'; });
-  }
-  ~Sleeper() {
-    ::kill(m_pid, SIGKILL);
-    ::waitpid(m_pid, nullptr, 0);
-  }
-  Sleeper(const Sleeper&) = delete;
-  Sleeper& operator=(const Sleeper&) = delete;
-  pid_t pid() const { return m_pid; }
-
- private:
-  pid_t m_pid = -1;
-};
+using test::sleepingChild;
 
 // Runs fn in a forked child as uid/gid 65534 (nobody); returns what fn returned ("" = all good).
 inline std::string asNobody(const std::function<std::string()>& fn) {
@@ -126,15 +104,7 @@ class HelperDaemonChild {
   // Processes the daemon started that are still alive (zombies not counted), as the kernel lists them.
   size_t liveChildren() const {
     size_t count = 0;
-    const std::string task = "/proc/" + std::to_string(m_pid) + "/task/";
-    for (const std::string& tid : SysRoot::listDir(task)) {
-      // The views point into `children`, which must outlive the loop.
-      const std::string children = SysRoot::readFile(task + tid + "/children").value_or("");
-      for (std::string_view child : split(children, ' ', false)) {
-        const auto pid = parseInt64(child);
-        count += pid && procState(static_cast<pid_t>(*pid)) != 'Z' && procState(static_cast<pid_t>(*pid)) != '?';
-      }
-    }
+    for (pid_t child : test::childrenOf(m_pid)) count += procState(child) != 'Z' && procState(child) != '?';
     return count;
   }
 

@@ -24,7 +24,7 @@ size_t dataSize(const XPCDict& reply, const char* key) {
 }
 
 TEST_F(HelperDaemonTest, EveryRequestIsAnsweredInItsShape) {
-  Sleeper sleeper;
+  const auto sleeper = sleepingChild();
   const int64_t pid = sleeper.pid();
   const struct {
     const char* name;
@@ -120,8 +120,8 @@ TEST_F(HelperDaemonTest, QuitEndsTheConnectionWithoutAReply) {
 }
 
 TEST_F(HelperDaemonTest, OrdinaryUsersAreRefusedWhatTheyLack) {
-  Sleeper root_process;
-  Sleeper own_process(65534);
+  const auto root_process = sleepingChild();
+  const auto own_process = sleepingChild(65534);
   const int64_t root_pid = root_process.pid(), own_pid = own_process.pid();
   const std::string socket = s_daemon->socket();
   const std::string failures = asNobody([&]() -> std::string {
@@ -178,7 +178,7 @@ pid_t someKernelThread() {
 }
 
 TEST_F(HelperDaemonTest, ProtectedTargetsAndBadFieldsAreRefused) {
-  Sleeper sleeper;
+  const auto sleeper = sleepingChild();
   const pid_t kthread = someKernelThread();
   const struct {
     const char* name;
@@ -255,7 +255,7 @@ TEST_F(HelperDaemonTest, ReadOnlyQueriesAnswerForEveryProcess) {
 }
 
 TEST_F(HelperDaemonTest, StopsAndContinuesARealProcess) {
-  Sleeper sleeper;
+  const auto sleeper = sleepingChild();
   SocketTransport transport(s_daemon->socket());
   auto signal = [&](int number) {
     return xpcInt(transport.exchange({{"kill", "kill"}, {"pid", int64_t{sleeper.pid()}}, {"signal", number}}).value(),
@@ -274,7 +274,7 @@ TEST_F(HelperDaemonTest, ProcessesStoppedByALostClientRunAgain) {
   } cases[] = {{"client dies", false}, {"client quits", true}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    Sleeper sleeper;
+    const auto sleeper = sleepingChild();
     const pid_t target = sleeper.pid();
     const pid_t client = ::fork();
     if (client == 0) {

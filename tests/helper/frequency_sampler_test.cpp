@@ -8,6 +8,8 @@
 #include <map>
 #include <regex>
 
+#include "common/fixture_root.h"
+#include "common/tool_process.h"
 #include "helper/daemon_harness.h"
 #include "support/text.h"
 
@@ -16,18 +18,8 @@ namespace {
 
 using namespace pelmora::testing;
 
-SysRoot machine(const std::string& name) {
-  const std::string dir = std::string(PELMORA_FIXTURES) + "/" + name;
-  return SysRoot(dir + "/proc", dir + "/sys");
-}
-
-std::string readToEnd(int fd) {
-  std::string out;
-  char buffer[256];
-  ssize_t n;
-  while ((n = ::read(fd, buffer, sizeof buffer)) > 0) out.append(buffer, static_cast<size_t>(n));
-  return out;
-}
+using test::fixtureRoot;
+using test::readUntil;
 
 // Counters that advance by a fixed step per reading, per processor; a processor without a step
 // has no MSR device.
@@ -123,17 +115,17 @@ TEST(FrequencySampler, EachProcessorTakesTheBestSourceItHas) {
       {"no base: the MSRs alone cannot say", "freq-none", {{0, {3000, 2000}}}, ""},
   };
   for (const auto& c : cases) {
-    FrequencySampler sampler(machine(c.machine), std::make_shared<FakeMsr>(c.msr));
+    FrequencySampler sampler(fixtureRoot(c.machine), std::make_shared<FakeMsr>(c.msr));
     EXPECT_EQ(sampler.measure(1), c.lines) << c.what;
   }
 }
 
 TEST(FrequencySampler, TheChildWritesItsLinesAndIsReaped) {
-  FrequencySampler sampler(machine("freq-intel"), std::make_shared<FakeMsr>(std::map<int, FakeMsr::Steps>{}));
+  FrequencySampler sampler(fixtureRoot("freq-intel"), std::make_shared<FakeMsr>(std::map<int, FakeMsr::Steps>{}));
   auto started = sampler.start(5);
   ASSERT_EQ(started.error, 0) << started.error_text;
   ASSERT_GT(started.pid, 0);
-  EXPECT_EQ(readToEnd(started.output.get()),
+  EXPECT_EQ(readUntil(started.output.get()),
             "CPU 0 frequency: 2400 MHz\nCPU 1 frequency: 800 MHz\nCPU 2 frequency: 0 MHz\nCPU 3 frequency: 4000 MHz\n");
   // Not a zombie: gone from /proc once it exited.
   EXPECT_TRUE(eventually([&] { return procState(started.pid) == '?'; })) << procState(started.pid);
@@ -141,7 +133,7 @@ TEST(FrequencySampler, TheChildWritesItsLinesAndIsReaped) {
 }
 
 TEST(FrequencySampler, AChildWhoseReaderWentAwayStillEnds) {
-  FrequencySampler sampler(machine("freq-vm"), nullptr);
+  FrequencySampler sampler(fixtureRoot("freq-vm"), nullptr);
   auto started = sampler.start(5);
   ASSERT_EQ(started.error, 0);
   started.output.reset();
@@ -150,23 +142,9 @@ TEST(FrequencySampler, AChildWhoseReaderWentAwayStillEnds) {
 
 // --- over the wire, from the real daemon -----------------------------------------------------------
 
-class PowerMetricsOverTheWire : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() { s_daemon = new HelperDaemonChild(); }
-  static void TearDownTestSuite() {
-    delete s_daemon;
-    s_daemon = nullptr;
-  }
-  static XPCDict ask(const XPCDict& request) {
-    SocketTransport transport(s_daemon->socket());
-    return transport.exchange(request).value_or(XPCDict{{"no reply", 1}});
-  }
-  static HelperDaemonChild* s_daemon;
-};
-HelperDaemonChild* PowerMetricsOverTheWire::s_daemon = nullptr;
+using PowerMetricsOverTheWire = HelperDaemonTest;
 
 TEST_F(PowerMetricsOverTheWire, TheLinesArriveThroughTheDescriptor) {
-  ASSERT_TRUE(s_daemon->ready());
   // The daemon ends a sampler child with the connection that asked for it, so the connection stays
   // open until every line has been read.
   SocketTransport transport(s_daemon->socket());
@@ -177,7 +155,7 @@ TEST_F(PowerMetricsOverTheWire, TheLinesArriveThroughTheDescriptor) {
   const XPCDescriptor* fd = xpcDescriptor(reply, "fd");
   ASSERT_TRUE(pid && fd && fd->get() >= 0);
   EXPECT_NE(*pid, s_daemon->pid());
-  const std::string text = readToEnd(fd->get());
+  const std::string text = readUntil(fd->get());
 
   // The daemon's sysfs is the 8-processor fixture; its /proc is this machine's, which names the
   // clock of its own processors only (0 for the rest), or none at all on some architectures.
@@ -198,7 +176,6 @@ TEST_F(PowerMetricsOverTheWire, TheLinesArriveThroughTheDescriptor) {
 }
 
 TEST_F(PowerMetricsOverTheWire, ABadIntervalIsRefusedWithoutAChild) {
-  ASSERT_TRUE(s_daemon->ready());
   const struct {
     const char* what;
     XPCDict request;

@@ -56,7 +56,7 @@ TEST_F(HelperDaemonTest, SamplerChildrenAreBoundedPerConnectionUserAndDaemon) {
 }
 
 TEST_F(HelperDaemonTest, AnIntegerBelowInt64MinIsNotTakenForAPid) {
-  Sleeper sleeper;
+  const auto sleeper = sleepingChild();
   // {"kill": "kill", "signal": SIGSTOP, "pid": -2^64 + pid}, which a wrapping decoder reads as pid.
   const uint64_t n = ~uint64_t{0} - static_cast<uint64_t>(sleeper.pid());
   std::vector<uint8_t> body = {0xA3, 0x64, 'k', 'i', 'l', 'l', 0x64, 'k', 'i', 'l', 'l', 0x66, 's', 'i', 'g', 'n', 'a', 'l',

@@ -1,11 +1,9 @@
 // The "nettop" request on the real daemon: an authorised connection gets the read end of a root
 // pelmora-nettop that reports another user's traffic; nobody else gets one; the tool ends when the
 // reader closes its end.
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/socket.h>
 
+#include "common/loopback_pair.h"
 #include "daemon_harness.h"
 #include "support/pidfd.h"
 
@@ -34,30 +32,14 @@ bool reportsSent(int fd, pid_t pid, uint64_t bytes) {
   return false;
 }
 
-// A process of user nobody that moves `bytes` over a loopback pair of its own, then waits to be killed.
+// A process of user nobody that moves `bytes` over a loopback pair of its own, then waits to be ended.
 pid_t nobodyTalking(size_t bytes) {
-  const pid_t pid = ::fork();
-  if (pid != 0) return pid;
-  if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(1);
-  const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  ::bind(listener, reinterpret_cast<sockaddr*>(&a), sizeof a);
-  ::listen(listener, 1);
-  ::getsockname(listener, reinterpret_cast<sockaddr*>(&a), &len);
-  const int client = ::socket(AF_INET, SOCK_STREAM, 0);
-  ::connect(client, reinterpret_cast<sockaddr*>(&a), sizeof a);
-  const int server = ::accept(listener, nullptr, nullptr);
-  std::string data(bytes, 'n');
-  if (::write(client, data.data(), bytes) != static_cast<ssize_t>(bytes)) ::_exit(1);
-  for (size_t got = 0; got < bytes;) {
-    const ssize_t n = ::read(server, data.data(), bytes);
-    if (n <= 0) ::_exit(1);
-    got += static_cast<size_t>(n);
-  }
-  for (;;) ::pause();
+  return test::forkChild([bytes] {
+    if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(1);
+    test::LoopbackPair pair;
+    test::LoopbackPair::move(pair.client.get(), pair.server.get(), bytes);
+    for (;;) ::pause();
+  });
 }
 
 using NettopRequest = HelperDaemonTest;
@@ -85,8 +67,7 @@ TEST_F(NettopRequest, AnAuthorisedReaderSeesAnotherUsersTrafficAndTheToolEndsWit
   ASSERT_TRUE(fd && fd->get() >= 0);
   ASSERT_GT(tool, 1);
   EXPECT_TRUE(reportsSent(fd->get(), talker, 4321)) << "nobody's 4321 bytes never showed";
-  ::kill(talker, SIGKILL);
-  ::waitpid(talker, nullptr, 0);
+  test::endChild(talker);
 
   UniqueFd watch = pidfdOpen(tool);
   fd->fd->reset();  // the reader goes; the connection stays open

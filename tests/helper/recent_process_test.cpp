@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <filesystem>
 
+#include "common/child.h"
 #include "helper/request_handler.h"
 #include "support/proc_task_reader.h"
 
@@ -17,17 +18,12 @@ namespace pelmora {
 namespace {
 
 pid_t startSleeper() {
-  const pid_t pid = ::fork();
-  if (pid == 0) {
+  return test::forkChild([] {
     for (;;) ::pause();
-  }
-  return pid;
+  });
 }
 
-void reap(pid_t pid) {
-  ::kill(pid, SIGKILL);
-  ::waitpid(pid, nullptr, 0);
-}
+using test::endChild;
 
 int64_t rusageResult(RequestHandler& handler, Connection& caller, pid_t pid) {
   const XPCDict reply = handler.handle({{"rusage", "rusage"}, {"pid", int64_t{pid}}}, caller);
@@ -60,9 +56,9 @@ TEST(RecentProcess, RusageAfterTaskAllInfoKeepsItsChecks) {
       ASSERT_TRUE(xpcInt(all, "result"));
       EXPECT_EQ(*xpcInt(all, "result"), 1);
     }
-    if (c.exits) reap(pid);
+    if (c.exits) endChild(pid);
     EXPECT_EQ(rusageResult(handler, caller, pid), c.result);
-    if (!c.exits) reap(pid);
+    if (!c.exits) endChild(pid);
   }
 }
 
@@ -104,14 +100,11 @@ TEST(RecentProcess, ContinueOfWhatThisConnectionStoppedKeepsItsChecks) {
     };
     ASSERT_EQ(signal(handler, stopper, SIGSTOP), 0);
     for (int i = 0; i < 200 && stateOf(pid) != 'T'; ++i) ::usleep(5000);
-    if (c.exits) reap(pid);
+    if (c.exits) endChild(pid);
     EXPECT_EQ(signal(c.proc_hidden ? blind : handler, c.stopper_continues ? stopper : stranger, SIGCONT), c.kill);
     for (int i = 0; i < 200 && c.state_after == 'S' && stateOf(pid) != 'S'; ++i) ::usleep(5000);
     EXPECT_EQ(stateOf(pid), c.state_after);
-    if (!c.exits) {
-      ::kill(pid, SIGCONT);
-      reap(pid);
-    }
+    if (!c.exits) endChild(pid);
   }
   std::filesystem::remove_all(empty);
 }

@@ -19,7 +19,7 @@ using namespace pelmora::testing;
 XPCArray pidArray(std::initializer_list<int64_t> pids) { return XPCArray(pids.begin(), pids.end()); }
 
 TEST_F(HelperDaemonTest, TaskListRefusesEveryMalformedField) {
-  Sleeper sleeper;
+  const auto sleeper = sleepingChild();
   const int64_t pid = sleeper.pid();
   const struct {
     const char* name;
@@ -52,8 +52,8 @@ TEST_F(HelperDaemonTest, TaskListRefusesEveryMalformedField) {
 // The records of one batch: the readable processes only, each record its published size, and the
 // resource usage only where "rusage" would answer (the owner, or an authorised connection).
 TEST_F(HelperDaemonTest, TaskListAnswersEachReadableProcessWithTheOwnersRule) {
-  Sleeper root_process;
-  Sleeper own_process(65534);
+  const auto root_process = sleepingChild();
+  const auto own_process = sleepingChild(65534);
   const int64_t root_pid = root_process.pid(), own_pid = own_process.pid();
   const XPCArray asked = pidArray({own_pid, root_pid, 1, s_daemon->pid(), INT32_MAX});
   struct Expect {

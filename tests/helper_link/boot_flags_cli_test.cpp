@@ -2,16 +2,13 @@
 // child on a temporary socket), both on a writable copy of a fixture sysfs whose online and
 // throttle files are read back. Also the tool without a daemon (served in-process as root), its
 // refusal for an ordinary user, and its misuse.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "common/temp_dir.h"
-#include "common/tool_process.h"
 #include "common/words.h"
 #include "helper_link/fallback_transport.h"
+#include "helper_link/tool_rig.h"
 #include "support/text.h"
 
 namespace pelmora {
@@ -19,49 +16,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const std::string kTool = std::string(PELMORA_BINARY_DIR) + "/src/cli/pelmora";
-const std::string kDaemon = std::string(PELMORA_BINARY_DIR) + "/src/helper/pelmora-helper";
-
-using test::readUntil;
-
-struct ToolRun {
-  int exit_code = -1;
-  std::string err;
-};
-
-ToolRun runTool(const std::vector<std::string>& flags, const std::vector<std::string>& env, uid_t uid = 0) {
-  std::vector<std::string> argv = {kTool};
-  argv.insert(argv.end(), flags.begin(), flags.end());
-  int err = -1;
-  const pid_t child = test::spawnTool(argv, env, &err, uid);
-  ToolRun run;
-  run.err = readUntil(err);
-  ::close(err);
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  run.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
-}
-
-// The daemon in the foreground on a socket of its own, until the test ends.
-class DaemonChild {
- public:
-  DaemonChild(const std::string& socket, const std::vector<std::string>& env)
-      : m_pid(test::spawnTool({kDaemon, "--foreground", "--socket", socket}, env, &m_err)),
-        // It says so once its socket listens.
-        m_ready(readUntil(m_err, "serving on").find("serving on") != std::string::npos) {}
-  ~DaemonChild() {
-    ::kill(m_pid, SIGTERM);
-    ::waitpid(m_pid, nullptr, 0);
-    ::close(m_err);
-  }
-  bool ready() const { return m_ready; }
-
- private:
-  int m_err = -1;
-  pid_t m_pid;
-  bool m_ready;
-};
+using test::DaemonProcess;
+using test::runTool;
+using test::ToolRun;
 
 // A writable machine: four CPUs (cpu0 without an online file, as on x86; cpu2 and cpu3 offline)
 // and one disk with a writeback-throttle file.
@@ -93,7 +50,7 @@ bool contains(const std::string& text, const std::string& part) { return text.fi
 
 TEST(BootFlagsTool, AppliesThroughTheDaemon) {
   if (::geteuid() != 0) GTEST_SKIP() << "the daemon must run as root to take the tool as an administrator";
-  ASSERT_TRUE(fs::exists(kTool) && fs::exists(kDaemon)) << "build the pelmora and pelmora-helper targets";
+  ASSERT_TRUE(fs::exists(test::kTool) && fs::exists(test::kDaemon)) << "build the pelmora and pelmora-helper targets";
   struct Step {
     const char* flags;
     int exit_code;
@@ -112,17 +69,17 @@ TEST(BootFlagsTool, AppliesThroughTheDaemon) {
   };
   Machine machine;
   const std::string socket = (machine.tree / "helper.sock").string();
-  DaemonChild daemon(socket, machine.env(socket));
+  DaemonProcess daemon(socket, machine.env(socket));
   ASSERT_TRUE(daemon.ready());
   for (const auto& step : steps) {
     const ToolRun run = runTool(test::words(step.flags), machine.env(socket));
-    EXPECT_EQ(run.exit_code, step.exit_code) << step.flags << "\n" << run.err;
+    EXPECT_EQ(run.exit_code, step.exit_code) << step.flags << "\n" << run.output;
     EXPECT_EQ(machine.online(), step.online) << step.flags;
     EXPECT_EQ(machine.wbt(), step.wbt) << step.flags;
     if (step.exit_code == 0) {
-      EXPECT_TRUE(contains(run.err, FallbackTransport::kDaemonLine)) << step.flags << "\n" << run.err;
+      EXPECT_TRUE(contains(run.output, FallbackTransport::kDaemonLine)) << step.flags << "\n" << run.output;
     } else {
-      EXPECT_TRUE(contains(run.err, "usage: pelmora")) << step.flags << "\n" << run.err;
+      EXPECT_TRUE(contains(run.output, "usage: pelmora")) << step.flags << "\n" << run.output;
     }
   }
 }
@@ -131,12 +88,12 @@ TEST(BootFlagsTool, RefusedForAnOrdinaryUserWithTheHelpersReason) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs root to start the daemon and drop to another user";
   Machine machine;
   const std::string socket = (machine.tree / "helper.sock").string();
-  DaemonChild daemon(socket, machine.env(socket));
+  DaemonProcess daemon(socket, machine.env(socket));
   ASSERT_TRUE(daemon.ready());
   // The tool asks the daemon to authorise it first; with no polkit to grant it, that is the answer.
   const ToolRun run = runTool({"-t", "off", "-n", "4"}, machine.env(socket), 65534);
-  EXPECT_EQ(run.exit_code, 1) << run.err;
-  EXPECT_TRUE(contains(run.err, "pelmora: not authorised")) << run.err;
+  EXPECT_EQ(run.exit_code, 1) << run.output;
+  EXPECT_TRUE(contains(run.output, "pelmora: not authorised")) << run.output;
   EXPECT_EQ(machine.online(), "100");
   EXPECT_EQ(machine.wbt(), "75000");
 }
@@ -145,8 +102,8 @@ TEST(BootFlagsTool, AppliesDirectlyAsRootWithoutADaemon) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root may apply without the daemon";
   Machine machine;
   const ToolRun run = runTool({"-t", "off", "-n", "3"}, machine.env((machine.tree / "no.sock").string()));
-  EXPECT_EQ(run.exit_code, 0) << run.err;
-  EXPECT_TRUE(contains(run.err, FallbackTransport::kInProcessLine)) << run.err;
+  EXPECT_EQ(run.exit_code, 0) << run.output;
+  EXPECT_TRUE(contains(run.output, FallbackTransport::kInProcessLine)) << run.output;
   EXPECT_EQ(machine.online(), "110");
   EXPECT_EQ(machine.wbt(), "0");
 }
@@ -155,8 +112,8 @@ TEST(BootFlagsTool, WithoutADaemonAnOrdinaryUserIsToldSo) {
   Machine machine;
   const ToolRun run =
       runTool({"-n", "4"}, machine.env((machine.tree / "no.sock").string()), ::geteuid() == 0 ? 65534 : 0);
-  EXPECT_EQ(run.exit_code, 1) << run.err;
-  EXPECT_TRUE(contains(run.err, "the privileged helper is not running")) << run.err;
+  EXPECT_EQ(run.exit_code, 1) << run.output;
+  EXPECT_TRUE(contains(run.output, "the privileged helper is not running")) << run.output;
   EXPECT_EQ(machine.online(), "100");
 }
 

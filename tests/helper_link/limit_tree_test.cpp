@@ -14,17 +14,15 @@
 #include "common/child.h"
 #include "common/eventually.h"
 #include "common/temp_dir.h"
-#include "common/tool_process.h"
+#include "helper_link/tool_rig.h"
 
 namespace pelmora {
 namespace {
 
 namespace fs = std::filesystem;
 
-const std::string kTool = std::string(PELMORA_BINARY_DIR) + "/src/cli/pelmora";
-const std::string kDaemon = std::string(PELMORA_BINARY_DIR) + "/src/helper/pelmora-helper";
-
 using test::eventually;
+using test::kTool;
 
 // A parent and `children` busy children; all die with the test.
 struct BusyTree {
@@ -101,11 +99,7 @@ TEST(LimitTree, WithoutADaemonTheJournalNamesEveryMemberAndTheNextRunContinuesTh
   for (pid_t pid : tree.members)
     EXPECT_NE(journal.find("\"pid\":" + std::to_string(pid)), std::string::npos) << journal;
   // Any later run of the tool continues what the dead one left stopped.
-  int out = -1;
-  const pid_t next = test::spawnTool({kTool, "top"}, env, &out);
-  readUntil(out);
-  ::waitpid(next, nullptr, 0);
-  ::close(out);
+  test::runTool({"top"}, env);
   EXPECT_TRUE(tree.noneStopped()) << tree.states();
 }
 
@@ -113,22 +107,15 @@ TEST(LimitTree, TheDaemonContinuesEveryMemberWhenTheToolDies) {
   if (::geteuid() != 0) GTEST_SKIP() << "the daemon runs as root";
   test::TempDir state;
   const std::string socket = (state / "helper.sock").string();
-  int daemon_out = -1;
-  const pid_t daemon = test::spawnTool({kDaemon, "--foreground", "--socket", socket},
-                                       {"PELMORA_STATE_DIR=" + (state / "daemon").string()}, &daemon_out);
-  ASSERT_NE(readUntil(daemon_out, "serving on").find("serving on"), std::string::npos);
-  {
-    BusyTree tree(3);
-    // The tool's own journal is elsewhere and never read again here: only the daemon can continue them.
-    const std::string said = killWhileAllStopped(tree, {"PELMORA_HELPER_SOCKET=" + socket,
-                                                        "PELMORA_STATE_DIR=" + (state / "tool").string(),
-                                                        "XDG_STATE_HOME=" + (state / "tool").string()});
-    ASSERT_TRUE(said.find("with all its descendants") != std::string::npos) << said;
-    EXPECT_TRUE(eventually([&] { return tree.noneStopped(); })) << tree.states();
-  }
-  ::kill(daemon, SIGTERM);
-  ::waitpid(daemon, nullptr, 0);
-  ::close(daemon_out);
+  const test::DaemonProcess daemon(socket, {"PELMORA_STATE_DIR=" + (state / "daemon").string()});
+  ASSERT_TRUE(daemon.ready());
+  BusyTree tree(3);
+  // The tool's own journal is elsewhere and never read again here: only the daemon can continue them.
+  const std::string said = killWhileAllStopped(tree, {"PELMORA_HELPER_SOCKET=" + socket,
+                                                      "PELMORA_STATE_DIR=" + (state / "tool").string(),
+                                                      "XDG_STATE_HOME=" + (state / "tool").string()});
+  ASSERT_TRUE(said.find("with all its descendants") != std::string::npos) << said;
+  EXPECT_TRUE(eventually([&] { return tree.noneStopped(); })) << tree.states();
 }
 
 TEST(LimitTree, MisuseGivesUsageAndANonZeroExitAndTouchesNothing) {
@@ -144,24 +131,13 @@ TEST(LimitTree, MisuseGivesUsageAndANonZeroExitAndTouchesNothing) {
       {"--tree", root, "50", "7"},
       {"--trees", root, "50"},
   };
-  for (const auto& args : cases) {
-    std::vector<std::string> argv = {kTool, "limit"};
-    argv.insert(argv.end(), args.begin(), args.end());
-    std::string line;
-    for (const auto& a : args) line += a + " ";
-    SCOPED_TRACE(line);
-    int out = -1;
-    const pid_t tool = test::spawnTool(argv,
-                                       {"PELMORA_HELPER_SOCKET=" + (state / "none.sock").string(),
-                                        "XDG_STATE_HOME=" + state.path().string()},
-                                       &out);
-    const std::string said = readUntil(out);
-    int status = 0;
-    ::waitpid(tool, &status, 0);
-    ::close(out);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 2) << said;
-    EXPECT_NE(said.find("usage"), std::string::npos) << said;
-    EXPECT_NE(said.find("--tree"), std::string::npos) << said;
+  for (auto args : cases) {
+    args.insert(args.begin(), "limit");
+    const auto run = test::runTool(args, {"PELMORA_HELPER_SOCKET=" + (state / "none.sock").string(),
+                                          "XDG_STATE_HOME=" + state.path().string()});
+    EXPECT_EQ(run.exit_code, 2) << run.output;
+    EXPECT_NE(run.output.find("usage"), std::string::npos) << run.output;
+    EXPECT_NE(run.output.find("--tree"), std::string::npos) << run.output;
     EXPECT_TRUE(tree.noneStopped());
   }
 }

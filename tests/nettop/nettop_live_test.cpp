@@ -1,13 +1,10 @@
 // The real pelmora-nettop against real loopback sockets: what it counts, whom it forgets, and that
 // it never outlives whoever reads it.
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "common/loopback_pair.h"
 #include "support/sys_root.h"
 #include "support/text.h"
 #include "support/unique_fd.h"
@@ -152,32 +150,7 @@ class Nettop {
   std::optional<std::string> m_pending;
 };
 
-// A connected loopback pair, both ends in this process.
-struct Pair {
-  UniqueFd client, server;
-  Pair() {
-    UniqueFd listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    if (::bind(listener.get(), reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(listener.get(), 1) != 0 ||
-        ::getsockname(listener.get(), reinterpret_cast<sockaddr*>(&a), &len) != 0)
-      std::abort();
-    client.reset(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (::connect(client.get(), reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) std::abort();
-    server.reset(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-  }
-  static void move(int from, int to, size_t bytes) {
-    std::string data(bytes, 'x');
-    if (::write(from, data.data(), bytes) != static_cast<ssize_t>(bytes)) std::abort();
-    for (size_t got = 0; got < bytes;) {
-      const ssize_t n = ::read(to, data.data(), bytes - got);
-      if (n <= 0) std::abort();
-      got += static_cast<size_t>(n);
-    }
-  }
-};
+using Pair = test::LoopbackPair;
 
 TEST(NettopLive, CountsPayloadOnlyIncludingWhatASocketMovedJustBeforeItClosed) {
   Nettop nettop(200);
