@@ -92,27 +92,36 @@ TEST_F(BootInstall, RefusesUntrustedSourcesAndChangesNothing) {
   const fs::path src = m_paths.source_dir;
   writeText(m_dir.path() / "pelmora", "elsewhere\n");
   fs::create_symlink(src / "pelmora", src / "pelmora-link");
-  writeText(src / "group-writable", "x\n");
-  fs::permissions(src / "group-writable", fs::perms(0775));
   const struct {
     const char* name;
     std::function<void(BootRequest&)> change;
+    const char* reason;  // part of the refusal
   } cases[] = {
-      {"bad settings", [](BootRequest& r) { r.settings = "-t on -n 4; reboot"; }},
-      {"outside the folder", [&](BootRequest& r) { r.tool = (m_dir.path() / "pelmora").string(); }},
-      {"relative", [](BootRequest& r) { r.tool = "libexec/pelmora"; }},
-      {"dot-dot", [&](BootRequest& r) { r.tool = (src / ".." / "libexec" / "pelmora").string(); }},
-      {"wrong name", [&](BootRequest& r) { r.script = (src / "pelmora").string(); }},
-      {"symlink", [&](BootRequest& r) { r.tool = (src / "pelmora-link").string(); }},
-      {"missing", [&](BootRequest& r) { r.unit = (src / "nothing.service").string(); }},
-      {"group-writable", [&](BootRequest& r) { r.tool = (src / "group-writable").string(); }},
+      {"bad settings", [](BootRequest& r) { r.settings = "-t on -n 4; reboot"; }, "malformed settings text"},
+      {"outside the folder", [&](BootRequest& r) { r.tool = (m_dir.path() / "pelmora").string(); }, "is not in"},
+      {"relative", [](BootRequest& r) { r.tool = "libexec/pelmora"; }, "not a plain absolute path"},
+      {"dot-dot", [&](BootRequest& r) { r.tool = (src / ".." / "libexec" / "pelmora").string(); }, "not a plain"},
+      {"wrong name", [&](BootRequest& r) { r.script = (src / "pelmora").string(); }, "is not applyboot.sh"},
+      {"symlink", [&](BootRequest& r) { r.tool = (src / "pelmora-link").string(); }, "is not pelmora"},
+      {"missing", [&](BootRequest&) { fs::remove(src / kBootUnitName); }, "No such file"},
+      // The rows from here on leave their change in place.
+      {"symlink by the right name",
+       [&](BootRequest&) {
+         fs::rename(src / "pelmora", m_dir.path() / "real-pelmora");
+         fs::create_symlink(m_dir.path() / "real-pelmora", src / "pelmora");
+       },
+       "not a regular file"},
   };
   for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
     BootRequest r = request();
     c.change(r);
-    EXPECT_NE(installer.install(r), "OK") << c.name;
-    EXPECT_TRUE(nothingInstalled()) << c.name;
+    const std::string refusal = installer.install(r);
+    EXPECT_NE(refusal.find(c.reason), std::string::npos) << refusal;
+    EXPECT_TRUE(nothingInstalled());
   }
+  fs::remove(src / "pelmora");
+  fs::rename(m_dir.path() / "real-pelmora", src / "pelmora");
   // The right name but writable by the group: refused by its mode.
   fs::permissions(src / "pelmora", fs::perms(0775));
   EXPECT_NE(installer.checkSource((src / "pelmora").string(), "pelmora").find("writable"), std::string::npos);

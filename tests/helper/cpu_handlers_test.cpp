@@ -179,29 +179,6 @@ TEST_F(CpuHandlers, IsRunningReadsTheOnlineFile) {
   }
 }
 
-TEST_F(CpuHandlers, ProcessorChangesNeedAdministratorRights) {
-  const struct {
-    const char* name;
-    bool privileged;
-    const char* expected_prefix;
-  } cases[] = {
-      {"daemon, ordinary user", true, "not authorised"},
-      {"in-process, ordinary user", false, "the privileged helper is not running"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    m_dir = std::make_unique<TempDir>();
-    RequestHandler handler = handlerFor("cpu-smt-4c8t", c.privileged);
-    Connection& caller = m_user;
-    const std::string setcpu = *xpcString(handler.handle(setCpuCount(1, 1, 0), caller), "setcpu");
-    const std::string throttle = *xpcString(handler.handle({{"throttle", ""}, {"enable", 0}}, caller), "throttle");
-    EXPECT_TRUE(startsWith(setcpu, c.expected_prefix)) << setcpu;
-    EXPECT_TRUE(startsWith(throttle, c.expected_prefix)) << throttle;
-    EXPECT_EQ(onlineFiles().size(), 7u);
-    EXPECT_EQ(readTrimmed(m_sys / "block/sda/queue/wbt_lat_usec"), "2000");
-  }
-}
-
 // Grants polkit's answer and counts how often it was asked.
 class CountingAuthorizer : public Authorizer {
  public:

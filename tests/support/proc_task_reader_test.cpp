@@ -37,6 +37,11 @@ TEST(ProcPidStatParser, ReadsFieldsAfterACommandNameWithParentheses) {
   EXPECT_EQ(s->starttime_ticks, 123456u);
   EXPECT_EQ(s->vsize_bytes, 104857600u);
   EXPECT_EQ(s->rss_pages, 2547u);
+  // Nested parentheses and a negative nice value.
+  s = parseProcPidStat("4242 (a (weird) name) R 1 4242 4242 0 -1 4194304 5 0 0 0 7 3 0 0 20 -5 3 0 99 1 2");
+  ASSERT_TRUE(s);
+  EXPECT_EQ(s->comm, "a (weird) name");
+  EXPECT_EQ(s->nice, -5);
 }
 
 TEST(ProcPidStatParser, RejectsMalformedLines) {

@@ -1,7 +1,6 @@
-// The process walk's parsers (ELF machine, kernel-thread flag, nice value), translation rules, the
+// The process walk's parsers (ELF machine, command line), translation rules, the
 // walk over a fixture /proc, and the real walk's kinds.
 #include "support/process_list.h"
-#include "support/proc_pid_stat.h"
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -62,21 +61,6 @@ TEST(ProcessKinds, TranslationRules) {
       {"", "x86_64", true},  // unreadable is not counted as translated
   };
   for (const auto& c : cases) EXPECT_EQ(isNativeKind(c.kind, c.host), c.native) << c.kind << " on " << c.host;
-}
-
-TEST(ProcessKinds, StatFields) {
-  const std::string kthread = "2 (kthreadd) S 0 0 0 0 -1 2129984 0 0 0 0 0 0 0 0 20 0 1 0 10 0 0";
-  const std::string user = "4242 (a (weird) name) R 1 4242 4242 0 -1 4194304 5 0 0 0 7 3 0 0 20 -5 3 0 99 1 2";
-  const auto k = parseProcPidStat(kthread), u = parseProcPidStat(user);
-  ASSERT_TRUE(k && u);
-  EXPECT_TRUE(k->flags & kPFKthread);
-  EXPECT_FALSE(u->flags & kPFKthread);
-  EXPECT_EQ(u->comm, "a (weird) name");
-  EXPECT_EQ(u->nice, -5);
-  EXPECT_EQ(u->starttime_ticks, 99u);
-  EXPECT_EQ(k->nice, 0);
-  EXPECT_FALSE(parseProcPidStat("garbage"));
-  EXPECT_FALSE(parseProcPidStat("1 (x) S 1 2 3"));
 }
 
 TEST(ProcessKinds, CommandLines) {
