@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 
 #include "support/pidfd.h"
@@ -25,8 +26,10 @@ Connection::Connection(Connection&& other) noexcept
       m_close_requested(other.m_close_requested),
       m_mutex(std::move(other.m_mutex)),
       m_stopped(std::move(other.m_stopped)),
+      m_admitted(std::move(other.m_admitted)),
       m_recent(std::move(other.m_recent)) {
   other.m_stopped.clear();
+  other.m_admitted.clear();
 }
 
 Connection::~Connection() {
@@ -48,6 +51,7 @@ std::optional<Connection> Connection::fromSocket(int socket_fd) {
 
 void Connection::noteStopped(pid_t pid, UniqueFd pidfd) {
   MutexLock lock(*m_mutex);
+  m_admitted.erase(pid);
   m_stopped[pid] = std::move(pidfd);
 }
 
@@ -56,7 +60,7 @@ void Connection::noteContinued(pid_t pid) {
   m_stopped.erase(pid);
 }
 
-std::optional<int> Connection::continueNoted(pid_t pid) {
+std::optional<int> Connection::continueNoted(pid_t pid, bool keep) {
   UniqueFd pidfd;
   {
     MutexLock lock(*m_mutex);
@@ -65,7 +69,33 @@ std::optional<int> Connection::continueNoted(pid_t pid) {
     pidfd = std::move(found->second);
     m_stopped.erase(found);
   }
-  return pidfdSignal(pidfd.get(), SIGCONT);
+  const int failure = pidfdSignal(pidfd.get(), SIGCONT);
+  if (!failure && keep) keepAdmitted(pid, std::move(pidfd));
+  return failure;
+}
+
+void Connection::keepAdmitted(pid_t pid, UniqueFd pidfd) {
+  MutexLock lock(*m_mutex);
+  if (m_admitted.size() >= kMaxAdmitted && !m_admitted.count(pid)) {
+    // Room first from processes that have exited, else from the lowest pid.
+    std::erase_if(m_admitted, [](const auto& entry) { return pidfdSignal(entry.second.get(), 0) == ESRCH; });
+    if (m_admitted.size() >= kMaxAdmitted) m_admitted.erase(m_admitted.begin());
+  }
+  m_admitted[pid] = std::move(pidfd);
+}
+
+std::optional<int> Connection::signalAdmitted(pid_t pid, int signal) {
+  MutexLock lock(*m_mutex);
+  auto found = m_admitted.find(pid);
+  if (found == m_admitted.end()) return std::nullopt;
+  const int failure = pidfdSignal(found->second.get(), signal);
+  if (failure) {
+    m_admitted.erase(found);  // gone (ESRCH), or no longer ours to signal: checked afresh next time
+  } else if (signal == SIGSTOP) {
+    m_stopped[pid] = std::move(found->second);
+    m_admitted.erase(found);
+  }
+  return failure;
 }
 
 void Connection::continueStopped() {

@@ -52,8 +52,16 @@ class Connection {
   void noteStopped(pid_t pid, UniqueFd pidfd);
   void noteContinued(pid_t pid);
   // Continues a process this connection stopped, through the pidfd taken when it was checked and
-  // stopped, and forgets it: 0 or the errno of the signal. None when it was not noted as stopped here.
-  std::optional<int> continueNoted(pid_t pid);
+  // stopped, and forgets it as stopped: 0 or the errno of the signal. None when it was not noted as
+  // stopped here. With `keep`, the pidfd is kept for signalAdmitted.
+  std::optional<int> continueNoted(pid_t pid, bool keep = false);
+  // A process that passed every check for a signal on this connection: its pidfd, kept while the
+  // process lives (at most kMaxAdmitted of them), names it and no later process with its pid.
+  void keepAdmitted(pid_t pid, UniqueFd pidfd);
+  // A stop or continue through a kept pidfd (a stop is noted as by noteStopped): 0 or the errno of
+  // the signal; a process that is gone is forgotten. None when no pidfd was kept for `pid`.
+  std::optional<int> signalAdmitted(pid_t pid, int signal);
+  static constexpr size_t kMaxAdmitted = 64;
   // Continues every process still noted as stopped, and forgets them.
   void continueStopped();
 
@@ -66,8 +74,9 @@ class Connection {
  private:
   CallerIdentity m_caller;
   bool m_close_requested = false;
-  mutable std::unique_ptr<Mutex> m_mutex;  // guards m_stopped
+  mutable std::unique_ptr<Mutex> m_mutex;  // guards m_stopped and m_admitted
   std::map<pid_t, UniqueFd> m_stopped;
+  std::map<pid_t, UniqueFd> m_admitted;  // guarded by m_mutex; none of them is in m_stopped
   RecentProcess m_recent;
 };
 

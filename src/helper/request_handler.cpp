@@ -307,12 +307,19 @@ XPCDict RequestHandler::kill(const XPCDict& request, Connection& caller) {
   auto signal = intField(request, "signal", 1, 64, &error);
   if (signal && !allowedSignal(*signal)) error = "signal " + std::to_string(*signal) + " is not allowed";
   if (!signal || !error.empty()) return {{"kill", EINVAL}, {"error", error}};
-  // The duty cycle continues what it stopped many times a second. A process this connection stopped
-  // passed every check then, its pidfd still names it, and a stopped process cannot change owner:
-  // continuing it through that pidfd needs no /proc reads (the connection's end would do the same).
+  // The duty cycle stops and continues a process many times a second. A process this connection
+  // stopped passed every check then, its pidfd still names it, and a stopped process cannot change
+  // owner: continuing it through that pidfd needs no /proc reads (the connection's end would do the
+  // same). Where the checks cannot come out otherwise while the process lives, its pidfd is kept
+  // after the first signal and later stops and continues go through it too (see reusesAdmission).
   const auto pid = xpcInt(request, "pid");
-  if (*signal == SIGCONT && pid && *pid > 0 && *pid <= INT32_MAX) {
-    if (auto failure = caller.continueNoted(static_cast<pid_t>(*pid))) {
+  const bool duty = *signal == SIGSTOP || *signal == SIGCONT;
+  if (duty && pid && *pid > 0 && *pid <= INT32_MAX) {
+    const auto p = static_cast<pid_t>(*pid);
+    const bool reuse = reusesAdmission(caller);
+    auto failure = *signal == SIGCONT ? caller.continueNoted(p, reuse) : std::nullopt;
+    if (!failure && reuse) failure = caller.signalAdmitted(p, static_cast<int>(*signal));
+    if (failure) {
       if (*failure) return {{"kill", *failure}, {"error", std::strerror(*failure)}};
       return {{"kill", 0}};
     }
@@ -328,8 +335,19 @@ XPCDict RequestHandler::kill(const XPCDict& request, Connection& caller) {
     caller.noteStopped(a.pid, std::move(pidfd));
   } else if (*signal == SIGCONT) {
     caller.noteContinued(a.pid);
+    if (reusesAdmission(caller)) caller.keepAdmitted(a.pid, std::move(pidfd));
   }
   return {{"kill", 0}};
+}
+
+// Whether a pidfd that passed the checks once may carry later stops and continues unchecked.
+// Without privileges (served in-process) the kernel checks every signal against the caller's own
+// rights anyway. An authorised connection may signal every process but pid 1, kernel threads and
+// this daemon, which a process never stops being; whether it is still authorised is asked here,
+// at every signal. A connection allowed only its owner's processes is checked in full each time:
+// a process can change owner (a set-user-ID program it executes).
+bool RequestHandler::reusesAdmission(const Connection& caller) const {
+  return !m_options.privileged || authorised(caller);
 }
 
 XPCDict RequestHandler::taskInfo(const XPCDict& request, Connection& caller) {

@@ -118,6 +118,7 @@ class RequestHandler {
   static UniqueFd pidfdFor(const XPCDict& request);
   // uid 0, or a process that holds a grant.
   bool authorised(const Connection& caller) const;
+  bool reusesAdmission(const Connection& caller) const;
 
   HelperOptions m_options;
   ProcTaskReader m_reader;

@@ -24,6 +24,9 @@ constexpr const char* kPrefsListener = "net.tandrel.pelmora.prefschanged.CPULimi
 
 constexpr const char* kAuthChangedBroadcast = "net.tandrel.pelmora.authchanged";
 constexpr const char* kAuthListener = "net.tandrel.pelmora.authchanged.CPULimiter";
+// Sent after our settings window switched processors on or off: the adjuster's count is stale.
+constexpr const char* kCpuChangedBroadcast = "net.tandrel.pelmora.cpuchanged";
+constexpr const char* kCpuListener = "net.tandrel.pelmora.cpuchanged.CPULimiter";
 
 std::string findNettop(const std::string& configured) {
   if (!configured.empty()) return configured;
@@ -72,6 +75,7 @@ CPULimiter::~CPULimiter() {
   if (m_listening) {
     RemoveListener(kPrefsChangedBroadcast, kPrefsListener);
     RemoveListener(kAuthChangedBroadcast, kAuthListener);
+    RemoveListener(kCpuChangedBroadcast, kCpuListener);
   }
   stop();
   m_timer->stop();
@@ -85,6 +89,10 @@ bool CPULimiter::start() {
   AddListener(kPrefsChangedBroadcast, kPrefsListener, [this](const std::string&) { loadPIDSettings(); });
   // Authorised, the daemon's root tool sees every process's sockets; without, our own sees ours.
   AddListener(kAuthChangedBroadcast, kAuthListener, [this](const std::string&) { restartNettop(); });
+  AddListener(kCpuChangedBroadcast, kCpuListener, [this](const std::string&) {
+    MutexLock lock(m_mutex);
+    m_online_cpus.reset();
+  });
   m_listening = true;
   loadPIDSettings();
   m_timer->setQoS(QoS::userInteractive);
@@ -203,6 +211,7 @@ void CPULimiter::stopTimer() {
   if (m_listening) {
     RemoveListener(kPrefsChangedBroadcast, kPrefsListener);
     RemoveListener(kAuthChangedBroadcast, kAuthListener);
+    RemoveListener(kCpuChangedBroadcast, kCpuListener);
     m_listening = false;
   }
   m_timer->stop();
@@ -254,13 +263,15 @@ int64_t CPULimiter::tickIntervalLocked_ms() const {
 }
 
 // Runs on the timer thread. While nothing is limited the timer only paces the table refresh, whose
-// moment hardly matters: let the kernel fold its wake-up into others. The duty cycle gets the
-// default slack, so that stops and continues keep their timing.
+// moment hardly matters: let the kernel fold its wake-up into others. The duty cycle sleeps until
+// its exact deadlines, so it gets no slack at all (1 ns is the least the kernel takes: 0 would
+// restore its 50 µs default).
 void CPULimiter::setTimerSlackLocked() {
   constexpr unsigned long kIdleSlack_ns = 50'000'000;
+  constexpr unsigned long kNoSlack_ns = 1;
   const bool idle = m_pids.empty();
   if (m_idle_slack && *m_idle_slack == idle) return;
-  setCurrentThreadTimerSlack_ns(idle ? kIdleSlack_ns : 0);
+  setCurrentThreadTimerSlack_ns(idle ? kIdleSlack_ns : kNoSlack_ns);
   m_idle_slack = idle;
 }
 
@@ -283,25 +294,34 @@ bool CPULimiter::due(const Timeval& last, int64_t interval_ms, const Timeval& no
 
 void CPULimiter::tick() {
   MutexLock lock(m_mutex);
-  if (Timeval now; due(m_limiter_lasttime, m_limiter_interval_ms, now)) {
+  const Timeval now;
+  const bool adjust = due(m_adjuster_lasttime, m_adjuster_interval_ms, now);
+  if (!m_pids.empty()) {
     m_limiter_lasttime = now;
-    limiterTickLocked();
+    limiterTickLocked(now, adjust);
   }
-  if (Timeval now; m_options.process_table && due(m_monitor_lasttime, m_processes_interval_ms, now)) {
+  if (m_options.process_table && due(m_monitor_lasttime, m_processes_interval_ms, now)) {
     m_monitor_lasttime = now;
     refreshAsWantedLocked();
   }
-  if (Timeval now; due(m_adjuster_lasttime, m_adjuster_interval_ms, now)) {
+  if (adjust) {
     m_adjuster_lasttime = now;
     adjusterRunLocked();
   }
   setTimerPeriodLocked();
+  planNextWakeLocked();
   setTimerSlackLocked();
+}
+
+std::optional<int64_t> CPULimiter::nextWake_us() {
+  MutexLock lock(m_mutex);
+  return m_next_wake_us;
 }
 
 void CPULimiter::refresh() {
   MutexLock lock(m_mutex);
   refreshLocked();
+  planNextWakeLocked();  // frontmost processes may have changed
 }
 
 void CPULimiter::updateMachineSplit() {
@@ -341,6 +361,7 @@ void CPULimiter::setLimitFrontmost(bool limit_frontmost) {
     MutexLock lock(m_mutex);
     m_limit_frontmost = limit_frontmost;
     refreshAsWantedLocked();
+    planNextWakeLocked();
   }
 }
 

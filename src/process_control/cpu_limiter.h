@@ -105,8 +105,14 @@ class CPULimiter {
   // Updates the whole machine's processor split since the last update (the timer does it after
   // each refresh).
   void updateMachineSplit();
-  // The timer's action: limiter tick, refresh and adjuster, each when its interval has passed.
+  // The timer's action: the duty cycle's steps that are due, the refresh and the adjuster when
+  // their intervals have passed. While something is limited the timer then sleeps until the next
+  // moment anything is due (a stop, a continue, the adjuster, the refresh), on the grid of limiter
+  // ticks, instead of waking at every tick.
   void tick();
+  // The moment (Timeval microseconds) the timer was last asked to run next; none while nothing is
+  // limited (the timer then runs at its period). Tests drive a fake clock from wake to wake.
+  std::optional<int64_t> nextWake_us();
 
   std::optional<procinfo> rowFor(int32_t pid);
   std::map<int32_t, procinfo> processes();
@@ -157,6 +163,17 @@ class CPULimiter {
   void saveProcessesIntervalLocked();
   void loadPIDGainsLocked();
   void setTimerSlackLocked();
+  // The duty cycle's grid of ticks.
+  void restartGridLocked(const Timeval& now);
+  int64_t gridTickLocked(const Timeval& now) const;
+  int64_t gridTime_us(int64_t tick) const;
+  // The first grid tick at or after a moment.
+  int64_t gridTickAtOrAfterLocked(int64_t time_us) const;
+  int64_t dueTickLocked(int32_t pid, const pidInfo& record);
+  // Asks the timer for the next moment anything is due.
+  void planNextWakeLocked();
+  // Online processors for the adjuster, asked of the helper again only when they may have changed.
+  double onlineCpusLocked(const Timeval& now);
   // cpu_limiter_refresh.cpp
   void refreshLocked();
   bool tableWantedLocked() const;
@@ -172,7 +189,9 @@ class CPULimiter {
   // The whole machine's processor time in ticks: only its split is shown, so the unit cancels.
   std::optional<cpu_buckets> readMachineTicks() const;
   // cpu_limiter_limits.cpp
-  void limiterTickLocked();
+  // Steps the limited processes that are due at `now` (with `all`, every one: the adjuster that
+  // follows reads their totals).
+  void limiterTickLocked(const Timeval& now, bool all);
   void removeLimitLocked(int32_t pid);
   std::optional<int64_t> measureCPU_us(int32_t pid);
   bool sendSignalLocked(int32_t pid, int signal);
@@ -216,6 +235,13 @@ class CPULimiter {
   PMEnergy m_energy;
   std::map<int32_t, pidInfo> m_pids;
   std::map<int32_t, ProcessCpuClock> m_cpu_clocks;  // of the limited processes, on the live /proc
+  Timeval m_grid_origin;                      // tick 0 of the duty cycle's grid
+  std::map<int32_t, DutySchedule> m_duty;     // of the processes in m_pids
+  std::optional<int64_t> m_next_wake_us;
+  // The adjuster's processor count, with the online list it was asked for, and when that was read.
+  std::optional<double> m_online_cpus;
+  std::optional<std::string> m_online_text;
+  Timeval m_online_checked;
   std::optional<bool> m_idle_slack;  // the timer thread's slack: the idle one, or the default
   std::map<int32_t, procinfo> m_processes;
   std::unique_ptr<ProcSettings> m_proc_settings;

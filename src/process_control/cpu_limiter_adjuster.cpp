@@ -37,6 +37,7 @@ void CPULimiter::loadPIDSettings() {
     // The budget is per tick: a longer tick needs a proportionally larger one.
     for (auto& [pid, record] : m_pids) record.creditQuantum = creditQuantumFor(record.cpuLimit, limiter);
     m_limiter_interval_ms = limiter;
+    restartGridLocked(Timeval());  // a grid of the new interval, from now
     setTimerPeriodLocked();
   }
   const int64_t adjuster = clampedSetting(m_settings, keys::kAdjusterInterval_ms, 100, 5000);
@@ -44,6 +45,7 @@ void CPULimiter::loadPIDSettings() {
     m_adjuster_interval_ms = adjuster;
     setTimerPeriodLocked();
   }
+  planNextWakeLocked();
 }
 
 std::map<int32_t, adjustInfo> CPULimiter::adjustments() {
@@ -54,7 +56,7 @@ std::map<int32_t, adjustInfo> CPULimiter::adjustments() {
 void CPULimiter::adjusterRunLocked() {
   if (m_pids.empty() && m_adjustments.empty()) return;
   const Timeval now;
-  const double cpus = static_cast<double>(m_helper.requestCpuInfo().logical_cpu);
+  const double cpus = onlineCpusLocked(now);
   const AdjusterSettings settings{m_usePIDControl, m_kp, m_ki, m_kd, m_limiter_interval_ms};
   for (auto& [pid, record] : m_pids) {
     if (record.frontmost && !m_limit_frontmost) continue;

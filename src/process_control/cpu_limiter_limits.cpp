@@ -39,22 +39,27 @@ void CPULimiter::setLimit(int32_t pid, double share, bool tree) {
     return;
   }
   const bool was_empty = m_pids.empty();
+  const Timeval now;
+  if (was_empty) restartGridLocked(now);
   pidInfo record;
   if (auto it = m_pids.find(pid); it != m_pids.end()) {
     record = it->second;
   } else {
     record.pid = pid;
-    record.stopTime = Timeval();
+    record.stopTime = now;
     record.totalCPU = measureCPU_us(pid).value_or(0);
     m_journal.hold(pid);
+    m_duty[pid] = DutySchedule{gridTickLocked(now), -1};
   }
   if (tree && !m_trees.count(pid)) {
     startTreeLocked(pid, record);
     m_adjustments.erase(pid);  // its processor time is now the group's: the adjuster starts afresh
+    m_duty[pid].used_per_tick_us = -1;
   } else if (!tree && m_trees.count(pid)) {
     endTreeLocked(pid);
     record.totalCPU = measureCPU_us(pid).value_or(record.totalCPU);
     m_adjustments.erase(pid);
+    m_duty[pid].used_per_tick_us = -1;
   }
   record.cpuLimit = share;
   record.creditQuantum = creditQuantumFor(share, m_limiter_interval_ms);
@@ -62,6 +67,7 @@ void CPULimiter::setLimit(int32_t pid, double share, bool tree) {
   m_pids[pid] = record;
   saveLimitNameLocked(pid, share, tree);
   if (was_empty) setTimerPeriodLocked();
+  planNextWakeLocked();
 }
 
 // Records (share) or forgets (none) the limit under the process's name for the current power source.
@@ -81,6 +87,7 @@ void CPULimiter::removeLimitLocked(int32_t pid) {
   signalLocked(pid, SIGCONT);  // whether or not we think it is stopped
   endTreeLocked(pid);
   m_pids.erase(it);
+  m_duty.erase(pid);
   m_cpu_clocks.erase(pid);
   m_journal.forget(pid);
   if (m_pids.empty()) setTimerPeriodLocked();
@@ -100,6 +107,7 @@ void CPULimiter::clearAllLimits() {
     if (!signalLocked(pid, SIGCONT)) removeLimitLocked(pid);
   }
   m_pids.clear();
+  m_duty.clear();
   m_trees.clear();
   m_adjustments.clear();
   m_cpu_clocks.clear();
@@ -128,14 +136,27 @@ std::map<int32_t, pidInfo> CPULimiter::limits() {
   return m_pids;
 }
 
-void CPULimiter::limiterTickLocked() {
-  const Timeval now;
+void CPULimiter::limiterTickLocked(const Timeval& now, bool all) {
+  const int64_t tick = gridTickLocked(now);
+  std::set<int32_t> due;
+  bool tree_due = false;
+  for (const auto& [pid, record] : m_pids) {
+    const auto duty = m_duty.try_emplace(pid, DutySchedule{tick - 1, -1}).first;
+    if (tick <= duty->second.last_tick || (!all && dueTickLocked(pid, record) > tick)) continue;
+    due.insert(pid);
+    tree_due = tree_due || m_trees.count(pid);
+  }
+  if (due.empty()) return;
   std::set<int32_t> released;
-  const auto found = growTreesLocked(released);
+  const auto found = tree_due ? growTreesLocked(released) : std::map<int32_t, std::set<int32_t>>{};
   const auto old = m_pids;
   std::map<int32_t, pidInfo> next;
   for (const auto& [pid, record] : old) {
     if (record.pid < 0) continue;
+    if (!due.count(pid)) {
+      next[pid] = record;
+      continue;
+    }
     const auto tree = found.find(pid);
     int64_t total = record.totalCPU;
     if (tree != found.end()) {
@@ -154,7 +175,12 @@ void CPULimiter::limiterTickLocked() {
       }
       total = *measured;
     }
-    const LimiterStep step = limiterStep(record, total, m_limit_frontmost, now);
+    DutySchedule& duty = m_duty[pid];
+    const int64_t ticks = tick - duty.last_tick;
+    const LimiterStep step = limiterStep(record, total, m_limit_frontmost, now, ticks);
+    if (!record.stopped)
+      duty.used_per_tick_us = static_cast<double>(checkedAdd(total, -record.totalCPU)) / static_cast<double>(ticks);
+    duty.last_tick = tick;
     bool ok = true;
     if (step.signal == LimiterSignal::stop) ok = signalLocked(pid, SIGSTOP);
     if (step.signal == LimiterSignal::resume) ok = signalLocked(pid, SIGCONT);
@@ -165,6 +191,7 @@ void CPULimiter::limiterTickLocked() {
     next[pid] = step.record;
   }
   m_pids = std::move(next);
+  std::erase_if(m_duty, [&](const auto& entry) { return !m_pids.count(entry.first); });
 }
 
 }  // namespace pelmora

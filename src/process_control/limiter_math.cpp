@@ -1,6 +1,7 @@
 #include "process_control/limiter_math.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 
@@ -43,7 +44,8 @@ double creditQuantumFor(double share, int64_t limiter_interval_ms) {
   return static_cast<double>(limiter_interval_ms) * 1000.0 * share;
 }
 
-LimiterStep limiterStep(const pidInfo& record, int64_t new_total_us, bool limit_frontmost, const Timeval& now) {
+LimiterStep limiterStep(const pidInfo& record, int64_t new_total_us, bool limit_frontmost, const Timeval& now,
+                        int64_t ticks) {
   LimiterStep out{record, LimiterSignal::none};
   pidInfo& r = out.record;
   const int64_t used = checkedAdd(new_total_us, -record.totalCPU);
@@ -58,7 +60,8 @@ LimiterStep limiterStep(const pidInfo& record, int64_t new_total_us, bool limit_
     r.stopped = false;
     return out;
   }
-  r.credit = std::min(record.credit + record.creditQuantum - static_cast<double>(used), record.creditQuantum);
+  const double refill = static_cast<double>(std::max<int64_t>(ticks, 1)) * record.creditQuantum;
+  r.credit = std::min(record.credit + refill - static_cast<double>(used), record.creditQuantum);
   if (r.credit <= 0) {
     if (record.stopped)
       r.totalTimeStopped = checkedAdd(r.totalTimeStopped, stopped_for);
@@ -72,6 +75,26 @@ LimiterStep limiterStep(const pidInfo& record, int64_t new_total_us, bool limit_
     r.stopped = false;
   }
   return out;
+}
+
+int64_t ticksUntilDue(const pidInfo& record, double used_per_tick_us, bool limit_frontmost, int64_t most_ticks) {
+  most_ticks = std::max<int64_t>(most_ticks, 1);
+  if (!limit_frontmost && record.frontmost) return record.stopped ? 1 : most_ticks;
+  const double quantum = record.creditQuantum;
+  if (record.stopped) {
+    // Refilled one quantum per tick and continued once above zero; with no quantum (the adjuster
+    // took it all) only the adjuster can change that, and it runs on its own deadline.
+    // Far enough to mean "not on its own", near enough that tick arithmetic cannot overflow.
+    constexpr double kNever = 1e9;
+    if (record.credit > 0) return 1;
+    const double ticks = quantum > 0 ? std::floor(-record.credit / quantum) + 1 : kNever;
+    return static_cast<int64_t>(std::min(ticks, kNever));
+  }
+  if (record.credit <= 0 || used_per_tick_us < 0) return 1;
+  const double spent_per_tick = used_per_tick_us - quantum;
+  if (spent_per_tick <= 0) return most_ticks;
+  const double ticks = std::ceil(record.credit / spent_per_tick);
+  return ticks >= static_cast<double>(most_ticks) ? most_ticks : std::max<int64_t>(static_cast<int64_t>(ticks), 1);
 }
 
 adjustInfo freshAdjustInfo(const pidInfo& record, const Timeval& now) {

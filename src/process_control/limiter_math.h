@@ -21,8 +21,18 @@ struct LimiterStep {
 };
 
 // One tick for one limited process. `new_total_us` is its measured processor time (for a stopped
-// record, its old totalCPU: a stopped process cannot have run). `now` is the tick's time.
-LimiterStep limiterStep(const pidInfo& record, int64_t new_total_us, bool limit_frontmost, const Timeval& now);
+// record, its old totalCPU: a stopped process cannot have run). `now` is the tick's time. `ticks`:
+// how many limiter intervals passed since the record's last step (the duty cycle sleeps through
+// ticks at which nothing can happen); each refills one quantum, the credit never above one quantum.
+LimiterStep limiterStep(const pidInfo& record, int64_t new_total_us, bool limit_frontmost, const Timeval& now,
+                        int64_t ticks = 1);
+
+// How many limiter intervals after its last step the record must be stepped again: a stopped
+// process at the tick its credit turns positive; a running one at the tick its credit is foreseen
+// to reach zero, using `used_per_tick_us` (what it used per interval while running, negative when
+// not known yet: then at the next tick). A process that does not use up its budget, or is never
+// held, is looked at within `most_ticks`. At least 1.
+int64_t ticksUntilDue(const pidInfo& record, double used_per_tick_us, bool limit_frontmost, int64_t most_ticks);
 
 // The per-tick budget of a share at a tick interval.
 double creditQuantumFor(double share, int64_t limiter_interval_ms);

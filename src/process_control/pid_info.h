@@ -34,6 +34,14 @@ struct treeInfo {
   std::set<int32_t> refused;
 };
 
+// When the duty cycle last stepped a limited process, on the limiter's grid of ticks (the grid
+// starts when the first limit is set; tick n is n limiter intervals later), and how much processor
+// time it used per tick while running, to foresee when its credit runs out.
+struct DutySchedule {
+  int64_t last_tick = 0;
+  double used_per_tick_us = -1;  // negative: not measured yet
+};
+
 struct adjustInfo {
   int64_t cpu = 0;      // the process's totalCPU (us) at the last adjustment
   int64_t stopped = 0;  // its totalTimeStopped (us) at the last adjustment

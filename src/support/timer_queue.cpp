@@ -60,6 +60,14 @@ void TimerQueue::fireNow() {
   m_cv.notify_all();
 }
 
+void TimerQueue::runNextAt(int64_t monotonic_us) {
+  {
+    std::lock_guard lock(m_mutex);
+    m_next_at_us = monotonic_us;
+  }
+  m_cv.notify_all();
+}
+
 int64_t TimerQueue::period_us() const {
   std::lock_guard lock(m_mutex);
   return m_interval_us;
@@ -82,12 +90,20 @@ void TimerQueue::threadMain() {
       m_qos_pending = false;
       applyQoSToCurrentThread(m_qos);
     }
-    if (m_cv.wait_until(lock, next, [this] { return m_stop || m_period_changed || m_fire_now; })) {
+    if (m_cv.wait_until(lock, next, [this] { return m_stop || m_period_changed || m_fire_now || m_next_at_us; })) {
       if (m_stop) break;
       if (m_fire_now) {
         // The period after this action is the current one, changed or not.
         m_fire_now = m_period_changed = false;
+        m_next_at_us.reset();
         next = clock::now();
+        continue;
+      }
+      if (m_next_at_us) {
+        // steady_clock is CLOCK_MONOTONIC: the moment is absolute, so waking late never drifts.
+        next = clock::time_point(std::chrono::microseconds(*m_next_at_us));
+        m_next_at_us.reset();
+        m_period_changed = false;
         continue;
       }
       // A new period counts from now, so a shorter period takes effect at once.

@@ -1,12 +1,15 @@
 #pragma once
 // A repeating timer on a thread of its own: a start hook runs once on that thread, then the action
 // runs every period until stop(). The period may change while it runs (the sleeping thread wakes
-// and re-arms). stop() joins the thread, so it must not be called from the action itself.
+// and re-arms), and one run may be moved to an absolute moment of the monotonic clock (a duty cycle
+// that sleeps until its next deadline). stop() joins the thread, so it must not be called from the
+// action itself.
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -30,6 +33,9 @@ class TimerQueue {
   int64_t period_us() const;
   // Runs the action as soon as possible, then keeps the period from that moment.
   void fireNow();
+  // The next run happens at `monotonic_us` (CLOCK_MONOTONIC, microseconds; at once if it has passed)
+  // instead of one period after the last; the period resumes from there. Callable from the action.
+  void runNextAt(int64_t monotonic_us);
   // Applied by the timer thread before its next action.
   void setQoS(QoS qos);
   const std::string& label() const { return m_label; }
@@ -49,6 +55,7 @@ class TimerQueue {
   bool m_stop = false;
   bool m_period_changed = false;
   bool m_fire_now = false;
+  std::optional<int64_t> m_next_at_us;
   bool m_qos_pending = false;
   QoS m_qos = QoS::defaultQoS;
 };

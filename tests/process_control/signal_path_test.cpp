@@ -1,0 +1,93 @@
+// The stops and continues of the duty cycle, through the helper's real handler to a real process:
+// after the first signal has passed the checks, the following ones go through the pidfd kept from
+// then, with no /proc reads, wherever the checks could not come out otherwise while the process
+// lives; a connection allowed only its owner's processes is checked in full at every stop; and a
+// process that has exited is never signalled again through its pid.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <regex>
+
+#include "common/child.h"
+#include "common/eventually.h"
+#include "common/temp_dir.h"
+#include "helper/connection.h"
+#include "helper/request_handler.h"
+#include "support/sys_root.h"
+
+namespace pelmora {
+namespace {
+
+using test::eventually;
+using test::procState;
+
+int64_t kill(RequestHandler& handler, Connection& caller, pid_t pid, int signal) {
+  const XPCDict reply = handler.handle({{"kill", "kill"}, {"pid", int64_t{pid}}, {"signal", int64_t{signal}}}, caller);
+  return xpcInt(reply, "kill").value_or(-1);
+}
+
+TEST(SignalPath, LaterStopsAndContinuesSkipTheChecksOnlyWhereTheyCannotChange) {
+  const uid_t owner = ::getuid() != 0 ? ::getuid() : 12345;
+  struct Case {
+    const char* what;
+    bool privileged;
+    uid_t caller_uid;
+    bool later_stops_unchecked;
+  };
+  const Case cases[] = {
+      {"served in-process: the kernel checks each signal against our own rights", false, ::getuid(), true},
+      {"an authorised connection (root)", true, 0, true},
+      {"a connection allowed only its owner's processes", true, owner, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    // Ended by hand: once reaped, its pid may name someone else's process.
+    struct Busy {
+      pid_t pid = test::busyChild();
+      bool reaped = false;
+      ~Busy() {
+        if (!reaped) test::endChild(pid);
+      }
+    } child;
+    const pid_t pid = child.pid;
+    ASSERT_GT(pid, 0);
+    // The handler reads the process from a copy of its /proc files, owned by the caller.
+    const test::TempDir dir;
+    const std::string proc = std::to_string(pid) + "/";
+    dir.write("proc/" + proc + "stat", SysRoot::readFile("/proc/" + proc + "stat").value_or(""));
+    const std::string status = SysRoot::readFile("/proc/" + proc + "status").value_or("");
+    const std::string id = std::to_string(c.caller_uid == 0 ? owner : c.caller_uid);
+    dir.write("proc/" + proc + "status",
+              std::regex_replace(status, std::regex("\nUid:[^\n]*"), "\nUid:\t" + id + "\t" + id + "\t" + id + "\t" + id));
+    HelperOptions options = RequestHandler::inProcessOptions();
+    options.root = SysRoot((dir / "proc").string(), (dir / "sys").string());
+    options.privileged = c.privileged;
+    RequestHandler handler(options);
+    Connection caller(CallerIdentity{c.caller_uid, ::getpid(), 0});
+
+    ASSERT_EQ(kill(handler, caller, pid, SIGSTOP), 0);
+    EXPECT_TRUE(eventually([&] { return procState(pid) == 'T'; }));
+    // From here on the handler finds no file of the process: only a kept pidfd can reach it.
+    std::filesystem::remove_all(dir / "proc");
+    EXPECT_EQ(kill(handler, caller, pid, SIGCONT), 0);  // what this connection stopped, always
+    EXPECT_TRUE(eventually([&] { return procState(pid) != 'T'; }));
+    EXPECT_EQ(kill(handler, caller, pid, SIGSTOP), c.later_stops_unchecked ? 0 : ESRCH);
+    if (!c.later_stops_unchecked) continue;
+    EXPECT_TRUE(eventually([&] { return procState(pid) == 'T'; }));
+    EXPECT_EQ(kill(handler, caller, pid, SIGCONT), 0);
+    EXPECT_EQ(kill(handler, caller, pid, SIGCONT), 0);  // a redundant continue, as after "continue all"
+    EXPECT_TRUE(eventually([&] { return procState(pid) != 'T'; }));
+    // Gone and reaped: its pid may name another process by now, which the kept pidfd never reaches.
+    test::endChild(pid);
+    child.reaped = true;
+    EXPECT_EQ(kill(handler, caller, pid, SIGSTOP), ESRCH);
+    EXPECT_EQ(kill(handler, caller, pid, SIGCONT), ESRCH);
+  }
+}
+
+}  // namespace
+}  // namespace pelmora
