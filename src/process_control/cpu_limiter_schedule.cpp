@@ -16,7 +16,7 @@ namespace {
 
 // A running process that does not use up its budget is still looked at this often: should it
 // start to run flat out, it overruns by no more than this before being stopped (and pays it back).
-constexpr int64_t kRunningLookEvery_ms = 100;
+constexpr int64_t kRunningLookEvery_ms = 150;
 // The adjuster may wait this long for a wake the duty cycle needs anyway, rather than wake alone.
 constexpr int64_t kAdjusterCoalesce_ms = 60;
 // The same for the table refresh, as a share of its interval (at most half a second).

@@ -50,6 +50,54 @@ TEST(Limiter, DutyCycleSendsTheRealStopAndContinueSignals) {
   EXPECT_NEAR(static_cast<double>(r.wire->procs[50].cpu_ns) / 1000.0 / (40 * 30'000.0), 0.5, 0.05);
 }
 
+// The timer sleeps from one due moment to the next: driven from wake to wake on the fake clock,
+// every wake of a busy process's duty cycle stops it, continues it or runs the adjuster, and the
+// share holds as at a fixed tick. A process within its budget is only looked at every 150 ms.
+TEST(Limiter, TheTimerWakesOnlyWhenAStopAContinueOrTheAdjusterIsDue) {
+  struct Case {
+    double share, demand;
+    bool pid_control;
+    int most_idle_wakes;  // wakes that did none of the three, over 6 s
+  };
+  const Case cases[] = {
+      {0.10, 1.0, false, 0}, {0.25, 1.0, false, 0}, {0.50, 1.0, false, 0}, {0.75, 1.0, false, 0},
+      {0.10, 1.0, true, 0},  {0.75, 1.0, true, 0},  {0.50, 0.2, false, 40},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.share << " of a process demanding " << c.demand << (c.pid_control ? ", PID" : ""));
+    Rig r;
+    r.settings.saveBool("PID_use_pidcontroller", c.pid_control);
+    r.limiter->loadPIDSettings();
+    r.add(50, "spin");
+    r.limit(50, c.share);
+    const int64_t start_us = r.clock.now_us();
+    int wakes = 0, idle_wakes = 0;
+    while (r.clock.now_us() - start_us < 6'000'000) {
+      const auto wake = r.limiter->nextWake_us();
+      ASSERT_TRUE(wake);
+      const int64_t sleep_us = *wake - r.clock.now_us();
+      ASSERT_GT(sleep_us, 0);
+      r.clock.advance_us(sleep_us);
+      r.wire->run(sleep_us, c.demand);
+      const size_t signals = r.wire->signals.size();
+      const auto adjusted = r.limiter->adjustments();
+      r.limiter->tick();
+      ++wakes;
+      const auto after = r.limiter->adjustments();
+      const bool adjuster_ran = !after.empty() && (adjusted.empty() || after.at(50).update != adjusted.at(50).update);
+      idle_wakes += r.wire->signals.size() == signals && !adjuster_ran;
+    }
+    EXPECT_LE(idle_wakes, c.most_idle_wakes);
+    const double used =
+        static_cast<double>(r.wire->procs[50].cpu_ns) / 1000.0 / static_cast<double>(r.clock.now_us() - start_us);
+    EXPECT_NEAR(used, std::min(c.share, c.demand), 0.02);
+    // A fixed 30 ms tick would have woken 200 times; only 50 % of a busy loop needs every tick.
+    if (c.share != 0.5 || c.demand < 1) {
+      EXPECT_LT(wakes, 150);
+    }
+  }
+}
+
 TEST(Limiter, ClearingEndsTheLimitEveryWay) {
   struct Case {
     const char* what;

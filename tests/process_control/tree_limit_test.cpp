@@ -136,11 +136,11 @@ TEST(TreeLimit, ChildrenJoinWithinAFewTicksMembersLeaveAndTheGroupEndsWithTheLas
   r.step();
   ASSERT_TRUE(r.stopped(100));
   // Forked while the group is held: joins, is stopped with it, and brings the group's priority.
-  // A stopped group is looked at every 100 ms (three ticks), not only when its debt is paid.
+  // A stopped group is looked at every 150 ms (five ticks), not only when its debt is paid.
   r.limiter->refresh();
   r.limiter->renice(100, 7);
   r.add(104, 102, "ld", 500);
-  for (int i = 0; i < 3; ++i) r.step();
+  for (int i = 0; i < 5; ++i) r.step();
   EXPECT_TRUE(r.limiter->trees().at(100).count(104));
   EXPECT_TRUE(r.stopped(104));
   EXPECT_NE(std::find(r.wire->priorities.begin(), r.wire->priorities.end(), std::make_pair(104, int64_t{7})),
@@ -151,10 +151,10 @@ TEST(TreeLimit, ChildrenJoinWithinAFewTicksMembersLeaveAndTheGroupEndsWithTheLas
   for (int i = 0; i < 10; ++i) r.step();
   EXPECT_EQ(r.limiter->trees().at(100), (std::set<int32_t>{102, 103, 104}));
   const size_t mark = r.wire->signals.size();
-  for (int i = 0; i < 20; ++i) r.step();
+  for (int i = 0; i < 40; ++i) r.step();
   EXPECT_EQ(r.signalled(SIGSTOP, mark), (std::set<int32_t>{102, 103, 104}));
   for (int32_t pid : {102, 103, 104}) r.remove(pid);
-  for (int i = 0; i < 3; ++i) r.step();
+  for (int i = 0; i < 5; ++i) r.step();
   EXPECT_TRUE(r.limiter->trees().empty());
   EXPECT_TRUE(r.limiter->limits().empty());
   EXPECT_EQ(r.limiter->tickInterval_ms(), 5000);
@@ -195,7 +195,7 @@ TEST(TreeLimit, AMemberThatRefusesSignalsIsLeftOutAndNotAskedAgainWhileItsChildS
   r.step();  // the first stop: 101 refuses it
   EXPECT_EQ(r.limiter->trees().at(100), (std::set<int32_t>{100, 102, 103}));
   const size_t mark = r.wire->signals.size();
-  for (int i = 0; i < 20; ++i) r.step();
+  for (int i = 0; i < 40; ++i) r.step();
   EXPECT_EQ(r.signalled(SIGSTOP, mark), (std::set<int32_t>{100, 102, 103}));
   EXPECT_EQ(r.limiter->trees().at(100), (std::set<int32_t>{100, 102, 103}));
 }
