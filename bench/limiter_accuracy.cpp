@@ -3,7 +3,9 @@
 // held for N seconds (default 10) by: our limiter in proportional mode, our limiter with the PID
 // adjuster (both in-process, as without a daemon), Debian's cpulimit, and the kernel's CFS quota
 // when a cpu cgroup is writable. Achieved share = the child's processor time over the run's wall
-// time; cost = the limiter's own processor time over the same time, in % of one processor.
+// time; cost = the limiter's own processor time over the same time, in % of one processor, and its
+// wake-ups per second (voluntary context switches of all its threads). Our limiter runs as
+// `pelmora limit` runs it: the duty cycle and its adjuster, no process table.
 // A tree table holds a parent with three busy children to the same targets in total: our limiter
 // with the whole tree in one group and the CFS quota of one cgroup holding every process of the
 // tree (cpulimit --monitor-forks is left out: Debian's 2.8 forks copies of itself without bound);
@@ -22,6 +24,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -112,7 +115,9 @@ void end(pid_t pid) {
 struct Result {
   double share = -1;  // fraction of one processor; negative: not run
   double cost = -1;   // fraction of one processor; negative: not measurable
+  double wakes = -1;  // per second
 };
+
 
 // A process and all its descendants, from the kernel's children lists.
 std::vector<pid_t> treePids(pid_t root) {
@@ -132,6 +137,24 @@ std::vector<pid_t> treePids(pid_t root) {
 double treeCpuSeconds(pid_t pid) {
   double total = 0;
   for (pid_t member : treePids(pid)) total += cpuSeconds(member);
+  return total;
+}
+
+// Voluntary context switches of every thread of a process: how often it went to sleep.
+uint64_t wakeups(pid_t pid) {
+  uint64_t total = 0;
+  const std::string task = "/proc/" + std::to_string(pid) + "/task/";
+  for (const auto& tid : SysRoot::listDir(task)) {
+    const std::string status = SysRoot::readFile(task + tid + "/status").value_or("");
+    const auto at = status.find("\nvoluntary_ctxt_switches:");
+    if (at != std::string::npos) total += std::strtoull(status.c_str() + at + 26, nullptr, 10);
+  }
+  return total;
+}
+
+uint64_t treeWakeups(pid_t root) {
+  uint64_t total = 0;
+  for (pid_t pid : treePids(root)) total += wakeups(pid);
   return total;
 }
 
@@ -204,8 +227,8 @@ class Bench {
     DefaultSettings settings(m_dir / ("defaults-" + std::to_string(child) + ".json"));
     settings.saveBool("PID_use_pidcontroller", use_pid);
     CPULimiter::Options options;
-    options.nettop_path = "/bin/true";
     options.journal_dir = m_dir / "held";
+    options.process_table = false;
     CPULimiter limiter(helper, SysRoot::current(), settings, options);
     limiter.start();
     {
@@ -213,10 +236,13 @@ class Bench {
       limiter.setLimit(child, share, m_tree);
     }
     const double own0 = ownCpuSeconds();
+    const uint64_t wakes0 = wakeups(::getpid());
     const auto t0 = std::chrono::steady_clock::now();
     Result r;
     r.share = measure(child);
-    r.cost = (ownCpuSeconds() - own0) / std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    r.cost = (ownCpuSeconds() - own0) / wall;
+    r.wakes = static_cast<double>(wakeups(::getpid()) - wakes0 - 1) / wall;  // less this thread's one sleep
     limiter.clearLimit(child);
     limiter.stopTimer();
     return r;
@@ -245,11 +271,13 @@ class Bench {
     if (limiter < 0) return {};
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     const double own0 = treeCpuSeconds(limiter);
+    const uint64_t wakes0 = treeWakeups(limiter);
     const auto t0 = std::chrono::steady_clock::now();
     Result r;
     r.share = measure(child);
-    r.cost = (treeCpuSeconds(limiter) - own0) /
-             std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    r.cost = (treeCpuSeconds(limiter) - own0) / wall;
+    r.wakes = static_cast<double>(treeWakeups(limiter) - wakes0) / wall;
     ::kill(limiter, SIGTERM);
     ::waitpid(limiter, nullptr, 0);
     return r;
@@ -287,14 +315,15 @@ class Bench {
   bool m_tree = false;
 };
 
+// "share (error) cost wake-ups/s", 23 characters.
 std::string cell(const Result& r, double target) {
-  if (r.share < 0) return "        n/a        ";
+  if (r.share < 0) return "          n/a          ";
   char buffer[64];
   if (r.cost < 0)
-    std::snprintf(buffer, sizeof buffer, "%5.1f (%+5.1f)   -  ", r.share * 100, (r.share - target) * 100);
+    std::snprintf(buffer, sizeof buffer, "%5.1f (%+5.1f)    -    -", r.share * 100, (r.share - target) * 100);
   else
-    std::snprintf(buffer, sizeof buffer, "%5.1f (%+5.1f) %4.2f", r.share * 100, (r.share - target) * 100,
-                  r.cost * 100);
+    std::snprintf(buffer, sizeof buffer, "%5.1f (%+5.1f) %4.2f %4.0f", r.share * 100, (r.share - target) * 100,
+                  r.cost * 100, r.wakes);
   return buffer;
 }
 
@@ -313,11 +342,11 @@ int main(int argc, char** argv) {
     if (arg == "--tree-only") only_tree = true;
   }
   Bench bench(std::filesystem::read_symlink("/proc/self/exe").string(), seconds);
-  std::printf("achieved share %% of one processor (error in points) and limiter cost %% of one processor,\n"
-              "%.0f s per cell, %ld processors online%s\n\n",
+  std::printf("achieved share %% of one processor (error in points), limiter cost %% of one processor and its\n"
+              "wake-ups per second; %.0f s per cell, %ld processors online%s\n\n",
               seconds, sysconf(_SC_NPROCESSORS_ONLN), bench.haveCfs() ? "" : "; no writable cpu cgroup: CFS n/a");
   if (!only_tree)
-    std::printf("%-7s %6s | %-19s | %-19s | %-19s | %-19s\n", "threads", "target", "ours, proportional", "ours, PID",
+    std::printf("%-7s %6s | %-23s | %-23s | %-23s | %-23s\n", "threads", "target", "ours, proportional", "ours, PID",
                 "cpulimit", "CFS quota");
   for (int threads : only_tree ? std::vector<int>{} : std::vector<int>{1, 4}) {
     for (double target : {0.10, 0.25, 0.50, 0.75}) {
@@ -331,7 +360,7 @@ int main(int argc, char** argv) {
     }
   }
   std::printf("%sa parent with three busy children, held in total\n", only_tree ? "" : "\n");
-  std::printf("%-7s %6s | %-19s | %-19s | %-19s | %-19s\n", "tree", "target", "ours, proportional", "ours, PID",
+  std::printf("%-7s %6s | %-23s | %-23s | %-23s | %-23s\n", "tree", "target", "ours, proportional", "ours, PID",
               "cpulimit -m: forks", "CFS quota");
   for (double target : {0.10, 0.25, 0.50, 0.75}) {
     std::string row;
@@ -348,7 +377,7 @@ int main(int argc, char** argv) {
   if (only_tree) return 0;
   const auto extra_pids = sleepers(extra);
   std::printf("\nwhole programs with their children, %zu extra sleeping processes\n", extra_pids.size());
-  std::printf("%-7s %6s | %-19s | %-19s | %s\n", "threads", "target", "pelmora limit", "cpulimit", "cost ratio");
+  std::printf("%-7s %6s | %-23s | %-23s | %s\n", "threads", "target", "pelmora limit", "cpulimit", "cost ratio");
   for (int threads : {1, 4}) {
     for (double target : {0.10, 0.25, 0.50, 0.75}) {
       const Result ours = bench.run(Kind::cli, threads, target);

@@ -62,6 +62,26 @@ TEST(TimerQueue, FireNowRunsTheActionOnceWithoutWaitingOutThePeriod) {
   EXPECT_EQ(actions, 2);  // the hour-long period itself never ran out
 }
 
+// A duty cycle that sleeps until its next deadline: a run moved to a moment of the monotonic
+// clock, from outside and from the action itself; the hour-long period never runs out.
+TEST(TimerQueue, RunNextAtMovesOneRunToAnAbsoluteMoment) {
+  std::atomic<int> actions{0};
+  const auto now_us = [] {
+    return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+  };
+  TimerQueue* self = nullptr;
+  TimerQueue timer("t", 3'600'000'000LL /* an hour */, nullptr, [&] {
+    if (++actions < 3) self->runNextAt(now_us() - 1000);  // a moment already past: at once
+  });
+  self = &timer;
+  timer.start();
+  timer.runNextAt(now_us());
+  EXPECT_TRUE(eventually([&] { return actions == 3; }));
+  timer.stop();
+  EXPECT_EQ(actions, 3);
+}
+
 TEST(TimerQueue, StopJoinsAndRestartRunsTheHookAgain) {
   std::atomic<int> hooks{0}, actions{0};
   TimerQueue timer("t", 1000, [&] { ++hooks; }, [&] { ++actions; });
