@@ -7,6 +7,7 @@
 
 #include "helper_link/pelmora.h"
 #include "process_control/cpu_limiter.h"
+#include "process_control/limiter_math.h"
 #include "process_control/proc_settings.h"
 #include "process_control/process_rates.h"
 #include "support/broadcast.h"
@@ -155,7 +156,12 @@ bool CPULimiter::refreshOne(int32_t pid, const ProcessRecord& record, const std:
   if (auto lim = m_pids.find(pid); lim != m_pids.end()) {
     lim->second.uid = row.uid;
     lim->second.frontmost = PID(pid, m_root).isFrontmost();
-    row.totalTimeStopped = lim->second.totalTimeStopped;
+    // The duty cycle adds a stopped spell when it ends (it sleeps until then): the spell under way
+    // counts up to this row's moment.
+    const pidInfo& held = lim->second;
+    row.totalTimeStopped = held.stopped && held.stopTime.elapsedUntil(now) > 0
+                               ? checkedAdd(held.totalTimeStopped, held.stopTime.elapsedUntil(now))
+                               : held.totalTimeStopped;
   }
   if (auto net = m_netuse.find(pid); net != m_netuse.end()) {
     row.netReadPerSec = net->second.rx_rate.current();
