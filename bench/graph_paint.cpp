@@ -22,16 +22,6 @@
 #include <tuple>
 #include <vector>
 
-#include "graphs/views/graph_view_battery.h"
-#include "graphs/views/graph_view_cpu.h"
-#include "graphs/views/graph_view_fan.h"
-#include "graphs/views/graph_view_gfx.h"
-#include "graphs/views/graph_view_io.h"
-#include "graphs/views/graph_view_load.h"
-#include "graphs/views/graph_view_mem.h"
-#include "graphs/views/graph_view_net.h"
-#include "graphs/views/graph_view_power.h"
-#include "graphs/views/graph_view_proc.h"
 #include "graphs/views/graph_view_temperature.h"
 #include "sampling/battery_collector.h"
 #include "sampling/temperature_collector.h"
@@ -111,8 +101,7 @@ Window buildWindow() {
   m->update(mem, 4096);
   auto* d = new GraphViewIO;
   add(d, 300, 100, "Total Disk I/O:");
-  d->setDataRate(true);
-  d->update(io);
+  d->update(io, true);
   auto* n = new GraphViewNet;
   add(n, 300, 100, "Network: enp3s0");
   n->update(net);

@@ -8,15 +8,6 @@
 
 #include "app/sampler_client_link.h"
 #include "app/system_stats_window.h"
-#include "graphs/views/graph_view_battery.h"
-#include "graphs/views/graph_view_cpu.h"
-#include "graphs/views/graph_view_gfx.h"
-#include "graphs/views/graph_view_io.h"
-#include "graphs/views/graph_view_load.h"
-#include "graphs/views/graph_view_mem.h"
-#include "graphs/views/graph_view_net.h"
-#include "graphs/views/graph_view_power.h"
-#include "graphs/views/graph_view_proc.h"
 #include "graphs/views/graph_view_temperature.h"
 #include "sampling/system_stats.h"
 #include "sampling/temperature_collector.h"
@@ -200,9 +191,9 @@ void Dock::feedView() {
 }
 
 void Dock::feed(GraphView* view) {
-  if (auto* cpu = qobject_cast<GraphViewCPU*>(view)) {
+  if (auto* cpu = dynamic_cast<GraphViewCPU*>(view)) {
     cpu->update(m_total_cpu, true);
-  } else if (auto* gfx = qobject_cast<GraphViewGFX*>(view)) {
+  } else if (auto* gfx = dynamic_cast<GraphViewGFX*>(view)) {
     // The first card by name, so the choice stays put from sample to sample.
     const auto history = m_active_gfx.empty() ? m_gfx.end() : m_gfx.find(*m_active_gfx.begin());
     if (history != m_gfx.end()) {
@@ -211,23 +202,22 @@ void Dock::feed(GraphView* view) {
     } else {
       gfx->update(std::vector<graphicsCardStats>{});
     }
-  } else if (auto* io = qobject_cast<GraphViewIO*>(view)) {
+  } else if (auto* io = dynamic_cast<GraphViewIO*>(view)) {
     const SystemStatsWindow* window = SystemStatsWindow::instance();
-    io->setDataRate(window == nullptr || window->showDataIO());
-    io->update(m_io);
-  } else if (auto* load = qobject_cast<GraphViewLoad*>(view)) {
+    io->update(m_io, window == nullptr || window->showDataIO());
+  } else if (auto* load = dynamic_cast<GraphViewLoad*>(view)) {
     load->update(m_load);
-  } else if (auto* mem = qobject_cast<GraphViewMEM*>(view)) {
+  } else if (auto* mem = dynamic_cast<GraphViewMEM*>(view)) {
     mem->update(m_mem, m_sampler.pageSize());
-  } else if (auto* net = qobject_cast<GraphViewNet*>(view)) {
+  } else if (auto* net = dynamic_cast<GraphViewNet*>(view)) {
     net->update(m_net);
-  } else if (auto* power = qobject_cast<GraphViewPower*>(view)) {
+  } else if (auto* power = dynamic_cast<GraphViewPower*>(view)) {
     power->update(m_power);
-  } else if (auto* proc = qobject_cast<GraphViewProc*>(view)) {
+  } else if (auto* proc = dynamic_cast<GraphViewProc*>(view)) {
     proc->update(m_proc);
-  } else if (auto* temp = qobject_cast<GraphViewTemperature*>(view)) {
+  } else if (auto* temp = dynamic_cast<GraphViewTemperature*>(view)) {
     temp->update(m_cpu_temp);
-  } else if (auto* battery = qobject_cast<GraphViewBattery*>(view)) {
+  } else if (auto* battery = dynamic_cast<GraphViewBattery*>(view)) {
     battery->update(m_battery);
   }
 }

@@ -19,16 +19,6 @@
 #include "app/desktop_scheme.h"
 #include "app/sampler_client_link.h"
 #include "app/window_frame.h"
-#include "graphs/views/graph_view_cpu.h"
-#include "graphs/views/graph_view_battery.h"
-#include "graphs/views/graph_view_fan.h"
-#include "graphs/views/graph_view_gfx.h"
-#include "graphs/views/graph_view_io.h"
-#include "graphs/views/graph_view_load.h"
-#include "graphs/views/graph_view_mem.h"
-#include "graphs/views/graph_view_net.h"
-#include "graphs/views/graph_view_power.h"
-#include "graphs/views/graph_view_proc.h"
 #include "graphs/views/graph_view_temperature.h"
 #include "sampling/cpu_collector.h"
 #include "sampling/system_stats.h"
@@ -366,7 +356,6 @@ void SystemStatsWindow::appendSample(const SampleSet& sample) {
   for (const auto& disk : sample.dsk_stats) {
     appendCapped(m_dsk[disk.bsdname], disk.stats, kHistoryLimit);
     m_disk_names[disk.bsdname] = disk.name;
-    m_disk_numbers[disk.bsdname] = disk.diskno;
   }
   for (const auto& intf : sample.net_stats) appendCapped(m_net[intf.intf], intf.stats, kHistoryLimit);
   for (const auto& card : sample.gfx_cards) appendCapped(m_gfx[card.name], card.stats, kHistoryLimit);
@@ -390,7 +379,6 @@ void SystemStatsWindow::dropVanishedDevices(const SampleSet& sample) {
   for (const auto& card : sample.gfx_cards) cards.insert(card.name);
   keepOnly(m_dsk, disks);
   keepOnly(m_disk_names, disks);
-  keepOnly(m_disk_numbers, disks);
   keepOnly(m_net, intfs);
   for (const auto& name : cards) m_gfx_missed[name] = 0;
   std::erase_if(m_gfx, [&](const auto& entry) {
@@ -422,8 +410,7 @@ void SystemStatsWindow::updateGraphs() {
   for (size_t i = 0; i < m_cpu_views.size(); ++i) m_cpu_views[i]->update(m_cpu[m_cpu_view_index[i]], false);
   for (size_t i = 0; i < m_fan_views_list.size() && i < m_fan.size(); ++i) m_fan_views_list[i]->update(m_fan[i]);
   for (auto& [name, view] : m_disk_views) {
-    view->setDataRate(showDataIO());
-    if (auto it = m_dsk.find(name); it != m_dsk.end()) view->update(it->second);
+    if (auto it = m_dsk.find(name); it != m_dsk.end()) view->update(it->second, showDataIO());
   }
   for (auto& [name, view] : m_intf_views) {
     if (auto it = m_net.find(name); it != m_net.end()) view->update(it->second);
@@ -432,8 +419,7 @@ void SystemStatsWindow::updateGraphs() {
     if (auto it = m_gfx.find(name); it != m_gfx.end()) view->update(it->second);
   }
   m_mem_view->update(m_mem, m_sampler.pageSize());
-  m_io_view->setDataRate(showDataIO());
-  m_io_view->update(m_io);
+  m_io_view->update(m_io, showDataIO());
   m_proc_view->update(m_proc);
   m_load_view->update(m_load);
   m_power_view->update(m_power);
@@ -480,7 +466,7 @@ void SystemStatsWindow::syncDisks() {
     view->setLabel(tr("Disk I/O: %1").arg(label));
     view->setLabelFont(m_font);
     view->setMinimumWidth(120);
-    view->setDisk(m_disk_numbers[bsdname], qs(bsdname));
+    view->setDevice(qs(bsdname));
     return view;
   });
 }
@@ -491,7 +477,7 @@ void SystemStatsWindow::syncInterfaces() {
     view->setLabel(tr("Network: %1").arg(qs(name)));
     view->setLabelFont(m_font);
     view->setMinimumWidth(120);
-    view->setInterface(qs(name));
+    view->setDevice(qs(name));
     return view;
   });
 }

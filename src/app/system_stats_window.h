@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "graphs/graph_switches.h"
+#include "graphs/views/kind_graph_view.h"
 #include "sampling/sample_records.h"
 #include "support/sys_root.h"
 #include "support/timeval.h"
@@ -28,16 +29,6 @@ namespace pelmora {
 
 class DefaultSettings;
 class GraphView;
-class GraphViewBattery;
-class GraphViewCPU;
-class GraphViewFan;
-class GraphViewGFX;
-class GraphViewIO;
-class GraphViewLoad;
-class GraphViewMEM;
-class GraphViewNet;
-class GraphViewPower;
-class GraphViewProc;
 class GraphViewTemperature;
 class SamplerClientLink;
 class SystemStats;
@@ -184,7 +175,6 @@ class SystemStatsWindow : public QMainWindow {
 
   std::map<std::string, GraphViewIO*> m_disk_views;
   std::map<std::string, std::string> m_disk_names;  // kernel name -> vendor and model
-  std::map<std::string, int64_t> m_disk_numbers;    // kernel name -> disk number
   std::map<std::string, GraphViewNet*> m_intf_views;
   std::map<std::string, GraphViewGFX*> m_gpu_views;
   std::vector<GraphViewFan*> m_fan_views_list;

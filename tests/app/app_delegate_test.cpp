@@ -21,7 +21,7 @@
 #include "app/process_table_model.h"
 #include "app/status_bar_controller.h"
 #include "graphs/graph_switches.h"
-#include "graphs/views/graph_view_proc.h"
+#include "graphs/views/kind_graph_view.h"
 #include "process_control/proc_settings.h"
 #include "support/timeval.h"
 #include "support/broadcast.h"
@@ -69,7 +69,9 @@ TEST(AppDelegateTest, TheStatisticsWindowCountsTheProcessesOfTheLimitersTable) {
   const procstat counts = rig.sampler->snapshot().proc_stats;
   EXPECT_EQ(counts.user + counts.system + counts.other, static_cast<int64_t>(table.size()));
   EXPECT_GE(getuid() == 0 ? counts.system : counts.user, 1);
-  auto* view = SystemStatsWindow::instance()->findChild<GraphViewProc*>();
+  GraphViewProc* view = nullptr;
+  for (GraphView* graph : SystemStatsWindow::instance()->findChildren<GraphView*>())
+    if (auto* proc = dynamic_cast<GraphViewProc*>(graph)) view = proc;
   ASSERT_NE(view, nullptr);
   const std::string shown = view->labelText().toStdString();
   const std::string mine = getuid() == 0 ? "System: " + std::to_string(counts.system)

@@ -9,9 +9,7 @@
 
 #include "app/dock.h"
 #include "app/system_stats_window.h"
-#include "graphs/views/graph_view_cpu.h"
-#include "graphs/views/graph_view_gfx.h"
-#include "graphs/views/graph_view_io.h"
+#include "graphs/views/graph_view_temperature.h"
 #include "stats_test_support.h"
 #include "support/timeval.h"
 
@@ -42,14 +40,14 @@ class DockTest : public ::testing::Test {
 TEST_F(DockTest, EachKindShowsItsGraphAndLabel) {
   const struct {
     Kind display;
-    const char* view_class;
+    GraphClass graph;
     QString label;
   } cases[] = {
-      {Kind::CPU, "GraphViewCPU", "System CPU: (%)"},       {Kind::DiskIO, "GraphViewIO", "Total Disk I/O:\n"},
-      {Kind::GPU, "GraphViewGFX", "GPU: Arc"},              {Kind::LoadAvg, "GraphViewLoad", "Load Average:"},
-      {Kind::Memory, "GraphViewMEM", "System Memory:"},     {Kind::Network, "GraphViewNet", "Total Network:"},
-      {Kind::Power, "GraphViewPower", "Power:"},            {Kind::Processes, "GraphViewProc", "Processes:"},
-      {Kind::Temperature, "GraphViewTemperature", "CPU Temp:"}, {Kind::Battery, "GraphViewBattery", "Battery:"},
+      {Kind::CPU, GraphClass::cpu, "System CPU: (%)"},       {Kind::DiskIO, GraphClass::io, "Total Disk I/O:\n"},
+      {Kind::GPU, GraphClass::gfx, "GPU: Arc"},              {Kind::LoadAvg, GraphClass::load, "Load Average:"},
+      {Kind::Memory, GraphClass::mem, "System Memory:"},     {Kind::Network, GraphClass::net, "Total Network:"},
+      {Kind::Power, GraphClass::power, "Power:"},            {Kind::Processes, GraphClass::proc, "Processes:"},
+      {Kind::Temperature, GraphClass::temp, "CPU Temp:"},     {Kind::Battery, GraphClass::battery, "Battery:"},
   };
   Dock dock(*sampler, scratch.store());
   for (const auto& c : cases) {
@@ -57,7 +55,7 @@ TEST_F(DockTest, EachKindShowsItsGraphAndLabel) {
     dock.setDisplay(c.display);
     feed(dock, {4, {}, {}, {"Arc", "Xe"}, 0}, 3);
     ASSERT_NE(dock.view(), nullptr);
-    EXPECT_EQ(dock.view()->metaObject()->className(), "pelmora::" + std::string(c.view_class));
+    EXPECT_EQ(dock.view()->graphClass(), c.graph);
     EXPECT_EQ(dock.view()->label(), c.label);
     EXPECT_TRUE(dock.view()->displayDock());
     EXPECT_EQ(dock.view()->size(), QSize(Dock::kTileSize_px, Dock::kTileSize_px));
@@ -102,7 +100,7 @@ TEST_F(DockTest, HistoriesKeepTheNewest72) {
     // CPU, disk, load, memory, network, power, processes and the one GPU.
     EXPECT_EQ(dock.historyLengths(), std::vector<size_t>(8, c.expected));
     // The view was handed the capped history: one column per pair of samples.
-    EXPECT_EQ(qobject_cast<GraphViewCPU*>(dock.view())->utils().size(), c.expected - 1);
+    EXPECT_EQ(dynamic_cast<GraphViewCPU*>(dock.view())->model().columns.size(), c.expected - 1);
     dock.setDisplay(Kind::Icon);
   }
 }
@@ -117,7 +115,7 @@ TEST_F(DockTest, VanishedGpuLosesItsHistory) {
   EXPECT_EQ(dock.historyLengths().size(), 8u);
   EXPECT_EQ(dock.view()->label(), "GPU: Xe");
   feed(dock, {4, {}, {}, {}, 0}, 1);
-  EXPECT_EQ(qobject_cast<GraphViewGFX*>(dock.view())->gfxStats().size(), 0u);
+  EXPECT_EQ(dynamic_cast<GraphViewGFX*>(dock.view())->model().columns.size(), 0u);
 }
 
 TEST_F(DockTest, SwitchingKindsAttachesAndDetaches) {
@@ -250,15 +248,15 @@ TEST_F(DockTest, DiskGraphFollowsTheWindowsDataSelector) {
   Dock dock(*sampler, scratch.store());
   dock.setDisplay(Kind::DiskIO);
   feed(dock, {}, 5);
-  auto* io = qobject_cast<GraphViewIO*>(dock.view());
-  const double bytes_peak = io->maxIO();
+  auto* io = dynamic_cast<GraphViewIO*>(dock.view());
+  const double bytes_peak = io->model().max;
   scratch.store().saveBool("graph_show_data_io", false);
   SystemStatsWindow* window = SystemStatsWindow::openShared(*sampler, scratch.store());
   feed(dock, {}, 5);
-  EXPECT_LT(io->maxIO(), bytes_peak) << "operations are far fewer than bytes";
+  EXPECT_LT(io->model().max, bytes_peak) << "operations are far fewer than bytes";
   window->setShowDataIO(true);
   feed(dock, {}, 5);
-  EXPECT_EQ(io->maxIO(), bytes_peak);
+  EXPECT_EQ(io->model().max, bytes_peak);
   window->close();
   QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
 }

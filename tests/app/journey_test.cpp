@@ -29,7 +29,7 @@
 #include "common/child.h"
 #include "graphs/views/graph_legend.h"
 #include "graphs/views/graph_popover.h"
-#include "graphs/views/graph_view_cpu.h"
+#include "graphs/views/kind_graph_view.h"
 #include "helper_link/helper_transport.h"
 #include "support/proc_task_reader.h"
 #include "support/settings_keys.h"

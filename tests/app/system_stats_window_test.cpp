@@ -7,12 +7,6 @@
 #include <gtest/gtest.h>
 
 #include "app/system_stats_window.h"
-#include "graphs/views/graph_view_battery.h"
-#include "graphs/views/graph_view_cpu.h"
-#include "graphs/views/graph_view_fan.h"
-#include "graphs/views/graph_view_gfx.h"
-#include "graphs/views/graph_view_io.h"
-#include "graphs/views/graph_view_net.h"
 #include "graphs/views/graph_view_temperature.h"
 #include "stats_test_support.h"
 #include "support/timeval.h"
@@ -82,7 +76,7 @@ TEST_F(StatsWindowTest, ProcessorGridInTheWindow) {
       EXPECT_EQ(cells->orientation(), Qt::Vertical);
       ASSERT_EQ(cells->count(), c.rows);
       for (int row = 0; row < cells->count(); ++row) {
-        if (qobject_cast<GraphViewCPU*>(cells->widget(row))) {
+        if (dynamic_cast<GraphViewCPU*>(cells->widget(row))) {
           ++graphs;
         } else {
           ++fillers;
@@ -180,8 +174,8 @@ TEST_F(StatsWindowTest, GpuHistoryOutlivesMissedSamples) {
   feed(*window, both, 20 + kept, 30 + kept);
   ASSERT_EQ(keys(window->gpuViews()), (std::vector<std::string>{"GeForce", "Radeon"}));
   // GeForce's 20 samples before the gap and 10 after it: nothing was cleared.
-  EXPECT_EQ(window->gpuViews().at("GeForce")->gfxStats().size(), 30u);
-  EXPECT_EQ(window->gpuViews().at("Radeon")->gfxStats().size(), static_cast<size_t>(30 + kept));
+  EXPECT_EQ(window->gpuViews().at("GeForce")->model().columns.size(), 30u);
+  EXPECT_EQ(window->gpuViews().at("Radeon")->model().columns.size(), static_cast<size_t>(30 + kept));
   feed(*window, radeon, 30 + kept, 31 + 2 * kept);
   EXPECT_EQ(keys(window->gpuViews()), (std::vector<std::string>{"Radeon"}));
   window->close();
@@ -222,7 +216,7 @@ TEST_F(StatsWindowTest, LongRunKeepsEveryHistoryCapped) {
   const size_t series = 4 + 1 + 2 + 2 + 1 + 1 + 5;
   EXPECT_EQ(window->heldSamples(), series * SystemStatsWindow::kHistoryLimit);
   // The graphs were handed the capped history: one column per pair of samples.
-  EXPECT_EQ(window->totalCpuView()->utils().size(), SystemStatsWindow::kHistoryLimit - 1);
+  EXPECT_EQ(window->totalCpuView()->model().columns.size(), SystemStatsWindow::kHistoryLimit - 1);
   // A device that vanishes takes its history with it (a GPU once it stayed away a while).
   feed(*window, {4, {"sda"}, {}, {}, 0}, 5000, 5001 + SystemStatsWindow::kGpuMissedSamplesKept);
   // 4 processors, the total, sda and the five machine-wide series; sdb, the interface, the GPU and

@@ -20,17 +20,8 @@
 #include "common/temp_dir.h"
 #include "graphs/views/graph_legend.h"
 #include "graphs/views/graph_popover.h"
-#include "graphs/views/graph_view_battery.h"
-#include "graphs/views/graph_view_cpu.h"
-#include "graphs/views/graph_view_fan.h"
-#include "graphs/views/graph_view_gfx.h"
-#include "graphs/views/graph_view_io.h"
-#include "graphs/views/graph_view_load.h"
-#include "graphs/views/graph_view_mem.h"
-#include "graphs/views/graph_view_net.h"
-#include "graphs/views/graph_view_power.h"
-#include "graphs/views/graph_view_proc.h"
 #include "graphs/views/graph_view_temperature.h"
+#include "graphs/views/kind_graph_view.h"
 #include "graphs/views/preferences_graph.h"
 #include "graphs/views/text_display.h"
 #include "support/default_settings.h"
@@ -181,76 +172,92 @@ TEST_F(GraphWidgetTest, GridsAreDrawnUnderTheSeriesOnlyWhenSwitchedOn) {
   EXPECT_EQ(greyPixels(), 0);
 }
 
-TEST_F(GraphWidgetTest, CurrentValueTexts) {
-  GraphViewCPU core, total;
-  core.setLabel("Util(%): 3 CPU");
-  total.setLabel("System CPU:(%)");
-  core.update(halfBusy(3), false);
-  total.update(halfBusy(3), true);
-  EXPECT_EQ(core.labelText(), "Util(%): 3 CPU\nCurrent: 50.0 %\nFrequency: 1001 MHz");  // one sample behind
-  EXPECT_EQ(total.labelText(), "System CPU:(%)\nCurrent: 50.0 %");
-  GraphSwitches::current().show_current = false;
-  EXPECT_EQ(core.labelText(), "Util(%): 3 CPU");
-
-  GraphSwitches::current().show_current = true;
-  GraphViewNet net;
-  net.resize(100, 40);
-  net.update({{0, 0}, {1000, 250}, {3000, 500}});
-  EXPECT_DOUBLE_EQ(net.maxBps(), 2000);
-  EXPECT_EQ(net.labelText(), "\nIn: 16.0 kbit/s\nOut: 2.0 kbit/s\nPeak: 16.0 kbit/s");
-
-  GraphViewLoad load;
-  load.resize(100, 40);
-  load.update(std::vector<loadAverage>(72, loadAverage{1, 2, 4}));
-  EXPECT_EQ(load.loadAvg().size(), 51u);
-  EXPECT_EQ(load.labelText(), "\n1 Min: 1.00  5 Min: 2.00  15 Min: 4.00\nPeak: 4.00");
+// A view of one kind, labelled "L" in a window's size; fed known samples unless `fed` is false.
+template <typename View, typename... Inputs>
+std::function<std::unique_ptr<GraphView>(bool)> viewOf(Inputs... inputs) {
+  return [=](bool fed) -> std::unique_ptr<GraphView> {
+    auto view = std::make_unique<View>();
+    view->resize(300, 100);
+    view->setLabel("L");
+    if (fed) view->update(inputs...);
+    return view;
+  };
 }
 
-TEST_F(GraphWidgetTest, EveryClassCaptionsItsNewestValuesAndNothingWhenSwitchedOff) {
-  GraphViewMEM mem;
-  GraphViewGFX gfx;
-  GraphViewIO io;
-  GraphViewProc proc;
-  GraphViewPower power;
-  GraphViewFan fan;
-  const std::vector<GraphView*> views = {&mem, &gfx, &io, &proc, &power, &fan};
-  for (GraphView* view : views) {
-    view->resize(100, 40);
-    view->setLabel("L");
+// Each kind as a user meets it: the legend a click opens, the caption before the first sample and
+// after known samples (in a window and in the live icon's tile), and the top of the scale under the data.
+TEST_F(GraphWidgetTest, EveryKindsLegendCaptionAndScale) {
+  const std::vector<std::vector<temperatureStats>> temps(60, {{"coretemp Package id 0", "cpu", 55000, 100000, 80000},
+                                                              {"nvme Composite", "disk", 44000, 0, 0}});
+  const std::vector<batteryStats> battery{{"BAT0", "", "discharging", 63.0, 9.8, 12266, 0, 92.98, 187}};
+  const std::vector<ioStats> io{{0, 0, 0, 0}, {1536, 512, 1500, 500}, {3072, 2048, 2000, 1500}};
+  const struct {
+    const char* kind;
+    std::function<std::unique_ptr<GraphView>(bool)> make;
+    QStringList legend;  // the title, then one row per series
+    const char* before;  // nullptr: not checked
+    const char* after;
+    const char* dock;    // nullptr: as in a window
+    const char* top;     // "": no scale shown
+  } kinds[] = {
+      {"processor", viewOf<GraphViewCPU>(halfBusy(3), false), {"CPU Utilisation (%)", "User:", "System:"},
+       "L\nCurrent: —\nFrequency: —", "L\nCurrent: 50.0 %\nFrequency: 1001 MHz", nullptr, "100 %"},  // one sample behind
+      {"whole system", viewOf<GraphViewCPU>(halfBusy(3), true), {"CPU Utilisation (%)", "User:", "System:"}, nullptr,
+       "L\nCurrent: 50.0 %", nullptr, "100 %"},
+      {"memory", viewOf<GraphViewMEM>(std::vector<memoryStats>{{1, 1, 1, 1}, {256, 128, 0, 128}}, int64_t{4096}),
+       {"Memory Usage", "Inactive:", "Active:", "Wired:"}, "L\nFree: —", "L\nFree: 1.0 MiB", nullptr, "2.0 MiB"},
+      {"disk operations", viewOf<GraphViewIO>(io, false), {"Disk I/O", "Read/sec:", "Write/sec:"},
+       "L\nRead: —\nWrite: —", "L\nRead: 500 IO/s\nWrite: 1.0 kIO/s\nPeak: 1.5 kIO/s", nullptr, "1.5 kIO/s"},
+      {"disk bytes", viewOf<GraphViewIO>(io, true), {"Disk I/O", "Read/sec:", "Write/sec:"}, nullptr,
+       "L\nRead: 1.5 KiB/s\nWrite: 1.5 KiB/s\nPeak: 1.5 KiB/s", nullptr, "1.5 KiB/s"},
+      {"network", viewOf<GraphViewNet>(std::vector<netStats>{{0, 0}, {1000, 250}, {3000, 500}}),
+       {"Network I/O", "bps in:", "bps out:", "avg bps in:", "avg bps out:"}, "L\nIn: —\nOut: —",
+       "L\nIn: 16.0 kbit/s\nOut: 2.0 kbit/s\nPeak: 16.0 kbit/s", nullptr, "16.0 kbit/s"},
+      {"load", viewOf<GraphViewLoad>(std::vector<loadAverage>(72, loadAverage{1, 2, 4})),
+       {"Load Average", "1 Minute:", "5 Minutes:", "15 Minutes:"}, "L\n1 Min: —",
+       "L\n1 Min: 1.00  5 Min: 2.00  15 Min: 4.00\nPeak: 4.00", nullptr, "4.00"},
+      {"processes", viewOf<GraphViewProc>(std::vector<procstat>{{10, 20, 5, 1}, {12, 25, 3, 0}}),
+       {"Process Counts", "Owned by me:", "System:", "Other:", "Translated:"}, "L\nMy Procs: —",
+       "L\nMy Procs: 12  System: 25\nOther: 3  Translated: 0", nullptr, "40"},
+      {"power", viewOf<GraphViewPower>(std::vector<powerStats>{{12.5, 5, 1, true}, {8.25, 3, 1, true}}),
+       {"Power (W)", "Total:", "CPU:", "GPU:"}, "L\nTotal: —", "L\nTotal: 8.3 W\nPeak: 12.5 W", nullptr, "12.5 W"},
+      // A machine without a readable power source: said so, not drawn as "0.00 W".
+      {"no power sensor", viewOf<GraphViewPower>(std::vector<powerStats>{{0, 0, 0, false}, {0, 0, 0, false}}),
+       {"Power (W)", "Total:", "CPU:", "GPU:"}, nullptr, "L\nno power sensor", nullptr, ""},
+      {"fan", viewOf<GraphViewFan>(std::vector<fanStats>{{false, 3000, 6000, 1200}, {true, 4500, 6000, 1200}}),
+       {"Fan Speed(rpm)", "RPM:", "Max RPM:", "Min RPM:"}, "L\nCurrent: —",
+       "L\nCurrent: 4500 forced\nMaximum: 6000\nMinimum: 1200", nullptr, "6000 rpm"},
+      {"graphics card", viewOf<GraphViewGFX>(std::vector<graphicsCardStats>{{2048, 1024, 1024, 0, 37}}),
+       {"GPU Usage", "VRAM Used:", "Utilisation(%):"}, "L\nFree: —\nUtilisation: —",
+       "L\nFree: 1.0 KiB\nUtilisation: 37.0 %", nullptr, "100 %"},
+      // The live icon is too narrow for the sensor's name and a rate beside the state.
+      {"temperature", viewOf<GraphViewTemperature>(temps), {"Temperature (°C)", "Processor:", "GPU:", "Disk:"}, "L",
+       "L\ncoretemp Package id 0: 55.0 °C (critical 100)\nnvme Composite: 44.0 °C", "L\n55.0 °C\n44.0 °C",
+       "110 °C"},
+      {"battery", viewOf<GraphViewBattery>(battery), {"Battery", "Charge (%):", "Rate (W):"}, nullptr,
+       "L\n63% discharging  9.8 W\nEmpty in 3:24\nHealth: 93%", "L\n63% discharging\n9.8 W\nEmpty in 3:24", "100 %"},
+  };
+  for (const auto& k : kinds) {
+    SCOPED_TRACE(k.kind);
+    GraphSwitches::current().show_current = true;
+    if (k.before) {
+      EXPECT_EQ(k.make(false)->labelText().toStdString(), k.before);
+    }
+    auto view = k.make(true);
+    EXPECT_EQ(view->labelText().toStdString(), k.after);
+    const QString axis = view->axisText();
+    EXPECT_EQ(axis.section("\ttop: ", 1).toStdString(), k.top) << axis.toStdString();
+    view->openLegend();
+    QStringList legend{view->legend()->title()};
+    for (int row = 0; row < GraphLegend::kRows && view->legend()->label(row)->isVisibleTo(view->legend()); ++row)
+      legend << view->legend()->label(row)->text();
+    EXPECT_EQ(legend, k.legend);
+    view->popover()->hide();
+    view->setDisplayDock(true);
+    EXPECT_EQ(view->labelText().toStdString(), k.dock ? k.dock : k.after);
+    GraphSwitches::current().show_current = false;
+    EXPECT_EQ(view->labelText(), "L");
   }
-  // Before the first sample every value reads a dash, never a zero that was not measured.
-  const char* before[] = {
-      "L\nFree: —", "L\nFree: —\nUtilisation: —", "L\nRead: —\nWrite: —", "L\nMy Procs: —", "L\nTotal: —",
-      "L\nCurrent: —",
-  };
-  for (size_t k = 0; k < views.size(); ++k) EXPECT_EQ(views[k]->labelText().toStdString(), before[k]);
-  GraphViewCPU cpu;
-  GraphViewNet net;
-  GraphViewLoad load;
-  EXPECT_EQ(cpu.labelText().toStdString(), "\nCurrent: —\nFrequency: —");
-  EXPECT_EQ(net.labelText().toStdString(), "\nIn: —\nOut: —");
-  EXPECT_EQ(load.labelText().toStdString(), "\n1 Min: —");
-
-  mem.update({{1, 1, 1, 1}, {256, 128, 0, 128}}, 4096);  // half of 2 MiB free
-  gfx.update({{2048, 1024, 1024, 0, 37}});
-  io.update({{0, 0, 0, 0}, {0, 0, 1500, 500}, {0, 0, 2000, 1500}});
-  proc.update({{10, 20, 5, 1}, {12, 25, 3, 0}});
-  power.update({{12.5, 5, 1, true}, {8.25, 3, 1, true}});
-  fan.update({{false, 3000, 6000, 1200}, {true, 4500, 6000, 1200}});
-  const char* expected[] = {
-      "L\nFree: 1.0 MiB",
-      "L\nFree: 1.0 KiB\nUtilisation: 37.0 %",
-      "L\nRead: 500 IO/s\nWrite: 1.0 kIO/s\nPeak: 1.5 kIO/s",
-      "L\nMy Procs: 12  System: 25\nOther: 3  Translated: 0",
-      "L\nTotal: 8.3 W\nPeak: 12.5 W",
-      "L\nCurrent: 4500 forced\nMaximum: 6000\nMinimum: 1200",
-  };
-  for (size_t k = 0; k < views.size(); ++k) EXPECT_EQ(views[k]->labelText().toStdString(), expected[k]);
-  // A machine without a readable power source: said so, not drawn as "0.00 W".
-  power.update({{0, 0, 0, false}, {0, 0, 0, false}});
-  EXPECT_EQ(power.labelText().toStdString(), "L\nno power sensor");
-  GraphSwitches::current().show_current = false;
-  for (GraphView* view : views) EXPECT_EQ(view->labelText(), "L");
 }
 
 TEST_F(GraphWidgetTest, OneLegendPerClickUntilItClosesAndColoursAreSavedUnderTheClassKey) {
@@ -290,14 +297,14 @@ TEST_F(GraphWidgetTest, OneLegendPerClickUntilItClosesAndColoursAreSavedUnderThe
 
 TEST_F(GraphWidgetTest, TheInterfaceAndVolumesPopoversLiveBesideTheLegend) {
   GraphViewNet net;
-  net.setInterface("lo");
+  net.setDevice("lo");
   GraphViewIO disk;
   struct Case {
     GraphView* view;
     std::function<GraphPopover*()> second;
     const char* title;
-  } cases[] = {{&net, [&] { return net.ifconfigPopover(); }, "ifconfig"},
-               {&disk, [&] { return disk.volumesPopover(); }, "Volumes"}};
+  } cases[] = {{&net, [&] { return net.detailsPopover(); }, "ifconfig"},
+               {&disk, [&] { return disk.detailsPopover(); }, "Volumes"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.title);
     c.view->resize(100, 50);
@@ -440,15 +447,12 @@ TEST_F(GraphWidgetTest, TemperatureSensorsChosenFromTheMenuAreSavedAndReadBack) 
   EXPECT_EQ(next.columns().names, (std::array<std::string, 3>{"iwlwifi_1", "", ""}));
 }
 
-TEST_F(GraphWidgetTest, TemperatureLinesWithTheirCriticalMarksAndTheBatteryState) {
+TEST_F(GraphWidgetTest, TemperatureLinesWithTheirCriticalMarks) {
   GraphViewTemperature temp;
   temp.resize(100, 50);
-  temp.setLabel("L");
   std::vector<std::vector<temperatureStats>> history(60, {{"coretemp Package id 0", "cpu", 55000, 100000, 80000},
                                                           {"nvme Composite", "disk", 44000, 0, 0}});
   temp.update(history);
-  EXPECT_EQ(temp.labelText().toStdString(),
-            "L\ncoretemp Package id 0: 55.0 \u00b0C (critical 100)\nnvme Composite: 44.0 \u00b0C");
   const QImage image = temp.grab().toImage();
   // Scale 110 °C, H - 1 = 49: the processor's 100 °C mark lies 5.5 rows below the top, dashed in its red.
   int red_in_mark_rows = 0;
@@ -460,29 +464,6 @@ TEST_F(GraphWidgetTest, TemperatureLinesWithTheirCriticalMarksAndTheBatteryState
   // The disk line at 44 / 110 of the height in its blue; no mark where the disk has no limit.
   EXPECT_TRUE(near(image.pixelColor(95, 50 - 20), toQColor(system_colors::blue), 60))
       << image.pixelColor(95, 30).name().toStdString();
-
-  GraphViewBattery battery;
-  battery.resize(100, 50);
-  battery.setLabel("L");
-  battery.update({{"BAT0", "", "discharging", 63.0, 9.8, 12266, 0, 92.98, 187}});
-  EXPECT_EQ(battery.labelText().toStdString(), "L\n63% discharging  9.8 W\nEmpty in 3:24\nHealth: 93%");
-  // The live icon is too narrow for the sensor's name and a rate beside the state.
-  temp.setDisplayDock(true);
-  battery.setDisplayDock(true);
-  EXPECT_EQ(temp.labelText().toStdString(), "L\n55.0 \u00b0C\n44.0 \u00b0C");
-  EXPECT_EQ(battery.labelText().toStdString(), "L\n63% discharging\n9.8 W\nEmpty in 3:24");
-  // A window's graphs print the top of their scale under the data.
-  for (GraphView* view : {static_cast<GraphView*>(&temp), static_cast<GraphView*>(&battery)}) {
-    view->setDisplayDock(false);
-    view->resize(300, 100);
-  }
-  temp.update(history);
-  battery.update({{"BAT0", "", "discharging", 63.0, 9.8, 12266, 0, 92.98, 187}});
-  EXPECT_TRUE(temp.axisText().endsWith("top: 110 \u00b0C")) << temp.axisText().toStdString();
-  EXPECT_TRUE(battery.axisText().endsWith("top: 100 %")) << battery.axisText().toStdString();
-  GraphSwitches::current().show_current = false;
-  EXPECT_EQ(temp.labelText(), "L");
-  EXPECT_EQ(battery.labelText(), "L");
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include "graphs/value_formatter.h"
 #include "graphs/views/graph_legend.h"
 #include "graphs/views/graph_popover.h"
+#include "graphs/views/text_display.h"
 #include "sampling/system_stats.h"
 #include "support/default_settings.h"
 
@@ -39,12 +40,15 @@ GraphView::GraphView(GraphClass graph, QWidget* parent) : QWidget(parent), m_gra
 }
 
 GraphView::~GraphView() {
+  // Their closing must not call back into a view that is half destroyed.
+  if (m_details_popover) m_details_popover->disconnect(this);
   if (m_popover) m_popover->disconnect(this);
   delete m_popover;  // owns the legend
 }
 
 GraphLegend* GraphView::legend() const { return m_legend; }
 GraphPopover* GraphView::popover() const { return m_popover; }
+GraphPopover* GraphView::detailsPopover() const { return m_details_popover; }
 
 void GraphView::setSettingsStore(DefaultSettings* store) { g_store = store; }
 
@@ -217,9 +221,10 @@ void GraphView::drawAxis(QPainter& painter) {
 }
 
 void GraphView::mousePressEvent(QMouseEvent* event) {
+  if (!rect().contains(event->position().toPoint())) return;
   // The other buttons are the context menu's, where a graph has one.
-  if (event->button() != Qt::LeftButton || !rect().contains(event->position().toPoint())) return;
-  openLegend();
+  if (event->button() == Qt::LeftButton) openLegend();
+  if (event->button() == Qt::RightButton) openDetails();
 }
 
 void GraphView::openLegend() {
@@ -227,19 +232,29 @@ void GraphView::openLegend() {
     auto* legend = new GraphLegend();
     m_popover = new GraphPopover(tr("Legend"), legend, this);
     m_legend = legend;
-    connect(m_popover, &GraphPopover::closed, this, [this](GraphPopover* p) { legendClosed(p); });
+    connect(m_popover, &GraphPopover::closed, this, &GraphView::popoverClosed);
   }
   updateLegend();
   if (m_popover->isVisible()) return;
   m_popover->showNextTo(this);
 }
 
-void GraphView::legendClosed(GraphPopover* popover) {
-  if (popover != m_popover || !m_legend) return;
-  m_popover->disconnect(this);
-  m_popover->deleteLater();
-  m_popover = nullptr;
-  m_legend = nullptr;
+void GraphView::openDetails() {
+  if (!m_details) return;
+  if (!m_details_popover) {
+    auto* text = new TextDisplay(TextDisplay::toolOutput(m_details->program, m_details->arguments));
+    m_details_popover = new GraphPopover(m_details->title, text, this);
+    connect(m_details_popover, &GraphPopover::closed, this, &GraphView::popoverClosed);
+  }
+  if (!m_details_popover->isVisible()) m_details_popover->showNextTo(this);
+}
+
+void GraphView::popoverClosed(GraphPopover* popover) {
+  if (!popover || (popover != m_popover && popover != m_details_popover)) return;
+  popover->disconnect(this);
+  popover->deleteLater();
+  if (popover == m_popover) m_legend = nullptr;
+  (popover == m_popover ? m_popover : m_details_popover) = nullptr;
 }
 
 void GraphView::setUpLegend(const QString& title, const QStringList& labels) {

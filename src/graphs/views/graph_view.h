@@ -1,8 +1,9 @@
 #pragma once
 // The base of every time-series graph: background, dashed grids, the series drawn by the subclass,
 // the label with its current values, the rounded frame when shown as the live icon, the pointing-hand
-// cursor and the legend that pops up on a click. A view has no timers: its owner hands it the whole
-// history (the subclass's update) and it repaints. Painting reads no settings but the graph
+// cursor, the legend that pops up on a click and a tool's output on a right click where the graph has
+// one. A view has no timers: its owner hands it the whole history (the subclass's update) and it
+// repaints. Painting reads no settings but the graph
 // preferences' switches (GraphSwitches::current()) and builds every path afresh. Main thread only.
 #include <QFont>
 #include <QPointer>
@@ -16,6 +17,7 @@
 #include "graphs/graph_geometry.h"
 #include "graphs/graph_palette.h"
 #include "graphs/graph_switches.h"
+#include "graphs/views/graph_kind.h"
 
 class QPainter;
 
@@ -35,6 +37,8 @@ class GraphView : public QWidget {
 
   GraphView(GraphClass graph, QWidget* parent = nullptr);
   ~GraphView() override;
+  // The kind of graph: its colours' key, and what the live icon shows.
+  GraphClass graphClass() const { return m_graph; }
 
   void setLabel(const QString& label);
   const QString& label() const { return m_label; }
@@ -63,10 +67,20 @@ class GraphView : public QWidget {
   GraphPopover* popover() const;
   // What a click does: builds the legend when there is none, refreshes it and shows it.
   void openLegend();
+  // What a right click shows beside the legend: the tool's output, run when the popover opens.
+  void setDetails(GraphDetails details) { m_details = std::move(details); }
+  GraphPopover* detailsPopover() const;
+  void openDetails();
 
   // Where colours are saved (the user's settings unless a test says otherwise).
   static void setSettingsStore(DefaultSettings* store);
   static DefaultSettings& settingsStore();
+
+  // What a value reads before the first sample: a dash, never a made-up zero.
+  static QString pending() { return QStringLiteral("—"); }
+  // A number in the user's locale, and a value scaled to a unit prefix.
+  static QString number(double value, int decimals);
+  static QString formatted(double value, int base, int decimals, const QString& unit);
 
  protected:
   virtual void updateLegend() {}
@@ -74,18 +88,12 @@ class GraphView : public QWidget {
   virtual QString currentText() const { return {}; }
   // The value at the top of the graph ("100 %", "15.5 GiB", "12.0 Mbit/s"); empty when unknown.
   virtual QString scaleText() const { return {}; }
-  virtual void legendClosed(GraphPopover* popover);
 
   // Plots one series: value(i) is entry i as a fraction of full scale, the newest at the right edge.
   void plot(QPainter& painter, size_t series, size_t count, bool may_fill, double fill_factor,
             const std::function<double(size_t)>& value);
   // Fills the legend with the class's colours and a closure that stores and saves a new one.
   void setUpLegend(const QString& title, const QStringList& labels);
-  // What a value reads before the first sample: a dash, never a made-up zero.
-  static QString pending() { return QStringLiteral("—"); }
-  // A number in the user's locale, and a value scaled to a unit prefix.
-  static QString number(double value, int decimals);
-  static QString formatted(double value, int base, int decimals, const QString& unit);
   // Asks for a repaint (the subclasses' update hides QWidget::update); a caption that gained or lost
   // a line asks the layout for its new minimum height as well.
   void redraw();
@@ -99,6 +107,8 @@ class GraphView : public QWidget {
   void drawLabel(QPainter& painter);
   void drawAxis(QPainter& painter);
   void captionSizeChanged();
+  // A popover of this view that closed: it goes, and so does its content.
+  void popoverClosed(GraphPopover* popover);
   // The caption's lines with their inset, in pixels.
   int captionHeight() const;
   QColor backgroundColor() const;
@@ -107,6 +117,8 @@ class GraphView : public QWidget {
   const GraphClass m_graph;
   QPointer<GraphPopover> m_popover;
   QPointer<GraphLegend> m_legend;
+  std::optional<GraphDetails> m_details;
+  QPointer<GraphPopover> m_details_popover;
   QString m_label;
   std::optional<QFont> m_font;
   bool m_display_dock = false;

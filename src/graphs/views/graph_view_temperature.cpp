@@ -11,7 +11,7 @@
 
 namespace pelmora {
 
-GraphViewTemperature::GraphViewTemperature(QWidget* parent) : GraphView(GraphClass::temp, parent) {}
+GraphViewTemperature::GraphViewTemperature(QWidget* parent) : KindGraphView(parent) {}
 
 void GraphViewTemperature::update(const std::vector<std::vector<temperatureStats>>& history) {
   const size_t keep = std::min(visibleColumns(width()), history.size());
@@ -19,10 +19,7 @@ void GraphViewTemperature::update(const std::vector<std::vector<temperatureStats
   recompute();
 }
 
-void GraphViewTemperature::recompute() {
-  m_columns = temperatureColumns(m_visible, width(), m_choice);
-  redraw();
-}
+void GraphViewTemperature::recompute() { KindGraphView::update(m_visible, m_choice); }
 
 void GraphViewTemperature::setSensorChoice(const std::vector<std::string>& choice) {
   m_choice = choice;
@@ -31,13 +28,13 @@ void GraphViewTemperature::setSensorChoice(const std::vector<std::string>& choic
 }
 
 void GraphViewTemperature::showEvent(QShowEvent* event) {
-  GraphView::showEvent(event);
+  KindGraphView::showEvent(event);
   m_choice = keys::kGraphTempSensors.load(settingsStore());  // another window may have chosen
   recompute();
 }
 
 std::vector<std::string> GraphViewTemperature::toggled(const std::string& sensor, bool on) const {
-  std::vector<std::string> lines(m_columns.names.begin(), m_columns.names.end());
+  std::vector<std::string> lines(columns().names.begin(), columns().names.end());
   if (on) {
     auto free = std::find(lines.begin(), lines.end(), std::string());
     if (free != lines.end()) *free = sensor;
@@ -50,7 +47,7 @@ std::vector<std::string> GraphViewTemperature::toggled(const std::string& sensor
 
 QMenu* GraphViewTemperature::makeSensorMenu(QWidget* parent) {
   auto* menu = new QMenu(tr("Sensors"), parent);
-  const auto& drawn = m_columns.names;
+  const auto& drawn = columns().names;
   const auto lines =
       static_cast<size_t>(std::count_if(drawn.begin(), drawn.end(), [](const auto& n) { return !n.empty(); }));
   for (const auto& sensor : m_visible.empty() ? std::vector<temperatureStats>{} : m_visible.back()) {
@@ -78,54 +75,31 @@ void GraphViewTemperature::contextMenuEvent(QContextMenuEvent* event) {
   menu->popup(event->globalPos());
 }
 
-QString GraphViewTemperature::scaleText() const {
-  return m_columns.scale_C > 0 ? number(m_columns.scale_C, 0) + " \u00b0C" : QString();
-}
-
+// The default lines are named by their role; chosen ones by their sensor.
 void GraphViewTemperature::updateLegend() {
-  const QStringList roles{tr("Processor:"), tr("GPU:"), tr("Disk:")};
   QStringList labels;
-  // The default lines are named by their role; chosen ones by their sensor.
   for (size_t line = 0; line < kTemperatureRoles; ++line)
-    labels << (m_choice.empty() || m_columns.names[line].empty() ? roles[static_cast<qsizetype>(line)]
-                                                                 : QString::fromStdString(m_columns.names[line]) + ":");
-  setUpLegend(tr("Temperature (\u00b0C)"), labels);
+    labels << (m_choice.empty() || columns().names[line].empty() ? tr(kTemperatureGraph.series[line].label)
+                                                                 : QString::fromStdString(columns().names[line]) + ":");
+  setUpLegend(tr(kTemperatureGraph.title), labels);
 }
 
 void GraphViewTemperature::drawGraph(QPainter& painter) {
-  const auto& c = m_columns.columns;
+  // Each line with its own mark, so that the next line is drawn over both.
   for (size_t role = 0; role < kTemperatureRoles; ++role) {
-    if (!m_columns.present(static_cast<TemperatureRole>(role))) continue;
-    plot(painter, role, c.size(), role == 0, 0.75, [&](size_t i) { return c[i].value[role]; });
-    drawCriticalMark(painter, role);
+    drawSeries(painter, role);
+    if (columns().present(static_cast<TemperatureRole>(role))) drawCriticalMark(painter, role);
   }
 }
 
 void GraphViewTemperature::drawCriticalMark(QPainter& painter, size_t role) {
-  const double crit = m_columns.crit_C[role];
-  if (crit <= 0.0 || m_columns.scale_C <= 0.0) return;
-  const double y = height() - (height() - 1) * crit / m_columns.scale_C;
+  const double crit = columns().crit_C[role];
+  if (crit <= 0.0 || columns().scale_C <= 0.0) return;
+  const double y = height() - (height() - 1) * crit / columns().scale_C;
   const auto& colors = GraphPalette::colors(GraphClass::temp);
   QPen pen(toQColor(role < colors.size() ? colors[role] : system_colors::gray), 1.0, Qt::DashLine);
   painter.setPen(pen);
   painter.drawLine(QPointF(0, y), QPointF(width(), y));
-}
-
-QString GraphViewTemperature::currentText() const {
-  if (!GraphSwitches::current().show_current) return {};
-  QString text;
-  for (size_t role = 0; role < kTemperatureRoles; ++role) {
-    if (!m_columns.present(static_cast<TemperatureRole>(role))) continue;
-    // The live icon's label already says which sensor: its caption is the figure alone.
-    if (displayDock()) {
-      text += "\n" + number(m_columns.newest_C[role], 1) + " \u00b0C";
-      continue;
-    }
-    text += "\n" + QString::fromStdString(m_columns.names[role]) + ": " + number(m_columns.newest_C[role], 1) +
-            " \u00b0C";
-    if (m_columns.crit_C[role] > 0) text += " (" + tr("critical") + " " + number(m_columns.crit_C[role], 0) + ")";
-  }
-  return text;
 }
 
 }  // namespace pelmora

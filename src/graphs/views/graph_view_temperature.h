@@ -6,20 +6,19 @@
 #include <string>
 #include <vector>
 
-#include "graphs/thermal_columns.h"
-#include "graphs/views/graph_view.h"
+#include "graphs/views/kind_graph_view.h"
 
 class QMenu;
 
 namespace pelmora {
 
-class GraphViewTemperature : public GraphView {
+class GraphViewTemperature : public KindGraphView<kTemperatureGraph> {
   Q_OBJECT
  public:
   explicit GraphViewTemperature(QWidget* parent = nullptr);
   using QWidget::update;
   void update(const std::vector<std::vector<temperatureStats>>& history);
-  const TemperatureColumns& columns() const { return m_columns; }
+  const TemperatureColumns& columns() const { return model(); }
 
   // The sensor drawn in each line by name ("" leaves a line empty); empty: the default choice.
   // Saved, and the graph redrawn from the samples it holds.
@@ -31,8 +30,6 @@ class GraphViewTemperature : public GraphView {
  protected:
   void updateLegend() override;
   void drawGraph(QPainter& painter) override;
-  QString currentText() const override;
-  QString scaleText() const override;
   void contextMenuEvent(QContextMenuEvent* event) override;
   void showEvent(QShowEvent* event) override;
 
@@ -42,7 +39,6 @@ class GraphViewTemperature : public GraphView {
   std::vector<std::string> toggled(const std::string& sensor, bool on) const;
   void recompute();
 
-  TemperatureColumns m_columns;
   std::vector<std::vector<temperatureStats>> m_visible;  // the newest samples, as many as there are columns
   std::vector<std::string> m_choice;
 };
