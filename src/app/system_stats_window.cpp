@@ -22,8 +22,8 @@
 #include "graphs/views/graph_view_temperature.h"
 #include "sampling/cpu_collector.h"
 #include "sampling/system_stats.h"
-#include "support/settings_keys.h"
 #include "support/default_settings.h"
+#include "support/settings_keys.h"
 #include "support/text.h"
 
 namespace pelmora {

@@ -41,12 +41,13 @@ QString cpuCurrent(const CpuModel& m, bool) {
 }
 
 QString memCurrent(const MemModel& m, bool) {
-  return "\n" + field("Free:", m.columns.empty() ? GraphView::pending()
-                                                 : bytes(m.columns.back().free_count * m.total_bytes));
+  return "\n" +
+         field("Free:", m.columns.empty() ? GraphView::pending() : bytes(m.columns.back().free_count * m.total_bytes));
 }
 
 QString ioCurrent(const IoModel& m, bool) {
-  if (m.columns.empty()) return "\n" + field("Read:", GraphView::pending()) + "\n" + field("Write:", GraphView::pending());
+  if (m.columns.empty())
+    return "\n" + field("Read:", GraphView::pending()) + "\n" + field("Write:", GraphView::pending());
   return "\n" + field("Read:", ioRate(m, m.columns.back().reads)) + "\n" +
          field("Write:", ioRate(m, m.columns.back().writes)) + "\n" + field("Peak:", ioRate(m, 1.0));
 }
@@ -54,7 +55,8 @@ QString ioCurrent(const IoModel& m, bool) {
 QString netCurrent(const PeakColumns<bit_rate>& m, bool) {
   if (m.columns.empty()) return "\n" + field("In:", GraphView::pending()) + "\n" + field("Out:", GraphView::pending());
   return "\n" + field("In:", bitRate(m, m.columns.back().bps_in)) + "\n" +
-         field("Out:", bitRate(m, m.columns.back().bps_out)) + "\n" + field("Peak:", bitRate(m, m.max > 0.0 ? 1.0 : 0.0));
+         field("Out:", bitRate(m, m.columns.back().bps_out)) + "\n" +
+         field("Peak:", bitRate(m, m.max > 0.0 ? 1.0 : 0.0));
 }
 
 QString loadCurrent(const PeakColumns<load_column>& m, bool) {
@@ -95,7 +97,8 @@ QString fanCurrent(const FanColumns& m, bool) {
 }
 
 QString gfxCurrent(const GfxModel& m, bool) {
-  if (m.columns.empty()) return "\n" + field("Free:", GraphView::pending()) + "\n" + field("Utilisation:", GraphView::pending());
+  if (m.columns.empty())
+    return "\n" + field("Free:", GraphView::pending()) + "\n" + field("Utilisation:", GraphView::pending());
   const graphicsCardStats& newest = m.columns.back();
   return "\n" + field("Free:", bytes(static_cast<double>(newest.freeVRAM))) + "\n" +
          field("Utilisation:", number(static_cast<double>(newest.pctUtil), 1) + " %");
@@ -160,14 +163,19 @@ GraphDetails interfaceAddresses(const QString& interface) {
 }  // namespace
 
 const GraphKind<CpuModel, const std::vector<cpu_sample_t>&, bool> kCpuGraph{
-    GraphClass::cpu, "CPU Utilisation (%)",
+    GraphClass::cpu,
+    "CPU Utilisation (%)",
     {{"User:", 0.5, [](const cpu_util& u) { return u.pctUser + u.pctSystem; }},
      {"System:", 0.5, [](const cpu_util& u) { return u.pctSystem; }}},
-    [](double, const std::vector<cpu_sample_t>& history, bool total) { return CpuModel{cpuColumns(history), total}; },
-    cpuCurrent, [](const CpuModel&) { return fullScale(true); }};
+    [](double, const std::vector<cpu_sample_t>& history, bool total) {
+      return CpuModel{cpuColumns(history), total};
+    },
+    cpuCurrent,
+    [](const CpuModel&) { return fullScale(true); }};
 
 const GraphKind<MemModel, const std::vector<memoryStats>&, int64_t> kMemGraph{
-    GraphClass::mem, "Memory Usage",
+    GraphClass::mem,
+    "Memory Usage",
     {{"Inactive:", 0.75, [](const mem_stats& m) { return m.inactive_count + m.active_count + m.wire_count; }},
      {"Active:", 0.75, [](const mem_stats& m) { return m.active_count + m.wire_count; }},
      {"Wired:", 0.75, [](const mem_stats& m) { return m.wire_count; }}},
@@ -177,19 +185,24 @@ const GraphKind<MemModel, const std::vector<memoryStats>&, int64_t> kMemGraph{
       const int64_t pages = m.free_count + m.active_count + m.inactive_count + m.wire_count;
       return MemModel{memColumns(history), static_cast<double>(pages) * static_cast<double>(page_size_bytes)};
     },
-    memCurrent, [](const MemModel& m) { return m.total_bytes > 0.0 ? bytes(m.total_bytes) : QString(); }};
+    memCurrent,
+    [](const MemModel& m) { return m.total_bytes > 0.0 ? bytes(m.total_bytes) : QString(); }};
 
 const GraphKind<IoModel, const std::vector<ioStats>&, bool> kIoGraph{
-    GraphClass::io, "Disk I/O",
+    GraphClass::io,
+    "Disk I/O",
     {{"Read/sec:", 0.5, [](const io_rate& r) { return r.reads; }},
      {"Write/sec:", 0.0, [](const io_rate& r) { return r.writes; }}},
     [](double width_px, const std::vector<ioStats>& history, bool data_rate) {
       return IoModel{ioColumns(history, data_rate, width_px), data_rate};
     },
-    ioCurrent, [](const IoModel& m) { return m.max > 0.0 ? ioRate(m, 1.0) : QString(); }, diskVolumes};
+    ioCurrent,
+    [](const IoModel& m) { return m.max > 0.0 ? ioRate(m, 1.0) : QString(); },
+    diskVolumes};
 
 const GraphKind<PeakColumns<bit_rate>, const std::vector<netStats>&> kNetGraph{
-    GraphClass::net, "Network I/O",
+    GraphClass::net,
+    "Network I/O",
     {{"bps in:", 0.5, [](const bit_rate& r) { return r.bps_in; }},
      {"bps out:", 0.5, [](const bit_rate& r) { return r.bps_out; }},
      {"avg bps in:", 0.0, [](const bit_rate& r) { return r.avg_bps_in; }, netAveragesShown},
@@ -198,29 +211,35 @@ const GraphKind<PeakColumns<bit_rate>, const std::vector<netStats>&> kNetGraph{
       const auto& s = GraphSwitches::current();
       return netColumns(history, {networkAveragingLength(s.net_avg), s.net_avg_exp}, width_px);
     },
-    netCurrent, [](const PeakColumns<bit_rate>& m) { return m.max > 0.0 ? bitRate(m, 1.0) : QString(); },
+    netCurrent,
+    [](const PeakColumns<bit_rate>& m) { return m.max > 0.0 ? bitRate(m, 1.0) : QString(); },
     interfaceAddresses};
 
 const GraphKind<PeakColumns<load_column>, const std::vector<loadAverage>&> kLoadGraph{
-    GraphClass::load, "Load Average",
+    GraphClass::load,
+    "Load Average",
     {{"1 Minute:", 0.4, [](const load_column& l) { return l.one; }},
      {"5 Minutes:", 0.0, [](const load_column& l) { return l.five; }},
      {"15 Minutes:", 0.0, [](const load_column& l) { return l.fifteen; }}},
     [](double width_px, const std::vector<loadAverage>& history) { return loadColumns(history, width_px); },
-    loadCurrent, [](const PeakColumns<load_column>& m) { return m.max > 0.0 ? number(m.max, 2) : QString(); }};
+    loadCurrent,
+    [](const PeakColumns<load_column>& m) { return m.max > 0.0 ? number(m.max, 2) : QString(); }};
 
 // Back to front: each band is the sum of its own count and those drawn after it.
 const GraphKind<PeakColumns<procStat>, const std::vector<procstat>&> kProcGraph{
-    GraphClass::proc, "Process Counts",
+    GraphClass::proc,
+    "Process Counts",
     {{"Owned by me:", 0.75, [](const procStat& p) { return p.user + p.system + p.other; }},
      {"System:", 0.75, [](const procStat& p) { return p.system + p.other; }},
      {"Other:", 0.75, [](const procStat& p) { return p.other; }},
      {"Translated:", 0.5, [](const procStat& p) { return p.translated; }}},
     [](double width_px, const std::vector<procstat>& history) { return procColumns(history, width_px); },
-    procCurrent, [](const PeakColumns<procStat>& m) { return procPeak(m) > 0 ? number(procPeak(m), 0) : QString(); }};
+    procCurrent,
+    [](const PeakColumns<procStat>& m) { return procPeak(m) > 0 ? number(procPeak(m), 0) : QString(); }};
 
 const GraphKind<PowerModel, const std::vector<powerStats>&> kPowerGraph{
-    GraphClass::power, "Power (W)",
+    GraphClass::power,
+    "Power (W)",
     {{"Total:", 0.75, [](const power_column& p) { return p.total; }},
      {"CPU:", 0.0, [](const power_column& p) { return p.cpu; }},
      {"GPU:", 0.0, [](const power_column& p) { return p.gpu; }}},
@@ -228,43 +247,55 @@ const GraphKind<PowerModel, const std::vector<powerStats>&> kPowerGraph{
       const bool sampled = !history.empty();
       return PowerModel{powerColumns(history, width_px), sampled, sampled && history.back().sensor};
     },
-    powerCurrent, [](const PowerModel& m) { return m.max > 0.0 ? number(m.max, 1) + " W" : QString(); }};
+    powerCurrent,
+    [](const PowerModel& m) { return m.max > 0.0 ? number(m.max, 1) + " W" : QString(); }};
 
 const GraphKind<FanColumns, const std::vector<fanStats>&> kFanGraph{
-    GraphClass::fan, "Fan Speed(rpm)",
+    GraphClass::fan,
+    "Fan Speed(rpm)",
     {{"RPM:", 0.5, [](const fan_column& f) { return f.speed; }},
      {"Max RPM:", 0.0, [](const fan_column& f) { return f.max; }},
      {"Min RPM:", 0.0, [](const fan_column& f) { return f.min; }}},
     [](double width_px, const std::vector<fanStats>& history) { return fanColumns(history, width_px); },
     fanCurrent,
-    [](const FanColumns& m) { return m.max_speed > 0 ? number(static_cast<double>(m.max_speed), 0) + " rpm" : QString(); }};
+    [](const FanColumns& m) {
+      return m.max_speed > 0 ? number(static_cast<double>(m.max_speed), 0) + " rpm" : QString();
+    }};
 
 const GraphKind<GfxModel, const std::vector<graphicsCardStats>&> kGfxGraph{
-    GraphClass::gfx, "GPU Usage",
+    GraphClass::gfx,
+    "GPU Usage",
     {{"VRAM Used:", 0.75, vramUsedFraction}, {"Utilisation(%):", 0.0, utilisationFraction}},
-    [](double, const std::vector<graphicsCardStats>& history) { return GfxModel{history}; }, gfxCurrent,
+    [](double, const std::vector<graphicsCardStats>& history) { return GfxModel{history}; },
+    gfxCurrent,
     [](const GfxModel&) { return fullScale(true); }};
 
 const GraphKind<BatteryModel, const std::vector<batteryStats>&> kBatteryGraph{
-    GraphClass::battery, "Battery",
+    GraphClass::battery,
+    "Battery",
     {{"Charge (%):", 0.75, [](const battery_column& b) { return b.charge; }},
      {"Rate (W):", 0.0, [](const battery_column& b) { return b.rate; },
       [](const BatteryModel& m) { return m.peak_rate_w > 0; }}},
     [](double width_px, const std::vector<batteryStats>& history) {
       return BatteryModel{batteryColumns(history, width_px), history.empty() ? batteryStats{} : history.back()};
     },
-    batteryCurrent, [](const BatteryModel& m) { return fullScale(!m.columns.empty()); }};
+    batteryCurrent,
+    [](const BatteryModel& m) { return fullScale(!m.columns.empty()); }};
 
 // The default lines are named by their role (GraphViewTemperature names chosen ones by their sensor).
 const GraphKind<TemperatureColumns, const std::vector<std::vector<temperatureStats>>&, const std::vector<std::string>&>
-    kTemperatureGraph{
-        GraphClass::temp, "Temperature (\u00b0C)",
-        {{"Processor:", 0.75, temperature<0>, present<TemperatureRole::processor>},
-         {"GPU:", 0.0, temperature<1>, present<TemperatureRole::gpu>},
-         {"Disk:", 0.0, temperature<2>, present<TemperatureRole::disk>}},
-        [](double width_px, const std::vector<std::vector<temperatureStats>>& visible,
-           const std::vector<std::string>& choice) { return temperatureColumns(visible, width_px, choice); },
-        temperatureCurrent,
-        [](const TemperatureColumns& m) { return m.scale_C > 0 ? number(m.scale_C, 0) + kDegrees : QString(); }};
+    kTemperatureGraph{GraphClass::temp,
+                      "Temperature (\u00b0C)",
+                      {{"Processor:", 0.75, temperature<0>, present<TemperatureRole::processor>},
+                       {"GPU:", 0.0, temperature<1>, present<TemperatureRole::gpu>},
+                       {"Disk:", 0.0, temperature<2>, present<TemperatureRole::disk>}},
+                      [](double width_px, const std::vector<std::vector<temperatureStats>>& visible,
+                         const std::vector<std::string>& choice) {
+                        return temperatureColumns(visible, width_px, choice);
+                      },
+                      temperatureCurrent,
+                      [](const TemperatureColumns& m) {
+                        return m.scale_C > 0 ? number(m.scale_C, 0) + kDegrees : QString();
+                      }};
 
 }  // namespace pelmora

@@ -30,9 +30,9 @@ struct GraphKind {
   using Model = M;
   using Column = typename decltype(M::columns)::value_type;
   struct Series {
-    const char* label;  // its legend row, translated when shown
-    double fill_factor;  // how much lighter its fill is; 0: a line, never filled
-    double (*value)(const Column& column);  // a fraction of full scale
+    const char* label;                            // its legend row, translated when shown
+    double fill_factor;                           // how much lighter its fill is; 0: a line, never filled
+    double (*value)(const Column& column);        // a fraction of full scale
     bool (*drawn)(const Model& model) = nullptr;  // null: always
   };
 
