@@ -428,9 +428,10 @@ void SystemStatsWindow::updateGraphs() {
 }
 
 // Inserts a graph for every key of histories without one, in key order, and deletes the graphs of keys
-// that are gone. make creates and labels a new view.
-template <typename View, typename History, typename Make>
-static void syncKeyed(QSplitter* splitter, std::map<std::string, View*>& views, const History& histories, Make make) {
+// that are gone. A new graph shows the device named by its key, under label(key) in the window's font.
+template <typename View, typename History, typename Label>
+static void syncKeyed(QSplitter* splitter, std::map<std::string, View*>& views, const History& histories,
+                      const QFont& font, Label label) {
   for (auto it = views.begin(); it != views.end();) {
     if (histories.contains(it->first)) {
       ++it;
@@ -441,7 +442,11 @@ static void syncKeyed(QSplitter* splitter, std::map<std::string, View*>& views, 
   }
   for (const auto& [name, history] : histories) {
     if (views.contains(name)) continue;
-    View* view = make(name);
+    auto* view = new View;
+    view->setLabel(label(name));
+    view->setLabelFont(font);
+    view->setMinimumWidth(120);
+    view->setDevice(qs(name));
     auto [pos, inserted] = views.emplace(name, view);
     splitter->insertWidget(static_cast<int>(std::distance(views.begin(), pos)), view);
   }
@@ -459,37 +464,19 @@ void SystemStatsWindow::syncDeviceViews() {
 }
 
 void SystemStatsWindow::syncDisks() {
-  syncKeyed(m_dsk_views, m_disk_views, m_dsk, [this](const std::string& bsdname) {
-    auto* view = new GraphViewIO;
+  syncKeyed(m_dsk_views, m_disk_views, m_dsk, m_font, [this](const std::string& bsdname) {
     const std::string& model = m_disk_names[bsdname];
-    const QString label = model.empty() ? qs(bsdname) : qs(model) + " (" + qs(bsdname) + ")";
-    view->setLabel(tr("Disk I/O: %1").arg(label));
-    view->setLabelFont(m_font);
-    view->setMinimumWidth(120);
-    view->setDevice(qs(bsdname));
-    return view;
+    return tr("Disk I/O: %1").arg(model.empty() ? qs(bsdname) : qs(model) + " (" + qs(bsdname) + ")");
   });
 }
 
 void SystemStatsWindow::syncInterfaces() {
-  syncKeyed(m_net_views, m_intf_views, m_net, [this](const std::string& name) {
-    auto* view = new GraphViewNet;
-    view->setLabel(tr("Network: %1").arg(qs(name)));
-    view->setLabelFont(m_font);
-    view->setMinimumWidth(120);
-    view->setDevice(qs(name));
-    return view;
-  });
+  syncKeyed(m_net_views, m_intf_views, m_net, m_font,
+            [](const std::string& name) { return tr("Network: %1").arg(qs(name)); });
 }
 
 void SystemStatsWindow::syncGpus() {
-  syncKeyed(m_gfx_views, m_gpu_views, m_gfx, [this](const std::string& name) {
-    auto* view = new GraphViewGFX;
-    view->setLabel(tr("GPU:") + " " + qs(name));
-    view->setLabelFont(m_font);
-    view->setMinimumWidth(120);
-    return view;
-  });
+  syncKeyed(m_gfx_views, m_gpu_views, m_gfx, m_font, [](const std::string& name) { return tr("GPU:") + " " + qs(name); });
   if (!m_gfx_state.isEmpty() && m_gfx_views->count() > 0) {
     m_gfx_views->restoreState(m_gfx_state);
     m_gfx_state.clear();
