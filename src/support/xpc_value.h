@@ -48,6 +48,10 @@ class XPCValue {
   const XPCArray* asArray() const { return std::get_if<XPCArray>(&m_value); }
   const XPCDict* asDict() const { return std::get_if<XPCDict>(&m_value); }
   const XPCDescriptor* asDescriptor() const { return std::get_if<XPCDescriptor>(&m_value); }
+  template <typename T>
+  const T* as() const {
+    return std::get_if<T>(&m_value);
+  }
 
   bool operator==(const XPCValue& other) const { return m_value == other.m_value; }
 
@@ -56,30 +60,21 @@ class XPCValue {
 };
 
 // Typed look-ups in a message: none when the key is missing or holds another type.
+template <typename T>
+const T* xpcFind(const XPCDict& d, const std::string& key) {
+  auto it = d.find(key);
+  return it == d.end() ? nullptr : it->second.as<T>();
+}
 inline std::optional<int64_t> xpcInt(const XPCDict& d, const std::string& key) {
-  auto it = d.find(key);
-  if (it == d.end() || !it->second.asInt()) return std::nullopt;
-  return *it->second.asInt();
+  const int64_t* value = xpcFind<int64_t>(d, key);
+  return value ? std::optional<int64_t>(*value) : std::nullopt;
 }
-inline const std::string* xpcString(const XPCDict& d, const std::string& key) {
-  auto it = d.find(key);
-  return it == d.end() ? nullptr : it->second.asString();
-}
-inline const XPCData* xpcData(const XPCDict& d, const std::string& key) {
-  auto it = d.find(key);
-  return it == d.end() ? nullptr : it->second.asData();
-}
-inline const XPCArray* xpcArray(const XPCDict& d, const std::string& key) {
-  auto it = d.find(key);
-  return it == d.end() ? nullptr : it->second.asArray();
-}
-inline const XPCDict* xpcDict(const XPCDict& d, const std::string& key) {
-  auto it = d.find(key);
-  return it == d.end() ? nullptr : it->second.asDict();
-}
+inline const std::string* xpcString(const XPCDict& d, const std::string& key) { return xpcFind<std::string>(d, key); }
+inline const XPCData* xpcData(const XPCDict& d, const std::string& key) { return xpcFind<XPCData>(d, key); }
+inline const XPCArray* xpcArray(const XPCDict& d, const std::string& key) { return xpcFind<XPCArray>(d, key); }
+inline const XPCDict* xpcDict(const XPCDict& d, const std::string& key) { return xpcFind<XPCDict>(d, key); }
 inline const XPCDescriptor* xpcDescriptor(const XPCDict& d, const std::string& key) {
-  auto it = d.find(key);
-  return it == d.end() ? nullptr : it->second.asDescriptor();
+  return xpcFind<XPCDescriptor>(d, key);
 }
 inline bool xpcHas(const XPCDict& d, const std::string& key) { return d.count(key) != 0; }
 
