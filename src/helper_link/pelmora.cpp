@@ -20,6 +20,12 @@ std::optional<Record> recordOf(const RecordReply<Record>& reply) {
   return reply.status == 0 ? reply.record : std::nullopt;
 }
 
+// The record a reply carries, checked by `checkReply`; nullopt where the helper had none.
+template <auto checkReply>
+auto checkedRecord(const XPCDict& reply) {
+  return recordOf(checkReply(reply));
+}
+
 }  // namespace
 
 Pelmora::Pelmora(std::unique_ptr<XPCTransport> transport, SysRoot local_root)
@@ -132,55 +138,39 @@ int Pelmora::sendSignal(int32_t pid, int32_t signal) {
   return result;
 }
 
-std::optional<std::string> Pelmora::pidName(int32_t pid, bool via_helper) {
-  if (!via_helper) return pid < 0 ? std::nullopt : m_local.pidName(pid);
-  std::optional<std::string> result;
+template <class Result, class Check>
+std::optional<Result> Pelmora::pidRequest(const char* request, int32_t pid, const Check& check) {
+  std::optional<Result> result;
   send(
       [=](XPCDict& r) {
-        r["pidname"] = "pidname";
+        r[request] = request;
         r["pid"] = int64_t{pid};
       },
-      [&](const XPCDict& reply) { result = checkPidNameReply(reply); });
+      [&](const XPCDict& reply) { result = check(reply); });
   return result;
+}
+
+std::optional<std::string> Pelmora::pidName(int32_t pid, bool via_helper) {
+  if (!via_helper) return pid < 0 ? std::nullopt : m_local.pidName(pid);
+  return pidRequest<std::string>("pidname", pid, checkPidNameReply);
 }
 
 std::optional<proc_taskinfo> Pelmora::taskInfo(int32_t pid, bool via_helper) {
   if (pid < 0) return std::nullopt;
   if (!via_helper) return m_local.taskInfo(pid);
-  std::optional<proc_taskinfo> result;
-  send(
-      [=](XPCDict& r) {
-        r["taskinfo"] = "taskinfo";
-        r["pid"] = int64_t{pid};
-      },
-      [&](const XPCDict& reply) { result = recordOf(checkTaskInfoReply(reply)); });
-  return result;
+  return pidRequest<proc_taskinfo>("taskinfo", pid, checkedRecord<checkTaskInfoReply>);
 }
 
 std::optional<proc_taskallinfo> Pelmora::taskAllInfo(int32_t pid, bool via_helper) {
   if (pid < 0) return std::nullopt;
   if (!via_helper) return m_local.taskAllInfo(pid);
-  std::optional<proc_taskallinfo> result;
-  send(
-      [=](XPCDict& r) {
-        r["taskallinfo"] = "taskallinfo";
-        r["pid"] = int64_t{pid};
-      },
-      [&](const XPCDict& reply) { result = recordOf(checkTaskAllInfoReply(reply)); });
-  return result;
+  return pidRequest<proc_taskallinfo>("taskallinfo", pid, checkedRecord<checkTaskAllInfoReply>);
 }
 
 std::optional<rusage_info_v3> Pelmora::rusage(int32_t pid, bool via_helper) {
   if (pid < 0) return std::nullopt;
   if (!via_helper) return m_local.rusage(pid);
-  std::optional<rusage_info_v3> result;
-  send(
-      [=](XPCDict& r) {
-        r["rusage"] = "rusage";
-        r["pid"] = int64_t{pid};
-      },
-      [&](const XPCDict& reply) { result = recordOf(checkRusageReply(reply)); });
-  return result;
+  return pidRequest<rusage_info_v3>("rusage", pid, checkedRecord<checkRusageReply>);
 }
 
 std::map<int32_t, ProcessRecord> Pelmora::records(const std::vector<int32_t>& pids, bool via_helper) {
@@ -272,10 +262,7 @@ void Pelmora::applyBoot(bool install, const std::optional<BootControls>& control
       [&](const XPCDict& reply) { checkApplyBootReply(reply, install); });
 }
 
-bool Pelmora::authorised() {
-  MutexLock lock(m_mutex);
-  return m_authorised;
-}
+bool Pelmora::authorised() { return lockedCopy(m_mutex, m_authorised); }
 
 void Pelmora::setAuthorised(bool authorised) {
   // The broadcast is posted with the lock held, so listeners see the flags in the order they were set.
@@ -314,10 +301,7 @@ bool Pelmora::requestAuthorization(std::function<void(const std::string& answer)
   return true;
 }
 
-bool Pelmora::authorizationPending() {
-  MutexLock lock(m_mutex);
-  return m_auth_pending;
-}
+bool Pelmora::authorizationPending() { return lockedCopy(m_mutex, m_auth_pending); }
 
 // Called only when no request is pending, so the thread has finished or is about to.
 void Pelmora::joinAuthorization() {

@@ -99,6 +99,9 @@ class Pelmora {
   // connected anew, it asks (without any dialog) whether the grant still holds, and drops the flag
   // when it does not.
   bool send(const std::function<void(XPCDict&)>& builder, const std::function<void(const XPCDict&)>& handler);
+  // One process's `request` ("pidname", "taskinfo", ...) to the helper: what `check` makes of the reply.
+  template <class Result, class Check>
+  std::optional<Result> pidRequest(const char* request, int32_t pid, const Check& check);
   void reauthoriseIfReconnected();
   std::string sendAuthorize(XPC& xpc, bool interactive);
   void joinAuthorization();

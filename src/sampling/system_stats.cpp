@@ -215,15 +215,9 @@ SampleSet SystemStats::snapshot() {
   return snapshotLocked();
 }
 
-Timeval SystemStats::sampleTime() {
-  MutexLock lock(m_mutex);
-  return m_sample_time;
-}
+Timeval SystemStats::sampleTime() { return lockedCopy(m_mutex, m_sample_time); }
 
-bool SystemStats::running() {
-  MutexLock lock(m_mutex);
-  return m_running;
-}
+bool SystemStats::running() { return lockedCopy(m_mutex, m_running); }
 
 bool SystemStats::timerRunning() { return m_timer->running(); }
 

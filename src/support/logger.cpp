@@ -73,10 +73,7 @@ void Logger::startCapture() {
   m_captured.clear();
 }
 
-std::vector<std::string> Logger::captured() {
-  MutexLock lock(m_mutex);
-  return m_captured;
-}
+std::vector<std::string> Logger::captured() { return lockedCopy(m_mutex, m_captured); }
 
 void Logger::stopCapture() {
   MutexLock lock(m_mutex);

@@ -21,4 +21,11 @@ class Mutex {
 
 using MutexLock = std::lock_guard<Mutex>;
 
+// A copy of a value that `mutex` guards, taken under it: what every locked getter returns.
+template <typename T>
+T lockedCopy(Mutex& mutex, const T& value) {
+  MutexLock lock(mutex);
+  return value;
+}
+
 }  // namespace pelmora
