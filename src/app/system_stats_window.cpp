@@ -476,7 +476,8 @@ void SystemStatsWindow::syncInterfaces() {
 }
 
 void SystemStatsWindow::syncGpus() {
-  syncKeyed(m_gfx_views, m_gpu_views, m_gfx, m_font, [](const std::string& name) { return tr("GPU:") + " " + qs(name); });
+  syncKeyed(m_gfx_views, m_gpu_views, m_gfx, m_font,
+            [](const std::string& name) { return tr("GPU:") + " " + qs(name); });
   if (!m_gfx_state.isEmpty() && m_gfx_views->count() > 0) {
     m_gfx_views->restoreState(m_gfx_state);
     m_gfx_state.clear();
