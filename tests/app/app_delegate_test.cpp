@@ -84,19 +84,6 @@ TEST(AppDelegateTest, TheStatisticsWindowCountsTheProcessesOfTheLimitersTable) {
   EXPECT_EQ(rig.sampler->snapshot().proc_stats, procstat{});
 }
 
-TEST(AppDelegateTest, FirstLaunchOpensOnlyTheCpuSettingsWindowAndTheAboutBox) {
-  for (bool first : {true, false}) {
-    SCOPED_TRACE(first ? "first launch" : "later launch");
-    AppRig rig;
-    if (!first) keys::kAppPelmora.save(rig.rig.store, false);
-    rig.app->finishLaunching();
-    EXPECT_TRUE(rig.app->window()->isVisible());
-    EXPECT_EQ(ProcinfoWindow::shared(), nullptr);
-    EXPECT_EQ(SystemStatsWindow::instance(), nullptr);
-    EXPECT_EQ(rig.app->aboutBox() != nullptr && rig.app->aboutBox()->isVisible(), first);
-  }
-}
-
 enum class Shown { absent, visible, hidden, minimised };
 
 TEST(AppDelegateTest, QuitWritesTheWindowKeysContinuesProcessesAndSwitchesThrottlingOn) {
@@ -173,21 +160,25 @@ TEST(AppDelegateTest, SleepAndWakeStopAndRestartOnlyWhatTheyShould) {
   }
 }
 
+// Only the CPU settings window (and, at the first launch, the About box) opens at start.
 TEST(AppDelegateTest, PresentationAlwaysLeavesAWayIn) {
   struct Row {
+    int app_pelmora;  // stored "settings window hidden at the last quit"; -1 the first launch
     bool show_dock, show_menubar, tray;
     bool status_item, settings_visible, task_bar;
   };
   const Row rows[] = {
-      {false, false, true, false, true, false},  // neither: the settings window stays up
-      {false, true, true, true, false, false},
-      {true, true, false, false, true, true},  // no tray: as with the status item off
-      {true, false, true, false, true, true},
+      {1, false, false, true, false, true, false},  // neither: the settings window stays up
+      {1, false, true, true, true, false, false},
+      {1, true, true, false, false, true, true},  // no tray: as with the status item off
+      {1, true, false, true, false, true, true},
+      {-1, true, false, false, false, true, true},
+      {0, true, false, false, false, true, true},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(std::to_string(&row - rows));
     AppRig rig(row.tray);
-    keys::kAppPelmora.save(rig.rig.store, true);  // hidden at the last quit
+    if (row.app_pelmora >= 0) keys::kAppPelmora.save(rig.rig.store, row.app_pelmora == 1);
     keys::kShowDock.save(rig.rig.store, row.show_dock);
     keys::kShowMenubar.save(rig.rig.store, row.show_menubar);
     rig.app->finishLaunching();
@@ -196,11 +187,12 @@ TEST(AppDelegateTest, PresentationAlwaysLeavesAWayIn) {
     EXPECT_EQ(rig.app->taskBarPresence(), row.task_bar);
     EXPECT_EQ(rig.app->window()->windowFlags().testFlag(Qt::Tool), !row.task_bar);
     EXPECT_EQ(QApplication::quitOnLastWindowClosed(), !row.status_item);
+    EXPECT_EQ(rig.app->aboutBox() != nullptr && rig.app->aboutBox()->isVisible(), row.app_pelmora < 0);
+    EXPECT_EQ(ProcinfoWindow::shared(), nullptr);
+    EXPECT_EQ(SystemStatsWindow::instance(), nullptr);
   }
 }
 
-// The status item switched on and off during a session: it has a painted icon (never an empty
-// square), and without it the settings window stays up as the way in.
 TEST(AppDelegateTest, PrefsChangedBroadcastReappliesThePresentation) {
   AppRig rig(true);
   keys::kAppPelmora.save(rig.rig.store, true);
