@@ -146,10 +146,7 @@ ProcessCensus CPULimiter::owners() {
   return owners;
 }
 
-RefreshCounts CPULimiter::refreshCounts() {
-  MutexLock lock(m_mutex);
-  return m_refresh_counts;
-}
+RefreshCounts CPULimiter::refreshCounts() { return lockedCopy(m_mutex, m_refresh_counts); }
 
 void CPULimiter::startNettop() {
   {
@@ -229,15 +226,9 @@ void CPULimiter::handleNettopChunk(std::string_view chunk) {
     recordNettopSample(m_netuse, sample, time_constant_s);
 }
 
-std::map<int32_t, netUsage> CPULimiter::netUse() {
-  MutexLock lock(m_mutex);
-  return m_netuse;
-}
+std::map<int32_t, netUsage> CPULimiter::netUse() { return lockedCopy(m_mutex, m_netuse); }
 
-int64_t CPULimiter::processesInterval_ms() {
-  MutexLock lock(m_mutex);
-  return m_processes_interval_ms;
-}
+int64_t CPULimiter::processesInterval_ms() { return lockedCopy(m_mutex, m_processes_interval_ms); }
 
 void CPULimiter::setProcessesInterval_ms(int64_t interval_ms) {
   MutexLock lock(m_mutex);
@@ -280,10 +271,7 @@ void CPULimiter::setTimerPeriodLocked() {
   if (m_timer->period_us() != period_us) m_timer->setPeriod_us(period_us);
 }
 
-int64_t CPULimiter::limiterInterval_ms() {
-  MutexLock lock(m_mutex);
-  return m_limiter_interval_ms;
-}
+int64_t CPULimiter::limiterInterval_ms() { return lockedCopy(m_mutex, m_limiter_interval_ms); }
 
 // The timer fires every tick interval, a little late at times. Each step is due when its interval
 // has passed less half a timer period, so that a step whose interval equals the period runs at every
@@ -313,10 +301,7 @@ void CPULimiter::tick() {
   setTimerSlackLocked();
 }
 
-std::optional<int64_t> CPULimiter::nextWake_us() {
-  MutexLock lock(m_mutex);
-  return m_next_wake_us;
-}
+std::optional<int64_t> CPULimiter::nextWake_us() { return lockedCopy(m_mutex, m_next_wake_us); }
 
 void CPULimiter::refresh() {
   MutexLock lock(m_mutex);
@@ -336,25 +321,13 @@ std::optional<procinfo> CPULimiter::rowFor(int32_t pid) {
   return it->second;
 }
 
-std::map<int32_t, procinfo> CPULimiter::processes() {
-  MutexLock lock(m_mutex);
-  return m_processes;
-}
+std::map<int32_t, procinfo> CPULimiter::processes() { return lockedCopy(m_mutex, m_processes); }
 
-usageInfo CPULimiter::usage() {
-  MutexLock lock(m_mutex);
-  return m_usage_info;
-}
+usageInfo CPULimiter::usage() { return lockedCopy(m_mutex, m_usage_info); }
 
-rwInfo CPULimiter::diskRates() {
-  MutexLock lock(m_mutex);
-  return m_rw_info;
-}
+rwInfo CPULimiter::diskRates() { return lockedCopy(m_mutex, m_rw_info); }
 
-int CPULimiter::translatedCount() {
-  MutexLock lock(m_mutex);
-  return m_translated_count;
-}
+int CPULimiter::translatedCount() { return lockedCopy(m_mutex, m_translated_count); }
 
 void CPULimiter::setLimitFrontmost(bool limit_frontmost) {
   {
