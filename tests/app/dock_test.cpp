@@ -43,11 +43,11 @@ TEST_F(DockTest, EachKindShowsItsGraphAndLabel) {
     GraphClass graph;
     QString label;
   } cases[] = {
-      {Kind::CPU, GraphClass::cpu, "System CPU: (%)"},       {Kind::DiskIO, GraphClass::io, "Total Disk I/O:\n"},
-      {Kind::GPU, GraphClass::gfx, "GPU: Arc"},              {Kind::LoadAvg, GraphClass::load, "Load Average:"},
-      {Kind::Memory, GraphClass::mem, "System Memory:"},     {Kind::Network, GraphClass::net, "Total Network:"},
-      {Kind::Power, GraphClass::power, "Power:"},            {Kind::Processes, GraphClass::proc, "Processes:"},
-      {Kind::Temperature, GraphClass::temp, "CPU Temp:"},     {Kind::Battery, GraphClass::battery, "Battery:"},
+      {Kind::CPU, GraphClass::cpu, "System CPU: (%)"},    {Kind::DiskIO, GraphClass::io, "Total Disk I/O:\n"},
+      {Kind::GPU, GraphClass::gfx, "GPU: Arc"},           {Kind::LoadAvg, GraphClass::load, "Load Average:"},
+      {Kind::Memory, GraphClass::mem, "System Memory:"},  {Kind::Network, GraphClass::net, "Total Network:"},
+      {Kind::Power, GraphClass::power, "Power:"},         {Kind::Processes, GraphClass::proc, "Processes:"},
+      {Kind::Temperature, GraphClass::temp, "CPU Temp:"}, {Kind::Battery, GraphClass::battery, "Battery:"},
   };
   Dock dock(*sampler, scratch.store());
   for (const auto& c : cases) {
