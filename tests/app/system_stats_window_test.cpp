@@ -288,44 +288,18 @@ TEST_F(StatsWindowTest, EveryCaptionHasRoomAndTheGraphsScrollWhereTheWindowIsSma
   }
 }
 
-TEST_F(StatsWindowTest, AppearanceAndDividersFollowThePreferences) {
+// The appearance itself is checked through the application object (appearance_test.cpp).
+TEST_F(StatsWindowTest, DividersFollowThePreferences) {
   auto window = makeWindow("0-7", "0-7");
-  const QColor default_base = window->palette().color(QPalette::Base);
-  const struct {
-    bool light, dark, thin;
-    QColor base;
-    int handle_px;
-  } cases[] = {
-      {false, true, true, QColor(30, 30, 30), SystemStatsWindow::kThinHandle_px},
-      {true, false, false, QColor(Qt::white), SystemStatsWindow::kThickHandle_px},
-      {false, false, true, default_base, SystemStatsWindow::kThinHandle_px},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.dark ? "dark" : c.light ? "light" : "default");
-    auto& switches = GraphSwitches::current();
-    switches.radio_default = !c.light && !c.dark;
-    switches.radio_light = c.light;
-    switches.radio_dark = c.dark;
-    switches.thin_dividers = c.thin;
+  for (bool thin : {true, false, true}) {
+    GraphSwitches::current().thin_dividers = thin;
     window->graphSettingsChanged();
-    EXPECT_EQ(window->palette().color(QPalette::Base), c.base);
-    EXPECT_EQ(window->cpuController()->handleWidth(), c.handle_px);
+    const int handle_px = thin ? SystemStatsWindow::kThinHandle_px : SystemStatsWindow::kThickHandle_px;
+    EXPECT_EQ(window->cpuController()->handleWidth(), handle_px);
     auto* column = qobject_cast<QSplitter*>(window->cpuController()->widget(0));
     ASSERT_NE(column, nullptr);
-    EXPECT_EQ(column->handleWidth(), c.handle_px);
+    EXPECT_EQ(column->handleWidth(), handle_px);
   }
-}
-
-TEST_F(StatsWindowTest, SharedInstanceClearedWhenClosed) {
-  SystemStatsWindow* window = SystemStatsWindow::openShared(*sampler, scratch.store());
-  ASSERT_NE(window, nullptr);
-  EXPECT_EQ(SystemStatsWindow::instance(), window);
-  EXPECT_EQ(SystemStatsWindow::openShared(*sampler, scratch.store()), window);
-  EXPECT_EQ(sampler->clientCount(), 1u);
-  window->close();
-  EXPECT_EQ(SystemStatsWindow::instance(), nullptr);
-  EXPECT_EQ(sampler->clientCount(), 0u);
-  QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
 }
 
 TEST_F(StatsWindowTest, TemperatureAndBatteryGraphsOnlyWhereTheMachineHasThem) {

@@ -76,23 +76,10 @@ TEST_F(StoreTest, MalformedStoredColoursLeaveTheArrayAlone) {
   }
 }
 
-TEST_F(StoreTest, RestoreDefaultsWritesAllNineArrays) {
-  DefaultSettings store(file);
-  GraphPalette::setColor(GraphClass::fan, 0, {1, 1, 1, 255}, store);
-  GraphPalette::restoreDefaults(store);
-  for (GraphClass g : kAllGraphClasses) {
-    EXPECT_EQ(GraphPalette::colors(g), GraphPalette::defaults(g));
-    EXPECT_TRUE(store.contains(GraphPalette::key(g).key)) << GraphPalette::key(g).key;
-  }
-  EXPECT_EQ(store.loadValue("fan_colors"), (nlohmann::json{"#007AFFFF", "#FF3B30FF", "#34C759FF"}));
-}
-
 TEST_F(StoreTest, GraphSettingsDefaultsRangesAndRoundTrip) {
   DefaultSettings store(file);
   const GraphSwitches defaults = GraphSwitches::load(store);
   EXPECT_EQ(defaults, GraphSwitches{});
-  EXPECT_EQ(defaults.time_grid, 30);
-  EXPECT_EQ(defaults.update_interval, 2);
   EXPECT_EQ(defaults.updateInterval_us(), 5'000'000);
 
   struct Case {

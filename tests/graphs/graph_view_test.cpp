@@ -418,7 +418,6 @@ TEST_F(GraphWidgetTest, PreferencesPaneDefaultsDependentControlsAndRestore) {
   PreferencesGraph pane(*store);
   EXPECT_EQ(pane.controlValues(), GraphSwitches{});
   EXPECT_EQ(GraphSwitches::current(), GraphSwitches{});
-  EXPECT_EQ(pane.m_time_grid->value(), 30);
   EXPECT_EQ(pane.m_time_grid->maximum(), 3600);
   EXPECT_EQ(pane.m_scale_grid->minimum(), 0);
   EXPECT_FALSE(pane.m_time_grid->isEnabled());
