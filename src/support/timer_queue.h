@@ -42,13 +42,16 @@ class TimerQueue {
 
  private:
   void threadMain();
+  // Wakes the sleeping thread after a change made under m_mutex (from any other thread).
+  void wakeThread();
 
   const std::string m_label;
   std::function<void()> m_start_hook;
   std::function<void()> m_action;
 
   mutable std::mutex m_mutex;
-  std::condition_variable m_cv;
+  // Bumped after each change the sleeping thread must see; it sleeps while the word is unchanged.
+  std::atomic<uint32_t> m_wake_word{0};
   std::thread m_thread;
   int64_t m_interval_us;
   bool m_running = false;
