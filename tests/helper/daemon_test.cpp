@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "helper/daemon_harness.h"
+#include "helper/helper_daemon.h"
 #include "support/kernel_records.h"
 #include "support/proc_task_reader.h"
 #include "support/xpc_codec.h"
@@ -106,6 +107,13 @@ TEST_F(HelperDaemonTest, EveryRequestIsAnsweredInItsShape) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     c.check(ask(c.request));
+  }
+  // Stopped and continued over one connection: the daemon continues what a closed one stopped.
+  SocketTransport transport(s_daemon->socket());
+  for (const auto& [signal, state] : {std::pair{SIGSTOP, 'T'}, std::pair{SIGCONT, 'S'}}) {
+    const auto reply = transport.exchange({{"kill", "kill"}, {"pid", pid}, {"signal", signal}});
+    EXPECT_EQ(xpcInt(reply.value_or(XPCDict{}), "kill"), 0) << state;
+    EXPECT_TRUE(eventually([&] { return procState(sleeper.pid()) == state; })) << state;
   }
 }
 
@@ -254,19 +262,6 @@ TEST_F(HelperDaemonTest, ReadOnlyQueriesAnswerForEveryProcess) {
   for (const auto& t : targets) EXPECT_EQ(xpcInt(ask({{"rusage", "rusage"}, {"pid", int64_t{t.pid}}}), "result"), 1) << t.name;
 }
 
-TEST_F(HelperDaemonTest, StopsAndContinuesARealProcess) {
-  const auto sleeper = sleepingChild();
-  SocketTransport transport(s_daemon->socket());
-  auto signal = [&](int number) {
-    return xpcInt(transport.exchange({{"kill", "kill"}, {"pid", int64_t{sleeper.pid()}}, {"signal", number}}).value(),
-                  "kill");
-  };
-  EXPECT_EQ(signal(SIGSTOP), 0);
-  EXPECT_TRUE(eventually([&] { return procState(sleeper.pid()) == 'T'; }));
-  EXPECT_EQ(signal(SIGCONT), 0);
-  EXPECT_TRUE(eventually([&] { return procState(sleeper.pid()) == 'S'; }));
-}
-
 TEST_F(HelperDaemonTest, ProcessesStoppedByALostClientRunAgain) {
   const struct {
     const char* name;
@@ -301,6 +296,12 @@ std::vector<uint8_t> framed(std::vector<uint8_t> body) {
 
 TEST_F(HelperDaemonTest, BadFramesCloseOnlyTheirConnection) {
   const std::vector<uint8_t> good = xpcEncode({{"requestcpuinfo", ""}})->frame;
+  const auto sleeper = sleepingChild();
+  // {"kill": "kill", "signal": SIGSTOP, "pid": -2^64 + pid}, which a wrapping decoder reads as pid.
+  const std::string head = std::string("\xA3\x64kill\x64kill\x66signal") + char{SIGSTOP} + "\x63pid\x3B";
+  std::vector<uint8_t> below_int64_min(head.begin(), head.end());
+  const uint64_t n = ~uint64_t{0} - static_cast<uint64_t>(sleeper.pid());
+  for (int shift = 56; shift >= 0; shift -= 8) below_int64_min.push_back(static_cast<uint8_t>(n >> shift));
   std::vector<uint8_t> deep = {0xA1, 0x61, 'a', 0xA1, 0x61, 'b', 0xA1, 0x61, 'c', 0xA1, 0x61, 'd', 0xA1, 0x61, 'e', 0x01};
   const struct {
     const char* name;
@@ -317,6 +318,7 @@ TEST_F(HelperDaemonTest, BadFramesCloseOnlyTheirConnection) {
       {"unknown tag", framed({0xA1, 0x61, 'x', 0xD8, 0x20, 0x41, 0x00}), false},
       {"descriptor without descriptor", framed({0xA1, 0x61, 'x', 0xD9, 0x0F, 0xD0, 0x44, 0, 0, 0, 0}), false},
       {"garbage", framed({0xFF, 0xFE, 0xFD}), false},
+      {"an integer below int64 min as pid", framed(below_int64_min), false},
   };
   SocketTransport bystander(s_daemon->socket());
   ASSERT_TRUE(bystander.exchange({{"requestcpuinfo", ""}}));
@@ -337,6 +339,7 @@ TEST_F(HelperDaemonTest, BadFramesCloseOnlyTheirConnection) {
   ASSERT_TRUE(reply);
   EXPECT_EQ(xpcInt(*reply, "result"), 1 + EINVAL);
   EXPECT_TRUE(bystander.exchange({{"requestcpuinfo", ""}}));
+  EXPECT_EQ(procState(sleeper.pid()), 'S');
 }
 
 TEST_F(HelperDaemonTest, ManyConnectionsLeaveNoDescriptorBehind) {
@@ -364,10 +367,17 @@ TEST_F(HelperDaemonTest, OneUserCannotTakeEveryConnection) {
   ASSERT_EQ(::pipe(ready), 0);
   const pid_t holder = ::fork();
   if (holder == 0) {
-    // As nobody, take and keep every connection one user may have.
+    // As nobody, take every connection one user may have but the last; take the last place, close
+    // it and take it again 1600 times (a connection its client closed no longer counts); then keep
+    // them all.
     if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(1);
+    auto served = [&] { return SocketTransport(socket).exchange({{"requestcpuinfo", ""}}).has_value(); };
     std::vector<std::unique_ptr<SocketTransport>> held;
-    for (int i = 0; i < 16; ++i) {
+    for (size_t i = 0; i < HelperDaemon::kMaxConnectionsPerUser; ++i) {
+      if (i + 1 == HelperDaemon::kMaxConnectionsPerUser) {
+        for (int reopened = 0; reopened < 1600; ++reopened)
+          if (!served()) ::_exit(3);
+      }
       held.push_back(std::make_unique<SocketTransport>(socket));
       if (!held.back()->exchange({{"requestcpuinfo", ""}})) ::_exit(2);
     }
@@ -378,12 +388,13 @@ TEST_F(HelperDaemonTest, OneUserCannotTakeEveryConnection) {
   char byte = 0;
   const bool holding = ::read(ready[0], &byte, 1) == 1;
   ::close(ready[0]);
-  EXPECT_TRUE(holding);
+  EXPECT_TRUE(holding) << "a place freed by its client was refused, or the first connections were";
   if (holding) {
-    EXPECT_EQ(asNobody([&]() -> std::string {
-                return SocketTransport(socket).exchange({{"requestcpuinfo", ""}}) ? "a 17th connection was served" : "";
-              }),
-              "");
+    EXPECT_EQ(
+        asNobody([&]() -> std::string {
+          return SocketTransport(socket).exchange({{"requestcpuinfo", ""}}) ? "one more connection was served" : "";
+        }),
+        "");
     // Another user is served meanwhile.
     EXPECT_TRUE(ask({{"requestcpuinfo", ""}}).count("cpuinfo"));
   }

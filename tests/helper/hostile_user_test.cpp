@@ -55,40 +55,6 @@ TEST_F(HelperDaemonTest, SamplerChildrenAreBoundedPerConnectionUserAndDaemon) {
   EXPECT_EQ(xpcInt(ask(powerMetricsRequest()), "result"), 1);
 }
 
-TEST_F(HelperDaemonTest, AnIntegerBelowInt64MinIsNotTakenForAPid) {
-  const auto sleeper = sleepingChild();
-  // {"kill": "kill", "signal": SIGSTOP, "pid": -2^64 + pid}, which a wrapping decoder reads as pid.
-  const uint64_t n = ~uint64_t{0} - static_cast<uint64_t>(sleeper.pid());
-  std::vector<uint8_t> body = {0xA3, 0x64, 'k', 'i', 'l', 'l', 0x64, 'k', 'i', 'l', 'l', 0x66, 's', 'i', 'g', 'n', 'a', 'l',
-                               static_cast<uint8_t>(SIGSTOP), 0x63, 'p', 'i', 'd', 0x3B};
-  for (int shift = 56; shift >= 0; shift -= 8) body.push_back(static_cast<uint8_t>(n >> shift));
-  std::vector<uint8_t> frame(kXPCLengthBytes);
-  for (size_t i = 0; i < kXPCLengthBytes; ++i) frame[i] = static_cast<uint8_t>(body.size() >> (8 * i));
-  frame.insert(frame.end(), body.begin(), body.end());
-  UniqueFd fd = rawConnect(s_daemon->socket());
-  ASSERT_TRUE(fd);
-  ASSERT_EQ(::write(fd.get(), frame.data(), frame.size()), static_cast<ssize_t>(frame.size()));
-  char byte;
-  EXPECT_EQ(::read(fd.get(), &byte, 1), 0);  // refused as malformed, no answer
-  EXPECT_EQ(procState(sleeper.pid()), 'S');
-}
-
-TEST_F(HelperDaemonTest, ConnectionsClosedByTheirClientNoLongerCount) {
-  const std::string socket = s_daemon->socket();
-  const std::string failures = asNobody([socket]() -> std::string {
-    std::vector<std::unique_ptr<SocketTransport>> held;
-    for (size_t i = 0; i + 1 < HelperDaemon::kMaxConnectionsPerUser; ++i) {
-      held.push_back(std::make_unique<SocketTransport>(socket));
-      if (!held.back()->exchange({{"requestcpuinfo", ""}})) return "could not open the first connections";
-    }
-    // The last place, closed and taken again at once, 1600 times.
-    int refused = 0;
-    for (int i = 0; i < 1600; ++i) refused += !SocketTransport(socket).exchange({{"requestcpuinfo", ""}});
-    return refused ? std::to_string(refused) + " of 1600 reopened connections refused" : "";
-  });
-  EXPECT_EQ(failures, "");
-}
-
 TEST(HelperDaemonTimeouts, SilentAndStalledConnectionsAreClosedAndClientsReconnect) {
   HelperDaemonChild daemon({"--idle-timeout", "1"});
   ASSERT_TRUE(daemon.ready());
