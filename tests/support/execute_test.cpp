@@ -1,4 +1,4 @@
-// Child processes with chunked output, and the inhibitor rule of PowerAssertion.
+// Child processes: chunked output, ending them, and what they inherit from us.
 #include "support/execute.h"
 
 #include <gtest/gtest.h>
@@ -7,19 +7,21 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <thread>
 
 #include "common/child.h"
 #include "common/eventually.h"
-#include "support/power_assertion.h"
+#include "common/temp_dir.h"
+#include "support/logger.h"
 
 namespace pelmora {
 namespace {
 
 using test::eventually;
-
 using test::procState;
 
 struct Collected {
@@ -87,27 +89,21 @@ TEST(Execute, AMissingProgramGivesNothing) {
   EXPECT_EQ(Execute::readPipe("/nonexistent/tool", QoS::utility, {}, {}, nullptr), nullptr);
 }
 
-TEST(PowerAssertion, OnlyBlockingSleepOrIdleInhibitorsKeepTheMachineAwake) {
-  struct Case {
-    const char* what;
-    const char* mode;
-    bool awake;
-  };
-  const Case cases[] = {
-      {"sleep", "block", true},
-      {"shutdown:sleep", "block", true},
-      {"idle", "block", true},
-      {"handle-lid-switch:idle:sleep", "block", true},
-      {"sleep", "delay", false},
-      {"shutdown", "block", false},
-      {"sleepy", "block", false},
-      {"", "block", false},
-  };
-  for (const auto& c : cases) EXPECT_EQ(PowerAssertion::keepsAwake(c.what, c.mode), c.awake) << c.what << c.mode;
-  for (const auto& [pid, awake] : PowerAssertion::assertions()) {
-    EXPECT_GT(pid, 0);
-    EXPECT_TRUE(awake);
+TEST(Logger, TheLogIsNotHandedToChildProcesses) {
+  const test::TempDir dir("pelmora-log");
+  const std::filesystem::path log = dir / "pelmora.log";
+  Logger::shared().setPath(log);
+  Log("opened");
+  // What a child started by us holds open, as the kernel lists it.
+  std::string listing;
+  if (FILE* child = ::popen("ls -l /proc/self/fd/", "r")) {
+    char buffer[4096];
+    for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, child)) > 0;) listing.append(buffer, n);
+    ::pclose(child);
   }
+  Logger::shared().close();
+  EXPECT_NE(listing.find(" -> "), std::string::npos);  // the listing itself ran
+  EXPECT_EQ(listing.find(log.string()), std::string::npos) << listing;
 }
 
 }  // namespace

@@ -14,7 +14,15 @@ namespace {
 
 using pelmora::test::eventually;
 
-TEST(TimerQueue, StartHookRunsOnceOnTheTimerThreadBeforeActions) {
+constexpr int64_t kHour_us = 3'600'000'000LL;
+
+int64_t now_us() {
+  return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+// The hook runs once per start, on the timer thread, before any action; stop joins the thread.
+TEST(TimerQueue, StartHookRunsOnTheTimerThreadBeforeActionsAndStopJoins) {
   std::atomic<int> hooks{0}, actions{0};
   std::atomic<bool> hook_before_action{true};
   std::thread::id hook_thread, action_thread;
@@ -30,65 +38,11 @@ TEST(TimerQueue, StartHookRunsOnceOnTheTimerThreadBeforeActions) {
   EXPECT_FALSE(timer.start());  // already running
   ASSERT_TRUE(eventually([&] { return actions >= 3; }));
   timer.stop();
+  EXPECT_FALSE(timer.running());
   EXPECT_EQ(hooks, 1);
   EXPECT_TRUE(hook_before_action);
   EXPECT_EQ(hook_thread, action_thread);
   EXPECT_NE(action_thread, std::this_thread::get_id());
-}
-
-TEST(TimerQueue, ShorteningThePeriodWhileRunningTakesEffectWithoutWaitingOutTheOldOne) {
-  std::atomic<int> actions{0};
-  TimerQueue timer("t", 3'600'000'000LL /* an hour */, nullptr, [&] { ++actions; });
-  timer.start();
-  timer.setPeriod_us(1000);
-  EXPECT_EQ(timer.period_us(), 1000);
-  EXPECT_TRUE(eventually([&] { return actions >= 2; }));
-  timer.setPeriod_us(3'600'000'000LL);
-  const int before = actions;
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  EXPECT_LE(actions - before, 1);  // at most one action was already under way
-  timer.stop();
-}
-
-TEST(TimerQueue, FireNowRunsTheActionOnceWithoutWaitingOutThePeriod) {
-  std::atomic<int> actions{0};
-  TimerQueue timer("t", 3'600'000'000LL /* an hour */, nullptr, [&] { ++actions; });
-  timer.start();
-  timer.fireNow();
-  EXPECT_TRUE(eventually([&] { return actions == 1; }));
-  timer.fireNow();
-  EXPECT_TRUE(eventually([&] { return actions == 2; }));
-  timer.stop();
-  EXPECT_EQ(actions, 2);  // the hour-long period itself never ran out
-}
-
-// A duty cycle that sleeps until its next deadline: a run moved to a moment of the monotonic
-// clock, from outside and from the action itself; the hour-long period never runs out.
-TEST(TimerQueue, RunNextAtMovesOneRunToAnAbsoluteMoment) {
-  std::atomic<int> actions{0};
-  const auto now_us = [] {
-    return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-  };
-  TimerQueue* self = nullptr;
-  TimerQueue timer("t", 3'600'000'000LL /* an hour */, nullptr, [&] {
-    if (++actions < 3) self->runNextAt(now_us() - 1000);  // a moment already past: at once
-  });
-  self = &timer;
-  timer.start();
-  timer.runNextAt(now_us());
-  EXPECT_TRUE(eventually([&] { return actions == 3; }));
-  timer.stop();
-  EXPECT_EQ(actions, 3);
-}
-
-TEST(TimerQueue, StopJoinsAndRestartRunsTheHookAgain) {
-  std::atomic<int> hooks{0}, actions{0};
-  TimerQueue timer("t", 1000, [&] { ++hooks; }, [&] { ++actions; });
-  timer.start();
-  ASSERT_TRUE(eventually([&] { return actions >= 1; }));
-  timer.stop();
-  EXPECT_FALSE(timer.running());
   const int after_stop = actions;
   std::this_thread::sleep_for(std::chrono::milliseconds(10));
   EXPECT_EQ(actions, after_stop);
@@ -97,6 +51,41 @@ TEST(TimerQueue, StopJoinsAndRestartRunsTheHookAgain) {
   timer.stop();
   EXPECT_EQ(hooks, 2);
   timer.stop();  // a second stop is harmless
+}
+
+TEST(TimerQueue, ShorteningThePeriodWhileRunningTakesEffectWithoutWaitingOutTheOldOne) {
+  std::atomic<int> actions{0};
+  TimerQueue timer("t", kHour_us, nullptr, [&] { ++actions; });
+  timer.start();
+  timer.setPeriod_us(1000);
+  EXPECT_EQ(timer.period_us(), 1000);
+  EXPECT_TRUE(eventually([&] { return actions >= 2; }));
+  timer.setPeriod_us(kHour_us);
+  const int before = actions;
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_LE(actions - before, 1);  // at most one action was already under way
+  timer.stop();
+}
+
+// Runs brought forward while the hour-long period never runs out: fireNow, and a duty cycle that
+// sleeps until its next deadline, moved from outside and from the action itself (a moment already
+// past runs at once).
+TEST(TimerQueue, FireNowAndRunNextAtRunWithoutWaitingOutThePeriod) {
+  std::atomic<int> actions{0};
+  TimerQueue* self = nullptr;
+  TimerQueue timer("t", kHour_us, nullptr, [&] {
+    if (++actions >= 3 && actions < 5) self->runNextAt(now_us() - 1000);
+  });
+  self = &timer;
+  timer.start();
+  timer.fireNow();
+  EXPECT_TRUE(eventually([&] { return actions == 1; }));
+  timer.fireNow();
+  EXPECT_TRUE(eventually([&] { return actions == 2; }));
+  timer.runNextAt(now_us());
+  EXPECT_TRUE(eventually([&] { return actions == 5; }));
+  timer.stop();
+  EXPECT_EQ(actions, 5);
 }
 
 }  // namespace
