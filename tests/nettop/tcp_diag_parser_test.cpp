@@ -30,6 +30,13 @@ void append(std::string& out, const void* data, size_t size) { out.append(static
 
 void pad(std::string& out) { out.resize(NLMSG_ALIGN(out.size()), '\0'); }
 
+std::string frame(uint16_t type, uint16_t flags, const std::string& body) {
+  nlmsghdr h{static_cast<uint32_t>(NLMSG_LENGTH(body.size())), type, flags, 1, 0};
+  std::string out;
+  append(out, &h, sizeof h);
+  return out + body;
+}
+
 // One SOCK_DIAG_BY_FAMILY message: inet_diag_msg, then an INET_DIAG_INFO attribute holding the
 // first info_bytes of a tcp_info.
 std::string message(const Socket& s) {
@@ -53,28 +60,17 @@ std::string message(const Socket& s) {
     append(body, &info, s.info_bytes);
     pad(body);
   }
-  nlmsghdr h{static_cast<uint32_t>(NLMSG_LENGTH(body.size())), SOCK_DIAG_BY_FAMILY, NLM_F_MULTI, 1, 0};
-  std::string out;
-  append(out, &h, sizeof h);
-  return out + body;
+  return frame(SOCK_DIAG_BY_FAMILY, NLM_F_MULTI, body);
 }
 
-std::string done() {
-  nlmsghdr h{NLMSG_LENGTH(sizeof(int)), NLMSG_DONE, NLM_F_MULTI, 1, 0};
-  std::string out;
-  append(out, &h, sizeof h);
-  out.append(sizeof(int), '\0');
-  return out;
-}
+std::string done() { return frame(NLMSG_DONE, NLM_F_MULTI, std::string(sizeof(int), '\0')); }
 
 std::string error(int errno_value) {
   nlmsgerr e{};
   e.error = -errno_value;
-  nlmsghdr h{static_cast<uint32_t>(NLMSG_LENGTH(sizeof e)), NLMSG_ERROR, 0, 1, 0};
-  std::string out;
-  append(out, &h, sizeof h);
-  append(out, &e, sizeof e);
-  return out;
+  std::string body;
+  append(body, &e, sizeof e);
+  return frame(NLMSG_ERROR, 0, body);
 }
 
 constexpr size_t kBeforeBytesSent = offsetof(tcp_info, tcpi_bytes_sent);  // a 4.x kernel's tcp_info

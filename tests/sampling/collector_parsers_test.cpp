@@ -43,16 +43,6 @@ TEST(CpuCollector, TicksScaleIntoTheSample) {
   for (const auto& c : cases) EXPECT_EQ(CpuCollector::sampleFromTicks(c.ticks, c.timebase), c.expected) << c.label;
 }
 
-TEST(CpuCollector, AnOfflineProcessorKeepsItsPlaceWithAZeroSample) {
-  auto stat = ProcStat::parse("cpu 6 0 6 6\ncpu0 1 0 1 1\ncpu2 3 0 3 3\n");
-  ASSERT_TRUE(stat);
-  const auto samples = CpuCollector::samples({0, 1, 2}, *stat, {1, 1});
-  ASSERT_EQ(samples.size(), 3u);
-  EXPECT_EQ(samples[0], (cpu_sample_t{1, 1, 1, 0}));
-  EXPECT_EQ(samples[1], cpu_sample_t{});
-  EXPECT_EQ(samples[2], (cpu_sample_t{3, 3, 3, 0}));
-}
-
 TEST(CpuCollector, TheHostTimebaseGivesNanoseconds) {
   const auto timebase = CpuCollector::hostTimebase();
   EXPECT_EQ(timebase.denom, 1u);
@@ -187,11 +177,6 @@ TEST(CoreClusters, CapacitiesNameTheClusters) {
       {"one unreadable", {512, std::nullopt, 1024}, {"Efficiency", "", "Performance"}},
   };
   for (const auto& c : cases) EXPECT_EQ(CoreClusters::fromCapacities(c.capacities), c.expected) << c.label;
-}
-
-TEST(CoreClusters, HybridListsNameEachPresentProcessor) {
-  EXPECT_EQ(CoreClusters::fromHybridLists({0, 1, 2, 3, 4}, {0, 1}, {2, 3}),
-            (std::vector<std::string>{"Performance", "Performance", "Efficiency", "Efficiency", ""}));
 }
 
 }  // namespace

@@ -59,41 +59,39 @@ class Nvml : public ::testing::Test {
   void SetUp() override { FakeDriver::reset(); }
 };
 
-TEST_F(Nvml, ReportsReadableCardsAndNamesTheNamelessByIndex) {
+TEST_F(Nvml, ReportsReadableCardsNamesTheNamelessByIndexAndTheirDieTemperatures) {
   {
     NvmlGpus gpus(FakeDriver::api());
-    const auto cards = gpus.read();
+    std::vector<temperatureStats> temps;
+    const auto cards = gpus.read(&temps);
     const int64_t total = 12LL << 30, used = 4LL << 30;
     EXPECT_EQ(cards, (std::vector<graphicsCard>{GpuCollector::makeCard("NVIDIA GeForce RTX 3060", 41, total, used),
                                                 GpuCollector::makeCard("NVIDIA GPU 2", 41, total, used)}));
+    EXPECT_EQ(temps, (std::vector<temperatureStats>{{"NVIDIA GeForce RTX 3060", "gpu", 67000, 0, 0}}));
     EXPECT_EQ(gpus.read().size(), 2u);
     EXPECT_EQ(FakeDriver::inits, 1);
   }
   EXPECT_EQ(FakeDriver::shutdowns, 1);
 }
 
-TEST_F(Nvml, DieTemperaturesOfTheReportedCardsWhereTheDriverTellsThem) {
-  NvmlGpus gpus(FakeDriver::api());
-  std::vector<temperatureStats> temps;
-  EXPECT_EQ(gpus.read(&temps).size(), 2u);
-  EXPECT_EQ(temps, (std::vector<temperatureStats>{{"NVIDIA GeForce RTX 3060", "gpu", 67000, 0, 0}}));
-}
-
-TEST_F(Nvml, ADriverThatRefusesIsAskedOnceAndNeverShutDown) {
-  FakeDriver::init_result = 9;  // driver not loaded
-  {
-    NvmlGpus gpus(FakeDriver::api());
-    EXPECT_TRUE(gpus.read().empty());
-    EXPECT_TRUE(gpus.read().empty());
-    EXPECT_EQ(FakeDriver::inits, 1);
+// A driver that refuses is asked once and never shut down; one that cannot count gives no cards.
+TEST_F(Nvml, AFailingDriverGivesNoCards) {
+  const struct {
+    nvml::Return init, count;
+    int shutdowns;
+  } cases[] = {{9 /* driver not loaded */, nvml::kSuccess, 0}, {nvml::kSuccess, 999, 1}};
+  for (const auto& c : cases) {
+    FakeDriver::reset();
+    FakeDriver::init_result = c.init;
+    FakeDriver::count_result = c.count;
+    {
+      NvmlGpus gpus(FakeDriver::api());
+      EXPECT_TRUE(gpus.read().empty());
+      EXPECT_TRUE(gpus.read().empty());
+      EXPECT_EQ(FakeDriver::inits, 1);
+    }
+    EXPECT_EQ(FakeDriver::shutdowns, c.shutdowns);
   }
-  EXPECT_EQ(FakeDriver::shutdowns, 0);
-}
-
-TEST_F(Nvml, AFailedCountGivesNoCards) {
-  FakeDriver::count_result = 999;
-  NvmlGpus gpus(FakeDriver::api());
-  EXPECT_TRUE(gpus.read().empty());
 }
 
 }  // namespace

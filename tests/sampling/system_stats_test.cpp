@@ -131,8 +131,13 @@ TEST_F(SamplerTest, SnapshotsReachEveryClientOnTheMainThread) {
   EXPECT_EQ(a->last.dsk_stats.size(), 1u);
 }
 
-TEST_F(SamplerTest, ASnapshotPostedBeforeTheSamplerWentAwayIsDropped) {
+TEST_F(SamplerTest, ASnapshotIsDroppedWhenItsClientLeftOrTheSamplerWentAway) {
   auto client = std::make_shared<RecordingClient>();
+  m_stats->addClient(client);
+  m_stats->removeClient(client);
+  m_stats->tick();
+  RunLoop::main().runUntilIdle();
+  EXPECT_EQ(client->count("stats"), 0u);
   m_stats->addClient(client);
   m_stats->tick();  // posts a job that holds the sampler weakly
   m_stats.reset();  // stops the timer; the sampler is gone before the job runs
@@ -140,25 +145,7 @@ TEST_F(SamplerTest, ASnapshotPostedBeforeTheSamplerWentAwayIsDropped) {
   EXPECT_EQ(client->count("stats"), 0u);
 }
 
-TEST_F(SamplerTest, ASnapshotForAClientThatLeftIsNotDelivered) {
-  auto client = std::make_shared<RecordingClient>();
-  m_stats->addClient(client);
-  m_stats->removeClient(client);
-  m_stats->tick();
-  RunLoop::main().runUntilIdle();
-  EXPECT_EQ(client->count("stats"), 0u);
-}
-
-TEST_F(SamplerTest, WakeWhileStoppedDoesNothingAndLogsNothing) {
-  LogCapture log;
-  m_stats->sleepStateChanged(false);
-  m_stats->sleepStateChanged(true);
-  EXPECT_FALSE(m_stats->running());
-  EXPECT_FALSE(m_stats->timerRunning());
-  EXPECT_TRUE(log.lines().empty());
-  EXPECT_TRUE(m_source->calls.empty());
-}
-
+// Sleep and wake while running, then the last client leaving during a sleep, then both while stopped.
 TEST_F(SamplerTest, SleepPausesAndWakeRestartsTellingClientsFirst) {
   auto client = std::make_shared<RecordingClient>();
   m_stats->addClient(client);
@@ -183,21 +170,18 @@ TEST_F(SamplerTest, SleepPausesAndWakeRestartsTellingClientsFirst) {
   ASSERT_TRUE(runUntil([&] { return client->count("stats") >= 1; }));
   EXPECT_EQ(client->events.front(), "restarted");
   EXPECT_EQ(client->count("restarted"), 1u);
-  m_stats->removeClient(client);
-  EXPECT_FALSE(m_stats->running());
-  EXPECT_FALSE(m_stats->timerRunning());
-}
-
-TEST_F(SamplerTest, TheLastClientLeavingDuringSleepStopsForGood) {
-  auto client = std::make_shared<RecordingClient>();
-  m_stats->addClient(client);
   m_stats->sleepStateChanged(true);
   m_stats->removeClient(client);
   EXPECT_FALSE(m_stats->running());
-  LogCapture log;
-  m_stats->sleepStateChanged(false);
-  EXPECT_FALSE(m_stats->timerRunning());
-  EXPECT_TRUE(log.lines().empty());
+  const auto calls = m_source->calls;
+  for (bool sleeping : {false, true, false}) {  // stopped for good: nothing restarts, nothing is logged
+    LogCapture log;
+    m_stats->sleepStateChanged(sleeping);
+    EXPECT_FALSE(m_stats->running());
+    EXPECT_FALSE(m_stats->timerRunning());
+    EXPECT_TRUE(log.lines().empty());
+    EXPECT_EQ(m_source->calls, calls);
+  }
 }
 
 TEST_F(SamplerTest, EachTickStampsTheSampleTime) {

@@ -24,7 +24,7 @@ class SettingsTest : public ::testing::Test {
   const fs::path file = dir / "defaults.json";
 };
 
-TEST_F(SettingsTest, MissingFileReadsDefaultsAndSavesSurviveAReload) {
+TEST_F(SettingsTest, MissingFileReadsDefaultsAndSavesAndRemovalsSurviveAReload) {
   DefaultSettings s(file);
   EXPECT_TRUE(s.loadBool("b", true));
   EXPECT_EQ(s.loadInt("UPDATE_PROCESSES", 5000), 5000);
@@ -33,8 +33,11 @@ TEST_F(SettingsTest, MissingFileReadsDefaultsAndSavesSurviveAReload) {
   s.saveDouble("PID_proportional", 0.75);
   s.saveString("graph_label_font", "DejaVu Sans,10");
   s.saveDict("limited", {{"AC Power", {{"yes", 0.5}}}});
+  s.saveInt("gone", 1);
+  s.remove("gone");
 
   DefaultSettings again(file);
+  EXPECT_FALSE(again.contains("gone"));
   EXPECT_EQ(again.loadInt("UPDATE_PROCESSES", 5000), 2000);
   EXPECT_FALSE(again.loadBool("b", true));
   EXPECT_DOUBLE_EQ(again.loadDouble("PID_proportional", 0.5), 0.75);
@@ -149,16 +152,6 @@ TEST_F(SettingsTest, ConcurrentSavesFromSeveralThreadsAllLand) {
   for (auto& th : threads) th.join();
   DefaultSettings again(file);
   for (int t = 0; t < 4; ++t) EXPECT_EQ(again.loadInt("k" + std::to_string(t) + "_24", -1), 24);
-}
-
-TEST_F(SettingsTest, RemoveDeletesOnlyThatKey) {
-  DefaultSettings s(file);
-  s.saveInt("a", 1);
-  s.saveInt("b", 2);
-  s.remove("a");
-  DefaultSettings again(file);
-  EXPECT_FALSE(again.contains("a"));
-  EXPECT_EQ(again.loadInt("b", 0), 2);
 }
 
 }  // namespace

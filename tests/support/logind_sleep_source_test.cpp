@@ -12,7 +12,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
@@ -20,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/eventually.h"
 #include "support/sleep_notify.h"
 #include "support/unique_fd.h"
 
@@ -105,26 +105,6 @@ class FakeLogind {
   std::vector<UniqueFd> m_read_ends;
 };
 
-class Events {
- public:
-  void add(SleepEvent e) {
-    std::lock_guard lock(m_mutex);
-    m_events.push_back(e);
-    m_changed.notify_all();
-  }
-  // Waits (at most a generous bound, so a lost event fails instead of hanging) for the n-th event.
-  std::vector<SleepEvent> waitFor(size_t n) {
-    std::unique_lock lock(m_mutex);
-    m_changed.wait_for(lock, 20s, [&] { return m_events.size() >= n; });
-    return m_events;
-  }
-
- private:
-  std::mutex m_mutex;
-  std::condition_variable m_changed;
-  std::vector<SleepEvent> m_events;
-};
-
 bool closedByAllWriters(int read_end) {
   pollfd p{read_end, POLLIN, 0};
   return poll(&p, 1, 5000) == 1 && (p.revents & POLLHUP);
@@ -139,20 +119,33 @@ TEST(LogindSleepSource, PrepareForSleepArrivesThroughARealBus) {
   const std::string saved_value = saved ? saved : "";
   setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address.c_str(), 1);
 
-  Events events;
+  std::mutex mutex;
+  std::vector<SleepEvent> events;
+  // The events once there are n of them (a lost one fails the wait instead of hanging).
+  auto seen = [&](size_t n) {
+    std::vector<SleepEvent> copy;
+    test::eventually([&] {
+      std::lock_guard lock(mutex);
+      return (copy = events).size() >= n;
+    });
+    return copy;
+  };
   auto source = makeLogindSleepSource();
-  ASSERT_TRUE(source->start([&](SleepEvent e) { events.add(e); }));
+  ASSERT_TRUE(source->start([&](SleepEvent e) {
+    std::lock_guard lock(mutex);
+    events.push_back(e);
+  }));
   const int first = logind.inhibitorReadEnd();
   ASSERT_GE(first, 0) << "no Inhibit call reached logind";
 
   logind.prepareForSleep(true);
-  EXPECT_EQ(events.waitFor(1), std::vector<SleepEvent>{SleepEvent::willSleep});
+  EXPECT_EQ(seen(1), std::vector<SleepEvent>{SleepEvent::willSleep});
   source->releaseSleepDelay();
   EXPECT_TRUE(closedByAllWriters(first)) << "the inhibitor is still held";
 
   source->holdSleepDelay();
   logind.prepareForSleep(false);
-  EXPECT_EQ(events.waitFor(2), (std::vector<SleepEvent>{SleepEvent::willSleep, SleepEvent::didWake}));
+  EXPECT_EQ(seen(2), (std::vector<SleepEvent>{SleepEvent::willSleep, SleepEvent::didWake}));
   source->stop();
 
   if (saved) setenv("DBUS_SYSTEM_BUS_ADDRESS", saved_value.c_str(), 1);
