@@ -69,6 +69,17 @@ struct Fixture : test::SimLimiter {
   }
 };
 
+// The standard set in a window of kMe's, as most tests start.
+struct StandardSet : Fixture {
+  StandardSet() { standard(); }
+};
+class ProcinfoWindowTest : public ::testing::Test {
+ protected:
+  ProcinfoWindowTest() { w.setUid(kMe); }
+  StandardSet f;
+  ProcinfoWindow w{*f.limiter, f.helper, f.settings};
+};
+
 std::vector<int32_t> shownPids(const ProcinfoWindow& w) {
   std::vector<int32_t> pids;
   for (const auto& row : w.model().rows()) pids.push_back(row.info.pid);
@@ -81,11 +92,7 @@ std::string cell(const ProcinfoWindow& w, int32_t pid, const std::string& column
   return w.model().index(row, ProcessTableModel::columnOf(column)).data().toString().toStdString();
 }
 
-TEST(ProcinfoWindow, FirstOpenWithEmptyDefaultsSortsByShareDescendingAndShowsAll) {
-  Fixture f;
-  f.standard();
-  ProcinfoWindow w(*f.limiter, f.helper, f.settings);
-  w.setUid(kMe);
+TEST_F(ProcinfoWindowTest, FirstOpenWithEmptyDefaultsSortsByShareDescendingAndShowsAll) {
   EXPECT_EQ(w.sortKey(), "pctcpu");
   EXPECT_FALSE(w.sortAscending());
   EXPECT_EQ(w.processFilter(), processesView::all);
@@ -107,10 +114,7 @@ void clickHeader(ProcinfoWindow& w, const std::string& column) {
   QTest::mouseClick(header->viewport(), Qt::LeftButton, {}, at);
 }
 
-TEST(ProcinfoWindow, AFirstHeaderClickSortsNamesAToZAndNumbersLargestFirst) {
-  Fixture f;
-  f.standard();
-  ProcinfoWindow w(*f.limiter, f.helper, f.settings);
+TEST_F(ProcinfoWindowTest, AFirstHeaderClickSortsNamesAToZAndNumbersLargestFirst) {
   w.show();
   struct Click {
     const char* column;
@@ -167,11 +171,7 @@ TEST(ProcinfoWindow, SettingsAreReadAtOpenAndWrittenAtClose) {
   EXPECT_EQ(again.processFilter(), processesView::all);
 }
 
-TEST(ProcinfoWindow, FiltersAndSearch) {
-  Fixture f;
-  f.standard();
-  ProcinfoWindow w(*f.limiter, f.helper, f.settings);
-  w.setUid(kMe);
+TEST_F(ProcinfoWindowTest, FiltersAndSearch) {
   w.setApplicationPids([](const std::map<int32_t, procinfo>&) { return std::set<int32_t>{200, 999}; });
   struct Case { processesView view; const char* search; int type; std::vector<int32_t> pids; const char* title; };
   const Case cases[] = {
@@ -257,12 +257,8 @@ TEST(ProcinfoWindow, TreeViewShowsChildrenUnderTheirParentsAndIsSwitchedLikeTheF
   EXPECT_EQ(window->model().rows()[1].depth, 1);
 }
 
-TEST(ProcinfoWindow, SelectionSurvivesRefreshesAndAVanishedProcessLeavesTheDetailArea) {
-  Fixture f;
-  f.standard();
-  ProcinfoWindow w(*f.limiter, f.helper, f.settings);
+TEST_F(ProcinfoWindowTest, SelectionSurvivesRefreshesAndAVanishedProcessLeavesTheDetailArea) {
   w.show();  // a hidden window does not rebuild its rows
-  w.setUid(kMe);
   w.selectPid(300);
   EXPECT_EQ(w.selectedPid(), 300);
   EXPECT_TRUE(w.coverBox()->isHidden());
@@ -299,11 +295,7 @@ TEST(ProcinfoWindow, SelectionSurvivesRefreshesAndAVanishedProcessLeavesTheDetai
   EXPECT_FALSE(w.limitControl()->controlEnabled());
 }
 
-TEST(ProcinfoWindow, LimitControlLimitsClearsAndRemembersPerPowerSource) {
-  Fixture f;
-  f.standard();
-  ProcinfoWindow w(*f.limiter, f.helper, f.settings);
-  w.setUid(kMe);
+TEST_F(ProcinfoWindowTest, LimitControlLimitsClearsAndRemembersPerPowerSource) {
   w.selectPid(200);
   ASSERT_TRUE(w.limitControl()->controlEnabled());
   w.limitControl()->setValue(20);
@@ -359,12 +351,8 @@ TEST(ProcinfoWindow, LimitControlLimitsClearsAndRemembersPerPowerSource) {
   EXPECT_GE(f.wire->count(SIGCONT), 2);
 }
 
-TEST(ProcinfoWindow, FrontmostLimitShownInParenthesesOnlyWhileFrontmostLimitingIsOff) {
-  Fixture f;
-  f.standard();
+TEST_F(ProcinfoWindowTest, FrontmostLimitShownInParenthesesOnlyWhileFrontmostLimitingIsOff) {
   PID::setFrontmostProvider([] { return std::optional<int32_t>(200); });
-  ProcinfoWindow w(*f.limiter, f.helper, f.settings);
-  w.setUid(kMe);
   w.selectPid(200);
   w.limitControl()->setValue(20);
   EXPECT_EQ(cell(w, 200, "limit"), "(20.0)");
@@ -377,11 +365,7 @@ TEST(ProcinfoWindow, FrontmostLimitShownInParenthesesOnlyWhileFrontmostLimitingI
   EXPECT_EQ(cell(w, 200, "limit"), "20.0");
 }
 
-TEST(ProcinfoWindow, ControlsNeedOwnershipOrAuthorisation) {
-  Fixture f;
-  f.standard();
-  ProcinfoWindow w(*f.limiter, f.helper, f.settings);
-  w.setUid(kMe);
+TEST_F(ProcinfoWindowTest, ControlsNeedOwnershipOrAuthorisation) {
   struct Case { int32_t pid; bool authorised; bool enabled; };
   const Case cases[] = {{200, false, true}, {300, false, false}, {100, false, false},
                         {300, true, true},  {100, true, true},   {200, true, true}};
@@ -405,12 +389,9 @@ TEST(ProcinfoWindow, ControlsNeedOwnershipOrAuthorisation) {
   EXPECT_TRUE(f.wire->priorities.empty());
 }
 
-TEST(ProcinfoWindow, PriorityControlRenicesAndRemembersPerPowerSource) {
-  Fixture f;
-  f.standard();
+TEST_F(ProcinfoWindowTest, PriorityControlRenicesAndRemembersPerPowerSource) {
   f.helper.setAuthorised(true);
-  ProcinfoWindow w(*f.limiter, f.helper, f.settings);
-  w.setUid(kMe);
+  RunLoop::main().runUntilIdle();  // "authchanged"
   w.selectPid(200);
   w.reniceControl()->setValue(5);
   EXPECT_EQ(f.wire->priorities, (std::vector<std::pair<int32_t, int64_t>>{{200, 5}}));
@@ -421,11 +402,7 @@ TEST(ProcinfoWindow, PriorityControlRenicesAndRemembersPerPowerSource) {
   EXPECT_EQ(f.limiter->procSettings().priorityFor("firefox", "Battery Power"), 10);
 }
 
-TEST(ProcinfoWindow, QuitAndForceQuitAskFirst) {
-  Fixture f;
-  f.standard();
-  ProcinfoWindow w(*f.limiter, f.helper, f.settings);
-  w.setUid(kMe);
+TEST_F(ProcinfoWindowTest, QuitAndForceQuitAskFirst) {
   std::vector<std::string> questions;
   bool answer = false;
   w.setConfirm([&](const QString& q) {
