@@ -17,8 +17,8 @@ bool futexSleepUntil(std::atomic<uint32_t>& word, uint32_t seen, std::chrono::st
   const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(deadline.time_since_epoch()).count();
   if (ns <= 0) return true;
   const timespec at{static_cast<time_t>(ns / 1'000'000'000), static_cast<long>(ns % 1'000'000'000)};
-  const long r = ::syscall(SYS_futex, reinterpret_cast<uint32_t*>(&word), FUTEX_WAIT_BITSET_PRIVATE, seen, &at,
-                           nullptr, FUTEX_BITSET_MATCH_ANY);
+  const long r = ::syscall(SYS_futex, reinterpret_cast<uint32_t*>(&word), FUTEX_WAIT_BITSET_PRIVATE, seen, &at, nullptr,
+                           FUTEX_BITSET_MATCH_ANY);
   return r != 0 && errno == ETIMEDOUT;
 }
 
