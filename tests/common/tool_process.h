@@ -1,9 +1,12 @@
 #pragma once
 // A program of ours run as a child, with its standard output and error on one pipe that the test reads.
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -33,13 +36,29 @@ inline pid_t spawnTool(const std::vector<std::string>& argv, const std::vector<s
   return child;
 }
 
-// Reads until `until` has been seen (empty: until the end).
-inline std::string readUntil(int fd, const std::string& until = {}) {
+// Reads until `until` has been seen (empty: until the end), for at most `limit`: a program that
+// hangs fails its own test instead of holding the suite until ctest gives up. *ended (if given)
+// says whether `until` was seen or the output ended before the limit.
+inline std::string readUntil(int fd, const std::string& until = {},
+                             std::chrono::milliseconds limit = std::chrono::seconds(60), bool* ended = nullptr) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
   std::string out;
-  char buffer[4096];
-  ssize_t n;
-  while ((until.empty() || out.find(until) == std::string::npos) && (n = ::read(fd, buffer, sizeof buffer)) > 0)
-    out.append(buffer, static_cast<size_t>(n));
+  bool done = false;
+  while (!done && (until.empty() || out.find(until) == std::string::npos)) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
+                                                                            std::chrono::steady_clock::now());
+    pollfd readable{fd, POLLIN, 0};
+    const int ready = left.count() > 0 ? ::poll(&readable, 1, static_cast<int>(left.count())) : 0;
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready <= 0) break;
+    char buffer[4096];
+    const ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n <= 0)
+      done = true;
+    else
+      out.append(buffer, static_cast<size_t>(n));
+  }
+  if (ended) *ended = done || (!until.empty() && out.find(until) != std::string::npos);
   return out;
 }
 

@@ -1,11 +1,9 @@
 #pragma once
 // The real pelmora tool and the real daemon as children of a test.
-#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <string>
 #include <vector>
 
@@ -21,20 +19,6 @@ struct ToolRun {
   std::string output;  // standard output and error
 };
 
-// Reads fd to its end into *text; false when it had not ended by `deadline`.
-inline bool readToEndBefore(int fd, std::string* text, std::chrono::steady_clock::time_point deadline) {
-  for (;;) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
-                                                                            std::chrono::steady_clock::now());
-    pollfd readable{fd, POLLIN, 0};
-    if (left.count() <= 0 || ::poll(&readable, 1, static_cast<int>(left.count())) == 0) return false;
-    char buffer[4096];
-    const ssize_t n = ::read(fd, buffer, sizeof buffer);
-    if (n <= 0) return true;
-    text->append(buffer, static_cast<size_t>(n));
-  }
-}
-
 // Runs the tool with `args` to its end, as `uid` unless that is 0. A run still going after a
 // generous while is killed and fails with exit -1, so that a tool that hangs fails its own test
 // rather than holding the whole suite until ctest gives up on it.
@@ -44,7 +28,8 @@ inline ToolRun runTool(const std::vector<std::string>& args, const std::vector<s
   int out = -1;
   const pid_t child = spawnTool(argv, env, &out, uid);
   ToolRun run;
-  const bool ended = readToEndBefore(out, &run.output, std::chrono::steady_clock::now() + std::chrono::seconds(60));
+  bool ended = false;
+  run.output = readUntil(out, {}, std::chrono::seconds(60), &ended);
   if (!ended) {
     ::kill(child, SIGKILL);
     run.output += "\n[still running after 60 s: killed]";
