@@ -4,8 +4,8 @@
 // and re-arms), and one run may be moved to an absolute moment of the monotonic clock (a duty cycle
 // that sleeps until its next deadline). stop() joins the thread, so it must not be called from the
 // action itself.
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <mutex>
