@@ -44,25 +44,7 @@ const nlohmann::json kStoredBoth = {
     {"CPUCount", {{"AC Power", 6}, {"Battery Power", 2}}},
 };
 
-TEST(PelmoraWindow, EnabledStatesFollowTheRightsWithTheFinalLockDown) {
-  struct Case { bool authorised; bool prefer, throttle, source; };
-  // Hyper-threading and the processor count stay disabled either way; prefer-physical stays enabled.
-  for (const Case c : {Case{false, true, false, false}, Case{true, true, true, true}}) {
-    Rig rig;
-    PelmoraWindow w(rig.helper, rig.power, rig.limiter, rig.store, options());
-    rig.helper.setAuthorised(c.authorised);
-    w.setEnabledStates();
-    EXPECT_FALSE(w.m_hyperthreading->isEnabled()) << c.authorised;
-    EXPECT_FALSE(w.m_cpucontrol->controlEnabled()) << c.authorised;
-    EXPECT_FALSE(w.m_cpucontrol->m_slider->isEnabled()) << c.authorised;
-    EXPECT_EQ(w.m_prefer_phys->isEnabled(), c.prefer) << c.authorised;
-    EXPECT_EQ(w.m_throttle->isEnabled(), c.throttle) << c.authorised;
-    EXPECT_EQ(w.m_powersource->isEnabled(), c.source) << c.authorised;
-    Rig::deliver();
-  }
-}
-
-TEST(PelmoraWindow, LockButtonAuthorisesOnlyWhenTheHelperAgrees) {
+TEST(PelmoraWindow, LockButtonAuthorisesOnlyWhenTheHelperAgreesAndTheControlsFollow) {
   struct Case { std::string reply; bool authorised; bool logged; };
   for (const Case& c : {Case{"OK", true, false}, Case{"the privileged helper is not running", false, true}}) {
     Rig rig;
@@ -75,7 +57,12 @@ TEST(PelmoraWindow, LockButtonAuthorisesOnlyWhenTheHelperAgrees) {
     Rig::deliver();
     EXPECT_EQ(rig.helper.authorised(), c.authorised) << c.reply;
     EXPECT_EQ(w.m_throttle->isEnabled(), c.authorised) << c.reply;
-    EXPECT_TRUE(w.m_auth->isEnabled()) << c.reply;
+    EXPECT_EQ(w.m_powersource->isEnabled(), c.authorised) << c.reply;
+    EXPECT_TRUE(w.m_prefer_phys->isEnabled() && w.m_auth->isEnabled()) << c.reply;
+    // Hyper-threading and the processor count stay locked either way.
+    EXPECT_FALSE(w.m_hyperthreading->isEnabled() || w.m_cpucontrol->controlEnabled() ||
+                 w.m_cpucontrol->m_slider->isEnabled())
+        << c.reply;
     EXPECT_EQ(log.contains("CPU settings: authorisation refused: " + c.reply + "."), c.logged) << c.reply;
     EXPECT_EQ(w.m_notice->text().contains(QString::fromStdString(c.reply)), c.logged) << c.reply;
   }
