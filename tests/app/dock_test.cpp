@@ -118,34 +118,6 @@ TEST_F(DockTest, VanishedGpuLosesItsHistory) {
   EXPECT_EQ(dynamic_cast<GraphViewGFX*>(dock.view())->model().columns.size(), 0u);
 }
 
-TEST_F(DockTest, SwitchingKindsAttachesAndDetaches) {
-  const struct {
-    Kind display;
-    bool attached;
-  } steps[] = {
-      {Kind::CPU, true}, {Kind::Memory, true}, {Kind::Icon, false}, {Kind::Icon, false},
-      {Kind::Network, true}, {Kind::Network, true}, {Kind::Icon, false},
-  };
-  Dock dock(*sampler, scratch.store());
-  EXPECT_FALSE(dock.attached());
-  for (const auto& step : steps) {
-    SCOPED_TRACE(Dock::displayName(step.display).toStdString());
-    dock.setDisplay(step.display);
-    EXPECT_EQ(dock.attached(), step.attached);
-    EXPECT_EQ(sampler->clientCount(), step.attached ? 1u : 0u);
-    EXPECT_EQ(sampler->running(), step.attached);
-    feed(dock, {}, 3);
-    if (!step.attached) {
-      EXPECT_EQ(dock.historyLengths(), std::vector<size_t>(7, 3u)) << "fed by hand only";
-    }
-  }
-  // Icon drops what was kept.
-  dock.setDisplay(Kind::CPU);
-  feed(dock, {}, 10);
-  dock.setDisplay(Kind::Icon);
-  EXPECT_EQ(dock.historyLengths(), std::vector<size_t>(7, 0u));
-}
-
 TEST_F(DockTest, SavedKindRestoredAtTheNextStart) {
   for (int raw = 0; raw < Dock::kDisplayCount; ++raw) {
     SCOPED_TRACE(raw);
@@ -210,25 +182,44 @@ TEST_F(DockTest, IconKindGivesBackTheApplicationIcon) {
   EXPECT_EQ(dock.view(), nullptr);
 }
 
-TEST_F(DockTest, WindowAndIconShareTheSampler) {
+// The sampler runs while the live icon shows a graph or the window is open, whichever goes last; the
+// application icon drops what was kept.
+TEST_F(DockTest, TheSamplerRunsWhileTheIconOrTheWindowNeedsIt) {
   Dock dock(*sampler, scratch.store());
-  dock.setDisplay(Kind::CPU);
   SystemStatsWindow window(*sampler, scratch.store(), scratch.root());
-  window.show();
-  EXPECT_EQ(sampler->clientCount(), 2u);
-  window.close();
-  EXPECT_EQ(sampler->clientCount(), 1u);
-  EXPECT_TRUE(sampler->running()) << "the live icon still samples";
+  EXPECT_FALSE(dock.attached());
+  auto show = [&](Kind kind) { return [&dock, kind] { dock.setDisplay(kind); }; };
+  const struct {
+    const char* what;
+    std::function<void()> act;
+    bool attached;
+    size_t clients;
+  } steps[] = {
+      {"CPU", show(Kind::CPU), true, 1},
+      {"memory", show(Kind::Memory), true, 1},
+      {"icon", show(Kind::Icon), false, 0},
+      {"icon again", show(Kind::Icon), false, 0},
+      {"network", show(Kind::Network), true, 1},
+      {"network again", show(Kind::Network), true, 1},
+      {"window shown", [&] { window.show(); }, true, 2},
+      {"window closed: the live icon still samples", [&] { window.close(); }, true, 1},
+      {"icon", show(Kind::Icon), false, 0},
+      {"load", show(Kind::LoadAvg), true, 1},
+      {"window shown", [&] { window.show(); }, true, 2},
+      {"icon: the window is the last to go", show(Kind::Icon), false, 1},
+      {"window closed", [&] { window.close(); }, false, 0},
+  };
+  for (const auto& step : steps) {
+    SCOPED_TRACE(step.what);
+    step.act();
+    EXPECT_EQ(dock.attached(), step.attached);
+    EXPECT_EQ(sampler->clientCount(), step.clients);
+    EXPECT_EQ(sampler->running(), step.clients > 0);
+  }
+  dock.setDisplay(Kind::CPU);
+  feed(dock, {}, 10);
   dock.setDisplay(Kind::Icon);
-  EXPECT_EQ(sampler->clientCount(), 0u);
-  EXPECT_FALSE(sampler->running());
-  // And the other way round: the window is the last to go.
-  dock.setDisplay(Kind::LoadAvg);
-  window.show();
-  dock.setDisplay(Kind::Icon);
-  EXPECT_TRUE(sampler->running());
-  window.close();
-  EXPECT_FALSE(sampler->running());
+  EXPECT_EQ(dock.historyLengths(), std::vector<size_t>(7, 0u));
 }
 
 TEST_F(DockTest, DiskGraphFollowsTheWindowsDataSelector) {
