@@ -4,24 +4,22 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <optional>
 #include <string>
-#include <vector>
 
+#include "common/child.h"
 #include "common/loopback_pair.h"
-#include "support/sys_root.h"
+#include "common/tool_process.h"
 #include "support/text.h"
 #include "support/unique_fd.h"
-
-extern char** environ;
 
 namespace pelmora {
 namespace {
@@ -29,21 +27,6 @@ namespace {
 const std::string kNettop = PELMORA_BINARY_DIR "/src/nettop/pelmora-nettop";
 // How long a test waits for something that should happen within a round or two; never a measure.
 constexpr auto kPatience = std::chrono::seconds(20);
-
-pid_t spawnNettop(const std::vector<std::string>& args, int stdout_fd) {
-  std::vector<std::string> all{kNettop};
-  all.insert(all.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (auto& a : all) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, stdout_fd, STDOUT_FILENO);
-  pid_t pid = -1;
-  if (posix_spawn(&pid, kNettop.c_str(), &actions, nullptr, argv.data(), environ) != 0) pid = -1;
-  posix_spawn_file_actions_destroy(&actions);
-  return pid;
-}
 
 // True once the process has exited (a pidfd turns readable), within the patience.
 bool exitsSoon(pid_t pid) {
@@ -53,40 +36,33 @@ bool exitsSoon(pid_t pid) {
   return ::poll(&p, 1, static_cast<int>(std::chrono::milliseconds(kPatience).count())) == 1;
 }
 
-// True once the tool holds a netlink socket, which it opens only after asking for its death signal.
-bool holdsItsNetlinkSocket(pid_t pid) {
-  const std::string fds = "/proc/" + std::to_string(pid) + "/fd/";
-  const std::string net = "/proc/" + std::to_string(pid) + "/net/netlink";
-  const auto deadline = std::chrono::steady_clock::now() + kPatience;
-  while (std::chrono::steady_clock::now() < deadline) {
-    // The netlink table lists each socket's inode; the tool's own sockets are those among its fds.
-    const std::string table = SysRoot::readFile(net).value_or("");
-    for (const auto& name : SysRoot::listDir(fds)) {
-      char link[64] = {};
-      if (::readlink((fds + name).c_str(), link, sizeof link - 1) <= 0) continue;
-      const std::string text = link;
-      if (text.rfind("socket:[", 0) != 0) continue;
-      const std::string inode = text.substr(8, text.size() - 9);
-      if (table.find(" " + inode + "\n") != std::string::npos || table.find(" " + inode + " ") != std::string::npos)
-        return true;
-    }
-    ::poll(nullptr, 0, 10);
-  }
-  return false;
+// True once the tool holds a socket beyond the three descriptors it was started with: its netlink
+// sockets, which it opens only after asking for its death signal.
+bool holdsASocket(pid_t pid) {
+  const std::filesystem::path fds = "/proc/" + std::to_string(pid) + "/fd";
+  return test::eventually(
+      [&] {
+        std::error_code error;
+        for (const auto& fd : std::filesystem::directory_iterator(fds, error))
+          if (std::stoi(fd.path().filename()) > 2 && fd.is_symlink(error) &&
+              std::filesystem::read_symlink(fd.path(), error).string().rfind("socket:[", 0) == 0)
+            return true;
+        return false;
+      },
+      kPatience);
 }
 
 // One round of output: pid -> (in, out).
 using Round = std::map<int32_t, std::pair<uint64_t, uint64_t>>;
 
-// The tool on a pipe, read round by round (a round's lines share their time stamp).
+// The tool on a pipe, read round by round (a round's "time,name.pid,,,in,out" lines share their
+// time stamp).
 class Nettop {
  public:
   explicit Nettop(int interval_ms) {
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) std::abort();
-    m_read.reset(fds[0]);
-    m_pid = spawnNettop({"--interval-ms", std::to_string(interval_ms)}, fds[1]);
-    ::close(fds[1]);
+    int out = -1;
+    m_pid = test::spawnTool({kNettop, "--interval-ms", std::to_string(interval_ms)}, {}, &out);
+    m_read.reset(out);
   }
   ~Nettop() {
     ::kill(m_pid, SIGKILL);
@@ -95,59 +71,41 @@ class Nettop {
   pid_t pid() const { return m_pid; }
   void closeReader() { m_read.reset(); }
 
-  // Rounds until `done` holds for one; none when it never does within the patience.
+  // The first whole round for which `done` holds; none when none does within the patience.
   std::optional<Round> until(const std::function<bool(const Round&)>& done) {
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    while (std::chrono::steady_clock::now() < deadline) {
-      auto round = next(deadline);
-      if (!round) return std::nullopt;
-      if (done(*round)) return round;
-    }
-    return std::nullopt;
-  }
-
- private:
-  std::optional<std::string> line(std::chrono::steady_clock::time_point deadline) {
-    for (;;) {
-      if (auto nl = m_buffer.find('\n'); nl != std::string::npos) {
-        std::string out = m_buffer.substr(0, nl);
-        m_buffer.erase(0, nl + 1);
-        return out;
-      }
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-      pollfd p{m_read.get(), POLLIN, 0};
-      if (left.count() <= 0 || ::poll(&p, 1, static_cast<int>(left.count())) <= 0) return std::nullopt;
-      char buffer[4096];
-      const ssize_t n = ::read(m_read.get(), buffer, sizeof buffer);
-      if (n <= 0) return std::nullopt;
-      m_buffer.append(buffer, static_cast<size_t>(n));
-    }
-  }
-
-  // "time,name.pid,,,in,out" lines until the time stamp changes.
-  std::optional<Round> next(std::chrono::steady_clock::time_point deadline) {
     Round round;
     std::string stamp;
-    for (;;) {
-      auto text = m_pending ? std::exchange(m_pending, std::nullopt) : line(deadline);
-      if (!text) return std::nullopt;
-      const auto fields = split(*text, ',');
-      if (fields.size() != 6) continue;
-      if (!stamp.empty() && fields[0] != stamp) {
-        m_pending = text;
-        return round;
+    while (std::chrono::steady_clock::now() < deadline) {
+      const auto nl = m_buffer.find('\n');
+      if (nl == std::string::npos) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
+                                                                                std::chrono::steady_clock::now());
+        const std::string more = test::readUntil(m_read.get(), "\n", left);
+        if (more.empty()) return std::nullopt;
+        m_buffer += more;
+        continue;
       }
+      const std::string line = m_buffer.substr(0, nl);
+      const auto fields = split(line, ',');
+      if (fields.size() == 6 && !stamp.empty() && fields[0] != stamp) {
+        if (done(round)) return round;  // the next round's first line stays in the buffer
+        round.clear();
+      }
+      m_buffer.erase(0, nl + 1);
+      if (fields.size() != 6) continue;
       stamp = std::string(fields[0]);
       const auto pid = parseInt64(fields[1].substr(fields[1].rfind('.') + 1));
       round[static_cast<int32_t>(pid.value_or(0))] = {parseUInt64(fields[4]).value_or(0),
                                                        parseUInt64(fields[5]).value_or(0)};
     }
+    return std::nullopt;
   }
 
+ private:
   pid_t m_pid = -1;
   UniqueFd m_read;
   std::string m_buffer;
-  std::optional<std::string> m_pending;
 };
 
 using Pair = test::LoopbackPair;
@@ -199,27 +157,27 @@ TEST(NettopLive, EndsWhenItsReaderGoesEvenWithNothingToPrint) {
   by_pipe.closeReader();
   EXPECT_TRUE(exitsSoon(by_pipe.pid())) << "still running with nobody reading";
 
-  // Started by a process that is then killed outright, writing to a file rather than a pipe.
-  // Close-on-exec, so the tool starts with three descriptors and a fourth means it is past its
-  // death-signal request.
+  // Started by a process that is then killed outright, writing to a file rather than a pipe whose
+  // closing it would notice: only the death signal can end it within the minute.
   int report[2];
   ASSERT_EQ(::pipe2(report, O_CLOEXEC), 0);
-  const pid_t parent = ::fork();
-  if (parent == 0) {
-    UniqueFd null(::open("/dev/null", O_WRONLY | O_CLOEXEC));
-    const pid_t pid = spawnNettop({"--interval-ms", "60000"}, null.get());
-    (void)::write(report[1], &pid, sizeof pid);
-    for (;;) ::pause();
-  }
-  ::close(report[1]);
   pid_t nettop = -1;
-  ASSERT_EQ(::read(report[0], &nettop, sizeof nettop), static_cast<ssize_t>(sizeof nettop));
-  ::close(report[0]);
-  ASSERT_GT(nettop, 0);
-  // It asks for the death signal before it opens its netlink sockets: wait for those.
-  ASSERT_TRUE(holdsItsNetlinkSocket(nettop));
-  ::kill(parent, SIGKILL);
-  ::waitpid(parent, nullptr, 0);
+  {
+    const test::Child parent([&] {
+      const pid_t pid = ::fork();
+      if (pid == 0) {  // the child's output already goes to /dev/null
+        ::execl(kNettop.c_str(), kNettop.c_str(), "--interval-ms", "60000", nullptr);
+        ::_exit(127);
+      }
+      (void)::write(report[1], &pid, sizeof pid);
+      for (;;) ::pause();
+    });
+    ::close(report[1]);
+    ASSERT_EQ(::read(report[0], &nettop, sizeof nettop), static_cast<ssize_t>(sizeof nettop));
+    ::close(report[0]);
+    ASSERT_GT(nettop, 0);
+    ASSERT_TRUE(holdsASocket(nettop));
+  }  // the parent is killed here
   const bool ended = exitsSoon(nettop);
   if (!ended) ::kill(nettop, SIGKILL);
   EXPECT_TRUE(ended) << "outlived the process that started it";
