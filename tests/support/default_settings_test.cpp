@@ -10,6 +10,7 @@
 
 #include "common/temp_dir.h"
 #include "support/logger.h"
+#include "support/settings_keys.h"
 
 namespace fs = std::filesystem;
 using pelmora::DefaultSettings;
@@ -24,38 +25,32 @@ class SettingsTest : public ::testing::Test {
   const fs::path file = dir / "defaults.json";
 };
 
-TEST_F(SettingsTest, MissingFileReadsDefaultsAndSavesAndRemovalsSurviveAReload) {
+// Saved through the typed keys, read back through them from a new store over the same file.
+TEST_F(SettingsTest, SavesAndRemovalsSurviveAReload) {
+  using namespace pelmora::keys;
   DefaultSettings s(file);
-  EXPECT_TRUE(s.loadBool("b", true));
-  EXPECT_EQ(s.loadInt("UPDATE_PROCESSES", 5000), 5000);
-  s.saveInt("UPDATE_PROCESSES", 2000);
-  s.saveBool("b", false);
-  s.saveDouble("PID_proportional", 0.75);
-  s.saveString("graph_label_font", "DejaVu Sans,10");
-  s.saveDict("limited", {{"AC Power", {{"yes", 0.5}}}});
+  kProcessesInterval_ms.save(s, 2000);
+  kWarnThrottle.save(s, false);
+  kPIDProportional.save(s, 0.75);
+  kGraphLabelFont.save(s, "DejaVu Sans,10");
+  kProcessSortColumn.save(s, "pid");
+  kLimited.save(s, {{"AC Power", {{"yes", 0.5}}}});
+  kGraphTempSensors.save(s, {"k10temp Tctl"});
+  kCpuColours.save(s, {1, 2});
   s.saveInt("gone", 1);
   s.remove("gone");
 
   DefaultSettings again(file);
   EXPECT_FALSE(again.contains("gone"));
-  EXPECT_EQ(again.loadInt("UPDATE_PROCESSES", 5000), 2000);
-  EXPECT_FALSE(again.loadBool("b", true));
-  EXPECT_DOUBLE_EQ(again.loadDouble("PID_proportional", 0.5), 0.75);
-  EXPECT_EQ(again.loadString("graph_label_font", ""), "DejaVu Sans,10");
-  EXPECT_DOUBLE_EQ(again.loadDict("limited")["AC Power"]["yes"].get<double>(), 0.5);
+  EXPECT_EQ(kProcessesInterval_ms.load(again), 2000);
+  EXPECT_FALSE(kWarnThrottle.load(again));
+  EXPECT_DOUBLE_EQ(kPIDProportional.load(again), 0.75);
+  EXPECT_EQ(kGraphLabelFont.load(again), "DejaVu Sans,10");
+  EXPECT_EQ(kProcessSortColumn.load(again), "pid");
+  EXPECT_EQ(kLimited.load(again)["AC Power"]["yes"], 0.5);
+  EXPECT_EQ(kGraphTempSensors.load(again), std::vector<std::string>{"k10temp Tctl"});
+  EXPECT_EQ(kCpuColours.load(again), nlohmann::json({1, 2}));
   EXPECT_FALSE(fs::exists(dir / "defaults.json.tmp"));
-}
-
-TEST_F(SettingsTest, WrongTypesReadAsTheDefault) {
-  write(R"({"i": "text", "s": 3, "d": "x", "dict": [1,2], "b": "yes", "f": 2.0})");
-  DefaultSettings s(file);
-  EXPECT_EQ(s.loadInt("i", 7), 7);
-  EXPECT_EQ(s.loadString("s", "def"), "def");
-  EXPECT_DOUBLE_EQ(s.loadDouble("d", 1.5), 1.5);
-  EXPECT_TRUE(s.loadDict("dict").empty());
-  EXPECT_TRUE(s.loadBool("b", true));
-  EXPECT_EQ(s.loadInt("f", 0), 2);           // a whole double is still a usable integer
-  EXPECT_DOUBLE_EQ(s.loadDouble("i", 0.25), 0.25);
 }
 
 TEST_F(SettingsTest, CorruptHugeOrDeepFilesAreSetAsideLoggedAndStartFromDefaults) {
