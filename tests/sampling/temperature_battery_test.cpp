@@ -87,14 +87,10 @@ TEST(BatteryCollector, FiguresFromWhicheverPairTheDriverPublishes) {
   }
 }
 
-TEST(TemperatureNames, ChipAndLabelOrChipAndChannel) {
-  EXPECT_EQ(TemperatureCollector::sensorName("coretemp", "Package id 0", 1), "coretemp Package id 0");
-  EXPECT_EQ(TemperatureCollector::sensorName("acpitz", std::nullopt, 1), "acpitz");
-  EXPECT_EQ(TemperatureCollector::sensorName("acpitz", std::nullopt, 2), "acpitz temp2");
+// The machines below name the rest: labels, channels, and x86_pkg_temp as coretemp's zone.
+TEST(TemperatureNames, AnEmptyLabelNamesTheChannelAndADashedZoneItsChip) {
   EXPECT_EQ(TemperatureCollector::sensorName("nct6798", "", 3), "nct6798 temp3");
   EXPECT_TRUE(TemperatureCollector::zoneHasHwmon("cpu-thermal", {"cpu_thermal"}));
-  EXPECT_TRUE(TemperatureCollector::zoneHasHwmon("x86_pkg_temp", {"acpitz", "coretemp"}));
-  EXPECT_FALSE(TemperatureCollector::zoneHasHwmon("x86_pkg_temp", {"acpitz"}));
 }
 
 TEST(TemperatureChoice, PackageThenHottestGpuThenHottestDisk) {
