@@ -3,16 +3,14 @@
 // Both events must arrive, whatever the source read from the bus while it took the inhibitor, and
 // releasing the inhibitor closes the pipe's last writer.
 #ifdef PELMORA_HAVE_SYSTEMD
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
-#include <signal.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <mutex>
 #include <string>
@@ -20,6 +18,7 @@
 #include <vector>
 
 #include "common/eventually.h"
+#include "common/private_bus.h"
 #include "support/sleep_notify.h"
 #include "support/unique_fd.h"
 
@@ -27,26 +26,6 @@ namespace pelmora {
 namespace {
 
 using namespace std::chrono_literals;
-
-// dbus-daemon with the session configuration (anyone may own any name), forked into the background.
-class PrivateBus {
- public:
-  PrivateBus() {
-    FILE* out = popen("dbus-daemon --session --fork --print-address=1 --print-pid=1 2>/dev/null", "r");
-    if (!out) return;
-    char line[512];
-    if (fgets(line, sizeof line, out)) address = std::string(line, strcspn(line, "\n"));
-    if (fgets(line, sizeof line, out)) m_pid = atoi(line);
-    pclose(out);
-  }
-  ~PrivateBus() {
-    if (m_pid > 0) kill(m_pid, SIGTERM);
-  }
-  std::string address;
-
- private:
-  pid_t m_pid = 0;
-};
 
 // Owns org.freedesktop.login1 and serves it on a thread of its own (sd-bus objects are not
 // thread-safe, so the test asks it to emit through a flag).
@@ -111,13 +90,13 @@ bool closedByAllWriters(int read_end) {
 }
 
 TEST(LogindSleepSource, PrepareForSleepArrivesThroughARealBus) {
-  PrivateBus bus;
-  ASSERT_FALSE(bus.address.empty()) << "dbus-daemon did not start";
-  FakeLogind logind(bus.address);
+  test::PrivateBus bus;
+  ASSERT_TRUE(bus.running()) << "dbus-daemon did not start";
+  FakeLogind logind(bus.address());
   ASSERT_TRUE(logind.ok);
   const char* saved = getenv("DBUS_SYSTEM_BUS_ADDRESS");
   const std::string saved_value = saved ? saved : "";
-  setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address.c_str(), 1);
+  setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address().c_str(), 1);
 
   std::mutex mutex;
   std::vector<SleepEvent> events;
