@@ -56,20 +56,16 @@ TEST(Execute, OutputArrivesInOrderWithArgumentsAndEnvironment) {
 }
 
 TEST(Execute, TerminateEndsAChildThatWouldRunForeverEvenIfItsChildHoldsThePipe) {
-  struct Case {
-    const char* script;
-  };
-  const Case cases[] = {
-      {"echo ready; exec sleep 1000"},
-      {"trap '' TERM; echo ready; while :; do sleep 1; done"},  // ignores SIGTERM: killed after grace
-      {"sleep 1000 & echo $! > \"$0\"; echo ready; wait"},  // a grandchild keeps the pipe open
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.script);
+  const test::TempDir dir("pelmora-exec");
+  const std::string pid_file = dir / "grandchild";
+  for (const char* script : {
+           "echo ready; exec sleep 1000",
+           "trap '' TERM; echo ready; while :; do sleep 1; done",  // ignores SIGTERM: killed after grace
+           "sleep 1000 & echo $! > \"$0\"; echo ready; wait",      // a grandchild keeps the pipe open
+       }) {
+    SCOPED_TRACE(script);
     Collected out;
-    char pid_file[] = "/tmp/pelmora-exec-XXXXXX";
-    ::close(::mkstemp(pid_file));
-    auto child = Execute::readPipe("/bin/sh", QoS::defaultQoS, {"-c", c.script, pid_file}, {}, out.reader());
+    auto child = Execute::readPipe("/bin/sh", QoS::defaultQoS, {"-c", script, pid_file}, {}, out.reader());
     ASSERT_TRUE(child);
     const pid_t pid = child->pid();
     ASSERT_TRUE(eventually([&] { return out.get() == "ready\n"; }));
@@ -77,11 +73,9 @@ TEST(Execute, TerminateEndsAChildThatWouldRunForeverEvenIfItsChildHoldsThePipe) 
     EXPECT_NE(::kill(pid, 0), 0);  // reaped: the pid no longer names our child
     // The grandchild went with its group.
     std::ifstream in(pid_file);
-    pid_t grandchild = 0;
-    if (in >> grandchild) {
+    if (pid_t grandchild = 0; in >> grandchild) {
       EXPECT_TRUE(eventually([&] { return ::kill(grandchild, 0) != 0 || procState(grandchild) == 'Z'; }));
     }
-    ::unlink(pid_file);
   }
 }
 
