@@ -20,6 +20,7 @@ struct Round {
   std::map<int32_t, std::pair<uint64_t, uint64_t>> expected;  // pid -> (in, out) after the round
   std::set<uint64_t> looked_up;                                 // inodes asked for this round
   std::map<uint64_t, int32_t> handed_over = {};                 // inode -> new holder, before the round
+  std::set<int32_t> searched_first = {};                        // pids the lookup is told to try first
 };
 
 struct Case {
@@ -38,7 +39,8 @@ void play(const Case& c) {
     SCOPED_TRACE("round " + std::to_string(++n));
     for (const auto& [inode, pid] : round.handed_over) holders[inode] = pid;
     std::set<uint64_t> asked;
-    traffic.applyDump(round.dump, [&](const std::set<uint64_t>& inodes, const std::set<int32_t>&) {
+    traffic.applyDump(round.dump, [&](const std::set<uint64_t>& inodes, const std::set<int32_t>& first) {
+      EXPECT_EQ(first, round.searched_first);
       std::map<uint64_t, SocketOwner> found;
       for (uint64_t inode : inodes) {
         asked.insert(inode);
@@ -95,11 +97,16 @@ TEST(TcpTraffic, Rounds) {
         {{sock(1, 10, 2, 2)}, {}, {}, {}, {}},
         {{}, {}, {}, {}, {}},
         {{sock(2, 10, 3, 3)}, {}, {}, {}, {10}}}},
+      // Processes already holding sockets are searched first; an exited one no longer.
       {"an exited process is forgotten; a child holding the socket gets only what moves next",
        {{10, 500}},
        {{{sock(1, 10, 100, 100)}, {}, {}, {{500, {100, 100}}}, {10}},
         {{sock(1, 10, 120, 100)}, {}, {500}, {}, {}},
         {{sock(1, 10, 150, 110)}, {}, {}, {{501, {30, 10}}}, {10}, {{10, 501}}}}},
+      {"a new socket's owner is searched for among the processes with sockets first",
+       {{10, 500}, {11, 600}, {12, 600}},
+       {{{sock(1, 10, 0, 0), sock(2, 11, 0, 0)}, {}, {}, {{500, {0, 0}}, {600, {0, 0}}}, {10, 11}},
+        {{sock(3, 12, 0, 0)}, {}, {}, {{500, {0, 0}}, {600, {0, 0}}}, {12}, {}, {500, 600}}}},
       {"counters never run backwards into the totals",
        {{10, 500}},
        {{{sock(1, 10, 100, 100)}, {}, {}, {{500, {100, 100}}}, {10}},
@@ -118,21 +125,6 @@ TEST(TcpTraffic, Rounds) {
        kUser},
   };
   for (const auto& c : cases) play(c);
-}
-
-TEST(TcpTraffic, LooksAtProcessesWithSocketsFirst) {
-  TcpTraffic traffic(std::nullopt);
-  std::set<int32_t> likely;
-  auto lookup = [&](const std::set<uint64_t>& inodes, const std::set<int32_t>& first) {
-    likely = first;
-    std::map<uint64_t, SocketOwner> found;
-    for (uint64_t inode : inodes) found[inode] = {static_cast<int32_t>(inode), "p"};
-    return found;
-  };
-  traffic.applyDump({sock(1, 10, 0, 0), sock(2, 20, 0, 0)}, lookup);
-  traffic.endRound();
-  traffic.applyDump({sock(1, 10, 0, 0), sock(2, 20, 0, 0), sock(3, 30, 0, 0)}, lookup);
-  EXPECT_EQ(likely, (std::set<int32_t>{10, 20}));
 }
 
 }  // namespace
