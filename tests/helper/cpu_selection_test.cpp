@@ -59,33 +59,5 @@ TEST(CpuSelection, ChoosesWhichProcessorsStayOn) {
   }
 }
 
-TEST(CpuSelection, CountsLogicalAndPhysicalProcessors) {
-  auto half_off = spreadSiblings();
-  for (auto& e : half_off) e.online = e.cpu < 4;
-  auto siblings_off = adjacentSiblings();
-  siblings_off[1].online = siblings_off[3].online = false;
-  auto core_off = adjacentSiblings();
-  core_off[6].online = core_off[7].online = false;
-  const struct {
-    const char* name;
-    std::vector<CpuTopologyEntry> cpus;
-    int logical_present, physical_present, logical_online, physical_online;
-  } cases[] = {
-      {"all on", spreadSiblings(), 8, 4, 8, 4},
-      {"siblings i+4 off", half_off, 8, 4, 4, 4},
-      {"two siblings off", siblings_off, 8, 4, 6, 4},
-      {"a whole core off", core_off, 8, 4, 6, 3},
-      {"unknown cores", mixed(), 6, 4, 4, 2},
-      {"nothing", {}, 0, 0, 0, 0},
-  };
-  for (const auto& c : cases) {
-    const CpuCounts n = countCpus(c.cpus);
-    EXPECT_EQ(n.logical_present, c.logical_present) << c.name;
-    EXPECT_EQ(n.physical_present, c.physical_present) << c.name;
-    EXPECT_EQ(n.logical_online, c.logical_online) << c.name;
-    EXPECT_EQ(n.physical_online, c.physical_online) << c.name;
-  }
-}
-
 }  // namespace
 }  // namespace pelmora
