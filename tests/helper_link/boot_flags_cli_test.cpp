@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <optional>
+
 #include "common/temp_dir.h"
 #include "common/words.h"
 #include "helper_link/fallback_transport.h"
@@ -84,37 +86,40 @@ TEST(BootFlagsTool, AppliesThroughTheDaemon) {
   }
 }
 
-TEST(BootFlagsTool, RefusedForAnOrdinaryUserWithTheHelpersReason) {
+// Without the daemon root is served in-process; an ordinary user is refused, by the daemon (no
+// polkit here to grant the authorisation the tool asks for first) or for want of it.
+TEST(BootFlagsTool, WhoIsServedWithAndWithoutTheDaemon) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs root to start the daemon and drop to another user";
-  Machine machine;
-  const std::string socket = (machine.tree / "helper.sock").string();
-  DaemonProcess daemon(socket, machine.env(socket));
-  ASSERT_TRUE(daemon.ready());
-  // The tool asks the daemon to authorise it first; with no polkit to grant it, that is the answer.
-  const ToolRun run = runTool({"-t", "off", "-n", "4"}, machine.env(socket), 65534);
-  EXPECT_EQ(run.exit_code, 1) << run.output;
-  EXPECT_TRUE(contains(run.output, "pelmora: not authorised")) << run.output;
-  EXPECT_EQ(machine.online(), "100");
-  EXPECT_EQ(machine.wbt(), "75000");
-}
-
-TEST(BootFlagsTool, AppliesDirectlyAsRootWithoutADaemon) {
-  if (::geteuid() != 0) GTEST_SKIP() << "only root may apply without the daemon";
-  Machine machine;
-  const ToolRun run = runTool({"-t", "off", "-n", "3"}, machine.env((machine.tree / "no.sock").string()));
-  EXPECT_EQ(run.exit_code, 0) << run.output;
-  EXPECT_TRUE(contains(run.output, FallbackTransport::kInProcessLine)) << run.output;
-  EXPECT_EQ(machine.online(), "110");
-  EXPECT_EQ(machine.wbt(), "0");
-}
-
-TEST(BootFlagsTool, WithoutADaemonAnOrdinaryUserIsToldSo) {
-  Machine machine;
-  const ToolRun run =
-      runTool({"-n", "4"}, machine.env((machine.tree / "no.sock").string()), ::geteuid() == 0 ? 65534 : 0);
-  EXPECT_EQ(run.exit_code, 1) << run.output;
-  EXPECT_TRUE(contains(run.output, "the privileged helper is not running")) << run.output;
-  EXPECT_EQ(machine.online(), "100");
+  const struct {
+    const char* name;
+    bool daemon;
+    uid_t uid;
+    const char* flags;
+    int exit_code;
+    const char* said;
+    const char* online;  // cpu1..cpu3
+    const char* wbt;
+  } cases[] = {
+      {"an ordinary user, through the daemon", true, 65534, "-t off -n 4", 1, "pelmora: not authorised", "100",
+       "75000"},
+      {"root without a daemon", false, 0, "-t off -n 3", 0, FallbackTransport::kInProcessLine, "110", "0"},
+      {"an ordinary user without a daemon", false, 65534, "-n 4", 1, "the privileged helper is not running", "100",
+       "75000"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Machine machine;
+    const std::string socket = (machine.tree / (c.daemon ? "helper.sock" : "no.sock")).string();
+    std::optional<DaemonProcess> daemon;
+    if (c.daemon) {
+      ASSERT_TRUE(daemon.emplace(socket, machine.env(socket)).ready());
+    }
+    const ToolRun run = runTool(test::words(c.flags), machine.env(socket), c.uid);
+    EXPECT_EQ(run.exit_code, c.exit_code) << run.output;
+    EXPECT_TRUE(contains(run.output, c.said)) << run.output;
+    EXPECT_EQ(machine.online(), c.online);
+    EXPECT_EQ(machine.wbt(), c.wbt);
+  }
 }
 
 }  // namespace

@@ -27,7 +27,8 @@ struct Routing {
 const XPCDict kPing = {{"requestcpuinfo", ""}};
 
 TEST(FallbackTransport, RoutesByWhetherTheDaemonAnswersAndLogsEachChangeOnce) {
-  // Daemon state before each of a run of exchanges, and where that exchange must land.
+  // Daemon state before each of a run of exchanges, and where that exchange (and a one-way message
+  // after it) must land.
   struct Step {
     bool daemon_up;
     bool to_daemon;
@@ -47,9 +48,12 @@ TEST(FallbackTransport, RoutesByWhetherTheDaemonAnswersAndLogsEachChangeOnce) {
     routing.daemon_up = steps[i].daemon_up;
     LogCapture log;
     ASSERT_TRUE(transport->exchange(kPing)) << "step " << i;
+    transport->sendOneWay({{"quit", ""}});
     (steps[i].to_daemon ? to_daemon : to_local) += 1;
     EXPECT_EQ(routing.daemon->requests.size(), to_daemon) << "step " << i;
     EXPECT_EQ(routing.local->requests.size(), to_local) << "step " << i;
+    EXPECT_EQ(routing.daemon->one_way.size(), to_daemon) << "step " << i;
+    EXPECT_EQ(routing.local->one_way.size(), to_local) << "step " << i;
     EXPECT_EQ(log.lines(), steps[i].log) << "step " << i;
     EXPECT_EQ(transport->viaDaemon(), steps[i].to_daemon) << "step " << i;
   }
@@ -64,16 +68,6 @@ TEST(FallbackTransport, ALostReplyIsNotServedAgainInProcess) {
   EXPECT_FALSE(transport->exchange(command));
   EXPECT_EQ(routing.daemon->requests.size(), 1u);
   EXPECT_TRUE(routing.local->requests.empty());
-}
-
-TEST(FallbackTransport, OneWayMessagesFollowTheMode) {
-  Routing routing;
-  auto transport = routing.make();
-  transport->sendOneWay({{"quit", ""}});
-  EXPECT_EQ(routing.local->one_way.size(), 1u);
-  routing.daemon_up = true;
-  transport->sendOneWay({{"quit", ""}});
-  EXPECT_EQ(routing.daemon->one_way.size(), 1u);
 }
 
 TEST(FallbackTransport, PelmoraReportsTheModeAndGetsInProcessAnswers) {
