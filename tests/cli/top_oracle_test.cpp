@@ -5,12 +5,9 @@
 // interval Pelmora measured it (the row's "interval_us" ending where its "cpu_us" was read), so
 // other work on the machine changes both sides alike.
 #include <gtest/gtest.h>
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -34,6 +31,7 @@
 
 #include "common/child.h"
 #include "common/eventually.h"
+#include "common/loopback_pair.h"
 #include "common/text_file.h"
 #include "common/words.h"
 
@@ -232,39 +230,31 @@ TEST_F(TopOracle, EveryFigureMatchesTheKernel) {
   Child stopped([] { for (;;) ::pause(); });
   ::kill(stopped.pid(), SIGSTOP);
 
-  const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  ASSERT_EQ(::listen(listener, 1), 0);
-  ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  // Each end in a child of its own, so that each process's rate is the pair's alone.
+  pelmora::test::LoopbackPair pair;
   Child receiver([&] {
     realTime();
-    const int connection = ::accept(listener, nullptr, nullptr);
+    pair.client.reset();
     char buffer[65536];
-    while (::read(connection, buffer, sizeof buffer) > 0) {
+    while (::read(pair.server.get(), buffer, sizeof buffer) > 0) {
     }
   });
-  ::close(listener);
   Child sender([&] {
     realTime();
-    const int s = ::socket(AF_INET, SOCK_STREAM, 0);
-    if (::connect(s, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) ::_exit(1);
+    pair.server.reset();
     static char chunk[kSendBytesPerTick];
     timespec next{};
     ::clock_gettime(CLOCK_MONOTONIC, &next);
     for (;;) {
-      if (::write(s, chunk, sizeof chunk) != static_cast<ssize_t>(sizeof chunk)) ::_exit(1);
+      if (::write(pair.client.get(), chunk, sizeof chunk) != static_cast<ssize_t>(sizeof chunk)) ::_exit(1);
       next.tv_nsec += 10'000'000;
-      if (next.tv_nsec >= 1'000'000'000) {
-        next.tv_nsec -= 1'000'000'000;
-        ++next.tv_sec;
-      }
+      next.tv_sec += next.tv_nsec / 1'000'000'000;
+      next.tv_nsec %= 1'000'000'000;
       ::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &next, nullptr);
     }
   });
+  pair.client.reset();
+  pair.server.reset();
   pelmora::test::eventually([&] {
     return statusValue(resident.pid(), "VmRSS") * 1024 >= static_cast<int64_t>(kResidentBytes) &&
            statusValue(threads.pid(), "Threads") == 8 && procState(stopped.pid()) == 'T';
