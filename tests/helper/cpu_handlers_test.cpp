@@ -10,7 +10,6 @@
 namespace pelmora {
 namespace {
 
-using testing::copyFixture;
 using testing::readTrimmed;
 using testing::TempDir;
 namespace fs = std::filesystem;
@@ -18,7 +17,7 @@ namespace fs = std::filesystem;
 class CpuHandlers : public ::testing::Test {
  protected:
   RequestHandler handlerFor(const std::string& fixture, bool privileged = true) {
-    m_sys = copyFixture(fixture, *m_dir);
+    m_sys = m_dir->copyFixture(fixture);
     HelperOptions options;
     options.root = SysRoot("/proc", m_sys.string());
     options.privileged = privileged;
@@ -187,7 +186,7 @@ class CountingAuthorizer : public Authorizer {
 };
 
 TEST_F(CpuHandlers, AGrantHoldsForEveryConnectionOfTheProcessUntilDeauthorize) {
-  m_sys = copyFixture("cpu-smt-4c8t", *m_dir);
+  m_sys = m_dir->copyFixture("cpu-smt-4c8t");
   auto authorizer = std::make_shared<CountingAuthorizer>();
   HelperOptions options;
   options.root = SysRoot("/proc", m_sys.string());

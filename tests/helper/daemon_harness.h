@@ -68,7 +68,7 @@ class HelperDaemonChild {
  public:
   // extra_args: more command-line options for the daemon.
   explicit HelperDaemonChild(std::vector<std::string> extra_args = {}) {
-    m_sys = copyFixture("cpu-smt-4c8t", m_dir);
+    m_sys = m_dir.copyFixture("cpu-smt-4c8t");
     m_socket = (m_dir.path() / "helper.sock").string();
     m_log = m_dir.path() / "daemon.log";
     std::vector<std::string> args = {"pelmora-helper", "--foreground", "--socket", m_socket};

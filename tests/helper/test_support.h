@@ -12,9 +12,6 @@ namespace pelmora::testing {
 
 using test::TempDir;
 
-// A writable copy of tests/fixtures/<name> inside dir.
-inline std::filesystem::path copyFixture(const std::string& name, const TempDir& dir) { return dir.copyFixture(name); }
-
 inline std::string readTrimmed(const std::filesystem::path& path) { return std::string(trim(TempDir::readFile(path))); }
 
 inline void writeText(const std::filesystem::path& path, const std::string& text) {
