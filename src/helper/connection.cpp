@@ -61,26 +61,34 @@ void Connection::noteContinued(pid_t pid) {
 }
 
 std::optional<int> Connection::continueNoted(pid_t pid, bool keep) {
-  UniqueFd pidfd;
+  // The map's node moves between the two maps as it is: a duty cycle allocates nothing.
+  PidfdMap::node_type node;
   {
     MutexLock lock(*m_mutex);
     auto found = m_stopped.find(pid);
     if (found == m_stopped.end()) return std::nullopt;
-    pidfd = std::move(found->second);
-    m_stopped.erase(found);
+    node = m_stopped.extract(found);
   }
-  const int failure = pidfdSignal(pidfd.get(), SIGCONT);
-  if (!failure && keep) keepAdmitted(pid, std::move(pidfd));
+  const int failure = pidfdSignal(node.mapped().get(), SIGCONT);
+  if (!failure && keep) {
+    MutexLock lock(*m_mutex);
+    makeRoomLocked(pid);
+    m_admitted.erase(pid);
+    m_admitted.insert(std::move(node));
+  }
   return failure;
+}
+
+void Connection::makeRoomLocked(pid_t pid) {
+  if (m_admitted.size() < kMaxAdmitted || m_admitted.count(pid)) return;
+  // Room first from processes that have exited, else from the lowest pid.
+  std::erase_if(m_admitted, [](const auto& entry) { return pidfdSignal(entry.second.get(), 0) == ESRCH; });
+  if (m_admitted.size() >= kMaxAdmitted) m_admitted.erase(m_admitted.begin());
 }
 
 void Connection::keepAdmitted(pid_t pid, UniqueFd pidfd) {
   MutexLock lock(*m_mutex);
-  if (m_admitted.size() >= kMaxAdmitted && !m_admitted.count(pid)) {
-    // Room first from processes that have exited, else from the lowest pid.
-    std::erase_if(m_admitted, [](const auto& entry) { return pidfdSignal(entry.second.get(), 0) == ESRCH; });
-    if (m_admitted.size() >= kMaxAdmitted) m_admitted.erase(m_admitted.begin());
-  }
+  makeRoomLocked(pid);
   m_admitted[pid] = std::move(pidfd);
 }
 
@@ -92,14 +100,14 @@ std::optional<int> Connection::signalAdmitted(pid_t pid, int signal) {
   if (failure) {
     m_admitted.erase(found);  // gone (ESRCH), or no longer ours to signal: checked afresh next time
   } else if (signal == SIGSTOP) {
-    m_stopped[pid] = std::move(found->second);
-    m_admitted.erase(found);
+    m_stopped.erase(pid);
+    m_stopped.insert(m_admitted.extract(found));
   }
   return failure;
 }
 
 void Connection::continueStopped() {
-  std::map<pid_t, UniqueFd> stopped;
+  PidfdMap stopped;
   {
     MutexLock lock(*m_mutex);
     stopped.swap(m_stopped);

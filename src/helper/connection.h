@@ -72,11 +72,15 @@ class Connection {
   bool closeRequested() const { return m_close_requested; }
 
  private:
+  using PidfdMap = std::map<pid_t, UniqueFd>;
+  // Under m_mutex: at most kMaxAdmitted kept pidfds, `pid`'s place among them included.
+  void makeRoomLocked(pid_t pid);
+
   CallerIdentity m_caller;
   bool m_close_requested = false;
   mutable std::unique_ptr<Mutex> m_mutex;  // guards m_stopped and m_admitted
-  std::map<pid_t, UniqueFd> m_stopped;
-  std::map<pid_t, UniqueFd> m_admitted;  // guarded by m_mutex; none of them is in m_stopped
+  PidfdMap m_stopped;
+  PidfdMap m_admitted;  // guarded by m_mutex; none of them is in m_stopped
   RecentProcess m_recent;
 };
 

@@ -313,13 +313,8 @@ XPCDict RequestHandler::kill(const XPCDict& request, Connection& caller) {
   // same). Where the checks cannot come out otherwise while the process lives, its pidfd is kept
   // after the first signal and later stops and continues go through it too (see reusesAdmission).
   const auto pid = xpcInt(request, "pid");
-  const bool duty = *signal == SIGSTOP || *signal == SIGCONT;
-  if (duty && pid && *pid > 0 && *pid <= INT32_MAX) {
-    const auto p = static_cast<pid_t>(*pid);
-    const bool reuse = reusesAdmission(caller);
-    auto failure = *signal == SIGCONT ? caller.continueNoted(p, reuse) : std::nullopt;
-    if (!failure && reuse) failure = caller.signalAdmitted(p, static_cast<int>(*signal));
-    if (failure) {
+  if (pid && *pid > 0 && *pid <= INT32_MAX) {
+    if (auto failure = signalKept(static_cast<pid_t>(*pid), static_cast<int>(*signal), caller)) {
       if (*failure) return {{"kill", *failure}, {"error", std::strerror(*failure)}};
       return {{"kill", 0}};
     }
@@ -338,6 +333,14 @@ XPCDict RequestHandler::kill(const XPCDict& request, Connection& caller) {
     if (reusesAdmission(caller)) caller.keepAdmitted(a.pid, std::move(pidfd));
   }
   return {{"kill", 0}};
+}
+
+std::optional<int> RequestHandler::signalKept(pid_t pid, int signal, Connection& caller) {
+  if (signal != SIGSTOP && signal != SIGCONT) return std::nullopt;
+  const bool reuse = reusesAdmission(caller);
+  auto failure = signal == SIGCONT ? caller.continueNoted(pid, reuse) : std::nullopt;
+  if (!failure && reuse) failure = caller.signalAdmitted(pid, signal);
+  return failure;
 }
 
 // Whether a pidfd that passed the checks once may carry later stops and continues unchecked.

@@ -53,6 +53,10 @@ class RequestHandler {
   // Answers one request from `caller`. A "quit" request answers an empty dictionary and marks the
   // connection for closing (caller.closeRequested()); nothing is to be sent back for it.
   XPCDict handle(const XPCDict& request, Connection& caller);
+  // The part of "kill" that needs no checks: a stop or continue of a process this connection was
+  // already admitted to signal, through the pidfd kept then (see kill()). 0 or the errno of the
+  // signal; none when the request needs its full checks.
+  std::optional<int> signalKept(pid_t pid, int signal, Connection& caller);
   // The connection is closing: the children it started end with it.
   void connectionEnded(const Connection& caller);
   // The tools started for callers, one per connection and kind ("powermetrics", "nettop").

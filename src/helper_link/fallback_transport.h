@@ -51,6 +51,8 @@ class FallbackTransport : public XPCTransport {
   uint64_t connection() override;
   // Only an exchange with the daemon can wait.
   void interrupt() override { m_daemon->interrupt(); }
+  // In-process only: a request for the daemon always crosses its socket.
+  std::optional<int> signalAdmitted(int32_t pid, int signal) override { return route().signalAdmitted(pid, signal); }
 
   // False while requests are served in-process. Before the first exchange it asks the daemon.
   bool viaDaemon();

@@ -15,6 +15,11 @@ std::optional<XPCDict> InProcessTransport::exchange(const XPCDict& request) {
   return m_handler.handle(request, m_self);
 }
 
+std::optional<int> InProcessTransport::signalAdmitted(int32_t pid, int signal) {
+  MutexLock lock(m_mutex);
+  return m_handler.signalKept(pid, signal, m_self);
+}
+
 void InProcessTransport::sendOneWay(const XPCDict& message) {
   MutexLock lock(m_mutex);
   // "quit" only marks the connection for closing; in-process there is nothing to close.

@@ -23,6 +23,8 @@ class InProcessTransport : public XPCTransport {
 
   std::optional<XPCDict> exchange(const XPCDict& request) override;
   void sendOneWay(const XPCDict& message) override;
+  // Straight to the handler's kept pidfd, with the bookkeeping "kill" keeps (what m_self stopped).
+  std::optional<int> signalAdmitted(int32_t pid, int signal) override;
 
  private:
   Mutex m_mutex;  // one request at a time, as on a daemon connection

@@ -127,6 +127,9 @@ bool Pelmora::setPriority(int32_t pid, int nice) {
 }
 
 int Pelmora::sendSignal(int32_t pid, int32_t signal) {
+  // The duty cycle stops and continues a process many times a second: once admitted, served
+  // in-process, those skip the request and reply dictionaries (same pidfd, same bookkeeping).
+  if (auto kept = m_xpc->signalAdmitted(pid, signal)) return *kept;
   int result = -1;
   send(
       [=](XPCDict& r) {

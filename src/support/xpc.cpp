@@ -18,6 +18,11 @@ bool XPC::sendWithReply(const Builder& builder, const Handler& handler) {
   return true;
 }
 
+std::optional<int> XPC::signalAdmitted(int32_t pid, int signal) {
+  MutexLock lock(m_mutex);
+  return m_transport->signalAdmitted(pid, signal);
+}
+
 void XPC::command(const Builder& builder) {
   XPCDict message;
   if (builder) builder(message);

@@ -4,6 +4,7 @@
 // in-process, or a fake in tests). Exchanges are serialised: one request in flight per connection.
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "support/mutex.h"
@@ -23,6 +24,8 @@ class XPC {
   bool sendWithReply(const Builder& builder, const Handler& handler);
   // Builds a fresh message and sends it without waiting for a reply.
   void command(const Builder& builder);
+  // The transport's signalAdmitted, serialised with the exchanges like them.
+  std::optional<int> signalAdmitted(int32_t pid, int signal);
 
   const std::string& label() const { return m_label; }
   XPCTransport& transport() { return *m_transport; }

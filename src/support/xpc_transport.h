@@ -23,6 +23,11 @@ class XPCTransport {
   // From another thread: ends the exchange in progress, which then fails (its connection is
   // dropped). Does nothing where an exchange cannot wait.
   virtual void interrupt() {}
+  // A stop or continue (SIGSTOP, SIGCONT) for a process this connection was already admitted to
+  // signal, delivered at once through what the peer kept from that admission, without a "kill"
+  // request: 0 or the errno of the signal. None when it takes the full request: a transport that
+  // crosses a socket (the daemon checks every request it reads), or a process not admitted yet.
+  virtual std::optional<int> signalAdmitted(int32_t /*pid*/, int /*signal*/) { return std::nullopt; }
 };
 
 }  // namespace pelmora

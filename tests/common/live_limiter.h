@@ -1,6 +1,6 @@
 #pragma once
 // The limiter on real processes, the helper served in-process with this user's rights, and a count
-// of the stop and continue signals the helper really delivered.
+// of the stop and continue signals the helper really delivered, by request or by the short path.
 #include <signal.h>
 
 #include <atomic>
@@ -17,22 +17,37 @@
 
 namespace pelmora::test {
 
+// Around `real`; with `crosses_socket`, it stands for the daemon's socket: no short path.
 class CountingTransport : public XPCTransport {
  public:
-  std::atomic<int> stops{0}, continues{0};
+  explicit CountingTransport(std::unique_ptr<XPCTransport> real = std::make_unique<InProcessTransport>(),
+                             bool crosses_socket = false)
+      : m_real(std::move(real)), m_crosses_socket(crosses_socket) {}
+  std::atomic<int> stops{0}, continues{0}, kill_requests{0};
   std::optional<XPCDict> exchange(const XPCDict& request) override {
-    auto reply = m_real.exchange(request);
-    if (request.count("kill") && reply && xpcInt(*reply, "kill") == 0) {
-      const auto signal = xpcInt(request, "signal");
-      stops += signal == SIGSTOP;
-      continues += signal == SIGCONT;
+    auto reply = m_real->exchange(request);
+    if (request.count("kill")) {
+      ++kill_requests;
+      if (reply) count(xpcInt(request, "signal").value_or(0), xpcInt(*reply, "kill").value_or(-1));
     }
     return reply;
   }
-  void sendOneWay(const XPCDict& message) override { m_real.sendOneWay(message); }
+  void sendOneWay(const XPCDict& message) override { m_real->sendOneWay(message); }
+  std::optional<int> signalAdmitted(int32_t pid, int signal) override {
+    if (m_crosses_socket) return std::nullopt;
+    auto failure = m_real->signalAdmitted(pid, signal);
+    if (failure) count(signal, *failure);
+    return failure;
+  }
 
  private:
-  InProcessTransport m_real;
+  void count(int64_t signal, int64_t failure) {
+    if (failure != 0) return;
+    stops += signal == SIGSTOP;
+    continues += signal == SIGCONT;
+  }
+  std::unique_ptr<XPCTransport> m_real;
+  bool m_crosses_socket;
 };
 
 // Its journal and settings in a folder of its own; no pelmora-nettop (network counts play no part).

@@ -1,6 +1,7 @@
 // The limiter on real processes, served in-process: a busy child held to 30 % is stopped and
-// continued and runs freely afterwards; the journal continues what a dead holder left stopped,
-// and never a process that merely reuses a journalled pid.
+// continued and runs freely afterwards; after the first stop, the duty cycle's signals make no
+// request, and the child is continued however the hold ends; the journal continues what a dead
+// holder left stopped, and never a process that merely reuses a journalled pid.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -46,6 +47,47 @@ TEST(LiveLimit, BusyChildHeldAt30PercentIsStoppedContinuedAndRunningAfterwards) 
   const auto after = live.helper->taskInfo(child.pid(), false);
   ASSERT_TRUE(before && after);
   EXPECT_GT(after->pti_total_user + after->pti_total_system, before->pti_total_user + before->pti_total_system);
+}
+
+// Waits until the duty cycle has the child stopped and then stops the timer, so that only the
+// ending under test can continue it.
+bool heldStopped(test::LiveLimiter& live, pid_t pid) {
+  return eventually([&] {
+    if (procState(pid) != 'T') return false;
+    live.limiter->stopTimer();
+    if (procState(pid) == 'T') return true;
+    live.limiter->start();  // it was continued just before the timer stopped: once more
+    return false;
+  });
+}
+
+TEST(LiveLimit, SteadyStopsAndContinuesMakeNoRequestAndEveryEndingContinuesTheChild) {
+  struct Ending {
+    const char* what;
+    void (*end)(test::LiveLimiter& live, pid_t pid);
+  };
+  const Ending endings[] = {
+      {"its limit cleared", [](test::LiveLimiter& live, pid_t pid) { live.limiter->clearLimit(pid); }},
+      {"every limit cleared", [](test::LiveLimiter& live, pid_t) { live.limiter->clearAllLimits(); }},
+      {"the limiter destroyed", [](test::LiveLimiter& live, pid_t) { live.limiter.reset(); }},
+  };
+  for (const auto& ending : endings) {
+    SCOPED_TRACE(ending.what);
+    const test::Child child = test::Child::busy();
+    ASSERT_GT(child.pid(), 0);
+    test::LiveLimiter live;
+    ASSERT_TRUE(live.limiter->start());
+    live.limit(child.pid(), 0.05);
+    EXPECT_TRUE(eventually([&] { return live.counts->stops >= 4 && live.counts->continues >= 4; }));
+    // Only the first stop went as a "kill" request, checked in full; the rest through its pidfd.
+    EXPECT_EQ(live.counts->kill_requests, 1);
+    ASSERT_TRUE(heldStopped(live, child.pid()));
+    const int continues = live.counts->continues;
+    ending.end(live, child.pid());
+    EXPECT_NE(procState(child.pid()), 'T');
+    EXPECT_EQ(live.counts->continues, continues + 1);
+    EXPECT_EQ(live.counts->kill_requests, 1);
+  }
 }
 
 TEST(StopJournal, ContinuesWhatADeadHolderLeftStoppedButNeverAnotherProcess) {

@@ -2,7 +2,9 @@
 // after the first signal has passed the checks, the following ones go through the pidfd kept from
 // then, with no /proc reads, wherever the checks could not come out otherwise while the process
 // lives; a connection allowed only its owner's processes is checked in full at every stop; and a
-// process that has exited is never signalled again through its pid.
+// process that has exited is never signalled again through its pid. Served in-process, the client
+// sends those later ones without a request at all, keeping the same record of what it stopped;
+// to the daemon every one still crosses the socket.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -14,9 +16,12 @@
 
 #include "common/child.h"
 #include "common/eventually.h"
+#include "common/live_limiter.h"
 #include "common/temp_dir.h"
 #include "helper/connection.h"
 #include "helper/request_handler.h"
+#include "helper_link/fallback_transport.h"
+#include "helper_link/pelmora.h"
 #include "support/sys_root.h"
 
 namespace pelmora {
@@ -86,6 +91,44 @@ TEST(SignalPath, LaterStopsAndContinuesSkipTheChecksOnlyWhereTheyCannotChange) {
     child.reaped = true;
     EXPECT_EQ(kill(handler, caller, pid, SIGSTOP), ESRCH);
     EXPECT_EQ(kill(handler, caller, pid, SIGCONT), ESRCH);
+  }
+}
+
+TEST(SignalPath, ServedInProcessOnlyTheFirstStopIsARequestAndTheConnectionStillContinuesWhatItStopped) {
+  struct Case {
+    const char* what;
+    bool daemon_answers;  // else served in-process
+    bool behind_fallback;
+  };
+  const Case cases[] = {
+      {"served in-process", false, false},
+      {"no daemon: the fallback serves it in-process", false, true},
+      {"the daemon answers: every signal crosses its socket", true, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const test::Child child = test::Child::busy();
+    ASSERT_GT(child.pid(), 0);
+    auto daemon = std::make_unique<test::CountingTransport>(std::make_unique<InProcessTransport>(), true);
+    auto in_process = std::make_unique<test::CountingTransport>();
+    const test::CountingTransport& to_daemon = *daemon;
+    const test::CountingTransport& served_here = *in_process;
+    std::unique_ptr<XPCTransport> transport = std::move(in_process);
+    if (c.behind_fallback) {
+      transport = std::make_unique<FallbackTransport>(std::move(daemon), [&] { return c.daemon_answers; },
+                                                      std::move(transport));
+    }
+    auto client = std::make_unique<Pelmora>(std::move(transport));
+    for (int signal : {SIGSTOP, SIGCONT, SIGSTOP, SIGCONT, SIGSTOP}) EXPECT_EQ(client->sendSignal(child.pid(), signal), 0);
+    EXPECT_TRUE(eventually([&] { return procState(child.pid()) == 'T'; }));
+    const test::CountingTransport& used = c.daemon_answers ? to_daemon : served_here;
+    EXPECT_EQ(used.stops, 3);
+    EXPECT_EQ(used.continues, 2);
+    EXPECT_EQ(used.kill_requests, c.daemon_answers ? 5 : 1);
+    // The client goes away with the process stopped by a request-less stop: its connection
+    // continues it, as the daemon continues what a vanished client stopped.
+    client.reset();
+    EXPECT_NE(procState(child.pid()), 'T');
   }
 }
 
