@@ -192,6 +192,10 @@ class CPULimiter {
   // Steps the limited processes that are due at `now` (with `all`, every one: the adjuster that
   // follows reads their totals).
   void limiterTickLocked(const Timeval& now, bool all);
+  // One due process's step: measure, credit, signal. Drops the record of a process that is gone
+  // and removes the limit of one that refused the signal.
+  void stepLocked(std::map<int32_t, pidInfo>::iterator it, const std::set<int32_t>* tree_found,
+                  const std::set<int32_t>& released, int64_t tick, const Timeval& now);
   void removeLimitLocked(int32_t pid);
   std::optional<int64_t> measureCPU_us(int32_t pid);
   bool sendSignalLocked(int32_t pid, int signal);
@@ -237,6 +241,7 @@ class CPULimiter {
   std::map<int32_t, ProcessCpuClock> m_cpu_clocks;  // of the limited processes, on the live /proc
   Timeval m_grid_origin;                      // tick 0 of the duty cycle's grid
   std::map<int32_t, DutySchedule> m_duty;     // of the processes in m_pids
+  std::vector<int32_t> m_due;                 // the limiter tick's due processes, ascending
   std::optional<int64_t> m_next_wake_us;
   // The adjuster's processor count, with the online list it was asked for, and when that was read.
   std::optional<double> m_online_cpus;

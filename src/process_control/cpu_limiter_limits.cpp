@@ -1,4 +1,5 @@
 // The duty-cycle limiter: set, clear and remove limits, and the limiter tick.
+#include <algorithm>
 #include <csignal>
 
 #include "helper_link/pelmora.h"
@@ -138,60 +139,62 @@ std::map<int32_t, pidInfo> CPULimiter::limits() {
 
 void CPULimiter::limiterTickLocked(const Timeval& now, bool all) {
   const int64_t tick = gridTickLocked(now);
-  std::set<int32_t> due;
+  // Filled in place (its capacity stays) and in m_pids's order: a steady tick allocates nothing.
+  m_due.clear();
   bool tree_due = false;
   for (const auto& [pid, record] : m_pids) {
     const auto duty = m_duty.try_emplace(pid, DutySchedule{tick - 1, -1}).first;
     if (tick <= duty->second.last_tick || (!all && dueTickLocked(pid, record) > tick)) continue;
-    due.insert(pid);
+    m_due.push_back(pid);
     tree_due = tree_due || m_trees.count(pid);
   }
-  if (due.empty()) return;
+  if (m_due.empty()) return;
   std::set<int32_t> released;
   const auto found = tree_due ? growTreesLocked(released) : std::map<int32_t, std::set<int32_t>>{};
-  const auto old = m_pids;
-  std::map<int32_t, pidInfo> next;
-  for (const auto& [pid, record] : old) {
-    if (record.pid < 0) continue;
-    if (!due.count(pid)) {
-      next[pid] = record;
-      continue;
+  // The records are updated where they are; the step drops a record (or removes its limit) only
+  // for its own pid, so the next entry stays valid.
+  for (auto it = m_pids.begin(); it != m_pids.end();) {
+    const auto next = std::next(it);
+    if (it->second.pid < 0) {
+      m_pids.erase(it);
+    } else if (std::binary_search(m_due.begin(), m_due.end(), it->first)) {
+      const auto tree = found.find(it->first);
+      stepLocked(it, tree == found.end() ? nullptr : &tree->second, released, tick, now);
     }
-    const auto tree = found.find(pid);
-    int64_t total = record.totalCPU;
-    if (tree != found.end()) {
-      // Always measured: a member that joined since the last tick may have run.
-      const auto measured = measureTreeLocked(pid, record, tree->second, released);
-      if (!measured) {
-        m_journal.forget(pid);
-        continue;
-      }
-      total = *measured;
-    } else if (!record.stopped) {
-      const auto measured = measureCPU_us(pid);
-      if (!measured) {
-        m_journal.forget(pid);  // gone: nothing to continue
-        continue;
-      }
-      total = *measured;
-    }
-    DutySchedule& duty = m_duty[pid];
-    const int64_t ticks = tick - duty.last_tick;
-    const LimiterStep step = limiterStep(record, total, m_limit_frontmost, now, ticks);
-    if (!record.stopped)
-      duty.used_per_tick_us = static_cast<double>(checkedAdd(total, -record.totalCPU)) / static_cast<double>(ticks);
-    duty.last_tick = tick;
-    bool ok = true;
-    if (step.signal == LimiterSignal::stop) ok = signalLocked(pid, SIGSTOP);
-    if (step.signal == LimiterSignal::resume) ok = signalLocked(pid, SIGCONT);
-    if (!ok) {
-      removeLimitLocked(pid);
-      continue;
-    }
-    next[pid] = step.record;
+    it = next;
   }
-  m_pids = std::move(next);
   std::erase_if(m_duty, [&](const auto& entry) { return !m_pids.count(entry.first); });
+}
+
+void CPULimiter::stepLocked(std::map<int32_t, pidInfo>::iterator it, const std::set<int32_t>* tree_found,
+                            const std::set<int32_t>& released, int64_t tick, const Timeval& now) {
+  const int32_t pid = it->first;
+  const pidInfo& record = it->second;
+  int64_t total = record.totalCPU;
+  if (tree_found || !record.stopped) {
+    // A tree is always measured: a member that joined since the last tick may have run.
+    const auto measured = tree_found ? measureTreeLocked(pid, record, *tree_found, released) : measureCPU_us(pid);
+    if (!measured) {
+      m_journal.forget(pid);  // gone: nothing to continue
+      m_pids.erase(it);
+      return;
+    }
+    total = *measured;
+  }
+  DutySchedule& duty = m_duty[pid];
+  const int64_t ticks = tick - duty.last_tick;
+  const LimiterStep step = limiterStep(record, total, m_limit_frontmost, now, ticks);
+  if (!record.stopped)
+    duty.used_per_tick_us = static_cast<double>(checkedAdd(total, -record.totalCPU)) / static_cast<double>(ticks);
+  duty.last_tick = tick;
+  bool ok = true;
+  if (step.signal == LimiterSignal::stop) ok = signalLocked(pid, SIGSTOP);
+  if (step.signal == LimiterSignal::resume) ok = signalLocked(pid, SIGCONT);
+  if (!ok) {
+    removeLimitLocked(pid);
+    return;
+  }
+  it->second = step.record;
 }
 
 }  // namespace pelmora
