@@ -301,6 +301,10 @@ TEST(Journey, LockButtonWaitsForThePasswordWhileTheGuiAnswersAndTheLimitedChildK
     processes->limitControl()->setValue(5);
     ASSERT_EQ(limiter.limitFor(child), 0.05);
     const Window before = watch(child, daemon, std::chrono::milliseconds(3000));
+    // The table reports the time the child was held stopped.
+    auto waiting = [&] { return limiter.rowFor(child).value_or(procinfo{}).pctWaiting; };
+    for (int i = 0; i < 2400 && waiting() <= 0.0; ++i) pump(std::chrono::milliseconds(25));
+    EXPECT_GT(waiting(), 0.0);
 
     PelmoraWindow* settings_window = app.window();
     QTest::mouseClick(settings_window->m_auth, Qt::LeftButton);
@@ -328,6 +332,8 @@ TEST(Journey, LockButtonWaitsForThePasswordWhileTheGuiAnswersAndTheLimitedChildK
     EXPECT_TRUE(helper.authorised());
     EXPECT_TRUE(settings_window->m_throttle->isEnabled());
     EXPECT_EQ(settings_window->m_auth->text(), QStringLiteral("Click the lock to prevent changes"));
+    processes->clearLimit();
+    EXPECT_FALSE(limiter.limitFor(child));
     processes->close();
     app_test::deleteLater();
     app.terminate();
