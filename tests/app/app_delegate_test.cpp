@@ -9,7 +9,6 @@
 #include <QAction>
 #include <QApplication>
 #include <QLocale>
-#include <QMenu>
 #include <QSystemTrayIcon>
 
 #include <filesystem>

@@ -2,7 +2,6 @@
 // desktop's colour scheme (the settings portal's color-scheme, answered by a portal of the test's own
 // on a private session bus, or the platform palette changing under it), and the graph pane's
 // appearance choice reaches every graph: the statistics window's, the live icon and the tray's.
-#include <QAbstractButton>
 #include <QApplication>
 #include <QDBusConnection>
 #include <QDBusMessage>

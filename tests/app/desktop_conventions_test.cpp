@@ -9,9 +9,7 @@
 #include <QMenu>
 #include <QMessageBox>
 #include <QPointer>
-#include <QScreen>
 #include <QTest>
-#include <QTextBrowser>
 
 #include "app/app_rig.h"
 #include "app/window_frame.h"

@@ -1,7 +1,5 @@
 // The live icon under the offscreen platform, fed made-up samples by hand.
-#include <QAction>
 #include <QApplication>
-#include <QMenu>
 
 #include <gtest/gtest.h>
 

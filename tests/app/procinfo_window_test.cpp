@@ -1,10 +1,8 @@
 // The process window on a simulated helper: first open, settings, filters and search, selection
 // across refreshes, the limit and priority controls per power source, limits on a process tree,
 // enabled states, ending a process, and the open-files window.
-#include <QApplication>
 #include <QCheckBox>
 #include <QHeaderView>
-#include <QItemSelectionModel>
 #include <QLabel>
 #include <QPushButton>
 #include <QSpinBox>
