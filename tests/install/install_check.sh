@@ -24,41 +24,13 @@ expected_listing() {
   fi
 }
 
-# The same listing of an installed tree: files and symlinks, and folders with nothing in them.
-tree_listing() {
-  (cd "$1" && find . -mindepth 1 \( -type f -o -type l -o -type d -empty \) -printf '%y %m %P\n')
-}
-
-# A listing of `dpkg-deb -c` in the same form (the package has no empty folders but pmenergy).
-package_listing() {
-  dpkg-deb -c "$1" | awk -v prefix="./${prefix#/}/" '
-    function octal(p,   i, m, v) {
-      m = 0
-      for (i = 2; i <= 10; i += 3) {
-        v = 0
-        if (substr(p, i, 1) == "r") v += 4
-        if (substr(p, i + 1, 1) == "w") v += 2
-        if (substr(p, i + 2, 1) ~ /[xs]/) v += 1
-        m = m * 10 + v
-      }
-      return m + 0
-    }
-    {
-      path = $6
-      type = substr($1, 1, 1)
-      if (type == "-") { files[path] = "f " octal($1) }
-      else if (type == "d") { dirs[path] = octal($1) }
-    }
-    END {
-      for (p in files) print files[p], substr(p, length(prefix) + 1)
-      # An empty folder is one no other entry lies in.
-      for (d in dirs) {
-        empty = 1
-        for (p in files) if (index(p, d) == 1) { empty = 0; break }
-        if (empty) for (e in dirs) if (e != d && index(e, d) == 1) { empty = 0; break }
-        if (empty) { q = substr(d, length(prefix) + 1); sub(/\/$/, "", q); print "d " dirs[d], q }
-      }
-    }'
+# The same listing of a tree installed under ROOT (a DESTDIR, or the package unpacked): files and
+# symlinks, and folders with nothing in them. Nothing may lie outside the prefix.
+installed_listing() {
+  outside=$(cd "$1" && find . -mindepth 1 -not -path "./${prefix#/}" -not -path "./${prefix#/}/*" \
+            \( -type f -o -type l \) -print)
+  [ -z "$outside" ] || fail "installed outside the prefix: $outside"
+  (cd "$1$prefix" && find . -mindepth 1 \( -type f -o -type l -o -type d -empty \) -printf '%y %m %P\n')
 }
 
 compare() {  # compare NAME EXPECTED ACTUAL
@@ -68,12 +40,8 @@ compare() {  # compare NAME EXPECTED ACTUAL
 case "$check" in
   tree)
     DESTDIR="$work/root" cmake --install "$build" >/dev/null
-    # Nothing may land outside the prefix.
-    outside=$(cd "$work/root" && find . -mindepth 1 -not -path "./${prefix#/}" -not -path "./${prefix#/}/*" \
-              \( -type f -o -type l \) -print)
-    [ -z "$outside" ] || fail "installed outside the prefix: $outside"
     expected_listing >"$work/expected"
-    tree_listing "$work/root$prefix" >"$work/actual"
+    installed_listing "$work/root" >"$work/actual"
     compare "the installed tree" "$work/expected" "$work/actual"
     # The installed helper unit starts the installed daemon.
     grep -qx "ExecStart=$prefix/libexec/pelmora/pelmora-helper" \
@@ -115,7 +83,8 @@ case "$check" in
     [ "$(field Description | wc -l)" -gt 2 ] || fail "Description has no extended part"
     # The package holds exactly the installed tree.
     expected_listing >"$work/expected"
-    package_listing "$deb" >"$work/actual"
+    dpkg-deb -x "$deb" "$work/unpacked"
+    installed_listing "$work/unpacked" >"$work/actual"
     compare "the package's file list" "$work/expected" "$work/actual"
     dpkg-deb -e "$deb" "$work/control"
     for script in postinst prerm postrm; do
