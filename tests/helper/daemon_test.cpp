@@ -1,9 +1,7 @@
 // The real daemon, started as a child on a temporary socket and driven over the wire.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 
-#include <climits>
 #include <csignal>
 #include <cstring>
 
@@ -17,7 +15,6 @@ namespace pelmora {
 namespace {
 
 using namespace pelmora::testing;
-
 
 size_t dataSize(const XPCDict& reply, const char* key) {
   const XPCData* data = xpcData(reply, key);

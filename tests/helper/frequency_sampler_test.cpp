@@ -1,5 +1,5 @@
 // The frequency sampler: APERF/MPERF arithmetic, the source parsers, the fallback chain over fixture
-// machines, the forked child, and the pipe's read end coming back from the real daemon.
+// machines, and the forked child's lines coming back from the real daemon through the pipe's read end.
 #include "helper/frequency_sampler.h"
 
 #include <gtest/gtest.h>
