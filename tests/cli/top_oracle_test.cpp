@@ -82,10 +82,10 @@ class CpuClockTrace {
       while (!m_stop) {
         timespec cpu{};
         ::clock_gettime(m_clock, &cpu);
-        const int64_t now = monotonic_ns();
+        const auto now = static_cast<double>(monotonic_ns());
         {
           std::lock_guard lock(m_mutex);
-          m_points.push_back({now, int64_t{cpu.tv_sec} * 1'000'000'000 + cpu.tv_nsec});
+          m_points.push_back({now, static_cast<double>(int64_t{cpu.tv_sec} * 1'000'000'000 + cpu.tv_nsec)});
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
       }
@@ -102,46 +102,35 @@ class CpuClockTrace {
   // over the possible ends (one value for a process that was running).
   std::optional<std::pair<double, double>> shareBefore(int64_t cpu_us, int64_t interval_us) {
     std::lock_guard lock(m_mutex);
-    const int64_t cpu_end = cpu_us * 1000;
-    std::optional<int64_t> first_end, last_end;
-    for (size_t i = 1; i < m_points.size(); ++i) {
-      if (!first_end && m_points[i].cpu_ns >= cpu_end) first_end = interpolateTime(m_points[i - 1], m_points[i], cpu_end);
-      if (m_points[i - 1].cpu_ns <= cpu_end && m_points[i].cpu_ns > cpu_end) {
-        last_end = interpolateTime(m_points[i - 1], m_points[i], cpu_end);
-        break;
-      }
+    const double cpu_end = static_cast<double>(cpu_us) * 1000, span_ns = static_cast<double>(interval_us) * 1000;
+    std::optional<double> first_end, last_end;
+    for (size_t i = 1; i < m_points.size() && !last_end; ++i) {
+      const Point &a = m_points[i - 1], &b = m_points[i];
+      if (!first_end && b.cpu_ns >= cpu_end) first_end = lerp(a.cpu_ns, a.time_ns, b.cpu_ns, b.time_ns, cpu_end);
+      if (a.cpu_ns <= cpu_end && b.cpu_ns > cpu_end) last_end = lerp(a.cpu_ns, a.time_ns, b.cpu_ns, b.time_ns, cpu_end);
     }
-    if (!first_end || !last_end) return std::nullopt;
-    const auto early = shareEndingAt(*first_end, cpu_end, interval_us);
-    const auto late = shareEndingAt(*last_end, cpu_end, interval_us);
+    const auto early = first_end ? cpuAt(*first_end - span_ns) : std::nullopt;
+    const auto late = last_end ? cpuAt(*last_end - span_ns) : std::nullopt;
     if (!early || !late) return std::nullopt;
-    return std::make_pair(std::min(*early, *late), std::max(*early, *late));
+    const double a = (cpu_end - *early) / span_ns, b = (cpu_end - *late) / span_ns;
+    return std::make_pair(std::min(a, b), std::max(a, b));
   }
 
  private:
   struct Point {
-    int64_t time_ns;
-    int64_t cpu_ns;
+    double time_ns;
+    double cpu_ns;
   };
-  std::optional<double> shareEndingAt(int64_t t_end, int64_t cpu_end, int64_t interval_us) const {
-    const int64_t t_start = t_end - interval_us * 1000;
+  // y at x on the line through (x0, y0) and (x1, y1).
+  static double lerp(double x0, double y0, double x1, double y1, double x) {
+    return x1 == x0 ? y1 : y0 + (y1 - y0) * (x - x0) / (x1 - x0);
+  }
+  std::optional<double> cpuAt(double time_ns) const {
     for (size_t i = 1; i < m_points.size(); ++i) {
-      if (m_points[i].time_ns >= t_start && m_points[i - 1].time_ns <= t_start) {
-        const double cpu_start = interpolateCpu(m_points[i - 1], m_points[i], t_start);
-        return (static_cast<double>(cpu_end) - cpu_start) / static_cast<double>(interval_us * 1000);
-      }
+      const Point &a = m_points[i - 1], &b = m_points[i];
+      if (a.time_ns <= time_ns && b.time_ns >= time_ns) return lerp(a.time_ns, a.cpu_ns, b.time_ns, b.cpu_ns, time_ns);
     }
     return std::nullopt;
-  }
-  static int64_t interpolateTime(const Point& a, const Point& b, int64_t cpu) {
-    if (b.cpu_ns == a.cpu_ns) return b.time_ns;
-    return a.time_ns + (b.time_ns - a.time_ns) * (cpu - a.cpu_ns) / (b.cpu_ns - a.cpu_ns);
-  }
-  static double interpolateCpu(const Point& a, const Point& b, int64_t time) {
-    if (b.time_ns == a.time_ns) return static_cast<double>(b.cpu_ns);
-    return static_cast<double>(a.cpu_ns) +
-           static_cast<double>(b.cpu_ns - a.cpu_ns) * static_cast<double>(time - a.time_ns) /
-               static_cast<double>(b.time_ns - a.time_ns);
   }
 
   clockid_t m_clock{};
