@@ -22,6 +22,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -116,6 +117,28 @@ struct Result {
   double share = -1;  // fraction of one processor; negative: not run
   double cost = -1;   // fraction of one processor; negative: not measurable
   double wakes = -1;  // per second
+  double signals = -1;  // stops and continues our limiter sent, per second
+};
+
+// The in-process helper, counting the stops and continues it delivered either way (request or the
+// admitted process's short path): how many of the limiter's wake-ups the credit rule asked for.
+class SignalCountingTransport : public XPCTransport {
+ public:
+  std::atomic<uint64_t> signals{0};
+  std::optional<XPCDict> exchange(const XPCDict& request) override {
+    auto reply = m_real.exchange(request);
+    if (request.count("kill") && reply && xpcInt(*reply, "kill") == 0) ++signals;
+    return reply;
+  }
+  void sendOneWay(const XPCDict& message) override { m_real.sendOneWay(message); }
+  std::optional<int> signalAdmitted(int32_t pid, int signal) override {
+    auto failure = m_real.signalAdmitted(pid, signal);
+    if (failure && *failure == 0) ++signals;
+    return failure;
+  }
+
+ private:
+  InProcessTransport m_real;
 };
 
 
@@ -223,7 +246,9 @@ class Bench {
   }
 
   Result ours(pid_t child, double share, bool use_pid) {
-    Pelmora helper(std::make_unique<InProcessTransport>());
+    auto transport = std::make_unique<SignalCountingTransport>();
+    const SignalCountingTransport& counts = *transport;
+    Pelmora helper(std::move(transport));
     DefaultSettings settings(m_dir / ("defaults-" + std::to_string(child) + ".json"));
     settings.saveBool("PID_use_pidcontroller", use_pid);
     CPULimiter::Options options;
@@ -237,12 +262,14 @@ class Bench {
     }
     const double own0 = ownCpuSeconds();
     const uint64_t wakes0 = wakeups(::getpid());
+    const uint64_t signals0 = counts.signals;
     const auto t0 = std::chrono::steady_clock::now();
     Result r;
     r.share = measure(child);
     const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     r.cost = (ownCpuSeconds() - own0) / wall;
     r.wakes = static_cast<double>(wakeups(::getpid()) - wakes0 - 1) / wall;  // less this thread's one sleep
+    r.signals = static_cast<double>(counts.signals - signals0) / wall;
     limiter.clearLimit(child);
     limiter.stopTimer();
     return r;
@@ -343,19 +370,22 @@ int main(int argc, char** argv) {
   }
   Bench bench(std::filesystem::read_symlink("/proc/self/exe").string(), seconds);
   std::printf("achieved share %% of one processor (error in points), limiter cost %% of one processor and its\n"
-              "wake-ups per second; %.0f s per cell, %ld processors online%s\n\n",
+              "wake-ups per second (our signals/s: the stops and continues, proportional / PID); %.0f s per cell,\n"
+              "%ld processors online%s\n\n",
               seconds, sysconf(_SC_NPROCESSORS_ONLN), bench.haveCfs() ? "" : "; no writable cpu cgroup: CFS n/a");
   if (!only_tree)
-    std::printf("%-7s %6s | %-23s | %-23s | %-23s | %-23s\n", "threads", "target", "ours, proportional", "ours, PID",
-                "cpulimit", "CFS quota");
+    std::printf("%-7s %6s | %-23s | %-23s | %-23s | %-23s | %s\n", "threads", "target", "ours, proportional",
+                "ours, PID", "cpulimit", "CFS quota", "our signals/s");
   for (int threads : only_tree ? std::vector<int>{} : std::vector<int>{1, 4}) {
     for (double target : {0.10, 0.25, 0.50, 0.75}) {
       std::string row;
+      double signals[2] = {-1, -1};  // of our two modes: the wake-ups the credit rule asked for
       for (Kind kind : {Kind::proportional, Kind::pid, Kind::cpulimit, Kind::cfs}) {
         const Result r = (kind == Kind::cfs && !bench.haveCfs()) ? Result{} : bench.run(kind, threads, target);
         row += " | " + cell(r, target);
+        if (kind == Kind::proportional || kind == Kind::pid) signals[kind == Kind::pid] = r.signals;
       }
-      std::printf("%-7d %5.0f%%%s\n", threads, target * 100, row.c_str());
+      std::printf("%-7d %5.0f%%%s | %4.0f / %4.0f\n", threads, target * 100, row.c_str(), signals[0], signals[1]);
       std::fflush(stdout);
     }
   }
