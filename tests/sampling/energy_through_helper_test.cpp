@@ -1,13 +1,15 @@
 // RAPL's energy counters are root's alone since Linux 5.10: an ordinary user's sampler gets the
 // readings from the real daemon on a real socket, and a machine without any readable source says
 // it has no power sensor instead of drawing 0 W.
+#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cmath>
 #include <filesystem>
 
+#include "common/child.h"
+#include "common/tool_process.h"
 #include "helper/daemon_harness.h"
 #include "helper_link/pelmora.h"
 #include "sampling/system_stats.h"
@@ -65,34 +67,25 @@ TEST(EnergyThroughTheHelper, AnOrdinaryUserGetsTheRootOnlyCountersFromTheDaemon)
     writeMode(zone / "max_energy_range_uj", "262143328850\n", std::filesystem::perms(0444));
   }
 
+  // The child reports its failures and then "done", so that a child that died early fails too.
   int up[2], down[2];
-  ASSERT_EQ(::pipe(up), 0);
-  ASSERT_EQ(::pipe(down), 0);
-  const pid_t child = ::fork();
-  if (child == 0) {
-    std::string result = (::setgid(kNobody) == 0 && ::setuid(kNobody) == 0)
-                             ? samplerAsNobody(daemon.socket(), daemon.sys(), up[1], down[0])
-                             : "could not become nobody";
-    if (!result.empty()) [[maybe_unused]] auto n = ::write(up[1], result.data(), result.size());
-    ::_exit(0);
-  }
+  ASSERT_EQ(::pipe2(up, O_CLOEXEC), 0);
+  ASSERT_EQ(::pipe2(down, O_CLOEXEC), 0);
+  const test::Child child([&] {
+    const std::string result = (::setgid(kNobody) == 0 && ::setuid(kNobody) == 0)
+                                   ? samplerAsNobody(daemon.socket(), daemon.sys(), up[1], down[0])
+                                   : "could not become nobody\n";
+    [[maybe_unused]] auto n = ::write(up[1], (result + "done").data(), result.size() + 4);
+  });
+  const UniqueFd from_child(up[0]), to_child(down[1]);
   ::close(up[1]);
   ::close(down[0]);
   char byte = 0;
-  ASSERT_EQ(::read(up[0], &byte, 1), 1);
+  ASSERT_EQ(::read(from_child.get(), &byte, 1), 1);
   writeText(package / "energy_uj", "6000000\n");
   writeText(core / "energy_uj", "4000000\n");
-  ASSERT_EQ(::write(down[1], &byte, 1), 1);
-  std::string failures;
-  char buffer[512];
-  ssize_t n;
-  while ((n = ::read(up[0], buffer, sizeof buffer)) > 0) failures.append(buffer, static_cast<size_t>(n));
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  ::close(up[0]);
-  ::close(down[1]);
-  EXPECT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(failures, "");
+  ASSERT_EQ(::write(to_child.get(), &byte, 1), 1);
+  EXPECT_EQ(test::readUntil(from_child.get(), "done"), "done");
 }
 
 }  // namespace
