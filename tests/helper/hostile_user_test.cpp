@@ -115,54 +115,39 @@ TEST_F(HelperDaemonTest, AFloodOfConnectionsWritesFewLogLinesAndLeavesNoDescript
       << s_daemon->openFds() << " vs " << fds_before;
 }
 
-// A process of uid 65534 whose main thread runs at nice 0 and whose second thread set itself to 19.
-class TwoNiceThreads {
- public:
-  TwoNiceThreads() {
-    int fds[2];
-    if (::pipe(fds) != 0) return;
-    m_pid = ::fork();
-    if (m_pid == 0) {
-      if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(1);
-      std::thread([fd = fds[1]] {
-        const pid_t tid = static_cast<pid_t>(::gettid());
-        if (::setpriority(PRIO_PROCESS, static_cast<id_t>(tid), 19) == 0) {
-          [[maybe_unused]] auto n = ::write(fd, &tid, sizeof tid);
-        }
-        for (;;) ::pause();
-      }).detach();
+// A process of uid 65534 whose main thread runs at nice 0 and whose second thread set itself to 19;
+// *worker is the second thread's id (0 when it could not be set up).
+test::Child twoNiceThreads(pid_t* worker) {
+  int fds[2];
+  if (::pipe(fds) != 0) std::abort();
+  test::Child process([fds] {
+    if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(1);
+    std::thread([fd = fds[1]] {
+      const pid_t tid = static_cast<pid_t>(::gettid());
+      if (::setpriority(PRIO_PROCESS, static_cast<id_t>(tid), 19) == 0) [[maybe_unused]]
+        auto n = ::write(fd, &tid, sizeof tid);
       for (;;) ::pause();
-    }
-    ::close(fds[1]);
-    if (::read(fds[0], &m_worker, sizeof m_worker) != sizeof m_worker) m_worker = 0;
-    ::close(fds[0]);
-  }
-  ~TwoNiceThreads() {
-    ::kill(m_pid, SIGKILL);
-    ::waitpid(m_pid, nullptr, 0);
-  }
-  pid_t pid() const { return m_pid; }
-  int64_t niceOf(pid_t tid) const {
-    auto stat = parseProcPidStat(
-        SysRoot::readFile("/proc/" + std::to_string(m_pid) + "/task/" + std::to_string(tid) + "/stat").value_or(""));
-    return stat ? stat->nice : -100;
-  }
-  int64_t workerNice() const { return niceOf(m_worker); }
-  int64_t mainNice() const { return niceOf(m_pid); }
-  bool ready() const { return m_worker > 0; }
-
- private:
-  pid_t m_pid = -1;
-  pid_t m_worker = 0;
-};
+    }).detach();
+    for (;;) ::pause();
+  });
+  ::close(fds[1]);
+  if (::read(fds[0], worker, sizeof *worker) != sizeof *worker) *worker = 0;
+  ::close(fds[0]);
+  return process;
+}
 
 TEST_F(HelperDaemonTest, ReniceChecksEveryThreadItChanges) {
-  TwoNiceThreads process;
-  ASSERT_TRUE(process.ready());
-  ASSERT_EQ(process.workerNice(), 19);
-  ASSERT_EQ(process.mainNice(), 0);
-  const std::string socket = s_daemon->socket();
+  pid_t worker = 0;
+  const test::Child process = twoNiceThreads(&worker);
   const int64_t pid = process.pid();
+  auto niceOf = [&](pid_t tid) {
+    const auto stat = parseProcPidStat(
+        SysRoot::readFile("/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/stat").value_or(""));
+    return stat ? stat->nice : -100;
+  };
+  ASSERT_EQ(niceOf(worker), 19);
+  ASSERT_EQ(niceOf(process.pid()), 0);
+  const std::string socket = s_daemon->socket();
   auto reniceAsOwner = [&](int64_t priority) {
     return asNobody([&]() -> std::string {
       auto r = SocketTransport(socket).exchange({{"setpriority", ""}, {"pid", pid}, {"priority", priority}});
@@ -173,14 +158,14 @@ TEST_F(HelperDaemonTest, ReniceChecksEveryThreadItChanges) {
   // Nice 0 changes nothing on the main thread but would lower the worker.
   const std::string refused = reniceAsOwner(0);
   EXPECT_TRUE(startsWith(refused, "not authorised")) << refused;
-  EXPECT_EQ(process.workerNice(), 19);
+  EXPECT_EQ(niceOf(worker), 19);
   // Raising every thread is the owner's right.
   EXPECT_EQ(reniceAsOwner(19), "OK");
-  EXPECT_EQ(process.mainNice(), 19);
+  EXPECT_EQ(niceOf(process.pid()), 19);
   // An authorised connection lowers them all.
   EXPECT_EQ(*xpcString(ask({{"setpriority", ""}, {"pid", pid}, {"priority", 5}}), "setpriority"), "OK");
-  EXPECT_EQ(process.mainNice(), 5);
-  EXPECT_EQ(process.workerNice(), 5);
+  EXPECT_EQ(niceOf(process.pid()), 5);
+  EXPECT_EQ(niceOf(worker), 5);
 }
 
 // A child that waits to be killed, with its pidfd.
