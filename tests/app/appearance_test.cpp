@@ -11,10 +11,7 @@
 #include <QTest>
 
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/types.h>
 
-#include <cstdio>
 #include <functional>
 #include <map>
 #include <string>
@@ -22,6 +19,7 @@
 #include "app/app_rig.h"
 #include "app/desktop_scheme.h"
 #include "app/dock.h"
+#include "common/private_bus.h"
 #include "graphs/views/graph_view.h"
 #include "graphs/views/preferences_graph.h"
 
@@ -32,32 +30,6 @@ using app_test::AppRig;
 
 constexpr const char* kPortalPath = "/org/freedesktop/portal/desktop";
 constexpr const char* kSettings = "org.freedesktop.portal.Settings";
-
-// A session bus of the test's own: dbus-daemon, ended with the test.
-class PrivateBus {
- public:
-  PrivateBus() {
-    FILE* out = ::popen("dbus-daemon --session --fork --print-address=1 --print-pid=1 2>/dev/null", "r");
-    if (!out) return;
-    char address[512] = {}, pid[32] = {};
-    if (std::fgets(address, sizeof address, out) && std::fgets(pid, sizeof pid, out)) {
-      m_address = QString::fromUtf8(address).trimmed();
-      m_pid = static_cast<pid_t>(std::atol(pid));
-    }
-    ::pclose(out);
-  }
-  ~PrivateBus() {
-    QDBusConnection::disconnectFromBus("appearance-test-portal");
-    QDBusConnection::disconnectFromBus("appearance-test-app");
-    if (m_pid > 0) ::kill(m_pid, SIGTERM);
-  }
-  bool running() const { return m_pid > 0 && !m_address.isEmpty(); }
-  QDBusConnection connect(const char* name) const { return QDBusConnection::connectToBus(m_address, name); }
-
- private:
-  QString m_address;
-  pid_t m_pid = -1;
-};
 
 // The desktop's settings portal, as xdg-desktop-portal serves it: Read answers a variant in a variant,
 // SettingChanged carries one.
@@ -112,9 +84,16 @@ struct Shown {
 
 class Appearance : public ::testing::Test {
  public:
+  ~Appearance() override {
+    QDBusConnection::disconnectFromBus("appearance-test-portal");
+    QDBusConnection::disconnectFromBus("appearance-test-app");
+  }
+  QDBusConnection connect(const char* name) const {
+    return QDBusConnection::connectToBus(QString::fromStdString(bus.address()), name);
+  }
   void SetUp() override {
     if (!bus.running()) GTEST_SKIP() << "dbus-daemon is not installed";
-    portal = std::make_unique<FakePortal>(bus.connect("appearance-test-portal"));
+    portal = std::make_unique<FakePortal>(connect("appearance-test-portal"));
   }
   void TearDown() override {
     if (rig) rig->closeAll();
@@ -125,7 +104,7 @@ class Appearance : public ::testing::Test {
   // The program started as a user starts it, with every window open and the live icon on.
   void launch() {
     rig = std::make_unique<AppRig>();
-    rig->desktop_bus = [this] { return bus.connect("appearance-test-app"); };
+    rig->desktop_bus = [this] { return connect("appearance-test-app"); };
     rig->app = rig->makeApp();
     rig->app->finishLaunching();
     rig->app->showSystemStats();
@@ -161,7 +140,7 @@ class Appearance : public ::testing::Test {
   }
 
   stats_test::SwitchesGuard switches;
-  PrivateBus bus;
+  test::PrivateBus bus;
   std::unique_ptr<FakePortal> portal;
   std::unique_ptr<AppRig> rig;
   DesktopScheme::Preference expected = DesktopScheme::Preference::none;
@@ -213,7 +192,7 @@ TEST_F(Appearance, EveryWindowFollowsTheDesktopAndTheChoiceReachesEveryGraph) {
     EXPECT_EQ(s.tray, c.graphs_dark) << "tray";
     TearDown();
     GraphSwitches::current() = GraphSwitches{};
-    portal = std::make_unique<FakePortal>(bus.connect("appearance-test-portal"));
+    portal = std::make_unique<FakePortal>(connect("appearance-test-portal"));
   }
 }
 
