@@ -141,7 +141,6 @@ class SignalCountingTransport : public XPCTransport {
   InProcessTransport m_real;
 };
 
-
 // A process and all its descendants, from the kernel's children lists.
 std::vector<pid_t> treePids(pid_t root) {
   std::vector<pid_t> out = {root};
@@ -369,10 +368,11 @@ int main(int argc, char** argv) {
     if (arg == "--tree-only") only_tree = true;
   }
   Bench bench(std::filesystem::read_symlink("/proc/self/exe").string(), seconds);
-  std::printf("achieved share %% of one processor (error in points), limiter cost %% of one processor and its\n"
-              "wake-ups per second (our signals/s: the stops and continues, proportional / PID); %.0f s per cell,\n"
-              "%ld processors online%s\n\n",
-              seconds, sysconf(_SC_NPROCESSORS_ONLN), bench.haveCfs() ? "" : "; no writable cpu cgroup: CFS n/a");
+  std::printf(
+      "achieved share %% of one processor (error in points), limiter cost %% of one processor and its\n"
+      "wake-ups per second (our signals/s: the stops and continues, proportional / PID); %.0f s per cell,\n"
+      "%ld processors online%s\n\n",
+      seconds, sysconf(_SC_NPROCESSORS_ONLN), bench.haveCfs() ? "" : "; no writable cpu cgroup: CFS n/a");
   if (!only_tree)
     std::printf("%-7s %6s | %-23s | %-23s | %-23s | %-23s | %s\n", "threads", "target", "ours, proportional",
                 "ours, PID", "cpulimit", "CFS quota", "our signals/s");

@@ -115,11 +115,12 @@ TEST(SignalPath, ServedInProcessOnlyTheFirstStopIsARequestAndTheConnectionStillC
     const test::CountingTransport& served_here = *in_process;
     std::unique_ptr<XPCTransport> transport = std::move(in_process);
     if (c.behind_fallback) {
-      transport = std::make_unique<FallbackTransport>(std::move(daemon), [&] { return c.daemon_answers; },
-                                                      std::move(transport));
+      transport = std::make_unique<FallbackTransport>(
+          std::move(daemon), [&] { return c.daemon_answers; }, std::move(transport));
     }
     auto client = std::make_unique<Pelmora>(std::move(transport));
-    for (int signal : {SIGSTOP, SIGCONT, SIGSTOP, SIGCONT, SIGSTOP}) EXPECT_EQ(client->sendSignal(child.pid(), signal), 0);
+    for (int signal : {SIGSTOP, SIGCONT, SIGSTOP, SIGCONT, SIGSTOP})
+      EXPECT_EQ(client->sendSignal(child.pid(), signal), 0);
     EXPECT_TRUE(eventually([&] { return procState(child.pid()) == 'T'; }));
     const test::CountingTransport& used = c.daemon_answers ? to_daemon : served_here;
     EXPECT_EQ(used.stops, 3);
