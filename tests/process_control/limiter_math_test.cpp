@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <vector>
-
 namespace pelmora {
 namespace {
 
@@ -59,53 +57,6 @@ TEST(LimiterStep, StateTable) {
     if (c.signal == LimiterSignal::stop) {
       EXPECT_EQ(step.record.stopTime, at(30'000));
     }
-  }
-}
-
-// A busy process under the limiter alone: it uses the whole tick while running, nothing while stopped.
-std::vector<double> creditsOf(pidInfo r, std::vector<int64_t> uses, std::vector<bool>* stopped = nullptr) {
-  std::vector<double> credits;
-  int64_t now = 0;
-  for (int64_t used : uses) {
-    now += 30'000;
-    auto step = limiterStep(r, r.totalCPU + (r.stopped ? 0 : used), false, at(now));
-    r = step.record;
-    credits.push_back(r.credit);
-    if (stopped) stopped->push_back(r.stopped);
-  }
-  return credits;
-}
-
-TEST(LimiterStep, WorkedExamples) {
-  // A new record starts with no credit: using exactly its quantum ends the first tick at 0, stopped.
-  pidInfo whole = limited(1.0);
-  EXPECT_EQ(whole.creditQuantum, 30000.0);
-  std::vector<bool> stopped;
-  EXPECT_EQ(creditsOf(whole, {30000}, &stopped), (std::vector<double>{0}));
-  EXPECT_EQ(stopped, (std::vector<bool>{true}));
-
-  // Full credit of 15 000, then 90 000 used in one tick: five ticks to pay back, continued at the fifth.
-  pidInfo half = limited(0.5);
-  half.credit = 15000;
-  stopped.clear();
-  EXPECT_EQ(creditsOf(half, {90000, 0, 0, 0, 0, 0}, &stopped),
-            (std::vector<double>{-60000, -45000, -30000, -15000, 0, 15000}));
-  EXPECT_EQ(stopped, (std::vector<bool>{true, true, true, true, true, false}));
-}
-
-TEST(LimiterStep, ABusyLoopSettlesAtItsShare) {
-  // Simulated process: runs a whole 30 ms tick when not stopped. Over many ticks the share of ticks
-  // it runs approaches the target.
-  for (double share : {0.1, 0.25, 0.5, 0.75}) {
-    pidInfo r = limited(share);
-    int running = 0;
-    const int ticks = 4000;
-    for (int i = 1; i <= ticks; ++i) {
-      const bool was_running = !r.stopped;
-      r = limiterStep(r, r.totalCPU + (was_running ? 30000 : 0), false, at(i * 30'000)).record;
-      running += was_running;
-    }
-    EXPECT_NEAR(static_cast<double>(running) / ticks, share, 0.01) << share;
   }
 }
 

@@ -56,27 +56,6 @@ class PowerTree : public ::testing::Test {
   const fs::path dir = temp.copyFixture("power-laptop-mains");
 };
 
-TEST(PowerMonitorFixtures, EachMachineReportsItsSource) {
-  struct Case {
-    const char* tree;
-    PowerSource source;
-    const char* name;
-  } cases[] = {
-      {"power-desktop", PowerSource::mains, "AC Power"},
-      {"power-laptop-mains", PowerSource::mains, "AC Power"},
-      {"power-laptop-battery", PowerSource::battery, "Battery Power"},
-      {"power-laptop-mouse", PowerSource::mains, "AC Power"},
-      {"power-desktop-mouse", PowerSource::mains, "AC Power"},  // a discharging mouse is not the machine
-      {"power-usbc", PowerSource::mains, "AC Power"},  // a weak USB-C charger: battery drains, still mains
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.tree);
-    PowerMonitor monitor(fixtureRoot(c.tree));
-    EXPECT_EQ(monitor.powerSource(), c.source);
-    EXPECT_EQ(monitor.powerName(), c.name);
-  }
-}
-
 TEST(PowerMonitorFixtures, ReadsTheDecidingAttributes) {
   auto supplies = readPowerSupplies(fixtureRoot("power-laptop-mouse"));
   ASSERT_TRUE(supplies);
