@@ -135,35 +135,5 @@ TEST(Adjuster, PIDLaw) {
   }
 }
 
-// A busy process whose limiter ticks come 36 ms apart while the budget assumes 30 ms (a timer that
-// runs late): the duty cycle alone gives 0.25 x 30 / 36; the adjuster brings it back to 0.25.
-double simulatedShare(bool adjust, bool use_pid) {
-  AdjusterSettings s;
-  s.use_pid = use_pid;
-  pidInfo r = limited(0.25);
-  adjustInfo info = freshAdjustInfo(r, at(0));
-  constexpr int64_t kTick_us = 36'000;
-  constexpr int kTicks = 6000;
-  int64_t cpu_at_half = 0;
-  for (int i = 1; i <= kTicks; ++i) {
-    const int64_t now = i * kTick_us;
-    r = limiterStep(r, r.totalCPU + (r.stopped ? 0 : kTick_us), false, at(now)).record;
-    if (adjust && i % 14 == 0) {  // about every 500 ms
-      if (auto a = adjusterStep(r, info, s, 4, at(now))) {
-        r.creditQuantum = a->creditQuantum;
-        info = a->info;
-      }
-    }
-    if (i == kTicks / 2) cpu_at_half = r.totalCPU;
-  }
-  return static_cast<double>(r.totalCPU - cpu_at_half) / static_cast<double>(kTicks / 2 * kTick_us);
-}
-
-TEST(Adjuster, ClosedLoopCorrectsALateTimerOnASimulatedProcess) {
-  EXPECT_NEAR(simulatedShare(false, false), 0.25 * 30 / 36, 0.01);
-  EXPECT_NEAR(simulatedShare(true, false), 0.25, 0.01);
-  EXPECT_NEAR(simulatedShare(true, true), 0.25, 0.01);
-}
-
 }  // namespace
 }  // namespace pelmora
