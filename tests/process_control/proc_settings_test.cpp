@@ -41,7 +41,7 @@ class ProcSettingsTest : public ::testing::Test {
   const fs::path& dir = temp.path();
 };
 
-TEST_F(ProcSettingsTest, SaveOptionsDecideWhatIsWritten) {
+TEST_F(ProcSettingsTest, SaveOptionsDecideWhatIsWrittenAndRead) {
   struct Case {
     bool save_limited, save_reniced;
   } cases[] = {{true, true}, {true, false}, {false, true}, {false, false}};
@@ -62,20 +62,13 @@ TEST_F(ProcSettingsTest, SaveOptionsDecideWhatIsWritten) {
     const json reniced = {{"Battery Power", {{"make", 10}}}};
     EXPECT_EQ(stored("limited"), c.save_limited ? limited : json());
     EXPECT_EQ(stored("reniced"), c.save_reniced ? reniced : json());
+    // Lists in the file, of either source, are read back only while their option is on.
+    store.saveDict("limited", {{"Battery Power", {{"yes", 0.1}}}});
+    store.saveDict("reniced", reniced);
+    ProcSettings again(store, monitor);
+    EXPECT_EQ(again.limitFor("yes", "Battery Power"), c.save_limited ? std::optional(0.1) : std::nullopt);
+    EXPECT_EQ(again.priorityFor("make", "Battery Power"), c.save_reniced ? std::optional(10) : std::nullopt);
   }
-}
-
-TEST_F(ProcSettingsTest, SavedListsAreReadOnlyWhileTheirOptionIsOn) {
-  write(R"({"limited": {"AC Power": {"yes": 0.5}, "Battery Power": {"yes": 0.1}},
-            "reniced": {"Battery Power": {"make": 5}}, "save_reniced": false})");
-  DefaultSettings store(file());
-  PowerMonitor monitor(root());
-  ProcSettings settings(store, monitor);
-  EXPECT_EQ(settings.power(), "AC Power");
-  EXPECT_EQ(settings.limitFor("yes", "AC Power"), 0.5);
-  EXPECT_EQ(settings.limitFor("yes", "Battery Power"), 0.1);
-  EXPECT_EQ(settings.limitFor("no", "AC Power"), std::nullopt);
-  EXPECT_EQ(settings.priorityFor("make", "Battery Power"), std::nullopt);
 }
 
 TEST_F(ProcSettingsTest, RemovingAndClearingTouchOnlyTheCurrentSource) {
