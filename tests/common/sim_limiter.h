@@ -44,6 +44,12 @@ struct SimLimiter {
     limiter->setLimit(pid, share);
   }
   bool stopped(int32_t pid) { return wire->procs[pid].stopped; }
+  // One 30 ms limiter tick of the simulated processes, each demanding `demand` processors.
+  void step(double demand = 1.0) {
+    clock.advance_us(30'000);
+    wire->run(30'000, demand);
+    limiter->tick();
+  }
 
   FakeClock clock;
   SimRoot dir;

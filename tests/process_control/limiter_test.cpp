@@ -21,12 +21,6 @@ using Signals = std::vector<std::pair<int32_t, int64_t>>;
 struct Rig : test::SimLimiter {
   using SimLimiter::add;
   void add(int32_t pid, const std::string& name) { add(pid, test::SimProcess{.name = name}); }
-  // One 30 ms tick of a busy process (demand in processors).
-  void step(double demand = 1.0) {
-    clock.advance_us(30'000);
-    wire->run(30'000, demand);
-    limiter->tick();
-  }
 };
 
 TEST(Limiter, DutyCycleSendsTheRealStopAndContinueSignals) {

@@ -69,8 +69,6 @@ TEST(TallyGroup, ChargesWhatEachMemberUsedAndNewbornsFromBirth) {
   }
 }
 
-using Signals = std::vector<std::pair<int32_t, int64_t>>;
-
 // A tree in the fixture /proc: 100 -> {101, 102}, 101 -> 103; 200 is unrelated.
 struct TreeRig : test::SimLimiter {
   TreeRig() : SimLimiter(false) {
@@ -86,15 +84,9 @@ struct TreeRig : test::SimLimiter {
     SimLimiter::add(pid, test::SimProcess{.name = name, .uid = ::getuid(), .ppid = ppid});
     dir.addProcess(pid, name, ppid, start_ticks);
   }
-  void remove(int32_t pid) { gone(pid); }
   void limitTree(int32_t pid, double share) {
     MutexLock lock(limiter->mutex());
     limiter->setLimit(pid, share, true);
-  }
-  void step() {
-    clock.advance_us(30'000);
-    wire->run(30'000);
-    limiter->tick();
   }
   uint64_t cpu_ns(std::initializer_list<int32_t> pids) {
     uint64_t sum = 0;
@@ -146,14 +138,14 @@ TEST(TreeLimit, ChildrenJoinWithinAFewTicksMembersLeaveAndTheGroupEndsWithTheLas
   EXPECT_NE(std::find(r.wire->priorities.begin(), r.wire->priorities.end(), std::make_pair(104, int64_t{7})),
             r.wire->priorities.end());
   // The first process exits: the group goes on under its pid without it.
-  r.remove(100);
-  r.remove(101);
+  r.gone(100);
+  r.gone(101);
   for (int i = 0; i < 10; ++i) r.step();
   EXPECT_EQ(r.limiter->trees().at(100), (std::set<int32_t>{102, 103, 104}));
   const size_t mark = r.wire->signals.size();
   for (int i = 0; i < 40; ++i) r.step();
   EXPECT_EQ(r.signalled(SIGSTOP, mark), (std::set<int32_t>{102, 103, 104}));
-  for (int32_t pid : {102, 103, 104}) r.remove(pid);
+  for (int32_t pid : {102, 103, 104}) r.gone(pid);
   for (int i = 0; i < 5; ++i) r.step();
   EXPECT_TRUE(r.limiter->trees().empty());
   EXPECT_TRUE(r.limiter->limits().empty());
