@@ -111,11 +111,9 @@ TEST(TreeLimit, TheGroupsSummedTimeFollowsTheShareAndEveryMemberMovesTogether) {
   // Four busy processes held to half of one processor in total, not half each.
   const double share = static_cast<double>(r.cpu_ns({100, 101, 102, 103}) - before) / 1000.0 / (80 * 30'000.0);
   EXPECT_NEAR(share, 0.5, 0.05);
-  EXPECT_EQ(r.signalled(SIGSTOP), (std::set<int32_t>{100, 101, 102, 103}));
+  EXPECT_EQ(r.signalled(SIGSTOP), (std::set<int32_t>{100, 101, 102, 103}));  // never 200
   // At every stop, the members are stopped and continued together.
   for (int32_t pid : {101, 102, 103}) EXPECT_EQ(r.stopped(pid), r.stopped(100));
-  EXPECT_FALSE(r.stopped(200));
-  EXPECT_EQ(r.signalled(SIGSTOP).count(200), 0u);
   r.limiter->clearLimit(100);
   for (int32_t pid : {100, 101, 102, 103}) EXPECT_FALSE(r.stopped(pid)) << pid;
   EXPECT_TRUE(r.limiter->trees().empty());
