@@ -48,30 +48,6 @@ TEST(NettopLine, ChunksSplitAnywhereYieldEachLineOnceWhenItEnds) {
   }
 }
 
-TEST(NettopRates, BitsPerSecondNeverNegativeNewProcessesStartAtZero) {
-  std::map<int32_t, netUsage> table;
-  const double tau = 0.0;  // no smoothing: the rate is the last sample
-  recordNettopSample(table, {5, 1000, 500, {}}, tau);
-  EXPECT_EQ(table[5].rx_rate.current(), 0.0);
-  EXPECT_EQ(table[5].tx_rate.current(), 0.0);
-  struct Step {
-    int64_t rx, tx;
-    double rx_bits, tx_bits;
-  };
-  const Step steps[] = {
-      {1500, 500, 4000, 0},   // 500 B in, nothing out
-      {1500, 600, 0, 800},
-      {100, 50, 0, 0},        // the connection table restarted: no negative rate
-      {300, 150, 1600, 800},  // and counting goes on from the new values
-  };
-  for (const auto& s : steps) {
-    recordNettopSample(table, {5, s.rx, s.tx, {}}, tau);
-    EXPECT_DOUBLE_EQ(table[5].rx_rate.current(), s.rx_bits);
-    EXPECT_DOUBLE_EQ(table[5].tx_rate.current(), s.tx_bits);
-    EXPECT_EQ(table[5].rx_bytes, s.rx);
-  }
-}
-
 TEST(NettopLine, TimesOfDayAndTheStepsBetweenThem) {
   const struct {
     const char* text;
@@ -101,21 +77,37 @@ TEST(NettopLine, TimesOfDayAndTheStepsBetweenThem) {
   }
 }
 
-// The first measured rate is shown as it is (an average starting from 0 would read a steady
-// 8 kbit/s as 1.5 kbit/s after a second); later ones are smoothed over the real step between lines.
-TEST(NettopRates, FirstRateAsMeasuredThenSmoothedOverTheRealStep) {
+// A new process starts at 0. The first measured rate is shown as it is (an average starting from 0
+// would read a steady 8 kbit/s as 1.5 kbit/s after a second); later ones are smoothed over the real
+// step between lines, and a counter that went back (the connection table restarted) gives no rate.
+TEST(NettopRates, FirstRateAsMeasuredThenSmoothedOverTheRealStepNeverNegative) {
   std::map<int32_t, netUsage> table;
-  recordNettopSample(table, {1, 0, 0, 100.0}, 5.0);
-  recordNettopSample(table, {1, 1000, 0, 101.0}, 5.0);
-  EXPECT_DOUBLE_EQ(table[1].rx_rate.current(), 8000.0);
-  // The tool ran late: 2000 bytes over two seconds is the same 8 kbit/s.
-  recordNettopSample(table, {1, 3000, 0, 103.0}, 5.0);
-  EXPECT_DOUBLE_EQ(table[1].rx_rate.current(), 8000.0);
-  // A line without a time counts as one second after the one before: 2000 bytes are 16 kbit/s.
-  recordNettopSample(table, {1, 5000, 0, {}}, 5.0);
+  recordNettopSample(table, {1, 0, 500, 100.0}, 5.0);
+  EXPECT_EQ(table[1].rx_rate.current(), 0.0);
+  EXPECT_EQ(table[1].tx_rate.current(), 0.0);
   const double alpha = 1.0 - std::exp(-1.0 / 5.0);
-  EXPECT_NEAR(table[1].rx_rate.current(), 8000.0 + alpha * (16000.0 - 8000.0), 1e-9);
-  EXPECT_DOUBLE_EQ(table[1].rx_rate.last_sample, 16000.0);
+  const struct {
+    int64_t rx, tx;
+    std::optional<double> time_s;  // a line without one counts as one second after the one before
+    double rx_bits, tx_bits;       // the last measured rates
+    std::optional<double> rx_shown;
+  } steps[] = {
+      {1000, 500, 101.0, 8000, 0, 8000},
+      {3000, 500, 103.0, 8000, 0, 8000},  // the tool ran late: 2000 bytes over two seconds
+      {5000, 600, {}, 16000, 800, 8000 + alpha * (16000 - 8000)},
+      {100, 50, {}, 0, 0, {}},
+      {300, 150, {}, 1600, 800, {}},  // counting goes on from the new values
+  };
+  for (const auto& s : steps) {
+    SCOPED_TRACE(s.rx);
+    recordNettopSample(table, {1, s.rx, s.tx, s.time_s}, 5.0);
+    EXPECT_DOUBLE_EQ(table[1].rx_rate.last_sample, s.rx_bits);
+    EXPECT_DOUBLE_EQ(table[1].tx_rate.last_sample, s.tx_bits);
+    EXPECT_EQ(table[1].rx_bytes, s.rx);
+    if (s.rx_shown) {
+      EXPECT_NEAR(table[1].rx_rate.current(), *s.rx_shown, 1e-9);
+    }
+  }
 }
 
 }  // namespace
