@@ -87,7 +87,9 @@ TcpDiagBatch parseTcpDiagDatagram(std::string_view datagram) {
     }
     if (h->nlmsg_type == NLMSG_ERROR) {
       const auto* e = static_cast<const nlmsgerr*>(NLMSG_DATA(h));
-      batch.error = h->nlmsg_len >= NLMSG_LENGTH(sizeof(nlmsgerr)) && e->error < 0 ? -e->error : EPROTO;
+      // An errno, negated; anything else (INT_MIN would not even negate) is a broken answer.
+      const bool errno_value = h->nlmsg_len >= NLMSG_LENGTH(sizeof(nlmsgerr)) && e->error < 0 && e->error >= -4095;
+      batch.error = errno_value ? -e->error : EPROTO;
       return batch;
     }
     if (h->nlmsg_type != SOCK_DIAG_BY_FAMILY) continue;

@@ -66,6 +66,49 @@ bool toJson(const XPCValue& value, int depth, std::vector<int>& fds, json& out, 
 
 // --- decoding ------------------------------------------------------------------------------------
 
+// nlohmann's reader recurses once per CBOR tag as well as once per level, and its SAX pass hears
+// nothing of a tag: a frame of a million one-byte tag heads overflowed the stack before any check
+// could refuse it. So the item heads are walked first, in a loop. A message has no tag but on a byte
+// string (a descriptor's), no indefinite length (our encoder writes none), and no level deeper than
+// kXPCMaxDepth. What this lets through, the SAX pass below still checks.
+std::optional<std::string> headsFault(std::span<const uint8_t> body) {
+  size_t at = 0;
+  std::vector<uint64_t> left = {1};  // items still to read at each open level: the body holds one
+  while (!left.empty()) {
+    if (left.back() == 0) {
+      left.pop_back();
+      continue;
+    }
+    --left.back();
+    if (at >= body.size()) return "truncated frame";
+    const uint8_t major = body[at] >> 5, info = body[at] & 31;
+    ++at;
+    if (info > 27) return "indefinite length or reserved item head";
+    uint64_t arg = info;
+    if (info >= 24) {
+      const size_t bytes = size_t{1} << (info - 24);
+      if (body.size() - at < bytes) return "truncated frame";
+      arg = 0;
+      for (size_t k = 0; k < bytes; ++k) arg = arg << 8 | body[at++];
+    }
+    const uint64_t rest = body.size() - at;
+    if (major == 2 || major == 3) {
+      if (arg > rest) return "truncated frame";
+      at += arg;
+    } else if (major == 4 || major == 5) {
+      // Every item takes a byte at least, so no count can exceed what is left.
+      if (arg > (major == 5 ? rest / 2 : rest)) return "truncated frame";
+      if (left.size() > static_cast<size_t>(kXPCMaxDepth)) return "message nested too deeply";
+      left.push_back(major == 5 ? 2 * arg : arg);
+    } else if (major == 6) {
+      if (at >= body.size() || body[at] >> 5 != 2) return "unknown tag";
+      ++left.back();  // the tagged byte string is this same item
+    }
+  }
+  if (at != body.size()) return "trailing value";
+  return std::nullopt;
+}
+
 // Walks the CBOR events before the tree is built, so that nesting is bounded (nlohmann's reader
 // recurses once per level) and every scalar is one of the accepted types.
 class ShapeCheck : public nlohmann::json_sax<json> {
@@ -194,6 +237,10 @@ uint32_t xpcFrameLength(std::span<const uint8_t, kXPCLengthBytes> p) {
 std::optional<XPCDict> xpcDecode(std::span<const uint8_t> body, std::vector<UniqueFd>& fds, std::string* error) {
   if (body.empty() || body.size() > kXPCMaxFrameBytes) {
     setError(error, body.empty() ? "empty frame" : "frame larger than 1 MiB");
+    return std::nullopt;
+  }
+  if (auto fault = headsFault(body)) {
+    setError(error, *fault);
     return std::nullopt;
   }
   ShapeCheck check;

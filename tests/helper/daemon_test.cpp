@@ -234,6 +234,9 @@ TEST_F(HelperDaemonTest, BadFramesAndQuitCloseOnlyTheirConnection) {
   std::vector<uint8_t> below_int64_min(head.begin(), head.end());
   const uint64_t n = ~uint64_t{0} - static_cast<uint64_t>(sleeper.pid());
   for (int shift = 56; shift >= 0; shift -= 8) below_int64_min.push_back(static_cast<uint8_t>(n >> shift));
+  std::vector<uint8_t> tags = {0xA1, 0x61, 'x'};  // then a million one-byte tag heads on one integer
+  tags.insert(tags.end(), 1'000'000, 0xC6);
+  tags.push_back(0x01);
   std::vector<uint8_t> deep = {0xA1, 0x61, 'a', 0xA1, 0x61, 'b', 0xA1, 0x61, 'c', 0xA1, 0x61, 'd', 0xA1, 0x61, 'e', 0x01};
   const struct {
     const char* name;
@@ -248,6 +251,7 @@ TEST_F(HelperDaemonTest, BadFramesAndQuitCloseOnlyTheirConnection) {
       {"float", framed({0xA1, 0x63, 'p', 'i', 'd', 0xFB, 0x3F, 0xF8, 0, 0, 0, 0, 0, 0}), false},
       {"boolean", framed({0xA1, 0x61, 'x', 0xF5}), false},
       {"unknown tag", framed({0xA1, 0x61, 'x', 0xD8, 0x20, 0x41, 0x00}), false},
+      {"a million tags", framed(tags), false},
       {"descriptor without descriptor", framed({0xA1, 0x61, 'x', 0xD9, 0x0F, 0xD0, 0x44, 0, 0, 0, 0}), false},
       {"garbage", framed({0xFF, 0xFE, 0xFD}), false},
       {"an integer below int64 min as pid", framed(below_int64_min), false},

@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstddef>
 #include <cstring>
 #include <string>
@@ -65,13 +66,16 @@ std::string message(const Socket& s) {
 
 std::string done() { return frame(NLMSG_DONE, NLM_F_MULTI, std::string(sizeof(int), '\0')); }
 
-std::string error(int errno_value) {
+// An NLMSG_ERROR whose error field holds `field` (the kernel sends an errno negated).
+std::string errorField(int field) {
   nlmsgerr e{};
-  e.error = -errno_value;
+  e.error = field;
   std::string body;
   append(body, &e, sizeof e);
   return frame(NLMSG_ERROR, 0, body);
 }
+
+std::string error(int errno_value) { return errorField(-errno_value); }
 
 constexpr size_t kBeforeBytesSent = offsetof(tcp_info, tcpi_bytes_sent);  // a 4.x kernel's tcp_info
 constexpr size_t kBeforeBytesReceived = offsetof(tcp_info, tcpi_bytes_received);
@@ -135,6 +139,8 @@ TEST(TcpDiagParser, DatagramsEndInDoneErrorOrMore) {
       {"two sockets, more to come", message(a) + message(b), 2, false, 0},
       {"refused", error(EACCES), 0, false, EACCES},
       {"a socket then an error", message(a) + error(ENOBUFS), 1, false, ENOBUFS},
+      {"an error field no errno negates to", errorField(INT_MIN), 0, false, EPROTO},
+      {"a positive error field", errorField(5), 0, false, EPROTO},
       {"cut inside a message", truncated, 0, false, EPROTO},
       {"header shorter than inet_diag_msg", short_header, 0, false, EPROTO},
       {"empty", "", 0, false, 0},

@@ -84,6 +84,11 @@ TEST(XPCCodec, DecodeRejectsMalformedAndWronglyTypedBodies) {
   std::vector<uint8_t> very_deep = {0xA1, 0x61, 'x'};
   very_deep.insert(very_deep.end(), 1000, 0x81);
   very_deep.push_back(0x01);
+  // A frame of one-byte tag heads: the reader recurses once per tag without a word to its checks.
+  std::vector<uint8_t> tags = {0xA1, 0x61, 'x'};
+  tags.insert(tags.end(), kXPCMaxFrameBytes - 4, 0xC6);
+  tags.push_back(0x01);
+  std::vector<uint8_t> indefinite = {0xA1, 0x61, 'x', 0x9F, 0x01, 0xFF};
   const struct {
     const char* name;
     std::vector<uint8_t> body;
@@ -98,6 +103,8 @@ TEST(XPCCodec, DecodeRejectsMalformedAndWronglyTypedBodies) {
       {"five levels", deep},
       {"five levels of arrays", deep_array},
       {"1000 levels", very_deep},
+      {"a frame of tags", tags},
+      {"indefinite-length array", indefinite},
       {"unsigned above int64", huge_unsigned},
       {"-2^64 + 12", below_int64_min},
       {"INT64_MIN - 1", just_below_int64_min},
