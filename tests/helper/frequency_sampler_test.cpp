@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <map>
 #include <regex>
@@ -124,17 +126,36 @@ TEST(FrequencySampler, EachProcessorTakesTheBestSourceItHas) {
 
 using PowerMetricsOverTheWire = HelperDaemonTest;
 
+int socketsHeldBy(pid_t pid) {
+  const std::string dir = "/proc/" + std::to_string(pid) + "/fd/";
+  int sockets = 0;
+  for (const auto& fd : SysRoot::listDir(dir)) {
+    char target[64] = {};
+    if (::readlink((dir + fd).c_str(), target, sizeof target - 1) > 0 && startsWith(target, "socket:")) ++sockets;
+  }
+  return sockets;
+}
+
 TEST_F(PowerMetricsOverTheWire, TheLinesArriveThroughTheDescriptor) {
   // The daemon ends a sampler child with the connection that asked for it, so the connection stays
   // open until every line has been read.
   SocketTransport transport(s_daemon->socket());
-  const XPCDict reply =
-      transport.exchange({{"powermetrics", "powermetrics"}, {"sample_interval", 20}}).value_or(XPCDict{{"no reply", 1}});
+  const XPCDict reply = transport.exchange({{"powermetrics", "powermetrics"}, {"sample_interval", 1000}})
+                            .value_or(XPCDict{{"no reply", 1}});
   ASSERT_EQ(xpcInt(reply, "result"), 1) << (xpcString(reply, "error") ? *xpcString(reply, "error") : "");
   const auto pid = xpcInt(reply, "pid");
   const XPCDescriptor* fd = xpcDescriptor(reply, "fd");
   ASSERT_TRUE(pid && fd && fd->get() >= 0);
   EXPECT_NE(*pid, s_daemon->pid());
+  // Forked from the root daemon, it keeps none of the daemon's sockets: a connection it held open
+  // would never see its end, and its listening socket would outlive the daemon. Seen while it still
+  // measures: an ended process holds nothing either.
+  const auto closedWhileAlive = [child = static_cast<pid_t>(*pid)] {
+    const int sockets = socketsHeldBy(child);
+    const char state = procState(child);
+    return sockets == 0 && state != '?' && state != 'Z';
+  };
+  EXPECT_TRUE(eventually(closedWhileAlive));
   const std::string text = readUntil(fd->get());
 
   // The daemon's sysfs is the 8-processor fixture; its /proc is this machine's, which names the
