@@ -62,6 +62,8 @@ TEST(Execute, TerminateEndsAChildThatWouldRunForeverEvenIfItsChildHoldsThePipe) 
            "echo ready; exec sleep 1000",
            "trap '' TERM; echo ready; while :; do sleep 1; done",  // ignores SIGTERM: killed after grace
            "sleep 1000 & echo $! > \"$0\"; echo ready; wait",      // a grandchild keeps the pipe open
+           // The child ends at SIGTERM, its child ignores it: only the group's last SIGKILL ends that.
+           "(trap '' TERM; while :; do sleep 1; done) & echo $! > \"$0\"; echo ready; wait",
        }) {
     SCOPED_TRACE(script);
     Collected out;
@@ -75,6 +77,8 @@ TEST(Execute, TerminateEndsAChildThatWouldRunForeverEvenIfItsChildHoldsThePipe) 
     std::ifstream in(pid_file);
     if (pid_t grandchild = 0; in >> grandchild) {
       EXPECT_TRUE(eventually([&] { return ::kill(grandchild, 0) != 0 || procState(grandchild) == 'Z'; }));
+      const char state = procState(grandchild);
+      if (state != '?' && state != 'Z') ::kill(grandchild, SIGKILL);  // a failure leaves nothing running
     }
   }
 }
