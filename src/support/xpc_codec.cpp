@@ -66,6 +66,30 @@ bool toJson(const XPCValue& value, int depth, std::vector<int>& fds, json& out, 
 
 // --- decoding ------------------------------------------------------------------------------------
 
+struct ItemHead {
+  uint8_t major = 0;
+  uint64_t arg = 0;  // the length, count or value the head carries
+};
+
+// The item head at `at`, which it moves past. None, with *why, where the body ends inside it or it
+// is an indefinite length or a reserved head.
+std::optional<ItemHead> readHead(std::span<const uint8_t> body, size_t& at, const char** why) {
+  *why = "truncated frame";
+  if (at >= body.size()) return std::nullopt;
+  const uint8_t info = body[at] & 31;
+  ItemHead head{static_cast<uint8_t>(body[at++] >> 5), info};
+  if (info > 27) {
+    *why = "indefinite length or reserved item head";
+    return std::nullopt;
+  }
+  if (info < 24) return head;
+  const size_t bytes = size_t{1} << (info - 24);
+  if (body.size() - at < bytes) return std::nullopt;
+  head.arg = 0;
+  for (size_t k = 0; k < bytes; ++k) head.arg = head.arg << 8 | body[at++];
+  return head;
+}
+
 // nlohmann's reader recurses once per CBOR tag as well as once per level, and its SAX pass hears
 // nothing of a tag: a frame of a million one-byte tag heads overflowed the stack before any check
 // could refuse it. So the item heads are walked first, in a loop. A message has no tag but on a byte
@@ -75,32 +99,23 @@ std::optional<std::string> headsFault(std::span<const uint8_t> body) {
   size_t at = 0;
   std::vector<uint64_t> left = {1};  // items still to read at each open level: the body holds one
   while (!left.empty()) {
-    if (left.back() == 0) {
+    if (left.back()-- == 0) {
       left.pop_back();
       continue;
     }
-    --left.back();
-    if (at >= body.size()) return "truncated frame";
-    const uint8_t major = body[at] >> 5, info = body[at] & 31;
-    ++at;
-    if (info > 27) return "indefinite length or reserved item head";
-    uint64_t arg = info;
-    if (info >= 24) {
-      const size_t bytes = size_t{1} << (info - 24);
-      if (body.size() - at < bytes) return "truncated frame";
-      arg = 0;
-      for (size_t k = 0; k < bytes; ++k) arg = arg << 8 | body[at++];
-    }
-    const uint64_t rest = body.size() - at;
-    if (major == 2 || major == 3) {
-      if (arg > rest) return "truncated frame";
-      at += arg;
-    } else if (major == 4 || major == 5) {
+    const char* why = nullptr;
+    const auto head = readHead(body, at, &why);
+    if (!head) return why;
+    const uint64_t rest = body.size() - at, per_entry = head->major == 5 ? 2 : 1;
+    if (head->major == 2 || head->major == 3) {
+      if (head->arg > rest) return "truncated frame";
+      at += head->arg;
+    } else if (head->major == 4 || head->major == 5) {
       // Every item takes a byte at least, so no count can exceed what is left.
-      if (arg > (major == 5 ? rest / 2 : rest)) return "truncated frame";
+      if (head->arg > rest / per_entry) return "truncated frame";
       if (left.size() > static_cast<size_t>(kXPCMaxDepth)) return "message nested too deeply";
-      left.push_back(major == 5 ? 2 * arg : arg);
-    } else if (major == 6) {
+      left.push_back(per_entry * head->arg);
+    } else if (head->major == 6) {
       if (at >= body.size() || body[at] >> 5 != 2) return "unknown tag";
       ++left.back();  // the tagged byte string is this same item
     }
