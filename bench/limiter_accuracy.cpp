@@ -22,7 +22,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -34,7 +33,7 @@
 #include <thread>
 #include <vector>
 
-#include "helper_link/in_process_transport.h"
+#include "common/live_limiter.h"
 #include "helper_link/pelmora.h"
 #include "process_control/cpu_limiter.h"
 #include "support/default_settings.h"
@@ -118,27 +117,6 @@ struct Result {
   double cost = -1;   // fraction of one processor; negative: not measurable
   double wakes = -1;  // per second
   double signals = -1;  // stops and continues our limiter sent, per second
-};
-
-// The in-process helper, counting the stops and continues it delivered either way (request or the
-// admitted process's short path): how many of the limiter's wake-ups the credit rule asked for.
-class SignalCountingTransport : public XPCTransport {
- public:
-  std::atomic<uint64_t> signals{0};
-  std::optional<XPCDict> exchange(const XPCDict& request) override {
-    auto reply = m_real.exchange(request);
-    if (request.count("kill") && reply && xpcInt(*reply, "kill") == 0) ++signals;
-    return reply;
-  }
-  void sendOneWay(const XPCDict& message) override { m_real.sendOneWay(message); }
-  std::optional<int> signalAdmitted(int32_t pid, int signal) override {
-    auto failure = m_real.signalAdmitted(pid, signal);
-    if (failure && *failure == 0) ++signals;
-    return failure;
-  }
-
- private:
-  InProcessTransport m_real;
 };
 
 // A process and all its descendants, from the kernel's children lists.
@@ -245,8 +223,10 @@ class Bench {
   }
 
   Result ours(pid_t child, double share, bool use_pid) {
-    auto transport = std::make_unique<SignalCountingTransport>();
-    const SignalCountingTransport& counts = *transport;
+    // Counts the stops and continues delivered either way (request or the admitted process's short
+    // path): how many of the limiter's wake-ups the credit rule asked for.
+    auto transport = std::make_unique<test::CountingTransport>();
+    const test::CountingTransport& counts = *transport;
     Pelmora helper(std::move(transport));
     DefaultSettings settings(m_dir / ("defaults-" + std::to_string(child) + ".json"));
     settings.saveBool("PID_use_pidcontroller", use_pid);
@@ -261,14 +241,14 @@ class Bench {
     }
     const double own0 = ownCpuSeconds();
     const uint64_t wakes0 = wakeups(::getpid());
-    const uint64_t signals0 = counts.signals;
+    const int signals0 = counts.stops + counts.continues;
     const auto t0 = std::chrono::steady_clock::now();
     Result r;
     r.share = measure(child);
     const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     r.cost = (ownCpuSeconds() - own0) / wall;
     r.wakes = static_cast<double>(wakeups(::getpid()) - wakes0 - 1) / wall;  // less this thread's one sleep
-    r.signals = static_cast<double>(counts.signals - signals0) / wall;
+    r.signals = static_cast<double>(counts.stops + counts.continues - signals0) / wall;
     limiter.clearLimit(child);
     limiter.stopTimer();
     return r;
