@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <tuple>
 
 #include "common/temp_dir.h"
 #include "support/unique_fd.h"
@@ -16,57 +17,50 @@ namespace {
 
 const SysRoot kFixture(PELMORA_FIXTURES "/proc-task", PELMORA_FIXTURES "/no-sys");
 
-// Every field the reader uses is checked through it below; here what only the parser sees.
-TEST(ProcPidStatParser, CommandNamesWithParenthesesAndNegativeCounts) {
+// Every field the reader uses is checked through it below; here what only the parsers see.
+TEST(ProcTextParsers, StatNamesWithParenthesesAndNegativeCounts) {
   const struct {
     const char* text;
-    const char* comm;
-    int nice;
-    uint64_t rss_pages;
+    std::tuple<std::string, int64_t, uint64_t> comm_nice_rss;
   } cases[] = {
-      {"4242 (a (weird) name) R 1 4242 4242 0 -1 4194304 5 0 0 0 7 3 0 0 20 -5 3 0 99 1 2", "a (weird) name", -5, 2},
-      {"2 (kthreadd) S 0 0 0 0 -1 2129984 0 0 0 0 0 0 0 0 20 0 1 0 10 0 -1", "kthreadd", 0, 0},
+      {"4242 (a (weird) name) R 1 4242 4242 0 -1 4194304 5 0 0 0 7 3 0 0 20 -5 3 0 99 1 2", {"a (weird) name", -5, 2}},
+      {"2 (kthreadd) S 0 0 0 0 -1 2129984 0 0 0 0 0 0 0 0 20 0 1 0 10 0 -1", {"kthreadd", 0, 0}},
   };
   for (const auto& c : cases) {
     auto s = parseProcPidStat(c.text);
     ASSERT_TRUE(s) << c.text;
-    EXPECT_EQ(s->comm, c.comm);
-    EXPECT_EQ(s->nice, c.nice);
-    EXPECT_EQ(s->rss_pages, c.rss_pages);
+    EXPECT_EQ(std::tuple(s->comm, s->nice, s->rss_pages), c.comm_nice_rss);
   }
 }
 
-TEST(ProcPidStatParser, RejectsMalformedLines) {
-  const char* cases[] = {
-      "",
-      "12 cat R 1 2 3",                                             // no parentheses
-      "12 (cat R 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19",   // unclosed
-      "12 (cat) R 1 2 3 4 5",                                       // too few fields
-      "x (cat) R 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 5 100 10",   // pid not a number
-      "12 (cat) R 1 1 1 0 -1 0 0 0 0 0 zz 0 0 0 20 0 1 0 5 100 10", // utime not a number
-      "12 (cat) RS 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 5 100 10", // state not one letter
-      "12 (cat) R 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 5 100",     // no resident size
-      "12 (cat) R 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 5 100 r",   // resident size not a number
+TEST(ProcTextParsers, RefuseWhatTheyCannotRead) {
+  using Parser = bool (*)(std::string_view);
+  const Parser stat = [](std::string_view t) { return parseProcPidStat(t).has_value(); };
+  const Parser status = [](std::string_view t) { return parseProcStatus(t).has_value(); };
+  const Parser statm = [](std::string_view t) { return parseProcStatm(t).has_value(); };
+  const struct {
+    Parser parses;
+    const char* text;
+  } cases[] = {
+      {stat, ""},
+      {stat, "12 cat R 1 2 3"},                                              // no parentheses
+      {stat, "12 (cat R 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19"},   // unclosed
+      {stat, "12 (cat) R 1 2 3 4 5"},                                        // too few fields
+      {stat, "x (cat) R 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 5 100 10"},    // pid not a number
+      {stat, "12 (cat) R 1 1 1 0 -1 0 0 0 0 0 zz 0 0 0 20 0 1 0 5 100 10"},  // utime not a number
+      {stat, "12 (cat) RS 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 5 100 10"},  // state not one letter
+      {stat, "12 (cat) R 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 5 100"},      // no resident size
+      {stat, "12 (cat) R 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 5 100 r"},    // resident size not a number
+      {status, "Name:\tx\nGid:\t1\t1\t1\t1\n"},                              // no Uid
+      {status, "Name:\tx\nUid:\t1\t1\t1\nGid:\t1\t1\t1\t1\n"},               // three ids
+      {status, "Name:\tx\nUid:\t1\t1\t-1\t1\nGid:\t1\t1\t1\t1\n"},
+      {status, "Uid:\t1\t1\t1\t1\nGid:\t1\t1\t1\t1\n"},  // no Name
+      {statm, "25600"},
+      {statm, "a b"},
+      {[](std::string_view t) { return parseProcIo(t).has_value(); }, "rchar: 5\nwchar: 6\n"},
+      {[](std::string_view t) { return parseBootTime(t).has_value(); }, "cpu 1 2 3\n"},
   };
-  for (const char* text : cases) EXPECT_FALSE(parseProcPidStat(text)) << text;
-}
-
-TEST(ProcStatusParser, RequiresNameAndFourIds) {
-  const char* bad[] = {
-      "Name:\tx\nGid:\t1\t1\t1\t1\n",              // no Uid
-      "Name:\tx\nUid:\t1\t1\t1\nGid:\t1\t1\t1\t1\n",  // three ids
-      "Name:\tx\nUid:\t1\t1\t-1\t1\nGid:\t1\t1\t1\t1\n",
-      "Uid:\t1\t1\t1\t1\nGid:\t1\t1\t1\t1\n",      // no Name
-  };
-  for (const char* text : bad) EXPECT_FALSE(parseProcStatus(text)) << text;
-}
-
-// What they read is checked through the reader below.
-TEST(ProcTextParsers, StatmIoAndBootTimeRefuseWhatTheyCannotRead) {
-  EXPECT_FALSE(parseProcStatm("25600"));
-  EXPECT_FALSE(parseProcStatm("a b"));
-  EXPECT_FALSE(parseProcIo("rchar: 5\nwchar: 6\n"));
-  EXPECT_FALSE(parseBootTime("cpu 1 2 3\n"));
+  for (const auto& c : cases) EXPECT_FALSE(c.parses(c.text)) << c.text;
 }
 
 TEST(CpuTimeArithmetic, SplitsByTickRatioWithoutOverflow) {
@@ -81,9 +75,7 @@ TEST(CpuTimeArithmetic, SplitsByTickRatioWithoutOverflow) {
   };
   for (const auto& c : cases) {
     const CpuSplit s = splitCpuTime(c.total, c.utime, c.stime);
-    EXPECT_EQ(s.user_ns, c.user) << c.total << " " << c.utime << " " << c.stime;
-    EXPECT_EQ(s.system_ns, c.system);
-    EXPECT_EQ(s.user_ns + s.system_ns, c.total);
+    EXPECT_EQ(std::pair(s.user_ns, s.system_ns), std::pair(c.user, c.system)) << c.total << " " << c.utime;
   }
   EXPECT_EQ(ticksToNs(250, 100), 2'500'000'000u);
   EXPECT_EQ(ticksToNs(1, 0), 0u);
@@ -94,46 +86,31 @@ TEST(ProcTaskReader, FillsRecordsFromAFixtureProcess) {
   const ProcTaskReader reader(kFixture);
   const long tck = ::sysconf(_SC_CLK_TCK);
   const uint64_t page = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
-  auto all = reader.taskAllInfo(4242);
-  ASSERT_TRUE(all);
-  const proc_taskinfo& t = all->ptinfo;
-  EXPECT_EQ(t.pti_total_user, ticksToNs(600, tck));
-  EXPECT_EQ(t.pti_total_system, ticksToNs(200, tck));
-  EXPECT_EQ(t.pti_virtual_size, 25600 * page);
-  // statm's exact count, not stat's per-CPU approximation (2547 pages in the fixture).
-  EXPECT_EQ(t.pti_resident_size, 2560 * page);
-  EXPECT_EQ(t.pti_threadnum, 3);
-  EXPECT_EQ(t.pti_faults, 1530);
-  EXPECT_EQ(t.pti_pageins, 30);
-  EXPECT_EQ(t.pti_csw, 77);
-  const proc_bsdinfo& b = all->pbsd;
-  EXPECT_EQ(b.pbi_pid, 4242u);
-  EXPECT_EQ(b.pbi_ppid, 4200u);
-  EXPECT_EQ(b.pbi_status, 3u);
-  EXPECT_EQ(b.pbi_ruid, 1000u);
-  EXPECT_EQ(b.pbi_gid, 101u);
-  EXPECT_EQ(b.pbi_rgid, 100u);
-  EXPECT_EQ(b.pbi_svgid, 102u);
-  EXPECT_EQ(b.e_tdev, 34817u);
-  EXPECT_EQ(b.pbi_nice, 5);
-  EXPECT_STREQ(b.pbi_comm, "my (odd) prog");
-  EXPECT_STREQ(b.pbi_name, "my (odd) prog");
   const uint64_t since_boot_ns = ticksToNs(123456, tck);
-  EXPECT_EQ(b.pbi_start_tvsec, 1700000000u + since_boot_ns / 1'000'000'000u);
-  EXPECT_EQ(b.pbi_start_tvusec, since_boot_ns % 1'000'000'000u / 1000u);
-
+  auto all = reader.taskAllInfo(4242);
   auto r = reader.rusage(4242);
-  ASSERT_TRUE(r);
-  EXPECT_EQ(r->ri_pkg_idle_wkups, 100u);  // 70 + 30 over both threads, not the process line's 70
+  ASSERT_TRUE(all && r);
+  const proc_taskinfo& t = all->ptinfo;
+  const proc_bsdinfo& b = all->pbsd;
+  // The resident size is statm's exact count, not stat's per-CPU approximation (2547 pages).
+  EXPECT_EQ(std::tuple(t.pti_total_user, t.pti_total_system, t.pti_virtual_size, t.pti_resident_size),
+            std::tuple(ticksToNs(600, tck), ticksToNs(200, tck), 25600 * page, 2560 * page));
+  EXPECT_EQ(std::tuple(t.pti_threadnum, t.pti_faults, t.pti_pageins, t.pti_csw), std::tuple(3, 1530, 30, 77));
+  EXPECT_EQ(std::tuple(b.pbi_pid, b.pbi_ppid, b.pbi_status, b.e_tdev, b.pbi_nice),
+            std::tuple(4242u, 4200u, 3u, 34817u, 5));
+  EXPECT_EQ(std::tuple(b.pbi_ruid, b.pbi_gid, b.pbi_rgid, b.pbi_svgid), std::tuple(1000u, 101u, 100u, 102u));
+  EXPECT_EQ(std::tuple(b.pbi_start_tvsec, b.pbi_start_tvusec, r->ri_proc_start_abstime),
+            std::tuple(1700000000u + since_boot_ns / 1'000'000'000u, since_boot_ns % 1'000'000'000u / 1000u,
+                       since_boot_ns));
+  // The idle wakeups are 70 + 30 over both threads, not the process line's 70.
+  EXPECT_EQ(std::tuple(r->ri_pkg_idle_wkups, r->ri_diskio_bytesread, r->ri_diskio_byteswritten, r->ri_child_user_time),
+            std::tuple(100u, 4096000u, 8192u, ticksToNs(40, tck)));
   // 4250 has one thread and no task folder: its count comes from its own status.
   EXPECT_EQ(reader.rusage(4250)->ri_pkg_idle_wkups, 55u);
-  EXPECT_EQ(r->ri_diskio_bytesread, 4096000u);
-  EXPECT_EQ(r->ri_diskio_byteswritten, 8192u);
-  EXPECT_EQ(r->ri_child_user_time, ticksToNs(40, tck));
-  EXPECT_EQ(r->ri_proc_start_abstime, since_boot_ns);
+  EXPECT_STREQ(b.pbi_comm, "my (odd) prog");
+  EXPECT_STREQ(b.pbi_name, "my (odd) prog");
   EXPECT_EQ(reader.pidName(4242), "my (odd) prog");
 }
-
 TEST(ProcTaskReader, MissingProcessesReportNoSuchProcess) {
   const ProcTaskReader reader(kFixture);
   for (pid_t pid : {0, -1, 4243, 99999}) {
@@ -150,7 +127,8 @@ TEST(ProcTaskReader, LiveProcessUsesTheProcessCpuClockAndCountsItsFiles) {
   ASSERT_EQ(::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &before), 0);
   auto t = reader.taskInfo(::getpid());
   ASSERT_TRUE(t);
-  const uint64_t before_ns = static_cast<uint64_t>(before.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(before.tv_nsec);
+  const uint64_t before_ns = static_cast<uint64_t>(before.tv_sec) * 1'000'000'000u +
+                             static_cast<uint64_t>(before.tv_nsec);
   // The clock only moves forward, and ticks would round to whole 10 ms steps.
   EXPECT_GE(t->pti_total_user + t->pti_total_system, before_ns);
   EXPECT_GT(t->pti_resident_size, 0u);
@@ -163,9 +141,7 @@ TEST(ProcTaskReader, LiveProcessUsesTheProcessCpuClockAndCountsItsFiles) {
   for (int fd : fds) ::close(fd);
   ASSERT_TRUE(more);
   EXPECT_EQ(more->pbsd.pbi_nfiles, reader.taskAllInfo(::getpid())->pbsd.pbi_nfiles + 3);
-  auto name = reader.pidName(::getpid());
-  ASSERT_TRUE(name);
-  EXPECT_EQ(*name, "pelmora_support_tests");
+  EXPECT_EQ(reader.pidName(::getpid()), "pelmora_support_tests");
   // The clock id is glibc's, made without its extra system call.
   for (pid_t pid : {::getpid(), ::getppid(), pid_t{1}}) {
     clockid_t glibc;
