@@ -7,6 +7,7 @@
 #include <chrono>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "common/eventually.h"
@@ -81,31 +82,54 @@ class SamplerTest : public ::testing::Test {
   std::shared_ptr<FakeFrequencySource> m_source;
 };
 
-TEST_F(SamplerTest, RegistrationStartsAndStopsTheTimerOnce) {
+// Clients come and go and the machine sleeps and wakes: the timer and the frequency source start
+// and stop once, a sleep pauses without forgetting the clients, a wake tells them first, and once
+// the last client has left neither a wake nor a sleep starts or logs anything.
+TEST_F(SamplerTest, RegistrationSleepAndWakeStartAndStopTheTimerOnce) {
   auto a = std::make_shared<RecordingClient>();
   auto b = std::make_shared<RecordingClient>();
+  const auto sleep = [&](bool sleeping) { return [this, sleeping] { m_stats->sleepStateChanged(sleeping); }; };
+  const std::string stopping = "Sampler stopping for system sleep.",
+                    restarted = "Sampler restarted after system sleep.";
   struct Step {
     const char* what;
     std::function<void()> act;
-    bool running;
+    bool running, timer;
     size_t clients;
-    std::vector<std::string> source_calls;
+    std::vector<std::string> source_calls, log;  // during the step
+    size_t restarts;                             // told to b so far
   };
   const std::vector<Step> steps = {
-      {"first client starts", [&] { m_stats->addClient(a); }, true, 1, {"start"}},
-      {"same client again changes nothing", [&] { m_stats->addClient(a); }, true, 1, {"start"}},
-      {"second client joins the running timer", [&] { m_stats->addClient(b); }, true, 2, {"start"}},
-      {"removing one of two keeps running", [&] { m_stats->removeClient(a); }, true, 1, {"start"}},
-      {"removing an unknown client is harmless", [&] { m_stats->removeClient(a); }, true, 1, {"start"}},
-      {"last client leaving stops", [&] { m_stats->removeClient(b); }, false, 0, {"start", "stop"}},
-      {"a new client starts again", [&] { m_stats->addClient(a); }, true, 1, {"start", "stop", "start"}},
+      {"first client starts", [&] { m_stats->addClient(a); }, true, true, 1, {"start"}, {}, 0},
+      {"same client again changes nothing", [&] { m_stats->addClient(a); }, true, true, 1, {}, {}, 0},
+      {"second client joins the running timer", [&] { m_stats->addClient(b); }, true, true, 2, {}, {}, 0},
+      {"removing one of two keeps running", [&] { m_stats->removeClient(a); }, true, true, 1, {}, {}, 0},
+      {"removing an unknown client is harmless", [&] { m_stats->removeClient(a); }, true, true, 1, {}, {}, 0},
+      {"sleep pauses, so that the wake restarts", sleep(true), true, false, 1, {"stop"}, {stopping}, 0},
+      {"wake restarts, telling the clients", sleep(false), true, true, 1, {"stop", "start"}, {restarted}, 1},
+      {"sleeping again", sleep(true), true, false, 1, {"stop"}, {stopping}, 1},
+      {"the last client leaving during a sleep stops",
+       [&] { m_stats->removeClient(b); },
+       false,
+       false,
+       0,
+       {"stop"},
+       {},
+       1},
+      {"a wake when stopped restarts nothing", sleep(false), false, false, 0, {}, {}, 1},
+      {"nor does a sleep", sleep(true), false, false, 0, {}, {}, 1},
+      {"a new client starts again", [&] { m_stats->addClient(a); }, true, true, 1, {"start"}, {}, 1},
   };
   for (const auto& step : steps) {
+    SCOPED_TRACE(step.what);
+    m_source->calls.clear();
+    LogCapture log;
     step.act();
-    EXPECT_EQ(m_stats->running(), step.running) << step.what;
-    EXPECT_EQ(m_stats->timerRunning(), step.running) << step.what;
-    EXPECT_EQ(m_stats->clientCount(), step.clients) << step.what;
-    EXPECT_EQ(m_source->calls, step.source_calls) << step.what;
+    EXPECT_EQ(std::tuple(m_stats->running(), m_stats->timerRunning(), m_stats->clientCount()),
+              std::tuple(step.running, step.timer, step.clients));
+    EXPECT_EQ(m_source->calls, step.source_calls);
+    EXPECT_EQ(log.lines(), step.log);
+    EXPECT_EQ(b->count("restarted"), step.restarts);
   }
   m_stats->removeClient(a);
 }
@@ -143,45 +167,6 @@ TEST_F(SamplerTest, ASnapshotIsDroppedWhenItsClientLeftOrTheSamplerWentAway) {
   m_stats.reset();  // stops the timer; the sampler is gone before the job runs
   RunLoop::main().runUntilIdle();
   EXPECT_EQ(client->count("stats"), 0u);
-}
-
-// Sleep and wake while running, then the last client leaving during a sleep, then both while stopped.
-TEST_F(SamplerTest, SleepPausesAndWakeRestartsTellingClientsFirst) {
-  auto client = std::make_shared<RecordingClient>();
-  m_stats->addClient(client);
-  ASSERT_TRUE(runUntil([&] { return client->count("stats") >= 1; }));
-  {
-    LogCapture log;
-    m_stats->sleepStateChanged(true);
-    EXPECT_TRUE(m_stats->running());  // so that the wake restarts it
-    EXPECT_FALSE(m_stats->timerRunning());
-    EXPECT_EQ(log.lines(), std::vector<std::string>{"Sampler stopping for system sleep."});
-    EXPECT_EQ(m_source->calls, (std::vector<std::string>{"start", "stop"}));
-  }
-  RunLoop::main().runUntilIdle();
-  client->events.clear();
-  {
-    LogCapture log;
-    m_stats->sleepStateChanged(false);
-    EXPECT_TRUE(m_stats->timerRunning());
-    EXPECT_EQ(log.lines(), std::vector<std::string>{"Sampler restarted after system sleep."});
-    EXPECT_EQ(m_source->calls, (std::vector<std::string>{"start", "stop", "stop", "start"}));
-  }
-  ASSERT_TRUE(runUntil([&] { return client->count("stats") >= 1; }));
-  EXPECT_EQ(client->events.front(), "restarted");
-  EXPECT_EQ(client->count("restarted"), 1u);
-  m_stats->sleepStateChanged(true);
-  m_stats->removeClient(client);
-  EXPECT_FALSE(m_stats->running());
-  const auto calls = m_source->calls;
-  for (bool sleeping : {false, true, false}) {  // stopped for good: nothing restarts, nothing is logged
-    LogCapture log;
-    m_stats->sleepStateChanged(sleeping);
-    EXPECT_FALSE(m_stats->running());
-    EXPECT_FALSE(m_stats->timerRunning());
-    EXPECT_TRUE(log.lines().empty());
-    EXPECT_EQ(m_source->calls, calls);
-  }
 }
 
 TEST_F(SamplerTest, EachTickStampsTheSampleTime) {
