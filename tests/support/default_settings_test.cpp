@@ -10,7 +10,6 @@
 
 #include "common/temp_dir.h"
 #include "support/logger.h"
-#include "support/settings_keys.h"
 
 namespace fs = std::filesystem;
 using pelmora::DefaultSettings;
@@ -24,34 +23,6 @@ class SettingsTest : public ::testing::Test {
   const fs::path& dir = temp.path();
   const fs::path file = dir / "defaults.json";
 };
-
-// Saved through the typed keys, read back through them from a new store over the same file.
-TEST_F(SettingsTest, SavesAndRemovalsSurviveAReload) {
-  using namespace pelmora::keys;
-  DefaultSettings s(file);
-  kProcessesInterval_ms.save(s, 2000);
-  kWarnThrottle.save(s, false);
-  kPIDProportional.save(s, 0.75);
-  kGraphLabelFont.save(s, "DejaVu Sans,10");
-  kProcessSortColumn.save(s, "pid");
-  kLimited.save(s, {{"AC Power", {{"yes", 0.5}}}});
-  kGraphTempSensors.save(s, {"k10temp Tctl"});
-  kCpuColours.save(s, {1, 2});
-  s.saveInt("gone", 1);
-  s.remove("gone");
-
-  DefaultSettings again(file);
-  EXPECT_FALSE(again.contains("gone"));
-  EXPECT_EQ(kProcessesInterval_ms.load(again), 2000);
-  EXPECT_FALSE(kWarnThrottle.load(again));
-  EXPECT_DOUBLE_EQ(kPIDProportional.load(again), 0.75);
-  EXPECT_EQ(kGraphLabelFont.load(again), "DejaVu Sans,10");
-  EXPECT_EQ(kProcessSortColumn.load(again), "pid");
-  EXPECT_EQ(kLimited.load(again)["AC Power"]["yes"], 0.5);
-  EXPECT_EQ(kGraphTempSensors.load(again), std::vector<std::string>{"k10temp Tctl"});
-  EXPECT_EQ(kCpuColours.load(again), nlohmann::json({1, 2}));
-  EXPECT_FALSE(fs::exists(dir / "defaults.json.tmp"));
-}
 
 TEST_F(SettingsTest, CorruptHugeOrDeepFilesAreSetAsideLoggedAndStartFromDefaults) {
   const std::string million_deep = "{\"a\": " + std::string(1000000, '[') + std::string(1000000, ']') + "}";
@@ -99,7 +70,7 @@ TEST_F(SettingsTest, ABadFileThatCannotBeSetAsideIsSaidSoAndKept) {
 }
 
 ino_t inodeOf(const fs::path& path) {
-  struct stat st{};
+  struct stat st {};
   return ::stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
 }
 

@@ -61,23 +61,43 @@ TEST(SettingsKeys, AFreshStoreYieldsExactlyTheDefaults) {
   EXPECT_FALSE(fs::exists(fresh.store.file()));
 }
 
-// A value stored under a typed key reads back through that key when its type fits, and as the key's
-// default when it does not.
+// A value saved through its typed key, or stored raw (as a hand edit or another version may leave
+// it), reads back from a new store over the same file: through the key when its type fits, and as
+// the key's default when it does not.
 struct Stored {
-  const char* key;
-  nlohmann::json stored, expected;
+  std::string what;
+  std::function<void(DefaultSettings&)> save;
+  nlohmann::json expected;
   std::function<nlohmann::json(DefaultSettings&)> load;
 };
+template <typename Value>
+nlohmann::json asJson(const Value& v) {
+  return v;
+}
+nlohmann::json asJson(const std::optional<nlohmann::json>& v) { return v.value_or(nullptr); }
 template <typename Key>
 Stored row(const Key& k, nlohmann::json stored, nlohmann::json expected) {
-  return {k.key, std::move(stored), std::move(expected), [k](DefaultSettings& s) { return nlohmann::json(k.load(s)); }};
+  return {std::string(k.key) + " = " + stored.dump(), [k, stored](DefaultSettings& s) { s.saveDict(k.key, stored); },
+          std::move(expected), [k](DefaultSettings& s) { return asJson(k.load(s)); }};
+}
+template <typename Key, typename Value>
+Stored saved(const Key& k, const Value& value) {
+  return {std::string(k.key) + " saved", [k, value](DefaultSettings& s) { k.save(s, value); }, asJson(value),
+          [k](DefaultSettings& s) { return asJson(k.load(s)); }};
 }
 
-TEST(SettingsKeys, StoredValuesReadBackWhenTheirTypeFits) {
+TEST(SettingsKeys, SavedAndStoredValuesReadBackWhenTheirTypeFits) {
   using namespace keys;
+  using strings = std::vector<std::string>;
   const nlohmann::json sensors = {"nvme Composite", "acpitz"};
   // clang-format off
   const Stored cases[] = {
+      saved(kWarnThrottle, false), saved(kProcessesInterval_ms, int64_t{2000}), saved(kPIDProportional, 0.75),
+      saved(kProcessSortColumn, std::string("pid")), saved(kGraphLabelFont, std::string("DejaVu Sans,10")),
+      saved(kLimited, nlohmann::json{{"AC Power", {{"yes", 0.5}}}}), saved(kGraphTempSensors, strings{"k10temp Tctl"}),
+      saved(kCpuColours, nlohmann::json{1, 2}),
+      {"a removed key", [](DefaultSettings& s) { s.saveInt("gone", 1); s.remove("gone"); }, false,
+       [](DefaultSettings& s) { return nlohmann::json(s.contains("gone")); }},
       row(kWarnThrottle, false, false), row(kWarnThrottle, 0, false), row(kWarnThrottle, "no", true),
       row(kWarnThrottle, {{"on", true}}, true),
       row(kLimiterInterval_ms, 45, 45), row(kLimiterInterval_ms, "fast", 30),
@@ -92,9 +112,11 @@ TEST(SettingsKeys, StoredValuesReadBackWhenTheirTypeFits) {
   };  // clang-format on
   FreshStore fresh;
   for (const auto& c : cases) {
-    fresh.store.saveDict(c.key, c.stored);
-    EXPECT_EQ(c.load(fresh.store), c.expected) << c.key << " = " << c.stored;
+    c.save(fresh.store);
+    DefaultSettings again(fresh.store.file());
+    EXPECT_EQ(c.load(again), c.expected) << c.what;
   }
+  EXPECT_FALSE(fs::exists(fresh.store.file().string() + ".tmp"));
 }
 
 }  // namespace
