@@ -1,55 +1,37 @@
 #pragma once
-// A test double of the helper daemon: the real request handler behind a real Unix socket, one thread
-// per connection, except that "authorize" is held until the test gives the password (as a user
-// typing it would), or until a minute has passed.
-#include <poll.h>
-#include <sys/socket.h>
+// The real helper daemon on a real Unix socket, one thread per connection, and a client connection
+// for "authorize" that holds the request until the test gives the password (as a user typing it
+// into the password dialog would), or until a minute has passed; the daemon then grants it.
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
+#include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "helper/helper_daemon.h"
-#include "helper/request_handler.h"
-#include "support/xpc_socket.h"
+#include "helper_link/helper_transport.h"
+#include "support/socket_transport.h"
 
 namespace pelmora::app_test {
 
-class SlowAuthorizeDaemon {
+class PasswordPrompt : public Authorizer {
  public:
-  SlowAuthorizeDaemon(const std::filesystem::path& socket, SysRoot root)
-      : m_path(socket.string()), m_handler(options(std::move(root))) {
-    std::string error;
-    m_listen = HelperDaemon::bindSocket(m_path, &error);
-    m_accept = std::thread([this] { acceptLoop(); });
+  std::string authorize(const CallerIdentity&) override { return "OK"; }
+  void wait() {
+    std::unique_lock lock(m_mutex);
+    ++m_waiting;
+    m_answer.wait_for(lock, std::chrono::minutes(1), [this] { return m_password_given; });
+    --m_waiting;
   }
-  ~SlowAuthorizeDaemon() {
-    givePassword();
-    m_stop = true;
-    m_accept.join();
-    {
-      std::lock_guard lock(m_mutex);
-      for (int fd : m_live) ::shutdown(fd, SHUT_RDWR);
-    }
-    for (auto& t : m_threads) t.join();
-    ::unlink(m_path.c_str());
-  }
-  bool listening() const { return m_listen.valid(); }
-  const std::string& path() const { return m_path; }
   // "authorize" requests that are waiting for the password now.
   int waiting() {
     std::lock_guard lock(m_mutex);
     return m_waiting;
   }
-  // Stop and continue requests served so far.
-  int signalsServed() const { return m_signals; }
   void givePassword() {
     std::lock_guard lock(m_mutex);
     m_password_given = true;
@@ -57,54 +39,62 @@ class SlowAuthorizeDaemon {
   }
 
  private:
-  static HelperOptions options(SysRoot root) {
-    HelperOptions o;
-    o.root = std::move(root);
-    return o;
-  }
-  void acceptLoop() {
-    while (!m_stop) {
-      pollfd p{m_listen.get(), POLLIN, 0};
-      if (::poll(&p, 1, 50) <= 0) continue;
-      const int fd = ::accept4(m_listen.get(), nullptr, nullptr, SOCK_CLOEXEC);
-      if (fd < 0) continue;
-      std::lock_guard lock(m_mutex);
-      m_live.insert(fd);
-      m_threads.emplace_back([this, fd] { serve(fd); });
-    }
-  }
-  void serve(int fd) {
-    if (auto connection = Connection::fromSocket(fd)) {
-      while (auto request = xpcReceiveMessage(fd)) {
-        XPCDict reply = xpcHas(*request, "authorize") ? holdAuthorize() : m_handler.handle(*request, *connection);
-        m_signals += xpcHas(*request, "kill") && xpcInt(reply, "kill") == int64_t{0};
-        if (connection->closeRequested() || !xpcSendMessage(fd, reply)) break;
-      }
-    }
-    std::lock_guard lock(m_mutex);
-    m_live.erase(fd);
-    ::close(fd);
-  }
-  XPCDict holdAuthorize() {
-    std::unique_lock lock(m_mutex);
-    ++m_waiting;
-    m_answer.wait_for(lock, std::chrono::minutes(1), [this] { return m_password_given; });
-    --m_waiting;
-    return {{"authorize", "OK"}};
-  }
-
-  const std::string m_path;
-  RequestHandler m_handler;
-  UniqueFd m_listen;
-  std::atomic<bool> m_stop{false};
-  std::atomic<int> m_signals{0};
-  std::thread m_accept;
   std::mutex m_mutex;
   std::condition_variable m_answer;
   bool m_password_given = false;
   int m_waiting = 0;
-  std::set<int> m_live;
-  std::vector<std::thread> m_threads;
+};
+
+class HeldAuthorizeTransport : public XPCTransport {
+ public:
+  HeldAuthorizeTransport(const std::string& path, std::shared_ptr<PasswordPrompt> prompt)
+      : m_real(path, kAuthorizeTimeout_ms), m_prompt(std::move(prompt)) {}
+  std::optional<XPCDict> exchange(const XPCDict& request) override {
+    if (xpcHas(request, "authorize")) m_prompt->wait();
+    return m_real.exchange(request);
+  }
+  void sendOneWay(const XPCDict& message) override { m_real.sendOneWay(message); }
+  uint64_t connection() override { return m_real.connection(); }
+  void interrupt() override { m_real.interrupt(); }
+
+ private:
+  SocketTransport m_real;
+  std::shared_ptr<PasswordPrompt> m_prompt;
+};
+
+class SlowAuthorizeDaemon {
+ public:
+  SlowAuthorizeDaemon(const std::filesystem::path& socket, SysRoot root) : m_path(socket.string()) {
+    std::string error;
+    UniqueFd listen = HelperDaemon::bindSocket(m_path, &error);
+    m_listening = listen.valid();
+    HelperOptions options;
+    options.root = std::move(root);
+    options.authorizer = m_prompt;
+    m_daemon = std::make_unique<HelperDaemon>(std::move(listen), false, std::move(options));
+    m_thread = std::thread([this] { m_daemon->run(); });
+  }
+  ~SlowAuthorizeDaemon() {
+    givePassword();
+    m_daemon->stop();
+    m_thread.join();
+    ::unlink(m_path.c_str());
+  }
+  bool listening() const { return m_listening; }
+  const std::string& path() const { return m_path; }
+  // The connection the client's "authorize" goes over.
+  std::unique_ptr<XPCTransport> authorizeTransport() {
+    return std::make_unique<HeldAuthorizeTransport>(m_path, m_prompt);
+  }
+  int waiting() { return m_prompt->waiting(); }
+  void givePassword() { m_prompt->givePassword(); }
+
+ private:
+  const std::string m_path;
+  bool m_listening = false;
+  std::shared_ptr<PasswordPrompt> m_prompt = std::make_shared<PasswordPrompt>();
+  std::unique_ptr<HelperDaemon> m_daemon;
+  std::thread m_thread;
 };
 
 }  // namespace pelmora::app_test
