@@ -2,8 +2,6 @@
 // that records what start-up, sleep and quit ask of the limiter and power monitor, a real sampler
 // with a recording client, and a sleep source the test drives.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <QAction>
@@ -13,26 +11,32 @@
 
 #include <filesystem>
 #include <functional>
-#include <fstream>
+#include <utility>
 
 #include "app/app_rig.h"
 #include "app/dock.h"
 #include "app/process_table_model.h"
 #include "app/status_bar_controller.h"
+#include "common/child.h"
 #include "graphs/graph_switches.h"
 #include "graphs/views/kind_graph_view.h"
 #include "process_control/proc_settings.h"
-#include "support/timeval.h"
 #include "support/broadcast.h"
 #include "support/logger.h"
 #include "support/settings_keys.h"
+#include "support/timeval.h"
 
 namespace pelmora {
 namespace {
 
 using namespace app_test;
 
-TEST(AppDelegateTest, StartUpCreatesTheObjectsInOrder) {
+// Start-up with every window remembered open. The statistics window's counts are read from the
+// limiter's table of this machine's /proc, so they are never all 0: this test program itself is one
+// of them, counted as the system's when it runs as root.
+TEST(AppDelegateTest, StartUpCreatesTheObjectsInOrderAndTheStatisticsCountTheLimitersTableUntilQuit) {
+  stats_test::SwitchesGuard switches;
+  FakeClock clock;
   AppRig rig;
   keys::kAppPelmora.save(rig.rig.store, true);
   keys::kAppProcesses.save(rig.rig.store, true);
@@ -44,18 +48,8 @@ TEST(AppDelegateTest, StartUpCreatesTheObjectsInOrder) {
   EXPECT_EQ(rig.steps, expected);
   EXPECT_TRUE(rig.app->sleepListening());
   EXPECT_NE(ProcinfoWindow::shared(), nullptr);
-  EXPECT_NE(SystemStatsWindow::instance(), nullptr);
-}
+  ASSERT_NE(SystemStatsWindow::instance(), nullptr);
 
-// The counts are read from the limiter's table of this machine's /proc, so they are never all 0:
-// this test program itself is one of them, counted as the system's when it runs as root.
-TEST(AppDelegateTest, TheStatisticsWindowCountsTheProcessesOfTheLimitersTable) {
-  stats_test::SwitchesGuard switches;
-  FakeClock clock;
-  AppRig rig;
-  keys::kAppPelmora.save(rig.rig.store, true);
-  rig.app->finishLaunching();
-  rig.app->showSystemStats();
   // After start-up, which loads the saved graph settings: every sample a second apart redraws.
   GraphSwitches::current().update_interval = 0;
   GraphSwitches::current().show_current = true;
@@ -128,34 +122,55 @@ TEST(AppDelegateTest, QuitWritesTheWindowKeysContinuesProcessesAndSwitchesThrott
   }
 }
 
-TEST(AppDelegateTest, SleepAndWakeStopAndRestartOnlyWhatTheyShould) {
+// Sleep and wake, and the application coming to the front while the frontmost process is limited.
+TEST(AppDelegateTest, SleepWakeAndComingToTheFrontStopAndRestartOnlyWhatTheyShould) {
+  auto sleep = [](SleepEvent event) { return [event](AppRig& rig) { rig.send(event); }; };
   struct Row {
-    SleepEvent event;
+    const char* what;
+    std::function<void(AppRig&)> act;
     Steps steps;
     size_t cpu_requests;
     int restarts;
     const char* line;
   };
   const Row rows[] = {
-      {SleepEvent::willSleep, {"core:stopLimiter", "core:samplerSleeps", "source:release"}, 0, 0,
+      {"will sleep",
+       sleep(SleepEvent::willSleep),
+       {"core:stopLimiter", "core:samplerSleeps", "source:release"},
+       0,
+       0,
        "Sleep - willSleep - limiter stopped"},
-      {SleepEvent::screensDidSleep, {}, 0, 0, "Sleep - Screens did Sleep - ignore"},
-      {SleepEvent::didWake, {"source:hold", "core:startLimiter", "core:samplerWakes"}, 1, 1,
+      {"screens sleep", sleep(SleepEvent::screensDidSleep), {}, 0, 0, "Sleep - Screens did Sleep - ignore"},
+      {"woke",
+       sleep(SleepEvent::didWake),
+       {"source:hold", "core:startLimiter", "core:samplerWakes"},
+       1,
+       1,
        "Sleep - Wakeup - restart limiter"},
-      {SleepEvent::screensDidWake, {}, 1, 0, "Sleep - Wakeup: Screens woke up - ignore"},
+      {"screens woke", sleep(SleepEvent::screensDidWake), {}, 1, 0, "Sleep - Wakeup: Screens woke up - ignore"},
+      {"in front and back",
+       [](AppRig& rig) {
+         rig.app->activeChanged(true);
+         rig.app->activeChanged(false);
+       },
+       {"core:frontmost off", "core:frontmost on"},
+       0,
+       0,
+       nullptr},
   };
   for (const Row& row : rows) {
-    SCOPED_TRACE(std::string(sleepEventName(row.event)));
+    SCOPED_TRACE(row.what);
     AppRig rig;
+    keys::kLimitFrontmost.save(rig.rig.store, true);
     rig.app->finishLaunching();
     rig.steps.clear();
     rig.rig.clear();
     LogCapture log;
-    rig.send(row.event);
+    row.act(rig);
     EXPECT_EQ(rig.steps, row.steps);
     EXPECT_EQ(rig.rig.sent("setcpucount").size(), row.cpu_requests);
     EXPECT_EQ(rig.client->restarts, row.restarts);
-    EXPECT_TRUE(log.contains(row.line));
+    EXPECT_TRUE(!row.line || log.contains(row.line));
   }
 }
 
@@ -228,16 +243,6 @@ TEST(AppDelegateTest, DockMenuChecksTheChosenItemAndAStrangerPassesMinusOne) {
   for (QAction* item : items) EXPECT_FALSE(item->isChecked());
 }
 
-TEST(AppDelegateTest, FrontmostLimitingIsSuspendedWhileWeAreInFront) {
-  AppRig rig;
-  keys::kLimitFrontmost.save(rig.rig.store, true);
-  rig.app->finishLaunching();
-  rig.steps.clear();
-  rig.app->activeChanged(true);
-  rig.app->activeChanged(false);
-  EXPECT_EQ(rig.steps, (Steps{"core:frontmost off", "core:frontmost on"}));
-}
-
 // Nothing runs for nobody: the limiter's timer reads every process only while the process window
 // shows the table; without it, it notes new processes only while something needs their owners and
 // names (a remembered limit, the process counts of a graph), and otherwise reads nothing.
@@ -280,20 +285,14 @@ TEST(AppDelegateTest, TheLimiterReadsTheProcessesOnlyForSomeoneWhoNeedsThem) {
   ProcinfoWindow* window = ProcinfoWindow::shared();
   ASSERT_NE(window, nullptr);
   window->hide();
-  const pid_t child = ::fork();
-  if (child == 0) {
-    ::pause();
-    ::_exit(0);
-  }
-  ASSERT_GT(child, 0);
+  const test::Child sleeper = test::sleepingChild();
+  const pid_t child = sleeper.pid();
   limiter.refresh();
   RunLoop::main().runUntilIdle();
   EXPECT_TRUE(limiter.rowFor(child).has_value());
   EXPECT_EQ(window->model().rowOfPid(child), -1);
   window->show();
   EXPECT_GE(window->model().rowOfPid(child), 0);
-  ::kill(child, SIGKILL);
-  ::waitpid(child, nullptr, 0);
 }
 
 TEST(StatusBarControllerTest, ReadoutsScaleByTheLogicalCount) {
@@ -335,28 +334,23 @@ TEST(StatusBarControllerTest, AnOpenMenuKeepsItsFiguresMeasuredAndARefreshWithou
 }
 
 TEST(CopyToolTest, ReplacesWhatIsThereAndReportsFailures) {
-  const test::TempDir scratch;
-  const auto& dir = scratch.path();
-  std::ofstream(dir / "tool") << "new";
-  std::ofstream(dir / "victim") << "keep";
-  std::ofstream(dir / "old") << "old";
+  const test::TempDir dir;
+  dir.write("tool", "new");
+  dir.write("victim", "keep");
+  dir.write("old", "old");
   std::filesystem::create_symlink(dir / "victim", dir / "link");
-  struct Row {
-    std::string target;
-    bool ok;
-  };
-  for (const Row& row : {Row{"old", true}, Row{"link", true}, Row{"fresh", true}, Row{"missing/dir/tool", false}}) {
-    SCOPED_TRACE(row.target);
+  using Row = std::pair<const char*, bool>;  // the target, and whether it can be written
+  for (const auto& [target, ok] :
+       {Row{"old", true}, Row{"link", true}, Row{"fresh", true}, Row{"missing/dir/tool", false}}) {
+    SCOPED_TRACE(target);
     std::string error;
-    EXPECT_EQ(copyTool((dir / "tool").string(), (dir / row.target).string(), error), row.ok);
-    EXPECT_EQ(error.empty(), row.ok);
-    if (!row.ok) continue;
-    std::ifstream in(dir / row.target);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "new");
-    EXPECT_FALSE(std::filesystem::is_symlink(dir / row.target));
+    EXPECT_EQ(copyTool((dir / "tool").string(), (dir / target).string(), error), ok);
+    EXPECT_EQ(error.empty(), ok);
+    if (ok) {
+      EXPECT_EQ(dir.read(target) + (std::filesystem::is_symlink(dir / target) ? " via a link" : ""), "new");
+    }
   }
-  std::ifstream victim(dir / "victim");
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(victim), {}), "keep");
+  EXPECT_EQ(dir.read("victim"), "keep");
 }
 
 }  // namespace
