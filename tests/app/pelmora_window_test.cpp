@@ -10,21 +10,21 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
-#include <thread>
 
+#include "common/eventually.h"
 #include "helper_link/fallback_transport.h"
 #include "helper_link/in_process_transport.h"
 #include "settings_test_support.h"
-#include "support/socket_transport.h"
 #include "support/broadcast.h"
 #include "support/logger.h"
 #include "support/settings_keys.h"
+#include "support/socket_transport.h"
 
 namespace pelmora {
 namespace {
 
 using settings_test::Rig;
+using Ints = std::vector<int64_t>;
 
 PelmoraWindow::Options options(bool hardware_threads = true, int own_priority = 0) {
   PelmoraWindow::Options o;
@@ -35,8 +35,6 @@ PelmoraWindow::Options options(bool hardware_threads = true, int own_priority = 
   return o;
 }
 
-int64_t intIn(const XPCDict& d, const char* key) { return xpcInt(d, key).value_or(-999); }
-
 const nlohmann::json kStoredBoth = {
     {"Hyperthreads", {{"AC Power", true}, {"Battery Power", false}}},
     {"PreferPhys", {{"AC Power", false}, {"Battery Power", true}}},
@@ -44,34 +42,64 @@ const nlohmann::json kStoredBoth = {
     {"CPUCount", {{"AC Power", 6}, {"Battery Power", 2}}},
 };
 
+// The window on a scripted helper; the broadcasts it posted are delivered before it goes.
+struct Opened {
+  explicit Opened(const char* power_fixture = "power-laptop-mains") : rig(power_fixture) {}
+  ~Opened() { Rig::deliver(); }
+  PelmoraWindow& open(const PelmoraWindow::Options& o = options()) {
+    w = std::make_unique<PelmoraWindow>(rig.helper, rig.power, rig.limiter, rig.store, o);
+    return *w;
+  }
+  // With rights, as after the lock was opened, and nothing sent yet.
+  PelmoraWindow& openAuthorised() {
+    open();
+    rig.helper.setAuthorised(true);
+    w->setEnabledStates();
+    rig.clear();
+    return *w;
+  }
+  // `key` of each request of one kind sent since the last clear.
+  Ints sent(const std::string& kind, const char* key) const {
+    Ints values;
+    for (const auto& r : rig.sent(kind)) values.push_back(xpcInt(r, key).value_or(-999));
+    return values;
+  }
+  nlohmann::json stored(const char* key, const char* power = "AC Power") {
+    return rig.store.loadDict("CPU_Settings")[key][power];
+  }
+
+  Rig rig;
+  std::unique_ptr<PelmoraWindow> w;
+};
+
 TEST(PelmoraWindow, LockButtonAuthorisesOnlyWhenTheHelperAgreesAndTheControlsFollow) {
-  struct Case { std::string reply; bool authorised; bool logged; };
-  for (const Case& c : {Case{"OK", true, false}, Case{"the privileged helper is not running", false, true}}) {
-    Rig rig;
-    rig.script.authorize_reply = c.reply;
-    PelmoraWindow w(rig.helper, rig.power, rig.limiter, rig.store, options());
+  for (const std::string reply : {"OK", "the privileged helper is not running"}) {
+    SCOPED_TRACE(reply);
+    const bool ok = reply == "OK";
+    Opened x;
+    x.rig.script.authorize_reply = reply;
+    PelmoraWindow& w = x.open();
     LogCapture log;
     w.m_auth->click();
     // The answer comes from the client's worker thread through the main queue.
-    for (int i = 0; i < 500 && rig.helper.authorizationPending(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    EXPECT_TRUE(test::eventually([&] { return !x.rig.helper.authorizationPending(); }));
     Rig::deliver();
-    EXPECT_EQ(rig.helper.authorised(), c.authorised) << c.reply;
-    EXPECT_EQ(w.m_throttle->isEnabled(), c.authorised) << c.reply;
-    EXPECT_EQ(w.m_powersource->isEnabled(), c.authorised) << c.reply;
-    EXPECT_TRUE(w.m_prefer_phys->isEnabled() && w.m_auth->isEnabled()) << c.reply;
+    EXPECT_EQ(x.rig.helper.authorised(), ok);
+    EXPECT_EQ(w.m_throttle->isEnabled(), ok);
+    EXPECT_EQ(w.m_powersource->isEnabled(), ok);
+    EXPECT_TRUE(w.m_prefer_phys->isEnabled() && w.m_auth->isEnabled());
     // Hyper-threading and the processor count stay locked either way.
     EXPECT_FALSE(w.m_hyperthreading->isEnabled() || w.m_cpucontrol->controlEnabled() ||
-                 w.m_cpucontrol->m_slider->isEnabled())
-        << c.reply;
-    EXPECT_EQ(log.contains("CPU settings: authorisation refused: " + c.reply + "."), c.logged) << c.reply;
-    EXPECT_EQ(w.m_notice->text().contains(QString::fromStdString(c.reply)), c.logged) << c.reply;
+                 w.m_cpucontrol->m_slider->isEnabled());
+    EXPECT_EQ(log.contains("CPU settings: authorisation refused: " + reply + "."), !ok);
+    EXPECT_EQ(w.m_notice->text().contains(QString::fromStdString(reply)), !ok);
   }
 }
 
 TEST(PelmoraWindow, LoadSendsTheActiveSourcesSettingsAndShowingTheOtherSendsNothing) {
-  Rig rig;
-  rig.store.saveDict("CPU_Settings", kStoredBoth);
-  PelmoraWindow w(rig.helper, rig.power, rig.limiter, rig.store, options());
+  Opened x;
+  x.rig.store.saveDict("CPU_Settings", kStoredBoth);
+  PelmoraWindow& w = x.open();
   EXPECT_EQ(w.m_powersource->currentIndex(), 0);
   EXPECT_EQ(w.m_header_title->text(), QStringLiteral("Pelmora — on AC power"));
   EXPECT_TRUE(w.m_hyperthreading->isChecked());
@@ -79,21 +107,16 @@ TEST(PelmoraWindow, LoadSendsTheActiveSourcesSettingsAndShowingTheOtherSendsNoth
   EXPECT_EQ(w.m_cpucontrol->maximum(), 8);
   EXPECT_EQ(w.m_log_cpu->text(), QStringLiteral("6"));
   EXPECT_EQ(w.m_phys_cpu->text(), QStringLiteral("3"));
-  const auto set = rig.sent("setcpucount");
-  ASSERT_EQ(set.size(), 1u);
-  EXPECT_EQ(intIn(set[0], "count"), 6);
-  EXPECT_EQ(intIn(set[0], "prefer_phys"), 0);
-  ASSERT_EQ(rig.sent("throttle").size(), 1u);
-  EXPECT_EQ(intIn(rig.sent("throttle")[0], "enable"), 1);
+  EXPECT_EQ(x.sent("setcpucount", "count"), Ints{6});
+  EXPECT_EQ(x.sent("setcpucount", "prefer_phys"), Ints{0});
+  EXPECT_EQ(x.sent("throttle", "enable"), Ints{1});
 
   // Showing the battery's settings while on AC sends nothing.
-  rig.helper.setAuthorised(true);
-  rig.clear();
-  rig.script.counts = {16, 8, 6, 3};  // a larger maximum must not reach the slider either
+  x.rig.helper.setAuthorised(true);
+  x.rig.clear();
+  x.rig.script.counts = {16, 8, 6, 3};  // a larger maximum must not reach the slider either
   w.m_powersource->setCurrentIndex(1);
   w.changePowerSource();
-  EXPECT_TRUE(rig.sent("setcpucount").empty());
-  EXPECT_TRUE(rig.sent("throttle").empty());
   EXPECT_EQ(w.m_cpucontrol->maximum(), 8);
   EXPECT_FALSE(w.m_hyperthreading->isChecked());
   EXPECT_TRUE(w.m_prefer_phys->isChecked());
@@ -101,69 +124,83 @@ TEST(PelmoraWindow, LoadSendsTheActiveSourcesSettingsAndShowingTheOtherSendsNoth
   EXPECT_EQ(w.m_cpucontrol->value(), 2);
   // Editing the battery set stores it under the battery only.
   w.m_prefer_phys->click();
-  EXPECT_TRUE(rig.sent("setcpucount").empty());
-  const auto stored = rig.store.loadDict("CPU_Settings");
-  EXPECT_EQ(stored["PreferPhys"]["Battery Power"], false);
-  EXPECT_EQ(stored["PreferPhys"]["AC Power"], false);
-  EXPECT_EQ(stored["CPUCount"]["Battery Power"], 2);
-  EXPECT_EQ(stored["CPUCount"]["AC Power"], 6);
-  Rig::deliver();
+  EXPECT_TRUE(x.rig.sent("setcpucount").empty() && x.rig.sent("throttle").empty());
+  EXPECT_EQ(x.stored("PreferPhys", "Battery Power"), false);
+  EXPECT_EQ(x.stored("PreferPhys"), false);
+  EXPECT_EQ(x.stored("CPUCount", "Battery Power"), 2);
+  EXPECT_EQ(x.stored("CPUCount"), 6);
 }
 
 TEST(PelmoraWindow, FreshStoreFillsDefaultsAndHidesThreadControlsWithoutHardwareThreads) {
-  struct Case { bool threads; bool hyper; bool hidden; };
-  for (const Case c : {Case{true, true, false}, Case{false, false, true}}) {
-    Rig rig;
-    PelmoraWindow w(rig.helper, rig.power, rig.limiter, rig.store, options(c.threads));
+  for (const bool threads : {true, false}) {
+    SCOPED_TRACE(threads ? "hardware threads" : "none");
+    Opened x;
+    PelmoraWindow& w = x.open(options(threads));
     w.storeSettings();
-    const auto stored = rig.store.loadDict("CPU_Settings");
-    EXPECT_EQ(stored["Hyperthreads"]["AC Power"], c.hyper) << c.threads;
-    EXPECT_EQ(stored["PreferPhys"]["AC Power"], true) << c.threads;
-    EXPECT_EQ(stored["Throttle"]["AC Power"], true) << c.threads;
-    EXPECT_EQ(stored["CPUCount"]["AC Power"], 6) << c.threads;
-    EXPECT_EQ(w.m_hyperthreading->isHidden(), c.hidden) << c.threads;
-    EXPECT_EQ(w.m_prefer_phys->isHidden(), c.hidden) << c.threads;
-    Rig::deliver();
+    EXPECT_EQ(x.stored("Hyperthreads"), threads);
+    EXPECT_EQ(x.stored("PreferPhys"), true);
+    EXPECT_EQ(x.stored("Throttle"), true);
+    EXPECT_EQ(x.stored("CPUCount"), 6);
+    EXPECT_EQ(w.m_hyperthreading->isHidden(), !threads);
+    EXPECT_EQ(w.m_prefer_phys->isHidden(), !threads);
   }
 }
 
-TEST(PelmoraWindow, PowerSourceBroadcastSelectsAndAppliesTheNewSource) {
-  Rig rig;
-  rig.store.saveDict("CPU_Settings", kStoredBoth);
-  PelmoraWindow w(rig.helper, rig.power, rig.limiter, rig.store, options());
-  Rig::deliver();
-  rig.clear();
-  int cpu_changed = 0;
-  AddListener("net.tandrel.pelmora.cpuchanged", "test", [&](const std::string&) { ++cpu_changed; });
-  rig.power.switchSource();
-  Rig::deliver();
-  EXPECT_EQ(w.m_powersource->currentIndex(), 1);
-  EXPECT_EQ(w.m_header_title->text(), QStringLiteral("Pelmora — on battery power"));
-  const auto set = rig.sent("setcpucount");
-  ASSERT_FALSE(set.empty());
-  EXPECT_EQ(intIn(set.back(), "hyper"), 0);
-  EXPECT_EQ(intIn(set.back(), "prefer_phys"), 1);
-  EXPECT_EQ(cpu_changed, static_cast<int>(set.size()));
-  // The battery's throttling choice goes out as the battery becomes the source in force.
-  ASSERT_FALSE(rig.sent("throttle").empty());
-  EXPECT_EQ(intIn(rig.sent("throttle").back(), "enable"), 0);
-  RemoveListener("net.tandrel.pelmora.cpuchanged", "test");
+// A power-source broadcast selects and applies the new source; a closed window does not hear it
+// (and stops its watch unless the status item shows the limited count), and catches up when shown.
+TEST(PelmoraWindow, PowerSourceBroadcastAppliesTheNewSourceAndAClosedWindowCatchesUpWhenShown) {
+  for (const bool status_item : {false, true}) {
+    SCOPED_TRACE(status_item ? "with a status item" : "without");
+    Opened x;
+    x.rig.store.saveDict("CPU_Settings", kStoredBoth);
+    keys::kShowMenubar.save(x.rig.store, status_item);
+    PelmoraWindow::Options o = options();
+    o.start_watch = true;
+    PelmoraWindow& w = x.open(o);
+    Rig::deliver();
+    x.rig.clear();
+    int cpu_changed = 0;
+    AddListener("net.tandrel.pelmora.cpuchanged", "test", [&](const std::string&) { ++cpu_changed; });
+    x.rig.power.switchSource();
+    Rig::deliver();
+    RemoveListener("net.tandrel.pelmora.cpuchanged", "test");
+    EXPECT_EQ(w.m_powersource->currentIndex(), 1);
+    EXPECT_EQ(w.m_header_title->text(), QStringLiteral("Pelmora — on battery power"));
+    ASSERT_FALSE(x.sent("setcpucount", "hyper").empty());
+    EXPECT_EQ(x.sent("setcpucount", "hyper").back(), 0);
+    EXPECT_EQ(x.sent("setcpucount", "prefer_phys").back(), 1);
+    EXPECT_EQ(cpu_changed, static_cast<int>(x.rig.sent("setcpucount").size()));
+    // The battery's throttling choice goes out as the battery becomes the source in force.
+    EXPECT_EQ(x.sent("throttle", "enable"), Ints{0});
+
+    w.show();
+    w.close();
+    EXPECT_EQ(w.watching(), status_item);
+    x.rig.clear();
+    x.rig.power.switchSource();
+    Rig::deliver();
+    EXPECT_EQ(w.m_powersource->currentIndex(), 1) << "closed: the broadcast is not heard";
+    EXPECT_TRUE(x.rig.sent("setcpucount").empty());
+    w.show();
+    EXPECT_TRUE(w.watching());
+    EXPECT_EQ(w.m_powersource->currentIndex(), 0) << "shown again: the source in force is applied";
+    ASSERT_FALSE(x.rig.sent("setcpucount").empty());
+    EXPECT_EQ(x.sent("setcpucount", "count").front(), 6) << "AC's stored count";
+    w.close();
+  }
 }
 
 TEST(PelmoraWindow, SwitchingToBatteryOnAMachineWithoutOneSaysWhy) {
-  struct Case {
-    const char* fixture;
-    bool note;
-  };
-  for (const Case c : {Case{"power-desktop", true}, Case{"power-desktop-mouse", true}, Case{"power-laptop-mains", false}}) {
-    SCOPED_TRACE(c.fixture);
-    Rig rig(c.fixture);
-    PelmoraWindow w(rig.helper, rig.power, rig.limiter, rig.store, options());
+  for (const auto& [fixture, note] :
+       {std::pair{"power-desktop", true}, {"power-desktop-mouse", true}, {"power-laptop-mains", false}}) {
+    SCOPED_TRACE(fixture);
+    Opened x(fixture);
+    PelmoraWindow& w = x.open();
     EXPECT_TRUE(w.m_power_note->isHidden());
     w.m_power_switch->click();
     Rig::deliver();
     EXPECT_EQ(w.m_powersource->currentIndex(), 1);
-    EXPECT_EQ(!w.m_power_note->isHidden(), c.note);
+    EXPECT_EQ(!w.m_power_note->isHidden(), note);
     w.m_power_switch->click();
     Rig::deliver();
     EXPECT_TRUE(w.m_power_note->isHidden());
@@ -171,155 +208,107 @@ TEST(PelmoraWindow, SwitchingToBatteryOnAMachineWithoutOneSaysWhy) {
 }
 
 TEST(PelmoraWindow, ShowsWhoServesTheHelperRequests) {
-  Rig rig;
-  EXPECT_EQ(PelmoraWindow(rig.helper, rig.power, rig.limiter, rig.store, options()).m_mode->text(), helperModeText(true));
+  Opened x;
+  EXPECT_EQ(x.open().m_mode->text(), helperModeText(true));
   // No daemon: the handler code in this process, with the user's rights, on a fixture tree.
   HelperOptions in_process;
   // A copy: the handler switches processors in the tree it is given.
-  std::filesystem::copy(std::string(PELMORA_FIXTURES) + "/cpu-nosmt-4c", rig.dir / "sys",
+  std::filesystem::copy(std::string(PELMORA_FIXTURES) + "/cpu-nosmt-4c", x.rig.dir / "sys",
                         std::filesystem::copy_options::recursive);
-  in_process.root = SysRoot("/proc", (rig.dir / "sys").string());
+  in_process.root = SysRoot("/proc", (x.rig.dir / "sys").string());
   in_process.privileged = false;
   LogCapture log;
   Pelmora alone(std::make_unique<FallbackTransport>(std::make_unique<SocketTransport>(""), [] { return false; },
                                                     std::make_unique<InProcessTransport>(in_process)));
-  PelmoraWindow w(alone, rig.power, rig.limiter, rig.store, options());
+  PelmoraWindow w(alone, x.rig.power, x.rig.limiter, x.rig.store, options());
   EXPECT_EQ(w.m_mode->text(), helperModeText(false));
   const auto lines = log.lines();
   EXPECT_EQ(std::count(lines.begin(), lines.end(), FallbackTransport::kInProcessLine), 1) << "said once in the log";
   Rig::deliver();
 }
 
-TEST(PelmoraWindow, ClosingStopsTheWatchAndTheListenersAndShowingCatchesUp) {
-  for (const bool status_item : {false, true}) {
-    Rig rig;
-    rig.store.saveDict("CPU_Settings", kStoredBoth);
-    keys::kShowMenubar.save(rig.store, status_item);
-    PelmoraWindow::Options o = options();
-    o.start_watch = true;
-    PelmoraWindow w(rig.helper, rig.power, rig.limiter, rig.store, o);
-    w.show();
-    w.close();
-    // With a status item the watch goes on: the limited count is shown there.
-    EXPECT_EQ(w.watching(), status_item) << status_item;
-    rig.clear();
-    rig.power.switchSource();
-    Rig::deliver();
-    EXPECT_EQ(w.m_powersource->currentIndex(), 0) << "closed: the broadcast is not heard";
-    EXPECT_TRUE(rig.sent("setcpucount").empty());
-    w.show();
-    EXPECT_TRUE(w.watching());
-    EXPECT_EQ(w.m_powersource->currentIndex(), 1) << "shown again: the source in force is applied";
-    ASSERT_FALSE(rig.sent("setcpucount").empty());
-    EXPECT_EQ(intIn(rig.sent("setcpucount").front(), "count"), 2) << "the battery's stored count";
-    w.close();
-    Rig::deliver();
-  }
-}
-
 TEST(PelmoraWindow, RefusedChangesKeepTheUsersChoiceAndSayWhy) {
-  struct Case { const char* what; bool throttle; const char* key; const char* line; };
-  for (const Case c : {Case{"prefer physical", false, "PreferPhys", "setcpucount response: not authorised."},
-                       Case{"throttling off", true, "Throttle", "throttle response: not authorised."}}) {
-    Rig rig;
-    rig.store.saveDict("CPU_Settings", kStoredBoth);
-    rig.store.saveBool("WARN_throttle", false);
-    PelmoraWindow w(rig.helper, rig.power, rig.limiter, rig.store, options());
-    rig.helper.setAuthorised(true);
-    w.setEnabledStates();
-    rig.script.command_reply = "not authorised";
-    QCheckBox* box = c.throttle ? w.m_throttle : w.m_prefer_phys;
+  for (const auto& [key, line] : {std::pair{"PreferPhys", "setcpucount response: not authorised."},
+                                  {"Throttle", "throttle response: not authorised."}}) {
+    SCOPED_TRACE(key);
+    Opened x;
+    x.rig.store.saveDict("CPU_Settings", kStoredBoth);
+    x.rig.store.saveBool("WARN_throttle", false);
+    PelmoraWindow& w = x.openAuthorised();
+    x.rig.script.command_reply = "not authorised";
+    QCheckBox* box = std::string(key) == "Throttle" ? w.m_throttle : w.m_prefer_phys;
     const bool chosen = !box->isChecked();
     LogCapture log;
     box->click();
-    EXPECT_TRUE(log.contains(c.line)) << c.what;
-    EXPECT_EQ(box->isChecked(), chosen) << c.what;
-    EXPECT_EQ(rig.store.loadDict("CPU_Settings")[c.key]["AC Power"], chosen) << c.what;
+    EXPECT_TRUE(log.contains(line));
+    EXPECT_EQ(box->isChecked(), chosen);
+    EXPECT_EQ(x.stored(key), chosen);
     EXPECT_TRUE(w.m_notice->text().endsWith(QStringLiteral(": not authorised."))) << w.m_notice->text().toStdString();
-    rig.script.command_reply = "OK";
+    x.rig.script.command_reply = "OK";
     box->click();
-    EXPECT_TRUE(w.m_notice->text().isEmpty()) << c.what << ": a change that went through clears the notice";
-    Rig::deliver();
+    EXPECT_TRUE(w.m_notice->text().isEmpty()) << "a change that went through clears the notice";
   }
 }
 
 TEST(PelmoraWindow, ThrottlingWarning) {
   enum class Answer { none, disable, cancel };
-  struct Case {
+  const struct {
     const char* what;
     bool warn;
     Answer answer;
-    bool suppress;
-    bool box_on;
-    std::vector<int64_t> sent;  // "enable" values after the click
+    bool suppress, box_on;
+    Ints sent;  // "enable" values after the click
     bool warn_after;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"no warning", false, Answer::none, false, false, {0}, false},
       {"disable", true, Answer::disable, false, false, {0}, true},
       {"disable, never again", true, Answer::disable, true, false, {0}, false},
       {"cancel", true, Answer::cancel, true, true, {}, true},
   };
   for (const auto& c : cases) {
-    Rig rig;
-    rig.store.saveBool("WARN_throttle", c.warn);
-    PelmoraWindow w(rig.helper, rig.power, rig.limiter, rig.store, options());
-    rig.helper.setAuthorised(true);
-    w.setEnabledStates();
-    rig.clear();
+    SCOPED_TRACE(c.what);
+    Opened x;
+    x.rig.store.saveBool("WARN_throttle", c.warn);
+    PelmoraWindow& w = x.openAuthorised();
     w.m_throttle->click();
-    EXPECT_EQ(!w.m_throttle_alert.isNull(), c.answer != Answer::none) << c.what;
-    if (w.m_throttle_alert) {
-      QMessageBox* box = w.m_throttle_alert;
+    ASSERT_EQ(!w.m_throttle_alert.isNull(), c.answer != Answer::none);
+    if (QMessageBox* box = w.m_throttle_alert) {
       EXPECT_EQ(box->text(), QStringLiteral("Possible performance degradation"));
       EXPECT_EQ(box->windowModality(), Qt::WindowModal);
-      EXPECT_TRUE(rig.sent("throttle").empty()) << c.what << ": nothing is sent before the answer";
+      EXPECT_TRUE(x.rig.sent("throttle").empty()) << "nothing is sent before the answer";
       box->checkBox()->setChecked(c.suppress);
       const QString label = c.answer == Answer::disable ? QStringLiteral("Disable throttling") : QStringLiteral("Cancel");
       for (QAbstractButton* b : box->buttons())
         if (b->text() == label) b->click();
     }
-    std::vector<int64_t> sent;
-    for (const auto& r : rig.sent("throttle")) sent.push_back(intIn(r, "enable"));
-    EXPECT_EQ(sent, c.sent) << c.what;
-    EXPECT_EQ(w.m_throttle->isChecked(), c.box_on) << c.what;
-    EXPECT_EQ(rig.store.loadBool("WARN_throttle", true), c.warn_after) << c.what;
-    EXPECT_EQ(rig.store.loadDict("CPU_Settings")["Throttle"]["AC Power"], c.box_on) << c.what;
-    Rig::deliver();
+    EXPECT_EQ(x.sent("throttle", "enable"), c.sent);
+    EXPECT_EQ(w.m_throttle->isChecked(), c.box_on);
+    EXPECT_EQ(x.rig.store.loadBool("WARN_throttle", true), c.warn_after);
+    EXPECT_EQ(x.stored("Throttle"), c.box_on);
   }
 }
 
 TEST(PelmoraWindow, LimiterWatchRaisesAndRestoresTheOwnPriorityOnce) {
-  struct Case { int own; int raised; };
   // Five points up, never past -20.
-  for (const Case c : {Case{0, -5}, Case{10, 5}, Case{-18, -20}}) {
-    Rig rig;
-    PelmoraWindow w(rig.helper, rig.power, rig.limiter, rig.store, options(true, c.own));
-    rig.clear();
-    const std::pair<int, const char*> counts[] = {{0, "none"}, {1, "1 process"}, {3, "3 processes"},
+  for (const auto& [own, raised] : {std::pair{0, -5}, {10, 5}, {-18, -20}}) {
+    SCOPED_TRACE(own);
+    Opened x;
+    PelmoraWindow& w = x.open(options(true, own));
+    x.rig.clear();
+    const std::pair<int, const char*> counts[] = {{0, "none"},        {1, "1 process"},   {3, "3 processes"},
                                                   {3, "3 processes"}, {5, "5 processes"}, {0, "none"}};
     std::vector<int32_t> held;
     for (const auto& [n, caption] : counts) {
-      {
-        MutexLock lock(rig.limiter.mutex());
-        while (static_cast<int>(held.size()) < n) {
-          held.push_back(900000 + static_cast<int32_t>(held.size()));
-          rig.limiter.setLimit(held.back(), 0.5);
-        }
+      for (MutexLock lock(x.rig.limiter.mutex()); static_cast<int>(held.size()) < n;) {
+        held.push_back(900000 + static_cast<int32_t>(held.size()));
+        x.rig.limiter.setLimit(held.back(), 0.5);
       }
-      while (static_cast<int>(held.size()) > n) {
-        rig.limiter.clearLimit(held.back());
-        held.pop_back();
-      }
+      for (; static_cast<int>(held.size()) > n; held.pop_back()) x.rig.limiter.clearLimit(held.back());
       w.limiterWatch();
       EXPECT_EQ(w.m_constrained->text().toStdString(), caption);
     }
-    const auto set = rig.sent("setpriority");
-    ASSERT_EQ(set.size(), 2u) << c.own;
-    EXPECT_EQ(intIn(set[0], "pid"), 4242);
-    EXPECT_EQ(intIn(set[0], "priority"), c.raised) << c.own;
-    EXPECT_EQ(intIn(set[1], "priority"), c.own) << c.own;
-    Rig::deliver();
+    EXPECT_EQ(x.sent("setpriority", "pid"), (Ints{4242, 4242}));
+    EXPECT_EQ(x.sent("setpriority", "priority"), (Ints{raised, own}));
   }
 }
 
