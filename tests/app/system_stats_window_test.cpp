@@ -22,18 +22,30 @@ TEST(TotalCpuSample, SumsTimesAndAveragesKnownFrequencies) {
   EXPECT_EQ(totalCpuSample({}), cpu_sample_t{});
 }
 
+std::vector<std::string> keys(const auto& map) {
+  std::vector<std::string> out;
+  for (const auto& [key, value] : map) out.push_back(key);
+  return out;
+}
+
 class StatsWindowTest : public ::testing::Test {
  protected:
-  // Builds a window on the scratch tree with the given processor lists.
-  std::unique_ptr<SystemStatsWindow> makeWindow(const std::string& present, const std::string& online) {
+  // A window on the scratch tree with the given processor lists, redrawing at `update_interval`
+  // (the menu's index; 0: every sample); shown unless told otherwise.
+  SystemStatsWindow& open(const std::string& present = "0-3", const std::string& online = "0-3",
+                          int64_t update_interval = 0, bool show = true) {
     scratch.setCpus(present, online);
-    return std::make_unique<SystemStatsWindow>(*sampler, scratch.store(), scratch.root());
+    GraphSwitches::current().update_interval = update_interval;
+    window.reset();
+    window = std::make_unique<SystemStatsWindow>(*sampler, scratch.store(), scratch.root());
+    if (show) window->show();
+    return *window;
   }
   // Feeds samples start..end-1, one second apart on the fake clock.
-  void feed(SystemStatsWindow& window, const Devices& devices, int64_t start, int64_t end) {
+  void feed(const Devices& devices, int64_t start, int64_t end) {
     for (int64_t k = start; k < end; ++k) {
       clock.advance_us(1'000'000);
-      window.statsUpdated(makeSample(devices, k));
+      window->statsUpdated(makeSample(devices, k));
     }
   }
 
@@ -41,16 +53,13 @@ class StatsWindowTest : public ::testing::Test {
   FakeClock clock;
   Scratch scratch;
   std::shared_ptr<SystemStats> sampler = scratch.sampler();
+  std::unique_ptr<SystemStatsWindow> window;
 };
 
-TEST_F(StatsWindowTest, ProcessorGridInTheWindow) {
-  const struct {
-    std::string present, online;
-    bool show_offline;
-    int64_t max_rows;
-    std::vector<QString> labels;  // processor number of each graph, in cell order
-    int columns, rows, fillers;
-  } cases[] = {
+TEST_F(StatsWindowTest, ProcessorGrid) {
+  using Labels = std::vector<QString>;  // processor number of each graph, in cell order
+  const std::tuple<std::string, std::string, bool, int64_t, Labels, int, int, int> cases[] = {
+      // present, online, show offline, rows at most, labels, columns, rows, fillers
       {"0-3", "0-3", false, 8, {"0", "1", "2", "3"}, 1, 4, 0},
       {"0-7", "0-7", false, 3, {"0", "1", "2", "3", "4", "5", "6", "7"}, 3, 3, 1},
       {"0-7", "0,2-3,6-7", false, 2, {"0", "2", "3", "6", "7"}, 3, 2, 1},
@@ -58,37 +67,32 @@ TEST_F(StatsWindowTest, ProcessorGridInTheWindow) {
       {"0-23", "0-23", false, 8, {}, 3, 8, 0},
       {"0-1", "0", false, 8, {"0"}, 1, 1, 0},
       {"0-4", "0-4", false, 0, {"0", "1", "2", "3", "4"}, 5, 1, 0},  // a stored 0 still stacks one per row
-      {"0,2,5", "0,5", false, 8, {"0", "5"}, 1, 2, 0},            // numbers, not positions
-      {"0-3", "garbage", false, 8, {"0", "1", "2", "3"}, 1, 4, 0},  // unreadable: all online
-      {"0-3", "4", false, 8, {}, 0, 0, 0},                         // none of them online
+      {"0,2,5", "0,5", false, 8, {"0", "5"}, 1, 2, 0},               // numbers, not positions
+      {"0-3", "garbage", false, 8, {"0", "1", "2", "3"}, 1, 4, 0},   // unreadable: all online
+      {"0-3", "4", false, 8, {}, 0, 0, 0},                           // none of them online
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.present + " online " + c.online + " rows " + std::to_string(c.max_rows));
-    GraphSwitches::current().show_offline_cpus = c.show_offline;
-    GraphSwitches::current().max_cpu_rows = c.max_rows;
-    auto window = makeWindow(c.present, c.online);
-    QSplitter* controller = window->cpuController();
-    ASSERT_EQ(controller->count(), c.columns);
-    int graphs = 0, fillers = 0;
+  for (const auto& [present, online, show_offline, max_rows, labels, columns, rows, fillers] : cases) {
+    SCOPED_TRACE(present + " online " + online + " rows " + std::to_string(max_rows));
+    GraphSwitches::current().show_offline_cpus = show_offline;
+    GraphSwitches::current().max_cpu_rows = max_rows;
+    QSplitter* controller = open(present, online, 0, false).cpuController();
+    ASSERT_EQ(controller->count(), columns);
+    int graphs = 0, filler_cells = 0;
     for (int column = 0; column < controller->count(); ++column) {
       auto* cells = qobject_cast<QSplitter*>(controller->widget(column));
-      ASSERT_NE(cells, nullptr);
-      EXPECT_EQ(cells->orientation(), Qt::Vertical);
-      ASSERT_EQ(cells->count(), c.rows);
+      ASSERT_TRUE(cells && cells->orientation() == Qt::Vertical);
+      ASSERT_EQ(cells->count(), rows);
       for (int row = 0; row < cells->count(); ++row) {
-        if (dynamic_cast<GraphViewCPU*>(cells->widget(row))) {
-          ++graphs;
-        } else {
-          ++fillers;
-          EXPECT_EQ(column, controller->count() - 1) << "fillers only close the last column";
-        }
+        const bool graph = dynamic_cast<GraphViewCPU*>(cells->widget(row));
+        graphs += graph;
+        filler_cells += !graph;
+        EXPECT_TRUE(graph || column == controller->count() - 1) << "fillers only close the last column";
       }
     }
-    EXPECT_EQ(fillers, c.fillers);
+    EXPECT_EQ(filler_cells, fillers);
     EXPECT_EQ(graphs, static_cast<int>(window->cpuViews().size()));
-    for (size_t i = 0; i < c.labels.size(); ++i) {
-      EXPECT_TRUE(window->cpuViews()[i]->label().endsWith(" " + c.labels[i])) << window->cpuViews()[i]->label().toStdString();
-    }
+    for (size_t i = 0; i < labels.size(); ++i)
+      EXPECT_TRUE(window->cpuViews()[i]->label().endsWith(" " + labels[i])) << i;
   }
 }
 
@@ -97,134 +101,109 @@ TEST_F(StatsWindowTest, ProcessorGridInTheWindow) {
 TEST_F(StatsWindowTest, ProcessorGraphsFollowTheOnlineListAtTheNextSample) {
   GraphSwitches::current().show_offline_cpus = false;
   GraphSwitches::current().max_cpu_rows = 8;
-  auto window = makeWindow("0-7", "0-7");
-  const struct {
-    std::string online;
-    size_t graphs;
-  } steps[] = {{"0-7", 8}, {"0-3", 4}, {"0-3", 4}, {"0,2,4,6", 4}, {"0", 1}, {"0-7", 8}};
-  Devices eight;
-  eight.cpus = 8;
+  open("0-7", "0-7", 0, false);
+  const std::pair<std::string, size_t> steps[] = {{"0-7", 8},     {"0-3", 4}, {"0-3", 4},
+                                                  {"0,2,4,6", 4}, {"0", 1},   {"0-7", 8}};
   int64_t k = 0;
-  for (const auto& step : steps) {
-    SCOPED_TRACE("online " + step.online);
-    scratch.write("sys/devices/system/cpu/online", step.online + "\n");
-    feed(*window, eight, k, k + 1);
+  for (const auto& [online, graphs] : steps) {
+    SCOPED_TRACE("online " + online);
+    scratch.write("sys/devices/system/cpu/online", online + "\n");
+    feed({8, {}, {}, {}, 0}, k, k + 1);
     ++k;
-    ASSERT_EQ(window->cpuViews().size(), step.graphs);
+    ASSERT_EQ(window->cpuViews().size(), graphs);
   }
   EXPECT_TRUE(window->cpuViews()[2]->label().endsWith(" 2"));
   EXPECT_EQ(window->cpuViews()[2]->accessibleName(), window->cpuViews()[2]->label());
 }
 
-std::vector<std::string> keys(const auto& map) {
-  std::vector<std::string> out;
-  for (const auto& [key, value] : map) out.push_back(key);
-  return out;
-}
-
 TEST_F(StatsWindowTest, DeviceGraphsFollowTheDevicesAtTheNextRedraw) {
-  GraphSwitches::current().update_interval = 0;  // 1 s: every sample redraws
-  auto window = makeWindow("0-3", "0-3");
-  window->show();
-  const struct {
-    Devices devices;
-    std::vector<std::string> disks, interfaces, gpus;
-    size_t fans;
-  } steps[] = {
-      // A card missing from a sample or two keeps its graph (see GpuHistoryOutlivesMissedSamples).
-      {{4, {"nvme0n1", "sda"}, {"eth0"}, {"Radeon"}, 2}, {"nvme0n1", "sda"}, {"eth0"}, {"Radeon"}, 2},
-      {{4, {"nvme0n1"}, {"eth0", "wlan0"}, {}, 1}, {"nvme0n1"}, {"eth0", "wlan0"}, {"Radeon"}, 1},
-      {{4, {"nvme0n1", "sdb"}, {"wlan0"}, {"Radeon", "GeForce"}, 3}, {"nvme0n1", "sdb"}, {"wlan0"}, {"GeForce", "Radeon"}, 3},
+  open();
+  using Names = std::vector<std::string>;
+  // A card missing from a sample or two keeps its graph (see GpuHistoryOutlivesMissedSamples).
+  const std::tuple<Devices, Names, Names, Names, size_t> steps[] = {
+      {{4, {"nvme0", "sda"}, {"eth0"}, {"Radeon"}, 2}, {"nvme0", "sda"}, {"eth0"}, {"Radeon"}, 2},
+      {{4, {"nvme0"}, {"eth0", "wlan0"}, {}, 1}, {"nvme0"}, {"eth0", "wlan0"}, {"Radeon"}, 1},
+      {{4, {"nvme0", "sdb"}, {"wlan0"}, {"Radeon", "GeForce"}, 3},
+       {"nvme0", "sdb"},
+       {"wlan0"},
+       {"GeForce", "Radeon"},
+       3},
       {{4, {}, {}, {"GeForce"}, 0}, {}, {}, {"GeForce", "Radeon"}, 0},
   };
   int64_t k = 0;
-  for (const auto& step : steps) {
-    SCOPED_TRACE("step with " + std::to_string(step.disks.size()) + " disks");
+  for (const auto& [devices, disks, interfaces, gpus, fans] : steps) {
+    SCOPED_TRACE("step with " + std::to_string(disks.size()) + " disks");
     // Within one second of the last redraw nothing changes yet.
     const auto disks_before = keys(window->diskViews());
-    window->statsUpdated(makeSample(step.devices, k++));
+    window->statsUpdated(makeSample(devices, k++));
     EXPECT_EQ(keys(window->diskViews()), disks_before);
-    feed(*window, step.devices, k, k + 1);
+    feed(devices, k, k + 1);
     ++k;
-    EXPECT_EQ(keys(window->diskViews()), step.disks);
-    EXPECT_EQ(keys(window->interfaceViews()), step.interfaces);
-    EXPECT_EQ(keys(window->gpuViews()), step.gpus);
-    EXPECT_EQ(window->fanViews().size(), step.fans);
+    EXPECT_EQ(keys(window->diskViews()), disks);
+    EXPECT_EQ(keys(window->interfaceViews()), interfaces);
+    EXPECT_EQ(keys(window->gpuViews()), gpus);
+    EXPECT_EQ(window->fanViews().size(), fans);
     // The graphs stand in the splitter in key order.
+    int index = 0;
     for (const auto& [name, view] : window->diskViews()) {
       auto* splitter = qobject_cast<QSplitter*>(view->parentWidget());
       ASSERT_NE(splitter, nullptr);
-      EXPECT_EQ(splitter->indexOf(view), static_cast<int>(std::distance(window->diskViews().begin(),
-                                                                        window->diskViews().find(name))));
+      EXPECT_EQ(splitter->indexOf(view), index++) << name;
     }
   }
-  window->close();
 }
 
 // A card's statistics that fail to read for a few samples do not cost it its history: it goes on
 // where it stopped, and only a card gone for longer is dropped.
 TEST_F(StatsWindowTest, GpuHistoryOutlivesMissedSamples) {
-  GraphSwitches::current().update_interval = 0;
-  auto window = makeWindow("0-3", "0-3");
-  window->show();
+  open();
   const Devices both{4, {}, {}, {"GeForce", "Radeon"}, 0}, radeon{4, {}, {}, {"Radeon"}, 0};
   const int64_t kept = SystemStatsWindow::kGpuMissedSamplesKept;
-  feed(*window, both, 0, 20);
-  feed(*window, radeon, 20, 20 + kept);
-  feed(*window, both, 20 + kept, 30 + kept);
+  feed(both, 0, 20);
+  feed(radeon, 20, 20 + kept);
+  feed(both, 20 + kept, 30 + kept);
   ASSERT_EQ(keys(window->gpuViews()), (std::vector<std::string>{"GeForce", "Radeon"}));
   // GeForce's 20 samples before the gap and 10 after it: nothing was cleared.
   EXPECT_EQ(window->gpuViews().at("GeForce")->model().columns.size(), 30u);
   EXPECT_EQ(window->gpuViews().at("Radeon")->model().columns.size(), static_cast<size_t>(30 + kept));
-  feed(*window, radeon, 30 + kept, 31 + 2 * kept);
+  feed(radeon, 30 + kept, 31 + 2 * kept);
   EXPECT_EQ(keys(window->gpuViews()), (std::vector<std::string>{"Radeon"}));
-  window->close();
 }
 
 TEST_F(StatsWindowTest, RedrawsAtTheChosenInterval) {
-  const struct {
-    int64_t menu_index;
-    std::vector<int64_t> redraw_after;  // sample numbers (1-based) after which a redraw happened
-  } cases[] = {
+  // The menu's index, and the sample numbers (1-based) after which a redraw happened.
+  const std::pair<int64_t, std::vector<int64_t>> cases[] = {
       {2, {5, 10, 15}},
       {1, {2, 4, 6, 8, 10, 12, 14}},
       {0, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15}},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE("menu index " + std::to_string(c.menu_index));
-    GraphSwitches::current().update_interval = c.menu_index;
-    auto window = makeWindow("0-3", "0-3");
-    window->show();
+  for (const auto& [menu_index, redraw_after] : cases) {
+    SCOPED_TRACE("menu index " + std::to_string(menu_index));
+    open("0-3", "0-3", menu_index);
     std::vector<int64_t> redrawn;
     for (int64_t k = 1; k <= 15; ++k) {
       const int64_t before = window->redrawCount();
-      feed(*window, {}, k, k + 1);
+      feed({}, k, k + 1);
       if (window->redrawCount() != before) redrawn.push_back(k);
     }
-    EXPECT_EQ(redrawn, c.redraw_after);
-    window->close();
+    EXPECT_EQ(redrawn, redraw_after);
   }
 }
 
 TEST_F(StatsWindowTest, LongRunKeepsEveryHistoryCapped) {
-  GraphSwitches::current().update_interval = 2;
-  auto window = makeWindow("0-3", "0-3");
-  window->show();
-  const Devices devices{4, {"sda", "sdb"}, {"eth0"}, {"Radeon"}, 2};
-  feed(*window, devices, 0, 5000);
+  open("0-3", "0-3", 2);
+  feed({4, {"sda", "sdb"}, {"eth0"}, {"Radeon"}, 2}, 0, 5000);
   // 4 processors, the total, 2 fans, 2 disks, 1 interface, 1 GPU, memory, I/O, processes, load, power.
   const size_t series = 4 + 1 + 2 + 2 + 1 + 1 + 5;
   EXPECT_EQ(window->heldSamples(), series * SystemStatsWindow::kHistoryLimit);
   // The graphs were handed the capped history: one column per pair of samples.
   EXPECT_EQ(window->totalCpuView()->model().columns.size(), SystemStatsWindow::kHistoryLimit - 1);
-  // A device that vanishes takes its history with it (a GPU once it stayed away a while).
-  feed(*window, {4, {"sda"}, {}, {}, 0}, 5000, 5001 + SystemStatsWindow::kGpuMissedSamplesKept);
-  // 4 processors, the total, sda and the five machine-wide series; sdb, the interface, the GPU and
-  // the fans are gone.
+  // A device that vanishes takes its history with it (a GPU once it stayed away a while): left are
+  // 4 processors, the total, sda and the five machine-wide series.
+  feed({4, {"sda"}, {}, {}, 0}, 5000, 5001 + SystemStatsWindow::kGpuMissedSamplesKept);
   EXPECT_EQ(window->heldSamples(), 11 * SystemStatsWindow::kHistoryLimit);
   window->samplerRestarted();
   EXPECT_EQ(window->heldSamples(), 0u);
-  window->close();
 }
 
 TEST_F(StatsWindowTest, SettingsReadAtLoadAndSavedAtClose) {
@@ -234,15 +213,13 @@ TEST_F(StatsWindowTest, SettingsReadAtLoadAndSavedAtClose) {
     QFont font("Monospace");
     font.setPointSize(13);
     scratch.store().saveString("graph_label_font", font.toString().toStdString());
-    auto window = makeWindow("0-3", "0-3");
+    open();
     EXPECT_EQ(window->showDataIO(), bytes);
     EXPECT_EQ(window->dataIOSelector()->currentIndex(), bytes ? 0 : 1);
     EXPECT_EQ(window->labelFont().pointSize(), 13);
-    window->show();
     window->setShowDataIO(!bytes);
-    QFont other = window->labelFont();
-    other.setPointSize(9);
-    window->setLabelFont(other);
+    font.setPointSize(9);
+    window->setLabelFont(font);
     window->close();
     EXPECT_EQ(scratch.store().loadBool("graph_show_data_io", bytes), !bytes);
     QFont saved;
@@ -254,27 +231,24 @@ TEST_F(StatsWindowTest, SettingsReadAtLoadAndSavedAtClose) {
 // A small screen (a laptop at twice the scale) or a large label font: every caption line still has
 // room above the data's axis strip; the graphs scroll instead of cutting text.
 TEST_F(StatsWindowTest, EveryCaptionHasRoomAndTheGraphsScrollWhereTheWindowIsSmall) {
-  const Devices machine{.cpus = 8, .disks = {"nvme0n1", "sda"}, .interfaces = {"wlp2s0", "enp3s0"},
-                        .gpus = {"amdgpu"}, .fans = 2};
+  const Devices machine{
+      .cpus = 8, .disks = {"nvme0", "sda"}, .interfaces = {"wlp2s0", "enp3s0"}, .gpus = {"amdgpu"}, .fans = 2};
   QFont large;
   large.setPointSize(16);
-  const struct {
-    const char* what;
-    QSize window;
-    std::optional<QFont> font;
-  } cases[] = {{"a roomy window", {1280, 860}, std::nullopt},
-               {"a window of 800 x 470", {800, 470}, std::nullopt},
-               {"a large label font", {1000, 700}, large}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    auto window = makeWindow("0-7", "0-7");
-    if (c.font) window->setLabelFont(*c.font);
-    window->resize(c.window);
+  using Case = std::tuple<const char*, QSize, std::optional<QFont>>;
+  const Case cases[] = {{"a roomy window", {1280, 860}, std::nullopt},
+                        {"a window of 800 x 470", {800, 470}, std::nullopt},
+                        {"a large label font", {1000, 700}, large}};
+  for (const auto& [what, size, font] : cases) {
+    SCOPED_TRACE(what);
+    open("0-7", "0-7", 0, false);
+    if (font) window->setLabelFont(*font);
+    window->resize(size);
     window->show();
-    feed(*window, machine, 0, 20);
+    feed(machine, 0, 20);
     // The layout settles over a few rounds: each splitter passes its new minimum up to the next.
     for (int round = 0; round < 5; ++round) QApplication::processEvents();
-    EXPECT_LE(window->height(), c.window.height());
+    EXPECT_LE(window->height(), size.height());
     int shown = 0;
     for (GraphView* view : window->findChildren<GraphView*>()) {
       if (!view->isVisibleTo(window.get())) continue;
@@ -290,7 +264,7 @@ TEST_F(StatsWindowTest, EveryCaptionHasRoomAndTheGraphsScrollWhereTheWindowIsSma
 
 // The appearance itself is checked through the application object (appearance_test.cpp).
 TEST_F(StatsWindowTest, DividersFollowThePreferences) {
-  auto window = makeWindow("0-7", "0-7");
+  open("0-7", "0-7", 0, false);
   for (bool thin : {true, false, true}) {
     GraphSwitches::current().thin_dividers = thin;
     window->graphSettingsChanged();
@@ -303,36 +277,32 @@ TEST_F(StatsWindowTest, DividersFollowThePreferences) {
 }
 
 TEST_F(StatsWindowTest, TemperatureAndBatteryGraphsOnlyWhereTheMachineHasThem) {
-  GraphSwitches::current().update_interval = 0;  // 1 s: every sample redraws
-  const struct {
-    const char* machine;
-    std::string temperature, battery;  // the captions; "" where the graph is hidden
-  } cases[] = {
-      {"sampling-laptop", "Temperature:\ncoretemp Package id 0: 52.0 \u00b0C (critical 100)\nnvme Sensor 1: 40.9 \u00b0C",
+  // A fixture machine, and the captions; "" where the graph is hidden.
+  const std::tuple<const char*, std::string, std::string> cases[] = {
+      {"sampling-laptop",
+       "Temperature:\ncoretemp Package id 0: 52.0 \u00b0C (critical 100)\nnvme Sensor 1: 40.9 \u00b0C",
        "Battery:\n63% discharging  9.8 W\nEmpty in 3:24\nHealth: 93%"},
       {"sampling-desktop", "Temperature:\nk10temp Tctl: 61.3 \u00b0C\namdgpu mem: 56.0 \u00b0C (critical 105)", ""},
       {"sampling-vm", "", ""},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.machine);
-    const std::string tree = std::string(PELMORA_FIXTURES) + "/" + c.machine;
-    auto machine = SystemStats::create(SysRoot(tree + "/proc", tree + "/sys"));
-    auto window = makeWindow("0-3", "0-3");
-    window->show();
+  for (const auto& [machine, temperature, battery] : cases) {
+    SCOPED_TRACE(machine);
+    const std::string tree = std::string(PELMORA_FIXTURES) + "/" + machine;
+    auto sampled = SystemStats::create(SysRoot(tree + "/proc", tree + "/sys"));
+    open();
     for (int k = 0; k < 2; ++k) {
-      machine->tick();
+      sampled->tick();
       clock.advance_us(1'000'000);
-      window->statsUpdated(machine->snapshot());
+      window->statsUpdated(sampled->snapshot());
     }
-    EXPECT_EQ(window->temperatureView()->isVisible(), !c.temperature.empty());
-    EXPECT_EQ(window->batteryView()->isVisible(), !c.battery.empty());
-    if (!c.temperature.empty()) {
-      EXPECT_EQ(window->temperatureView()->labelText().toStdString(), c.temperature);
+    EXPECT_EQ(window->temperatureView()->isVisible(), !temperature.empty());
+    EXPECT_EQ(window->batteryView()->isVisible(), !battery.empty());
+    if (!temperature.empty()) {
+      EXPECT_EQ(window->temperatureView()->labelText().toStdString(), temperature);
     }
-    if (!c.battery.empty()) {
-      EXPECT_EQ(window->batteryView()->labelText().toStdString(), c.battery);
+    if (!battery.empty()) {
+      EXPECT_EQ(window->batteryView()->labelText().toStdString(), battery);
     }
-    window->close();
   }
 }
 
