@@ -119,70 +119,62 @@ TEST(ProcessColumns, TreeOrderLosesNoRowToAParentLoop) {
   EXPECT_EQ(shown, (std::vector<std::pair<int32_t, int>>{{9, 0}, {7, 0}, {8, 1}}));
 }
 
+using Pids = std::vector<int32_t>;
+
+// A table of processes: pid, name, share of a processor.
+std::map<int32_t, procinfo> tableOf(std::initializer_list<std::tuple<int32_t, const char*, double>> procs) {
+  std::map<int32_t, procinfo> table;
+  for (auto [pid, name, cpu] : procs) {
+    table[pid] = rowOf(pid, name).info;
+    table[pid].pctCPU = cpu;
+  }
+  return table;
+}
+
+Pids pidsOf(const std::vector<ProcessRow>& rows) {
+  Pids pids;
+  for (const ProcessRow& r : rows) pids.push_back(r.info.pid);
+  return pids;
+}
+
 // Equal shares keep pid order in either direction, so a refresh does not shuffle ties, and an unknown
 // sort key sorts by the share. The window's tests drive the filters, the search and the limits.
 TEST(ProcessColumns, BuildRowsKeepsTiesInPidOrderAndSortsAnUnknownKeyByShare) {
-  std::map<int32_t, procinfo> table;
-  for (auto [pid, cpu] : {std::pair{10, 0.5}, {11, 0.5}, {12, 0.9}, {13, 0.1}}) {
-    table[pid] = rowOf(pid, "p").info;
-    table[pid].pctCPU = cpu;
-  }
+  const auto table = tableOf({{10, "p", 0.5}, {11, "p", 0.5}, {12, "p", 0.9}, {13, "p", 0.1}});
   std::map<int32_t, pidInfo> limits;
   limits[11].cpuLimit = 0.3;
-  RowQuery q;  // the defaults: pctcpu, descending, all
-  auto pids = [&] {
-    std::vector<int32_t> out;
-    for (const auto& r : buildRows(table, limits, q)) out.push_back(r.info.pid);
-    return out;
-  };
-  EXPECT_EQ(pids(), (std::vector<int32_t>{12, 10, 11, 13}));
-  q.sort_ascending = true;
-  EXPECT_EQ(pids(), (std::vector<int32_t>{13, 10, 11, 12}));
-  q.sort_key = "limit";
-  EXPECT_EQ(pids(), (std::vector<int32_t>{10, 12, 13, 11}));
-  q.sort_key = "unknown";
-  EXPECT_EQ(pids(), (std::vector<int32_t>{13, 10, 11, 12}));
+  const std::tuple<const char*, bool, Pids> cases[] = {{"pctcpu", false, {12, 10, 11, 13}},
+                                                       {"pctcpu", true, {13, 10, 11, 12}},
+                                                       {"limit", true, {10, 12, 13, 11}},
+                                                       {"unknown", true, {13, 10, 11, 12}}};
+  for (const auto& [key, ascending, pids] : cases) {
+    RowQuery q;
+    q.sort_key = key;
+    q.sort_ascending = ascending;
+    EXPECT_EQ(pidsOf(buildRows(table, limits, q)), pids) << key << (ascending ? " ascending" : "");
+  }
 }
 
 // A held tree: its first process's row carries the group's summed share (members hidden by the
 // search included) and its limit, both marked; members name the process that heads them.
 TEST(ProcessColumns, ATreesFirstRowShowsTheGroupAndItsMembersAreMarked) {
-  std::map<int32_t, procinfo> table;
-  const std::tuple<int32_t, const char*, double> procs[] = {{20, "make", 0.01},
-                                                            {21, "cc", 0.20},
-                                                            {22, "cc", 0.15},
-                                                            {23, "shell", 0.30}};
-  for (auto [pid, name, cpu] : procs) {
-    table[pid] = rowOf(pid, name).info;
-    table[pid].pctCPU = cpu;
-  }
+  const auto table = tableOf({{20, "make", 0.01}, {21, "cc", 0.20}, {22, "cc", 0.15}, {23, "shell", 0.30}});
   std::map<int32_t, pidInfo> limits;
   limits[20].cpuLimit = 0.4;
   const std::map<int32_t, std::set<int32_t>> trees = {{20, {20, 21, 22, 99}}};  // 99: not in the table
   RowQuery q;
-  q.search = "e";  // "make" and "shell" only
-  const auto rows = buildRows(table, limits, q, trees);
-  ASSERT_EQ(rows.size(), 2u);
-  // Sorted by the group's share: 0.36 above the shell's 0.30.
-  EXPECT_EQ(rows[0].info.pid, 20);
-  const CellContext ctx;
-  struct Case {
-    int32_t pid;
-    const char* column;
-    const char* text;
-  };
+  q.search = "e";  // "make" and "shell" only: the group's 0.36 above the shell's 0.30
+  EXPECT_EQ(pidsOf(buildRows(table, limits, q, trees)), (Pids{20, 23}));
   q.search.clear();
-  const auto all = buildRows(table, limits, q, trees);
-  auto find = [&](int32_t pid) {
-    return *std::find_if(all.begin(), all.end(), [&](const ProcessRow& r) { return r.info.pid == pid; });
+  const auto rows = buildRows(table, limits, q, trees);
+  ASSERT_EQ(pidsOf(rows), (Pids{20, 23, 21, 22}));
+  const std::tuple<size_t, const char*, const char*> cases[] = {
+      {0, "pctcpu", "36.0 Σ"}, {0, "limit", "40.0 Σ"}, {2, "limit", "with 20"},
+      {2, "pctcpu", "20.0"},   {1, "limit", ""},       {1, "pctcpu", "30.0"},
   };
-  const Case cases[] = {
-      {20, "pctcpu", "36.0 Σ"}, {20, "limit", "40.0 Σ"}, {21, "limit", "with 20"},
-      {21, "pctcpu", "20.0"},   {23, "limit", ""},       {23, "pctcpu", "30.0"},
-  };
-  for (const auto& c : cases) EXPECT_EQ(cellText(c.column, find(c.pid), ctx), c.text) << c.pid << " " << c.column;
-  EXPECT_FALSE(find(21).limit);
-  EXPECT_FALSE(find(23).held_with);
+  for (const auto& [row, column, text] : cases) EXPECT_EQ(cellText(column, rows[row], {}), text) << row << column;
+  EXPECT_FALSE(rows[2].limit);
+  EXPECT_FALSE(rows[1].held_with);
 }
 
 }  // namespace
