@@ -1,16 +1,17 @@
 // One instance per user, and no other user can keep a user's application from starting.
 #include "app/instance_lock.h"
+#include "common/child.h"
+#include "common/eventually.h"
 #include "common/temp_dir.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
+#include <fstream>
 #include <string>
 
 namespace pelmora {
@@ -18,49 +19,37 @@ namespace {
 
 using Outcome = InstanceLock::Outcome;
 
-// A process of uid 65534 that holds the abstract name a user's instance used to rely on alone:
+// A process of uid 65534 that holds the abstract name a user's instance used to rely on alone,
 // "net.tandrel.pelmora-<uid>" of the user it targets.
-class NameSquatter {
- public:
-  explicit NameSquatter(uid_t victim) {
-    int ready[2];
-    if (::pipe(ready) != 0) return;
-    m_pid = ::fork();
-    if (m_pid == 0) {
-      if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(1);
-      const std::string name = "net.tandrel.pelmora-" + std::to_string(victim);
-      sockaddr_un address{};
-      address.sun_family = AF_UNIX;
-      std::memcpy(address.sun_path + 1, name.data(), name.size());
-      const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-      const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-      if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), length) != 0 || ::listen(fd, 4) != 0) ::_exit(2);
-      [[maybe_unused]] auto n = ::write(ready[1], "x", 1);
-      for (;;) ::pause();
-    }
-    ::close(ready[1]);
-    char byte;
-    m_holding = ::read(ready[0], &byte, 1) == 1;
-    ::close(ready[0]);
-  }
-  ~NameSquatter() {
-    ::kill(m_pid, SIGKILL);
-    ::waitpid(m_pid, nullptr, 0);
-  }
-  bool holding() const { return m_holding; }
+test::Child nameSquatter(const std::string& name) {
+  return test::Child([name] {
+    if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(1);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path + 1, name.data(), name.size());
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), length) != 0 || ::listen(fd, 4) != 0) ::_exit(2);
+    for (;;) ::pause();
+  });
+}
 
- private:
-  pid_t m_pid = -1;
-  bool m_holding = false;
-};
+// Whether the kernel lists a socket bound to the abstract name.
+bool abstractNameHeld(const std::string& name) {
+  std::ifstream in("/proc/net/unix");
+  const std::string sockets(std::istreambuf_iterator<char>(in), {});
+  return sockets.find(" @" + name + "\n") != std::string::npos;
+}
 
 TEST(InstanceLock, AnotherUserHoldingTheOldNameDoesNotBlockTheStart) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs root to hold the name as another user";
   test::TempDir runtime;  // made 0700 by mkdtemp
   test::TempDir open_folder;
   std::filesystem::permissions(open_folder.path(), std::filesystem::perms(0755));
-  NameSquatter squatter(::getuid());
-  ASSERT_TRUE(squatter.holding());
+  const std::string name = "net.tandrel.pelmora-" + std::to_string(::getuid());
+  const test::Child squatter = nameSquatter(name);
+  // Asleep after its bind (a failed one ends it), and the kernel lists the name.
+  ASSERT_TRUE(test::eventually([&] { return test::procState(squatter.pid()) == 'S' && abstractNameHeld(name); }));
   const struct {
     const char* name;
     std::string runtime_dir;
