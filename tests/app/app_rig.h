@@ -6,7 +6,6 @@
 #include <QCoreApplication>
 #include <QEvent>
 
-#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -41,24 +40,21 @@ class RecordingCore : public AppCore {
   SystemStats& m_sampler;
 };
 
-struct SourceLog {
-  SleepSource::Deliver deliver;
-  Steps* steps = nullptr;
-};
-
+// The sleep source the test drives: what the application listens with lands in `deliver`.
 class DrivenSleepSource : public SleepSource {
  public:
-  explicit DrivenSleepSource(std::shared_ptr<SourceLog> log) : m_log(std::move(log)) {}
+  DrivenSleepSource(Deliver& deliver, Steps& steps) : m_deliver(deliver), m_steps(steps) {}
   bool start(Deliver deliver) override {
-    m_log->deliver = std::move(deliver);
+    m_deliver = std::move(deliver);
     return true;
   }
-  void stop() override { m_log->deliver = nullptr; }
-  void holdSleepDelay() override { m_log->steps->push_back("source:hold"); }
-  void releaseSleepDelay() override { m_log->steps->push_back("source:release"); }
+  void stop() override { m_deliver = nullptr; }
+  void holdSleepDelay() override { m_steps.push_back("source:hold"); }
+  void releaseSleepDelay() override { m_steps.push_back("source:release"); }
 
  private:
-  std::shared_ptr<SourceLog> m_log;
+  Deliver& m_deliver;
+  Steps& m_steps;
 };
 
 class CountingClient : public SystemStatsClient {
@@ -72,11 +68,8 @@ inline void deleteLater() { QCoreApplication::sendPostedEvents(nullptr, QEvent::
 
 // Everything one application run needs; the windows it opens are closed again at the end.
 struct AppRig {
-  explicit AppRig(bool tray_available = false)
-      : sampler(scratch.sampler()), source_log(std::make_shared<SourceLog>()), tray(tray_available) {
+  explicit AppRig(bool tray_available = false) : sampler(scratch.sampler()), tray(tray_available) {
     scratch.setCpus("0-3", "0-3");
-    source_log->steps = &steps;
-    client = std::make_shared<CountingClient>();
     sampler->addClient(client);
     app = makeApp();
   }
@@ -89,7 +82,7 @@ struct AppRig {
     AppServices services{rig.helper, rig.limiter, rig.power, *sampler, rig.store, nullptr, {}};
     services.core = std::make_unique<RecordingCore>(steps, *sampler);
     services.window_options.start_watch = false;
-    services.sleep_source = [log = source_log] { return std::make_unique<DrivenSleepSource>(log); };
+    services.sleep_source = [this] { return std::make_unique<DrivenSleepSource>(deliver, steps); };
     services.tray_available = tray;
     services.desktop_bus = desktop_bus;
     services.trace = [this](const std::string& step) { steps.push_back(step); };
@@ -116,18 +109,17 @@ struct AppRig {
     deleteLater();
   }
   void send(SleepEvent event) {
-    source_log->deliver(event);
+    deliver(event);
     RunLoop::main().runUntilIdle();
   }
-  size_t count(const std::string& step) const { return std::count(steps.begin(), steps.end(), step); }
 
   settings_test::Rig rig;
   stats_test::Scratch scratch;
   std::shared_ptr<SystemStats> sampler;
-  std::shared_ptr<CountingClient> client;
-  std::shared_ptr<SourceLog> source_log;
+  std::shared_ptr<CountingClient> client = std::make_shared<CountingClient>();
   bool tray = false;
   Steps steps;
+  SleepSource::Deliver deliver;
   std::vector<std::string> revealed;  // what the desktop was asked to open
   bool reveal_opens = true;           // whether it had an application for it
   // The platform palette whatever desktop the tests run under, unless a test hands over a bus.
