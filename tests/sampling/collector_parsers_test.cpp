@@ -20,7 +20,8 @@ namespace {
 
 // --- processor ticks -------------------------------------------------------------------------
 
-TEST(CpuCollector, TicksScaleIntoTheSample) {
+// Which columns count as what is checked on every fixture machine; here the timebase's arithmetic.
+TEST(CpuCollector, TicksScaleThroughTheTimebase) {
   const struct {
     const char* label;
     cpu_ticks ticks;
@@ -28,11 +29,6 @@ TEST(CpuCollector, TicksScaleIntoTheSample) {
     cpu_sample_t expected;
   } cases[] = {
       // user nice system idle iowait irq softirq steal guest guest_nice
-      {"user plus nice", {100, 20, 0, 0, 0, 0, 0, 0, 0, 0}, {10'000'000, 1}, {0, 1'200'000'000, 0, 0}},
-      {"irq and softirq are system time", {0, 0, 30, 0, 0, 4, 6, 0, 0, 0}, {10'000'000, 1}, {400'000'000, 0, 0, 0}},
-      {"iowait is idle time", {0, 0, 0, 70, 30, 0, 0, 0, 0, 0}, {10'000'000, 1}, {0, 0, 1'000'000'000, 0}},
-      // The kernel already counts guest inside user; steal belongs to other guests of the host.
-      {"steal and guest are not added", {50, 0, 10, 40, 0, 0, 0, 900, 30, 5}, {1, 1}, {10, 50, 40, 0}},
       {"a timebase with a denominator", {3, 0, 0, 0, 0, 0, 0, 0, 0, 0}, {10, 4}, {0, 7, 0, 0}},
       {"a zero denominator gives zero", {3, 3, 3, 3, 0, 0, 0, 0, 0, 0}, {10, 0}, {0, 0, 0, 0}},
       {"counters beyond 32 bits",
@@ -43,14 +39,10 @@ TEST(CpuCollector, TicksScaleIntoTheSample) {
   for (const auto& c : cases) EXPECT_EQ(CpuCollector::sampleFromTicks(c.ticks, c.timebase), c.expected) << c.label;
 }
 
-TEST(CpuCollector, TheHostTimebaseGivesNanoseconds) {
-  const auto timebase = CpuCollector::hostTimebase();
-  EXPECT_EQ(timebase.denom, 1u);
-  EXPECT_EQ(timebase.numer * static_cast<uint64_t>(sysconf(_SC_CLK_TCK)), 1'000'000'000u);
-}
-
 // --- memory ----------------------------------------------------------------------------------
 
+// Each fixture machine's meminfo is read through the sampler; here other page sizes and what a
+// meminfo may lack.
 TEST(MemoryCollector, ReadsPagesByKey) {
   const std::string meminfo =
       "MemTotal: 1000 kB\nMemFree: 400 kB\nActive: 200 kB\nInactive: 120 kB\nActive(anon): 99 kB\n"
@@ -61,12 +53,7 @@ TEST(MemoryCollector, ReadsPagesByKey) {
     int64_t page_size;
     std::optional<memoryStats> expected;
   } cases[] = {
-      {"4 KiB pages", meminfo, 4096, memoryStats{100, 50, 30, 10}},
       {"16 KiB pages", meminfo, 16384, memoryStats{25, 12, 7, 2}},
-      {"keys in another order",
-       "PageTables: 16 kB\nInactive: 120 kB\nMemFree: 400 kB\nSUnreclaim: 12 kB\nActive: 200 kB\n"
-       "KernelStack: 4 kB\nUnevictable: 8 kB\n",
-       4096, memoryStats{100, 50, 30, 10}},
       {"Active(anon) is not Active", "MemFree: 4 kB\nActive(anon): 400 kB\nInactive: 4 kB\n", 4096, std::nullopt},
       {"wired parts an old kernel lacks count zero",
        "MemFree: 4 kB\nActive: 8 kB\nInactive: 12 kB\nPageTables: 40 kB\n", 4096, memoryStats{1, 2, 3, 10}},
@@ -95,51 +82,35 @@ TEST(DiskCollector, StatLinesGiveOperationsAndBytes) {
   for (const auto& c : cases) EXPECT_EQ(DiskCollector::parseStat(c.text), c.expected) << c.label;
 }
 
-TEST(DiskCollector, NamesJoinVendorAndModel) {
-  const struct {
-    const char *vendor, *model, *expected;
-  } cases[] = {
-      {"ATA     ", "Samsung SSD 870 \n", "ATA Samsung SSD 870"},  // padded SCSI strings
-      {"", "Micron 7450\n", "Micron 7450"},                       // no vendor (NVMe)
-      {"   \n", "Virtual Disk", "Virtual Disk"},
-      {"0x1af4\n", "", ""},  // numeric vendor id (virtio)
-      {"WDC", "", "WDC"},
-  };
-  for (const auto& c : cases) EXPECT_EQ(DiskCollector::diskName(c.vendor, c.model), c.expected) << c.vendor;
-}
-
-TEST(DiskCollector, ParsesDevAndRejectsVirtualDevices) {
+// The fixture machines name their disks from padded, blank, missing and numeric vendors; here a
+// vendor without a model.
+TEST(DiskCollector, NamesParsesDevAndRejectsVirtualDevices) {
+  EXPECT_EQ(DiskCollector::diskName("WDC", ""), "WDC");
   EXPECT_EQ(DiskCollector::parseDev("259:12\n"), (std::pair<int, int>{259, 12}));
   EXPECT_FALSE(DiskCollector::parseDev("259\n"));
   EXPECT_FALSE(DiskCollector::parseDev("a:1\n"));
   for (const char* name : {"loop0", "ram3", "zram0", "dm-1", "md127", "nbd0", ""})
     EXPECT_FALSE(DiskCollector::isPhysicalName(name)) << name;
-  for (const char* name : {"sda", "nvme0n1", "vda", "mmcblk0", "xvda"}) EXPECT_TRUE(DiskCollector::isPhysicalName(name)) << name;
+  for (const char* name : {"sda", "nvme0n1", "vda", "mmcblk0", "xvda"})
+    EXPECT_TRUE(DiskCollector::isPhysicalName(name)) << name;
 }
 
 // --- network, GPUs, fans, load, process counts --------------------------------------------------
 
 TEST(NetworkCollector, ReportsOnlyHardwareInterfaceNames) {
-  for (const char* name : {"en0", "en10", "enp3s0", "eno1", "ens3", "eth0", "wlan0", "wlp2s0", "wwan0", "wwp0s20f3u2i12"})
+  for (const char* name :
+       {"en0", "en10", "enp3s0", "eno1", "ens3", "eth0", "wlan0", "wlp2s0", "wwan0", "wwp0s20f3u2i12"})
     EXPECT_TRUE(NetworkCollector::isReported(name)) << name;
   for (const char* name : {"e1", "fw0", "lo", "lo0", "utun3", "tun0", "bridge0", "br0", "virbr0", "veth12ab", "ifb0",
                            "docker0", "en", "wl", ""})
     EXPECT_FALSE(NetworkCollector::isReported(name)) << name;
 }
 
-TEST(GpuCollector, FreeMemoryIsNeverNegative) {
-  const struct { int64_t total, used, expected_free; } cases[] = {{1000, 250, 750}, {100, 150, 0}, {0, 0, 0}};
-  for (const auto& c : cases) {
-    const auto card = GpuCollector::makeCard("x", 50, c.total, c.used);
-    EXPECT_EQ(card.stats, (graphicsCardStats{c.total, c.used, c.expected_free, 0, 50})) << c.used << " of " << c.total;
-    EXPECT_TRUE(card.active);
-  }
-}
-
 TEST(GpuCollector, TellsCardsFromConnectorsAndReadsUevent) {
   EXPECT_TRUE(GpuCollector::isCardName("card0"));
   EXPECT_TRUE(GpuCollector::isCardName("card12"));
-  for (const char* name : {"card", "card0-eDP-1", "renderD128", "version"}) EXPECT_FALSE(GpuCollector::isCardName(name)) << name;
+  for (const char* name : {"card", "card0-eDP-1", "renderD128", "version"})
+    EXPECT_FALSE(GpuCollector::isCardName(name)) << name;
   EXPECT_EQ(GpuCollector::ueventValue("DRIVER=amdgpu\nPCI_ID=1002:1636\n", "PCI_ID"), "1002:1636");
   EXPECT_EQ(GpuCollector::ueventValue("PCI_DRIVER=x\n", "DRIVER"), std::nullopt);
 }

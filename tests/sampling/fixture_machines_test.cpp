@@ -119,7 +119,8 @@ TEST(FixtureMachines, EachMachineThroughTheSamplersTick) {
     const char* label;
     const char* machine;
     size_t cpus;
-    std::vector<size_t> offline;  // processors whose sample must be all zero
+    std::vector<size_t> offline;         // processors whose sample must be all zero
+    std::array<uint64_t, 3> cpu1_ticks;  // system (with irq and softirq), user (with nice), idle (with iowait)
     size_t performance, efficiency;
     std::array<int64_t, 4> mem_kb;  // free, active, inactive, wired
     std::vector<DiskExpectation> disks;
@@ -133,11 +134,11 @@ TEST(FixtureMachines, EachMachineThroughTheSamplersTick) {
     std::vector<batteryStats> batteries, devices;
   } cases[] = {
       // clang-format off
-      {"this vm", "sampling-vm", 2, {}, 0, 0, {22594032, 459896, 1401064, 45148}, {{"vda", ""}}, {}, {"eth0"}, {}, {}, false,
-       {}, {}, {}, {}},
+      {"this vm", "sampling-vm", 2, {}, {1817, 19667, 46597}, 0, 0, {22594032, 459896, 1401064, 45148}, {{"vda", ""}},
+       {}, {"eth0"}, {}, {}, false, {}, {}, {}, {}},
       // The NVMe drive has 4096-byte logical blocks; its stat file still counts 512-byte sectors. acpitz
       // and x86_pkg_temp are thermal zones that hwmon already carries; the Wi-Fi zone is not.
-      {"laptop", "sampling-laptop", 8, {}, 0, 0, {8000000, 3000000, 2000000, 120000},
+      {"laptop", "sampling-laptop", 8, {}, {515, 1012, 9052}, 0, 0, {8000000, 3000000, 2000000, 120000},
        {{"nvme0n1", "SAMSUNG MZVLB512HAJQ-000L7"}},
        {9000000LL * 512, 6400000LL * 512, 120000, 80000}, {"enp2s0f0", "wlp3s0"},
        {GpuCollector::makeCard("AMD GPU 1002:1636", 7, 536870912, 134217728)},
@@ -153,15 +154,16 @@ TEST(FixtureMachines, EachMachineThroughTheSamplersTick) {
        // 33.39 Wh at 9.8 W: 3 h 24 min 26 s; 53 of 57 Wh design.
        {{"BAT0", "5B10W13930", "discharging", 63.0, 9.8, 12266, 0, 92.98, 187}},
        {{"hidpp_battery_0", "MX Master 3", "discharging", 80.0, 0.0, 0, 0, 0.0, 0}}},
-      {"hybrid 8P 8E with smt", "sampling-hybrid", 24, {7}, 16, 8, {50000000, 6000000, 4000000, 240000},
+      {"hybrid 8P 8E with smt", "sampling-hybrid", 24, {7}, {515, 1012, 9052}, 16, 8,
+       {50000000, 6000000, 4000000, 240000},
        {{"sda", "ATA Samsung SSD 870"}}, {}, {"eno1", "wlo1"}, {},
        {fanStats{false, 850, 0, 0}, fanStats{false, 0, 0, 0}, fanStats{false, 1200, 0, 0}}, true,
        {{"coretemp", "cpu", 38000, 0, 0}}, {0}, {}, {}},
       // nvme0c0n1 is the hidden path below nvme0n1; counting it would double the NVMe traffic.
-      {"nvme multipath host", "sampling-nvme", 4, {}, 0, 0, {4000000, 2000000, 1000000, 38000},
+      {"nvme multipath host", "sampling-nvme", 4, {}, {515, 1012, 9052}, 0, 0, {4000000, 2000000, 1000000, 38000},
        {{"sda", "Msft Virtual Disk"}, {"sdb", "Virtual Disk"}, {"nvme0n1", "INTEL SSDPE2KX010T8"}, {"nvme1n1", "Micron 7450"}},
        {43827200, 88064000, 1510, 2720}, {"ens3", "ens4"}, {}, {}, false, {}, {}, {}, {}},
-      {"desktop sensors alone", "sampling-desktop", 0, {}, 0, 0, {}, {}, {}, {}, {},
+      {"desktop sensors alone", "sampling-desktop", 0, {}, {}, 0, 0, {}, {}, {}, {}, {},
        {fanStats{false, 1100, 0, 0}, fanStats{false, 780, 0, 0}}, false,
        {{"k10temp Tctl", "cpu", 61250, 0, 0},
         {"k10temp Tccd1", "cpu", 58500, 0, 0},
@@ -171,12 +173,15 @@ TEST(FixtureMachines, EachMachineThroughTheSamplersTick) {
         {"nct6798", "other", 36000, 0, 0},
         {"nct6798 temp2", "other", 0, 0, 0}},
        {0, 4}, {}, {}},
-      {"an empty tree", nullptr, 0, {}, 0, 0, {}, {}, {}, {}, {}, {}, false, {}, {}, {}, {}},
+      {"an empty tree", nullptr, 0, {}, {}, 0, 0, {}, {}, {}, {}, {}, {}, false, {}, {}, {}, {}},
   };  // clang-format on
   for (const auto& c : cases) {
     SCOPED_TRACE(c.label);
+    FakeClock clock;
     auto stats = SystemStats::create(c.machine ? fixtureRoot(c.machine) : SysRoot("/nonexistent", "/nonexistent"));
+    clock.advance_us(2'500'000);
     stats->tick();
+    EXPECT_EQ(stats->sampleTime().microseconds(), clock.now_us());  // each tick stamps its sample
     RunLoop::main().runUntilIdle();
     const SampleSet sample = stats->snapshot();
     ASSERT_EQ(sample.cpu_stats.size(), c.cpus);
@@ -185,6 +190,12 @@ TEST(FixtureMachines, EachMachineThroughTheSamplersTick) {
       const auto& s = sample.cpu_stats[i];
       EXPECT_EQ(offline, s.totalIdleTime == 0 && s.totalUserTime == 0 && s.totalSystemTime == 0) << "cpu " << i;
       EXPECT_EQ(s.frequency, 0.0);
+    }
+    // Steal belongs to other guests of the host, and the kernel already counts guest time in user.
+    const uint64_t tick_ns = 1'000'000'000 / static_cast<uint64_t>(sysconf(_SC_CLK_TCK));
+    if (c.cpus > 1) {
+      const auto [system, user, idle] = c.cpu1_ticks;
+      EXPECT_EQ(sample.cpu_stats[1], (cpu_sample_t{system * tick_ns, user * tick_ns, idle * tick_ns, 0.0}));
     }
     const auto& types = stats->cpuTypes();
     ASSERT_EQ(types.size(), c.cpus);

@@ -128,7 +128,8 @@ TEST(SampleFormat, JsonHoldsTheWholeSampleInItsOrder) {
   EXPECT_EQ(json["cpu_stats"][0]["totalIdleTime"], 60);
   EXPECT_EQ(json["dsk_stats"][0]["stats"]["bytes_read"], 3072);
   EXPECT_EQ(json["dsk_stats"][0]["name"], "ATA X");
-  EXPECT_EQ(json["gfx_cards"][0]["stats"]["freeVRAM"], 0);
+  EXPECT_EQ(json["gfx_cards"][0]["active"], true);
+  EXPECT_EQ(json["gfx_cards"][0]["stats"]["freeVRAM"], 0);  // more used than there is: none free
   EXPECT_EQ(json["net_stats"][0]["stats"]["bytes_out"], 12288);
   EXPECT_EQ(json["proc_stats"]["other"], 6);
   EXPECT_EQ(json["load_avg"]["fifteenMin"], 0.125);

@@ -169,12 +169,4 @@ TEST_F(SamplerTest, ASnapshotIsDroppedWhenItsClientLeftOrTheSamplerWentAway) {
   EXPECT_EQ(client->count("stats"), 0u);
 }
 
-TEST_F(SamplerTest, EachTickStampsTheSampleTime) {
-  FakeClock clock;
-  auto stats = SystemStats::create(pelmora::test::fixtureRoot("sampling-vm"));
-  clock.advance_us(2'500'000);
-  stats->tick();
-  EXPECT_EQ(stats->sampleTime().microseconds(), clock.now_us());
-}
-
 }  // namespace
