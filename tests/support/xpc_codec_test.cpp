@@ -23,11 +23,14 @@ XPCValue nested(int levels) {
   return v;
 }
 
-TEST(XPCCodec, RoundTripsEveryValueKind) {
+// What the wire can carry round-trips; what it cannot is refused before anything is sent.
+TEST(XPCCodec, EncodeRoundTripsEveryValueKindAndRefusesWhatTheWireCannotCarry) {
   const struct {
     const char* name;
     XPCDict message;
+    bool encodes = true;
   } cases[] = {
+      // clang-format off
       {"empty map", {}},
       {"int64 extremes", {{"min", XPCValue(INT64_MIN)}, {"max", XPCValue(INT64_MAX)}, {"neg", -1}, {"zero", 0}}},
       {"strings", {{"empty", ""}, {"utf8", "Gr\xc3\xbc\xc3\x9f" "e"}, {"taskinfo", "taskinfo"}}},
@@ -36,31 +39,23 @@ TEST(XPCCodec, RoundTripsEveryValueKind) {
                   {"mixed", XPCArray{1, "two", XPCData{3}, XPCArray{}, XPCDict{{"k", 5}}}}}},
       {"nested maps", {{"cpuinfo", XPCDict{{"logical_cpu_max", 8}, {"physical_cpu", 4}}}}},
       {"four levels", {{"d", nested(3)}}},
-  };
+      {"five levels", {{"d", nested(4)}}, false},
+      {"array at level five", {{"a", XPCArray{XPCArray{XPCArray{XPCArray{1}}}}}}, false},
+      {"null value", {{"x", XPCValue()}}, false},
+      {"closed descriptor", {{"fd", XPCValue::descriptor(UniqueFd())}}, false},
+      {"over 1 MiB", {{"blob", XPCData(kXPCMaxFrameBytes, 0)}}, false},
+  };  // clang-format on
   for (const auto& c : cases) {
     std::string error;
     auto encoded = xpcEncode(c.message, &error);
-    ASSERT_TRUE(encoded) << c.name << ": " << error;
+    ASSERT_EQ(encoded.has_value(), c.encodes) << c.name << ": " << error;
+    if (!encoded) continue;
     EXPECT_EQ(xpcFrameLength(std::span<const uint8_t, 4>(encoded->frame.data(), 4)), encoded->frame.size() - 4);
     std::vector<UniqueFd> fds;
     auto decoded = xpcDecode(bodyOf(*encoded), fds, &error);
     ASSERT_TRUE(decoded) << c.name << ": " << error;
     EXPECT_EQ(*decoded, c.message) << c.name;
   }
-}
-
-TEST(XPCCodec, EncodeRefusesWhatTheWireCannotCarry) {
-  const struct {
-    const char* name;
-    XPCDict message;
-  } cases[] = {
-      {"five levels", {{"d", nested(4)}}},
-      {"array at level five", {{"a", XPCArray{XPCArray{XPCArray{XPCArray{1}}}}}}},
-      {"null value", {{"x", XPCValue()}}},
-      {"closed descriptor", {{"fd", XPCValue::descriptor(UniqueFd())}}},
-      {"over 1 MiB", {{"blob", XPCData(kXPCMaxFrameBytes, 0)}}},
-  };
-  for (const auto& c : cases) EXPECT_FALSE(xpcEncode(c.message)) << c.name;
 }
 
 std::vector<uint8_t> cbor(const json& j) { return json::to_cbor(j); }
