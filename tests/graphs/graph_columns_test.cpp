@@ -32,14 +32,10 @@ TEST(CpuColumns, Rules) {
   }
 }
 
-TEST(MemColumns, FractionsOfTheSum) {
+TEST(MemAndGfxColumns, FractionsOfTheSum) {
   // free, active, inactive, wired
-  const std::vector<memoryStats> history = {{1, 1, 1, 1}, {0, 0, 0, 0}, {50, 25, 0, 25}};
-  const std::vector<mem_stats> expected = {{0.25, 0.25, 0.25, 0.25}, {0, 0, 0, 0}, {0.5, 0.25, 0, 0.25}};
-  EXPECT_EQ(memColumns(history), expected);
-}
-
-TEST(GfxColumns, VramAndUtilisation) {
+  EXPECT_EQ(memColumns({{1, 1, 1, 1}, {0, 0, 0, 0}, {50, 25, 0, 25}}),
+            (std::vector<mem_stats>{{0.25, 0.25, 0.25, 0.25}, {0, 0, 0, 0}, {0.5, 0.25, 0, 0.25}}));
   EXPECT_DOUBLE_EQ(vramUsedFraction({1000, 250, 750, 0, 40}), 0.25);
   EXPECT_DOUBLE_EQ(vramUsedFraction({0, 250, 0, 0, 40}), 0.0);
   EXPECT_DOUBLE_EQ(utilisationFraction({0, 0, 0, 0, 40}), 0.4);
@@ -59,31 +55,30 @@ TEST(CounterDelta, ACounterThatWentBackwardsWasResetAndCountsZero) {
   for (const auto& c : cases) EXPECT_EQ(counterDelta(c.older, c.newer), c.delta) << c.older << " " << c.newer;
 }
 
-// A disk that leaves takes its bytes out of the total: the step down is no gigabyte spike that
-// would flatten every other column of the Total Disk I/O graph.
-TEST(IoColumns, AResetTotalGivesAZeroColumnNotAPeak) {
-  const int64_t gib = int64_t{1} << 30;
-  const std::vector<ioStats> history = {{gib, gib, 0, 0}, {gib + 100, gib + 200, 0, 0}, {50, 60, 0, 0},
-                                        {150, 160, 0, 0}};
-  auto bytes = ioColumns(history, true, 100);
-  EXPECT_DOUBLE_EQ(bytes.max, 200);
-  EXPECT_EQ(bytes.columns, (std::vector<io_rate>{{0.5, 1.0}, {0, 0}, {0.5, 0.5}}));
-}
-
+// Deltas of the chosen counters, scaled to the peak of the columns a view of that width shows. A disk
+// that leaves takes its bytes out of the total: the step down is a zero column, no gigabyte spike
+// that would flatten every other column of the Total Disk I/O graph.
 TEST(IoColumns, DeltasOfTheChosenCountersScaledToTheVisiblePeak) {
+  const int64_t gib = int64_t{1} << 30;
   // bytes_read, bytes_write, count_read, count_write
   const std::vector<ioStats> history = {{0, 0, 2, 0}, {100, 400, 18, 4}, {300, 400, 26, 8}};
-  auto ops = ioColumns(history, false, 100);
-  EXPECT_DOUBLE_EQ(ops.max, 16);
-  EXPECT_EQ(ops.columns, (std::vector<io_rate>{{1.0, 0.25}, {0.5, 0.25}}));
-  auto bytes = ioColumns(history, true, 100);
-  EXPECT_DOUBLE_EQ(bytes.max, 400);
-  EXPECT_EQ(bytes.columns, (std::vector<io_rate>{{0.25, 1.0}, {0.5, 0}}));
-  // A view one column wide keeps only the newest delta, and the peak is that column's.
-  auto narrow = ioColumns(history, true, 0.5);
-  EXPECT_DOUBLE_EQ(narrow.max, 200);
-  EXPECT_EQ(narrow.columns, (std::vector<io_rate>{{1.0, 0}}));
-  EXPECT_TRUE(ioColumns({{1, 1, 1, 1}, {1, 1, 1, 1}}, true, 100).columns.empty());
+  const std::vector<ioStats> reset = {{gib, gib, 0, 0}, {gib + 100, gib + 200, 0, 0}, {50, 60, 0, 0}, {150, 160, 0, 0}};
+  const struct {
+    const char* what;
+    PeakColumns<io_rate> got;
+    double max;
+    std::vector<io_rate> columns;
+  } cases[] = {
+      {"operations", ioColumns(history, false, 100), 16, {{1.0, 0.25}, {0.5, 0.25}}},
+      {"bytes", ioColumns(history, true, 100), 400, {{0.25, 1.0}, {0.5, 0}}},
+      {"one column wide: the newest delta and its peak", ioColumns(history, true, 0.5), 200, {{1.0, 0}}},
+      {"nothing moved", ioColumns({{1, 1, 1, 1}, {1, 1, 1, 1}}, true, 100), 0, {}},
+      {"a disk left", ioColumns(reset, true, 100), 200, {{0.5, 1.0}, {0, 0}, {0.5, 0.5}}},
+  };
+  for (const auto& c : cases) {
+    EXPECT_DOUBLE_EQ(c.got.max, c.max) << c.what;
+    EXPECT_EQ(c.got.columns, c.columns) << c.what;
+  }
 }
 
 TEST(PeakColumns, LoadPowerAndProcesses) {
@@ -132,10 +127,8 @@ TEST(FanColumns, SpeedsOverTheVisibleWindow) {
 }
 
 TEST(NetworkAveraging, BothMethods) {
-  EXPECT_EQ(networkAveragingLength(0), 5);
-  EXPECT_EQ(networkAveragingLength(1), 10);
-  EXPECT_EQ(networkAveragingLength(2), 60);
-  EXPECT_EQ(networkAveragingLength(-1), 60);
+  for (auto [index, length] : {std::pair{0, 5}, {1, 10}, {2, 60}, {-1, 60}})
+    EXPECT_EQ(networkAveragingLength(index), length) << index;
 
   // bytes in grow by 100 per sample, bytes out by 10, except that the out counter is reset (the
   // card left and came back) between samples 3 and 4, where that step counts 0.
