@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <set>
+#include <map>
 
 #include "common/temp_dir.h"
 #include "graphs/graph_switches.h"
@@ -33,21 +33,22 @@ TEST(GraphColors, TextRoundTripAndRejects) {
   EXPECT_EQ(adjustColourAndAlpha({10, 20, 30, 200}, 0.75), (GraphColor{10, 20, 30, 50}));
 }
 
-TEST(GraphColors, EveryClassWithItsKeyAndSeriesCount) {
-  const std::pair<GraphClass, size_t> series[] = {
-      {GraphClass::cpu, 2}, {GraphClass::mem, 3},  {GraphClass::gfx, 2},   {GraphClass::io, 2}, {GraphClass::net, 4},
-      {GraphClass::load, 3}, {GraphClass::proc, 4}, {GraphClass::power, 3}, {GraphClass::fan, 3},
-      {GraphClass::temp, 3}, {GraphClass::battery, 2}};
-  std::set<std::string> keys;
-  for (auto [graph, count] : series) {
-    EXPECT_EQ(GraphPalette::defaults(graph).size(), count) << GraphPalette::key(graph).key;
-    keys.insert(GraphPalette::key(graph).key);
-  }
-  EXPECT_EQ(keys, (std::set<std::string>{"cpu_colors", "mem_colors", "gfx_colors", "io_colors", "net_colors",
-                                         "loadavg_colors", "proc_colors", "power_colors", "fan_colors",
-                                         "temp_colors", "battery_colors"}));
-  EXPECT_EQ(GraphPalette::defaults(GraphClass::cpu),
-            (std::vector<GraphColor>{system_colors::green, system_colors::red}));
+// Each class under a key of its own (two sharing one would overwrite each other's colours), with a
+// colour for each of its series.
+TEST(GraphColors, EveryClassHasItsOwnKeyAndAColourPerSeries) {
+  std::map<std::string, size_t> series;
+  for (GraphClass graph : kAllGraphClasses) series[GraphPalette::key(graph).key] = GraphPalette::defaults(graph).size();
+  EXPECT_EQ(series, (std::map<std::string, size_t>{{"cpu_colors", 2},
+                                                   {"mem_colors", 3},
+                                                   {"gfx_colors", 2},
+                                                   {"io_colors", 2},
+                                                   {"net_colors", 4},
+                                                   {"loadavg_colors", 3},
+                                                   {"proc_colors", 4},
+                                                   {"power_colors", 3},
+                                                   {"fan_colors", 3},
+                                                   {"temp_colors", 3},
+                                                   {"battery_colors", 2}}));
 }
 
 TEST_F(StoreTest, AChangedColourIsSavedUnderTheClassKeyAndOnlyAWellFormedArrayIsLoadedBack) {

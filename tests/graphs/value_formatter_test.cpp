@@ -6,7 +6,7 @@ using namespace pelmora;
 
 namespace {
 
-TEST(ValueFormatter, PrefixesAndScaling) {
+TEST(ValueFormatter, PrefixesScalingAndTheNumberWriter) {
   struct Case {
     double value;
     int base;
@@ -23,9 +23,7 @@ TEST(ValueFormatter, PrefixesAndScaling) {
       {4e15, 1000, "4000.0 TB/s"},  // nothing beyond T
   };
   for (const auto& c : cases) EXPECT_EQ(formatValue(c.value, c.base, 1, "B/s"), c.text) << c.value;
-}
-
-TEST(ValueFormatter, TheNumberWriterDecidesTheLocale) {
+  // The number writer, not the process's locale, decides the decimal mark.
   auto comma = [](double v, int decimals) {
     std::string s = writeNumberC(v, decimals);
     for (auto& ch : s)
