@@ -62,6 +62,7 @@ TEST(ProcessPreferences, DockIconAndStatusItemAreNeverBothOff) {
       {true, false, "tray", true, true},
   };
   for (const auto& c : cases) {
+    SCOPED_TRACE(c.click);
     BootRig rig;
     rig.store.saveBool("show_dock", c.dock_before);
     rig.store.saveBool("show_menubar", c.tray_before);
@@ -71,87 +72,84 @@ TEST(ProcessPreferences, DockIconAndStatusItemAreNeverBothOff) {
     AddListener("net.tandrel.pelmora.prefschanged", "rule",
                 [&](const std::string&) { dock_at_broadcast = rig.store.loadBool("show_dock", false); });
     (std::string(c.click) == "tray" ? p->m_show_menubar : p->m_show_dock)->click();
-    EXPECT_EQ(changed.delivered(), 1) << c.click;
+    EXPECT_EQ(changed.delivered(), 1);
     RemoveListener("net.tandrel.pelmora.prefschanged", "rule");
-    EXPECT_EQ(p->m_show_dock->isChecked(), c.dock_after) << c.click;
-    EXPECT_EQ(p->m_show_menubar->isChecked(), c.tray_after) << c.click;
-    EXPECT_EQ(dock_at_broadcast, c.dock_after) << c.click;
-    EXPECT_EQ(rig.store.loadBool("show_menubar", true), c.tray_after) << c.click;
+    EXPECT_EQ(p->m_show_dock->isChecked(), c.dock_after);
+    EXPECT_EQ(p->m_show_menubar->isChecked(), c.tray_after);
+    EXPECT_EQ(dock_at_broadcast, c.dock_after);
+    EXPECT_EQ(rig.store.loadBool("show_menubar", true), c.tray_after);
   }
-  EXPECT_TRUE(keepDockOrStatusItem(false, false));
-  EXPECT_FALSE(keepDockOrStatusItem(false, true));
 }
 
+// The pane opens on empty settings with the defaults; launch at login writes the autostart entry and
+// removes it again, and an entry that cannot be written or started leaves the box off.
 TEST(ProcessPreferences, EmptySettingsShowTheDefaultsAndLaunchAtLoginWritesAndRemovesTheAutostartEntry) {
-  BootRig rig;
-  auto p = rig.pane();
-  EXPECT_TRUE(p->m_show_dock->isChecked() && p->m_save_limited->isChecked() && p->m_save_reniced->isChecked());
-  EXPECT_FALSE(p->m_show_menubar->isChecked() || p->m_apply_boot->isChecked() || p->m_limit_frontmost->isChecked());
-  const fs::path entry = rig.dir / "autostart" / "net.tandrel.pelmora.desktop";
-  p->m_launch_login->click();
-  EXPECT_TRUE(p->m_launch_login->isChecked());
-  EXPECT_TRUE(fs::is_regular_file(entry));
-  EXPECT_TRUE(rig.store.loadBool("LaunchAtLogin", false));
-  p->m_launch_login->click();
-  EXPECT_FALSE(fs::exists(entry));
-  EXPECT_FALSE(rig.store.loadBool("LaunchAtLogin", true));
-}
-
-TEST(ProcessPreferences, AnEntryThatCannotBeWrittenOrStartedLeavesTheBoxOff) {
-  struct Case { const char* what; bool block_folder; const char* program; };
-  for (const Case c : {Case{"folder is a file", true, "/bin/true"}, Case{"no such program", false, "/nonexistent/pelmora"}}) {
+  struct Case {
+    const char *what, *program;
+    bool block_folder, on;
+  };
+  for (const Case c : {Case{"written", "/bin/true", false, true}, Case{"folder is a file", "/bin/true", true, false},
+                       Case{"no such program", "/nonexistent/pelmora", false, false}}) {
+    SCOPED_TRACE(c.what);
     BootRig rig;
     if (c.block_folder) std::ofstream(rig.dir / "autostart") << "not a folder";
-    rig.options.login = LaunchAtLogin(rig.dir / "autostart" / "net.tandrel.pelmora.desktop", c.program);
+    const fs::path entry = rig.dir / "autostart" / "net.tandrel.pelmora.desktop";
+    rig.options.login = LaunchAtLogin(entry, c.program);
     auto p = rig.pane();
+    EXPECT_TRUE(p->m_show_dock->isChecked() && p->m_save_limited->isChecked() && p->m_save_reniced->isChecked());
+    EXPECT_FALSE(p->m_show_menubar->isChecked() || p->m_apply_boot->isChecked() || p->m_limit_frontmost->isChecked());
     p->m_launch_login->click();
-    EXPECT_FALSE(p->m_launch_login->isChecked()) << c.what;
-    EXPECT_FALSE(rig.store.loadBool("LaunchAtLogin", true)) << c.what;
-    EXPECT_FALSE(fs::is_regular_file(rig.dir / "autostart" / "net.tandrel.pelmora.desktop")) << c.what;
+    EXPECT_EQ(p->m_launch_login->isChecked(), c.on);
+    EXPECT_EQ(fs::is_regular_file(entry), c.on);
+    EXPECT_EQ(rig.store.loadBool("LaunchAtLogin", !c.on), c.on);
+    if (!c.on) continue;
+    p->m_launch_login->click();
+    EXPECT_FALSE(fs::exists(entry));
+    EXPECT_FALSE(rig.store.loadBool("LaunchAtLogin", true));
   }
 }
 
+// Turning it on may warn first; turning it off removes what is installed, without asking.
 TEST(ProcessPreferences, ApplyAtBootWarnsInstallsAndRemoves) {
   enum class Answer { none, apply, cancel };
-  struct Case { const char* what; bool warn; Answer answer; bool suppress; bool box_on; bool installs; bool warn_after; };
+  struct Case {
+    const char *what, *sent;
+    Answer answer;
+    bool on_before, warn, suppress, warn_after;
+  };
   const Case cases[] = {
-      {"no warning", false, Answer::none, false, true, true, false},
-      {"apply", true, Answer::apply, false, true, true, true},
-      {"apply, never again", true, Answer::apply, true, true, true, false},
-      {"cancel", true, Answer::cancel, true, false, false, true},
+      {"no warning", "install", Answer::none, false, false, false, false},
+      {"apply", "install", Answer::apply, false, true, false, true},
+      {"apply, never again", "install", Answer::apply, false, true, true, false},
+      {"cancel", nullptr, Answer::cancel, false, true, true, true},
+      {"turned off", "uninstall", Answer::none, true, true, false, true},
   };
   for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
     BootRig rig;
+    rig.store.saveBool("apply_boot", c.on_before);
     rig.store.saveBool("WARN_apply_boot", c.warn);
+    if (c.on_before) std::ofstream(rig.dir / "unit.service") << "installed";
     auto p = rig.pane();
     p->m_apply_boot->click();
+    ASSERT_EQ(p->m_boot_alert != nullptr, c.answer != Answer::none);
     if (p->m_boot_alert) {
-      EXPECT_TRUE(rig.sent("applyboot").empty()) << c.what;
+      EXPECT_TRUE(rig.sent("applyboot").empty());
       p->m_boot_alert->checkBox()->setChecked(c.suppress);
       const QString label = c.answer == Answer::apply ? QStringLiteral("Apply at Boot") : QStringLiteral("Cancel");
       for (QAbstractButton* b : p->m_boot_alert->buttons())
         if (b->text() == label) b->click();
-    } else {
-      EXPECT_EQ(c.answer, Answer::none) << c.what;
     }
     const auto sent = rig.sent("applyboot");
-    ASSERT_EQ(sent.size(), c.installs ? 1u : 0u) << c.what;
-    if (c.installs) {
-      EXPECT_EQ(*xpcString(sent[0], "install"), "install");
+    ASSERT_EQ(sent.size(), c.sent ? 1u : 0u);
+    if (c.sent) {
+      EXPECT_EQ(*xpcString(sent[0], "install"), c.sent);
     }
-    EXPECT_EQ(p->m_apply_boot->isChecked(), c.box_on) << c.what;
-    EXPECT_EQ(rig.store.loadBool("apply_boot", !c.box_on), c.box_on) << c.what;
-    EXPECT_EQ(rig.store.loadBool("WARN_apply_boot", true), c.warn_after) << c.what;
+    const bool on = c.sent && std::string(c.sent) == "install";
+    EXPECT_EQ(p->m_apply_boot->isChecked(), on);
+    EXPECT_EQ(rig.store.loadBool("apply_boot", !on), on);
+    EXPECT_EQ(rig.store.loadBool("WARN_apply_boot", true), c.warn_after);
   }
-  // Turning it off removes what is installed, without asking.
-  BootRig rig;
-  rig.store.saveBool("apply_boot", true);
-  std::ofstream(rig.dir / "unit.service") << "installed";
-  auto p = rig.pane();
-  p->m_apply_boot->click();
-  ASSERT_EQ(rig.sent("applyboot").size(), 1u);
-  EXPECT_EQ(*xpcString(rig.sent("applyboot")[0], "install"), "uninstall");
-  EXPECT_FALSE(rig.store.loadBool("apply_boot", true));
 }
 
 TEST(PreferencesPIDText, DerivedTimes) {
@@ -213,10 +211,9 @@ TEST(PreferencesWindow, ToolbarSwitchesBetweenThePanes) {
   auto* pid = new PreferencesPID(rig.store);
   PreferencesWindow w(graph, process, pid);
   const auto actions = w.m_toolbar->actions();
-  ASSERT_EQ(actions.size(), 3);
-  EXPECT_EQ(actions[0]->text(), QStringLiteral("Graph"));
-  EXPECT_EQ(actions[1]->text(), QStringLiteral("Processes"));
-  EXPECT_EQ(actions[2]->text(), QStringLiteral("PID"));
+  QStringList titles;
+  for (QAction* action : actions) titles << action->text();
+  ASSERT_EQ(titles, (QStringList{"Graph", "Processes", "PID"}));
   EXPECT_EQ(w.currentPane(), 0);
   actions[2]->trigger();
   EXPECT_EQ(w.currentPane(), 2);
