@@ -77,11 +77,6 @@ QColor background(const QImage& image) {
   return most == seen.end() ? QColor() : QColor::fromRgba(most->first);
 }
 
-struct Shown {
-  std::map<std::string, bool> windows;  // window -> dark
-  bool stats_graph = false, live_icon = false, tray = false;
-};
-
 class Appearance : public ::testing::Test {
  public:
   ~Appearance() override {
@@ -93,16 +88,21 @@ class Appearance : public ::testing::Test {
   }
   void SetUp() override {
     if (!bus.running()) GTEST_SKIP() << "dbus-daemon is not installed";
-    portal = std::make_unique<FakePortal>(connect("appearance-test-portal"));
   }
   void TearDown() override {
     if (rig) rig->closeAll();
     rig.reset();
     portal.reset();
     QApplication::setPalette(QPalette());
+    GraphSwitches::current() = GraphSwitches{};
   }
-  // The program started as a user starts it, with every window open and the live icon on.
-  void launch() {
+  // The program started as a user starts it on a desktop whose portal answers `scheme`, with every
+  // window open and the live icon on.
+  void launch(uint scheme) {
+    TearDown();
+    portal = std::make_unique<FakePortal>(connect("appearance-test-portal"));
+    portal->setScheme(scheme);
+    expected = DesktopScheme::fromPortal(QVariant(scheme));  // what settle() waits for
     rig = std::make_unique<AppRig>();
     rig->desktop_bus = [this] { return connect("appearance-test-app"); };
     rig->app = rig->makeApp();
@@ -125,18 +125,18 @@ class Appearance : public ::testing::Test {
     ASSERT_NE(pane, nullptr);
     (pane->*radio)->click();
   }
-  Shown shown() {
-    Shown s;
-    s.windows["CPU settings"] = dark(rig->app->window()->palette().color(QPalette::Window));
-    s.windows["statistics"] = dark(SystemStatsWindow::instance()->palette().color(QPalette::Window));
-    s.windows["processes"] = dark(ProcinfoWindow::shared()->palette().color(QPalette::Window));
-    s.windows["preferences"] = dark(rig->app->preferences()->palette().color(QPalette::Window));
-    s.windows["help"] = dark(rig->app->helpViewer()->palette().color(QPalette::Base));
+  // Whether each window's background and each graph's ("graph: ...") is dark.
+  std::map<std::string, bool> shown() {
     auto* graph = SystemStatsWindow::instance()->findChild<GraphView*>();
-    s.stats_graph = dark(background(graph->grab().toImage()));
-    s.live_icon = dark(background(rig->app->dock()->icon().pixmap(Dock::kTileSize_px).toImage()));
-    s.tray = dark(background(rig->app->dock()->trayIcon().pixmap(Dock::kTraySize_px).toImage()));
-    return s;
+    Dock* dock = rig->app->dock();
+    return {{"CPU settings", dark(rig->app->window()->palette().color(QPalette::Window))},
+            {"statistics", dark(SystemStatsWindow::instance()->palette().color(QPalette::Window))},
+            {"processes", dark(ProcinfoWindow::shared()->palette().color(QPalette::Window))},
+            {"preferences", dark(rig->app->preferences()->palette().color(QPalette::Window))},
+            {"help", dark(rig->app->helpViewer()->palette().color(QPalette::Base))},
+            {"graph: statistics", dark(background(graph->grab().toImage()))},
+            {"graph: live icon", dark(background(dock->icon().pixmap(Dock::kTileSize_px).toImage()))},
+            {"graph: tray", dark(background(dock->trayIcon().pixmap(Dock::kTraySize_px).toImage()))}};
   }
 
   stats_test::SwitchesGuard switches;
@@ -175,24 +175,18 @@ TEST_F(Appearance, EveryWindowFollowsTheDesktopAndTheChoiceReachesEveryGraph) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    portal->setScheme(c.scheme_at_start);
-    expected = c.scheme_at_start == 1 ? P::dark : c.scheme_at_start == 2 ? P::light : P::none;
-    launch();
+    launch(c.scheme_at_start);
     if (c.then) {
       c.then(*this);
       expected = c.preference;
       settle();
     }
     EXPECT_EQ(rig->app->desktopScheme()->preference(), c.preference);
-    const Shown s = shown();
-    for (const auto& [window, is_dark] : s.windows)
-      EXPECT_EQ(is_dark, window == "statistics" ? c.stats_window_dark : c.others_dark) << window;
-    EXPECT_EQ(s.stats_graph, c.graphs_dark) << "statistics graph";
-    EXPECT_EQ(s.live_icon, c.graphs_dark) << "live icon";
-    EXPECT_EQ(s.tray, c.graphs_dark) << "tray";
-    TearDown();
-    GraphSwitches::current() = GraphSwitches{};
-    portal = std::make_unique<FakePortal>(connect("appearance-test-portal"));
+    for (const auto& [surface, is_dark] : shown()) {
+      bool want = surface == "statistics" ? c.stats_window_dark : c.others_dark;
+      if (surface.starts_with("graph")) want = c.graphs_dark;
+      EXPECT_EQ(is_dark, want) << surface;
+    }
   }
 }
 
