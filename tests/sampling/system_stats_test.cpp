@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -16,7 +15,6 @@
 #include "support/main_queue.h"
 
 using namespace pelmora;
-using namespace std::chrono_literals;
 
 namespace {
 
