@@ -74,48 +74,44 @@ class LaptopPower : public ::testing::Test {
   const std::filesystem::path m_dir = m_temp.copyFixture("sampling-laptop");
 };
 
-// A counter this process may not read (a root-only file; as root in this test, a directory stands
-// in for it) is asked of the energy source, which is the helper in the program.
-TEST_F(LaptopPower, ACounterWeMayNotReadComesFromTheEnergySource) {
-  remove("class/powercap/intel-rapl:0/energy_uj");
-  std::filesystem::create_directory(m_dir / "sys/class/powercap/intel-rapl:0/energy_uj");
-  EXPECT_TRUE(RaplZones::read(root()).denied);
+// One meter while the laptop's sources change underneath it. RAPL comes first (its first reading
+// only primes the meter); a counter this process may not read (a root-only file since 5.10; as root
+// here, a directory stands in for it) is asked of the energy source, which is the helper in the
+// program; a zone without a counter, or one neither can read, gives way to hwmon, then the battery.
+TEST_F(LaptopPower, EachSourceGivesWayToTheNext) {
+  const std::string counter = "class/powercap/intel-rapl:0/energy_uj";
   PowerMeter meter;
-  EXPECT_EQ(meter.read_w(root(), 1'000'000), 8.0);  // without a source: the next one, hwmon
-  uint64_t energy_uj = 1'000'000;
-  meter.setEnergySource([&]() -> std::optional<std::vector<RaplReading>> {
-    return std::vector<RaplReading>{{"intel-rapl:0", energy_uj, 262'143'328'850}};
-  });
-  EXPECT_EQ(meter.read_w(root(), 2'000'000), 0.0);
-  energy_uj += 3'000'000;
-  EXPECT_EQ(meter.read_w(root(), 3'000'000), 3.0);
-  // The helper could not read them either: the next source again.
-  meter.setEnergySource([] { return std::optional<std::vector<RaplReading>>(); });
-  EXPECT_EQ(meter.read_w(root(), 4'000'000), 8.0);
-}
-
-TEST_F(LaptopPower, RaplIsPreferredAndMeasuredAcrossItsWrap) {
-  PowerMeter meter;
-  EXPECT_EQ(meter.read_w(root(), 1'000'000), 0.0);  // first reading only primes the meter
-  // 262143000000 -> wraps at 262143328850 -> 19671150: 20 J in two seconds.
-  write("class/powercap/intel-rapl:0/energy_uj", "19671150\n");
-  EXPECT_DOUBLE_EQ(meter.read_w(root(), 3'000'000).value_or(-1), 10.0);
-}
-
-TEST_F(LaptopPower, EachMissingSourceGivesWayToTheNext) {
-  const struct {
-    const char* label;
-    std::vector<std::string> removed;
-    std::optional<double> expected_w;  // none: no power sensor
-  } cases[] = {
-      // energy_uj is root-only since 5.10: a zone we cannot read does not count.
-      {"no rapl counter then hwmon", {"class/powercap/intel-rapl:0/energy_uj"}, 8.0},
-      {"no hwmon power then battery", {"class/powercap", "class/hwmon/hwmon2"}, 9.8},  // current x voltage
-      {"nothing at all", {"class/powercap", "class/hwmon", "class/power_supply"}, std::nullopt},
+  std::optional<uint64_t> helper_uj = 1'000'000;  // what the energy source reads; none: it cannot either
+  const auto source = [&]() -> std::optional<std::vector<RaplReading>> {
+    if (!helper_uj) return std::nullopt;
+    return std::vector<RaplReading>{{"intel-rapl:0", *helper_uj, 262'143'328'850}};
   };
-  for (const auto& c : cases) {  // each row takes away at least what the one before did
-    for (const auto& path : c.removed) remove(path);
-    expectWatts(PowerMeter().read_w(root(), 1'000'000), c.expected_w, c.label);
+  const struct {
+    const char* what;
+    std::vector<std::string> removed;  // before the step's action
+    std::function<void()> act;
+    std::optional<double> expected_w;  // none: no power sensor
+  } steps[] = {
+      {"RAPL's first reading primes", {}, [] {}, 0.0},
+      // 262143000000 -> wraps at 262143328850 -> 19671150: 20 J in a second.
+      {"RAPL across its wrap", {}, [&] { write(counter, "19671150\n"); }, 20.0},
+      {"a counter we may not read, without a source: hwmon",
+       {counter},
+       [&] { std::filesystem::create_directory(m_dir / "sys" / counter); },
+       8.0},
+      {"asked of the source, which primes", {}, [&] { meter.setEnergySource(source); }, 0.0},
+      {"and measures", {}, [&] { *helper_uj += 3'000'000; }, 3.0},
+      {"the source cannot read it either: hwmon", {}, [&] { helper_uj.reset(); }, 8.0},
+      {"a zone without a counter is not asked of the source", {counter}, [&] { helper_uj = 0; }, 8.0},
+      {"then the battery's current x voltage", {"class/powercap", "class/hwmon/hwmon2"}, [] {}, 9.8},
+      {"nothing at all", {"class/hwmon", "class/power_supply"}, [] {}, std::nullopt},
+  };
+  int64_t now_us = 0;
+  for (const auto& step : steps) {
+    for (const auto& path : step.removed) remove(path);
+    step.act();
+    now_us += 1'000'000;
+    expectWatts(meter.read_w(root(), now_us), step.expected_w, step.what);
   }
 }
 
