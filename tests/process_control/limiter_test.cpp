@@ -9,7 +9,6 @@
 #include "process_control/cpu_limiter.h"
 #include "process_control/power_monitor.h"
 #include "process_control/proc_settings.h"
-#include "support/logger.h"
 #include "support/main_queue.h"
 #include "support/pid.h"
 
@@ -23,30 +22,11 @@ struct Rig : test::SimLimiter {
   void add(int32_t pid, const std::string& name) { add(pid, test::SimProcess{.name = name}); }
 };
 
-TEST(Limiter, DutyCycleSendsTheRealStopAndContinueSignals) {
-  Rig r;
-  r.add(50, "spin");
-  r.limit(50, 0.5);
-  EXPECT_EQ(r.limiter->tickInterval_ms(), 30);
-  for (int i = 0; i < 40; ++i) r.step();
-  ASSERT_FALSE(r.wire->signals.empty());
-  EXPECT_EQ(r.wire->signals.front(), std::make_pair(50, int64_t{SIGSTOP}));
-  for (auto& [pid, sig] : r.wire->signals) EXPECT_TRUE(sig == SIGSTOP || sig == SIGCONT) << sig;
-  // Stops and continues alternate: never two stops without a continue between.
-  for (size_t i = 1; i < r.wire->signals.size(); ++i)
-    EXPECT_NE(r.wire->signals[i].second, r.wire->signals[i - 1].second);
-  // A stopped process costs no helper round trip: one "taskinfo" per running tick only.
-  int taskinfos = 0;
-  for (auto& req : r.wire->requests) taskinfos += req.count("taskinfo") && !req.count("taskallinfo");
-  EXPECT_LT(taskinfos, 40);
-  const auto rec = r.limiter->limits().at(50);
-  EXPECT_GT(rec.totalTimeStopped, 0);
-  EXPECT_NEAR(static_cast<double>(r.wire->procs[50].cpu_ns) / 1000.0 / (40 * 30'000.0), 0.5, 0.05);
-}
-
 // The timer sleeps from one due moment to the next: driven from wake to wake on the fake clock,
 // every wake of a busy process's duty cycle stops it, continues it or runs the adjuster, and the
-// share holds as at a fixed tick. A process within its budget is only looked at every 150 ms.
+// share holds as at a fixed tick. Stops and continues alternate, a stopped process is not measured
+// (no round trip), and the adjuster's state lives as long as the limit. A process within its budget
+// is only looked at every 150 ms, and its budget grows, up to twice the nominal quantum.
 TEST(Limiter, TheTimerWakesOnlyWhenAStopAContinueOrTheAdjusterIsDue) {
   struct Case {
     double share, demand;
@@ -89,6 +69,22 @@ TEST(Limiter, TheTimerWakesOnlyWhenAStopAContinueOrTheAdjusterIsDue) {
     if (c.share != 0.5 || c.demand < 1) {
       EXPECT_LT(wakes, 150);
     }
+    const auto& sent = r.wire->signals;
+    EXPECT_EQ(sent.empty(), c.demand < c.share);
+    for (size_t i = 0; i < sent.size(); ++i) EXPECT_EQ(sent[i], std::make_pair(50, int64_t{i % 2 ? SIGCONT : SIGSTOP}));
+    int taskinfos = 0;
+    for (auto& req : r.wire->requests) taskinfos += req.count("taskinfo") && !req.count("taskallinfo");
+    EXPECT_LE(taskinfos + r.wire->count(SIGCONT), wakes + 1);
+    const pidInfo held = r.limiter->limits().at(50);
+    EXPECT_EQ(held.totalTimeStopped > 0, c.demand > c.share);
+    if (c.demand < c.share) {
+      EXPECT_GT(held.creditQuantum, c.share * 30'000);
+      EXPECT_LE(held.creditQuantum, 2 * c.share * 30'000);
+    }
+    r.limiter->clearLimit(50);
+    r.clock.advance_us(600'000);
+    r.limiter->tick();
+    EXPECT_TRUE(r.limiter->adjustments().empty());
   }
 }
 
@@ -116,8 +112,7 @@ TEST(Limiter, ClearingEndsTheLimitEveryWay) {
     for (int i = 0; i < 3; ++i) r.step();
     ASSERT_TRUE(r.stopped(60) && r.stopped(61));
     c.clear(r);
-    EXPECT_FALSE(r.stopped(60));
-    EXPECT_FALSE(r.stopped(61));
+    EXPECT_FALSE(r.stopped(60) || r.stopped(61));
     EXPECT_EQ(r.limiter->limits().empty(), c.forgets_records);
     EXPECT_EQ(!r.limiter->procSettings().limitFor("alpha", kACPowerName), c.forgets_saved_names);
     EXPECT_EQ(r.limiter->tickInterval_ms(), c.forgets_records ? 5000 : 30);
@@ -156,10 +151,8 @@ TEST(Limiter, HelperFailuresRemoveTheLimit) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     Rig r;
-    r.add(80, "delta");
+    r.add(80, test::SimProcess{.name = "delta", .taskinfo_fails = c.taskinfo_fails, .kill_fails = c.kill_fails});
     r.limit(80, 0.5);
-    r.wire->procs[80].taskinfo_fails = c.taskinfo_fails;
-    r.wire->procs[80].kill_fails = c.kill_fails;
     r.step();
     r.step();
     EXPECT_TRUE(r.limiter->limits().empty());
@@ -177,9 +170,7 @@ TEST(Limiter, FrontmostIsNeverHeldUnlessAllowed) {
   const double credit = r.limiter->limits().at(90).credit;
   PID::setFrontmostProvider([] { return std::optional<int32_t>(90); });
   r.limiter->refresh();  // the table refresh brings the frontmost state
-  r.step();
-  EXPECT_FALSE(r.stopped(90));
-  for (int i = 0; i < 5; ++i) r.step();
+  for (int i = 0; i < 6; ++i) r.step();
   EXPECT_FALSE(r.stopped(90));
   EXPECT_EQ(r.limiter->limits().at(90).credit, credit);  // not refilled while in front
   r.limiter->setLimitFrontmost(true);
@@ -212,28 +203,10 @@ TEST(Limiter, IntervalSettingsRescaleQuantaAndTheTimer) {
   }
 }
 
-TEST(Limiter, AdjusterRunsEveryHalfSecondAndKeepsStateOnlyForLimitedProcesses) {
-  Rig r;
-  r.add(11, "zeta");
-  r.limit(11, 0.5);
-  // The first run only starts its state; the second adjusts.
-  for (int i = 0; i < 40; ++i) r.step(0.2);  // uses 0.2 of a processor at most
-  const auto adjustments = r.limiter->adjustments();
-  ASSERT_EQ(adjustments.count(11), 1u);
-  // Below its target, so the budget grew, up to twice the nominal quantum.
-  EXPECT_GT(r.limiter->limits().at(11).creditQuantum, 15000.0);
-  EXPECT_LE(r.limiter->limits().at(11).creditQuantum, 30000.0);
-  r.limiter->clearLimit(11);
-  r.clock.advance_us(600'000);
-  r.limiter->tick();
-  EXPECT_TRUE(r.limiter->adjustments().empty());
-}
-
 TEST(Renice, BoundsAndTheTable) {
   Rig r;
   r.add(33, "nicer");
   std::ofstream(r.dir.dir() / "proc/33/stat") << "33 (nicer) S 1 33 33 0 -1 4194304 0 0 0 0 0 0 0 0 20 5 1 0 9 0 0";
-  r.add(34, "unseen");
   r.limiter->refresh();
   r.dir.addProcess(35);  // appears after the refresh: not in the table
   struct Case {
