@@ -88,37 +88,6 @@ TEST(Limiter, TheTimerWakesOnlyWhenAStopAContinueOrTheAdjusterIsDue) {
   }
 }
 
-TEST(Limiter, ClearingEndsTheLimitEveryWay) {
-  struct Case {
-    const char* what;
-    void (*clear)(Rig&);
-    bool forgets_records;
-    bool forgets_saved_names;
-  };
-  const Case cases[] = {
-      {"clear limit", [](Rig& r) { r.limiter->clearLimit(60); r.limiter->clearLimit(61); }, true, true},
-      {"clear all limits", [](Rig& r) { r.limiter->clearAllLimits(); }, true, true},
-      {"continue all", [](Rig& r) { r.limiter->continueAll(); }, false, false},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    Rig r;
-    r.add(60, "alpha");
-    r.add(61, "beta");
-    r.limiter->refresh();  // names known: the limits are saved under them
-    r.limit(60, 0.25);
-    r.limit(61, 0.25);
-    EXPECT_EQ(r.limiter->procSettings().limitFor("alpha", kACPowerName), 0.25);
-    for (int i = 0; i < 3; ++i) r.step();
-    ASSERT_TRUE(r.stopped(60) && r.stopped(61));
-    c.clear(r);
-    EXPECT_FALSE(r.stopped(60) || r.stopped(61));
-    EXPECT_EQ(r.limiter->limits().empty(), c.forgets_records);
-    EXPECT_EQ(!r.limiter->procSettings().limitFor("alpha", kACPowerName), c.forgets_saved_names);
-    EXPECT_EQ(r.limiter->tickInterval_ms(), c.forgets_records ? 5000 : 30);
-  }
-}
-
 TEST(Limiter, ContinueAllKeepsStaleStoppedRecordsThatResumeWithARedundantContinue) {
   Rig r;
   r.add(70, "gamma");

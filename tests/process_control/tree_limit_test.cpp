@@ -18,6 +18,8 @@
 namespace pelmora {
 namespace {
 
+using nlohmann::json;
+
 TEST(TreeMembers, FollowsParentLinksFromTheMembersThatAreStillThere) {
   // 1 -> 10 -> 11 -> 12, 10 -> 13, 1 -> 20 -> 21; 30 is orphaned (parent 1) but was a member.
   const ProcessLinks links = {{1, {0, 1}},   {10, {1, 5}}, {11, {10, 6}}, {12, {11, 7}},
@@ -84,16 +86,17 @@ struct TreeRig : test::SimLimiter {
     SimLimiter::add(pid, test::SimProcess{.name = name, .uid = ::getuid(), .ppid = ppid});
     dir.addProcess(pid, name, ppid, start_ticks);
   }
-  void limitTree(int32_t pid, double share) {
+  void limitTree(int32_t pid, double share, bool tree = true) {
     MutexLock lock(limiter->mutex());
-    limiter->setLimit(pid, share, true);
+    limiter->setLimit(pid, share, tree);
   }
-  uint64_t cpu_ns(std::initializer_list<int32_t> pids) {
-    uint64_t sum = 0;
-    for (int32_t pid : pids) sum += wire->procs[pid].cpu_ns;
-    return sum;
+  void steps(int n) {
+    for (int i = 0; i < n; ++i) step();
   }
-  // The pids each signal of one kind went to, in order.
+  bool anyStopped(std::initializer_list<int32_t> pids) {
+    return std::any_of(pids.begin(), pids.end(), [&](int32_t pid) { return stopped(pid); });
+  }
+  // The pids signals of one kind went to, from the `from`th signal on.
   std::set<int32_t> signalled(int64_t signal, size_t from = 0) {
     std::set<int32_t> out;
     for (size_t i = from; i < wire->signals.size(); ++i)
@@ -104,20 +107,16 @@ struct TreeRig : test::SimLimiter {
 
 TEST(TreeLimit, TheGroupsSummedTimeFollowsTheShareAndEveryMemberMovesTogether) {
   TreeRig r;
-  const uint64_t before = r.cpu_ns({100, 101, 102, 103});
   r.limitTree(100, 0.5);
   EXPECT_EQ(r.limiter->trees().at(100), (std::set<int32_t>{100, 101, 102, 103}));
-  for (int i = 0; i < 80; ++i) r.step();
+  r.steps(80);
   // Four busy processes held to half of one processor in total, not half each.
-  const double share = static_cast<double>(r.cpu_ns({100, 101, 102, 103}) - before) / 1000.0 / (80 * 30'000.0);
-  EXPECT_NEAR(share, 0.5, 0.05);
+  uint64_t used_ns = 0;
+  for (int32_t pid : {100, 101, 102, 103}) used_ns += r.wire->procs[pid].cpu_ns;
+  EXPECT_NEAR(static_cast<double>(used_ns) / 1000.0 / (80 * 30'000.0), 0.5, 0.05);
   EXPECT_EQ(r.signalled(SIGSTOP), (std::set<int32_t>{100, 101, 102, 103}));  // never 200
   // At every stop, the members are stopped and continued together.
   for (int32_t pid : {101, 102, 103}) EXPECT_EQ(r.stopped(pid), r.stopped(100));
-  r.limiter->clearLimit(100);
-  for (int32_t pid : {100, 101, 102, 103}) EXPECT_FALSE(r.stopped(pid)) << pid;
-  EXPECT_TRUE(r.limiter->trees().empty());
-  EXPECT_TRUE(r.limiter->limits().empty());
 }
 
 TEST(TreeLimit, ChildrenJoinWithinAFewTicksMembersLeaveAndTheGroupEndsWithTheLast) {
@@ -130,7 +129,7 @@ TEST(TreeLimit, ChildrenJoinWithinAFewTicksMembersLeaveAndTheGroupEndsWithTheLas
   r.limiter->refresh();
   r.limiter->renice(100, 7);
   r.add(104, 102, "ld", 500);
-  for (int i = 0; i < 5; ++i) r.step();
+  r.steps(5);
   EXPECT_TRUE(r.limiter->trees().at(100).count(104));
   EXPECT_TRUE(r.stopped(104));
   EXPECT_NE(std::find(r.wire->priorities.begin(), r.wire->priorities.end(), std::make_pair(104, int64_t{7})),
@@ -138,13 +137,13 @@ TEST(TreeLimit, ChildrenJoinWithinAFewTicksMembersLeaveAndTheGroupEndsWithTheLas
   // The first process exits: the group goes on under its pid without it.
   r.gone(100);
   r.gone(101);
-  for (int i = 0; i < 10; ++i) r.step();
+  r.steps(10);
   EXPECT_EQ(r.limiter->trees().at(100), (std::set<int32_t>{102, 103, 104}));
   const size_t mark = r.wire->signals.size();
-  for (int i = 0; i < 40; ++i) r.step();
+  r.steps(40);
   EXPECT_EQ(r.signalled(SIGSTOP, mark), (std::set<int32_t>{102, 103, 104}));
   for (int32_t pid : {102, 103, 104}) r.gone(pid);
-  for (int i = 0; i < 5; ++i) r.step();
+  r.steps(5);
   EXPECT_TRUE(r.limiter->trees().empty());
   EXPECT_TRUE(r.limiter->limits().empty());
   EXPECT_EQ(r.limiter->tickInterval_ms(), 5000);
@@ -152,30 +151,21 @@ TEST(TreeLimit, ChildrenJoinWithinAFewTicksMembersLeaveAndTheGroupEndsWithTheLas
 
 TEST(TreeLimit, ATreeTakesOverTheLimitsInsideItAndItsMembersCannotBeLimitedApart) {
   TreeRig r;
-  {
-    MutexLock lock(r.limiter->mutex());
-    r.limiter->setLimit(101, 0.1);
-  }
+  r.limit(101, 0.1);
   r.step();
   ASSERT_TRUE(r.stopped(101));
   r.limitTree(100, 0.9);
   EXPECT_EQ(r.limiter->limits().count(101), 0u);
   EXPECT_FALSE(r.stopped(101));  // its own stop ends: the group runs now
-  {
-    MutexLock lock(r.limiter->mutex());
-    r.limiter->setLimit(103, 0.1);
-  }
+  r.limit(103, 0.1);
   EXPECT_EQ(r.limiter->limits().count(103), 0u);
   EXPECT_EQ(r.limiter->treeOf(103), 100);
   // Without its children again: the members are let go, the first process keeps its share.
   r.step();
-  {
-    MutexLock lock(r.limiter->mutex());
-    r.limiter->setLimit(100, 0.9, false);
-  }
+  r.limitTree(100, 0.9, false);
   EXPECT_TRUE(r.limiter->trees().empty());
   EXPECT_EQ(r.limiter->limitFor(100), 0.9);
-  for (int32_t pid : {101, 102, 103}) EXPECT_FALSE(r.stopped(pid)) << pid;
+  EXPECT_FALSE(r.anyStopped({101, 102, 103}));
 }
 
 TEST(TreeLimit, AMemberThatRefusesSignalsIsLeftOutAndNotAskedAgainWhileItsChildStays) {
@@ -185,54 +175,71 @@ TEST(TreeLimit, AMemberThatRefusesSignalsIsLeftOutAndNotAskedAgainWhileItsChildS
   r.step();  // the first stop: 101 refuses it
   EXPECT_EQ(r.limiter->trees().at(100), (std::set<int32_t>{100, 102, 103}));
   const size_t mark = r.wire->signals.size();
-  for (int i = 0; i < 40; ++i) r.step();
+  r.steps(40);
   EXPECT_EQ(r.signalled(SIGSTOP, mark), (std::set<int32_t>{100, 102, 103}));
   EXPECT_EQ(r.limiter->trees().at(100), (std::set<int32_t>{100, 102, 103}));
 }
 
+// A tree (with a child forked while held) and a single process, both held: every way out continues
+// them all; clearing forgets the records and the names they were saved under (with the tree flag).
 TEST(TreeLimit, EveryWayOutContinuesEveryMember) {
   struct Case {
     const char* what;
     void (*out)(TreeRig&);
+    bool forgets;
   };
   const Case cases[] = {
-      {"clear limit", [](TreeRig& r) { r.limiter->clearLimit(100); }},
-      {"clear all limits", [](TreeRig& r) { r.limiter->clearAllLimits(); }},
-      {"continue all (sleep)", [](TreeRig& r) { r.limiter->continueAll(); }},
-      {"quit", [](TreeRig& r) { r.limiter.reset(); }},
+      {"clear limit",
+       [](TreeRig& r) {
+         r.limiter->clearLimit(100);
+         r.limiter->clearLimit(200);
+       },
+       true},
+      {"clear all limits", [](TreeRig& r) { r.limiter->clearAllLimits(); }, true},
+      {"continue all (sleep)", [](TreeRig& r) { r.limiter->continueAll(); }, false},
+      {"quit", [](TreeRig& r) { r.limiter.reset(); }, false},
   };
+  const json limited = {{"AC Power", {{"make", 0.25}, {"other", 0.25}}}};
+  const json as_tree = {{"AC Power", {{"make", true}}}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     TreeRig r;
+    r.limiter->refresh();  // names known: the limits are saved under them
     r.limitTree(100, 0.25);
+    r.limit(200, 0.25);
+    EXPECT_EQ(r.settings.loadValue("limited"), limited);
+    EXPECT_EQ(r.settings.loadValue("limited_tree"), as_tree);
     r.add(104, 103, "ld", 500);
-    r.step();
-    for (int32_t pid : {100, 101, 102, 103, 104}) ASSERT_TRUE(r.stopped(pid)) << pid;
+    r.steps(3);
+    for (int32_t pid : {100, 101, 102, 103, 104, 200}) ASSERT_TRUE(r.stopped(pid)) << pid;
     c.out(r);
-    for (int32_t pid : {100, 101, 102, 103, 104}) EXPECT_FALSE(r.stopped(pid)) << pid;
+    EXPECT_FALSE(r.anyStopped({100, 101, 102, 103, 104, 200}));
+    EXPECT_EQ(r.settings.loadValue("limited"), c.forgets ? json::object() : limited);
+    EXPECT_EQ(r.settings.loadValue("limited_tree"), c.forgets ? json::object() : as_tree);
+    if (!r.limiter) continue;
+    EXPECT_EQ(r.limiter->limits().empty(), c.forgets);
+    EXPECT_EQ(r.limiter->trees().empty(), c.forgets);
+    EXPECT_EQ(r.limiter->tickInterval_ms(), c.forgets ? 5000 : 30);
   }
 }
 
 TEST(TreeLimit, RememberedByNameWithItsChildrenAndOldSettingsStillLoad) {
   struct Case {
     const char* what;
-    nlohmann::json limited, limited_tree;
+    json limited_tree;
     bool expect_tree;
   };
   const Case cases[] = {
-      {"saved with its children", {{"AC Power", {{"make", 0.3}}}}, {{"AC Power", {{"make", true}}}}, true},
-      {"a file from before tree limits", {{"AC Power", {{"make", 0.3}}}}, nullptr, false},
-      {"a tree flag for the other source only",
-       {{"AC Power", {{"make", 0.3}}}},
-       {{"Battery Power", {{"make", true}}}},
-       false},
-      {"a malformed tree flag", {{"AC Power", {{"make", 0.3}}}}, {{"AC Power", {{"make", "yes"}}}}, false},
+      {"saved with its children", {{"AC Power", {{"make", true}}}}, true},
+      {"a file from before tree limits", nullptr, false},
+      {"a tree flag for the other source only", {{"Battery Power", {{"make", true}}}}, false},
+      {"a malformed tree flag", {{"AC Power", {{"make", "yes"}}}}, false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     TreeRig r;
     r.limiter.reset();
-    r.settings.saveDict("limited", c.limited);
+    r.settings.saveDict("limited", {{"AC Power", {{"make", 0.3}}}});
     if (!c.limited_tree.is_null()) r.settings.saveDict("limited_tree", c.limited_tree);
     r.make();
     r.limiter->refresh();
@@ -241,14 +248,6 @@ TEST(TreeLimit, RememberedByNameWithItsChildrenAndOldSettingsStillLoad) {
     // The members, named otherwise, are not limited apart.
     EXPECT_EQ(r.limiter->limits().size(), 1u);
   }
-  // Setting and clearing writes the flag beside the share, and takes it away with it.
-  TreeRig r;
-  r.limiter->refresh();
-  r.limitTree(100, 0.4);
-  EXPECT_EQ(r.settings.loadValue("limited_tree"), nlohmann::json({{"AC Power", {{"make", true}}}}));
-  r.limiter->clearLimit(100);
-  EXPECT_EQ(r.settings.loadValue("limited_tree"), nlohmann::json::object());
-  EXPECT_EQ(r.settings.loadValue("limited"), nlohmann::json::object());
 }
 
 }  // namespace
