@@ -10,6 +10,7 @@
 #include <functional>
 
 #include "common/temp_dir.h"
+#include "fake_transport.h"
 #include "helper_link/in_process_transport.h"
 #include "helper_link/pelmora.h"
 #include "support/logger.h"
@@ -90,44 +91,76 @@ TEST(BootApply, TheScriptRefusesATamperedSettingsFile) {
   }
 }
 
-// Each refusal is the installer's (tests/helper/boot_installer_test.cpp); here its reason travels back.
+// Each refusal is the installer's (tests/helper/boot_installer_test.cpp); here its reason travels
+// back. An ordinary user served in-process is refused before anything is looked at.
 TEST(BootApply, RefusesUnacceptableResourcesAndChangesNothing) {
-  if (::geteuid() != 0) GTEST_SKIP() << "ownership checks need root to set up";
   struct Case {
     const char* name;
     std::function<void(BootRoot&)> spoil;
     BootControls controls;
     const char* reason;  // part of the logged refusal
+    bool as_user = false;
   };
   const BootControls ok{true, false, true, 2};
   const std::vector<Case> cases = {
       {"group-writable tool", [](BootRoot& r) { ::chmod((r.where.resources_dir / "pelmora").c_str(), 0775); }, ok,
        "writable by others"},
       {"settings out of form", [](BootRoot&) {}, BootControls{true, false, true, 10000}, "malformed settings text"},
+      {"an ordinary user in-process", [](BootRoot& r) { r.options.privileged = false; }, ok,
+       "the privileged helper is not running.", true},
   };
   for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    if (!c.as_user && ::geteuid() != 0) continue;  // ownership checks need root to set up
     BootRoot root;
     c.spoil(root);
-    Pelmora client = root.client();
+    const CallerIdentity user{65534, ::getpid(), 0};
+    Pelmora client = c.as_user ? Pelmora(std::make_unique<InProcessTransport>(root.options, Connection(user)))
+                               : root.client();
     LogCapture log;
     client.applyBoot(true, c.controls, root.where);
     const Lines lines = log.lines();
-    ASSERT_EQ(lines.size(), 1u) << c.name;
-    EXPECT_EQ(lines[0].rfind("applyboot response: ", 0), 0u) << c.name << ": " << lines[0];
-    EXPECT_NE(lines[0].find(c.reason), std::string::npos) << c.name << ": " << lines[0];
-    EXPECT_FALSE(root.where.installed()) << c.name;
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].rfind("applyboot response: ", 0), 0u) << lines[0];
+    EXPECT_NE(lines[0].find(c.reason), std::string::npos) << lines[0];
+    EXPECT_FALSE(root.where.installed());
   }
 }
 
-TEST(BootApply, InProcessServiceRefusesOrdinaryUsers) {
-  BootRoot root;
-  root.options.privileged = false;  // as served in-process for a user
-  Pelmora client(std::make_unique<InProcessTransport>(
-      root.options, Connection(CallerIdentity{65534, ::getpid(), 0})));
-  LogCapture log;
-  client.applyBoot(true, BootControls{}, root.where);
-  EXPECT_EQ(log.lines(), Lines{"applyboot response: the privileged helper is not running."});
-  EXPECT_FALSE(root.where.installed());
+TEST(BootApply, StopsSilentlyWhenThereIsNothingToDo) {
+  struct Case {
+    const char* name;
+    bool install;
+    std::function<void(BootRoot&)> prepare;
+    bool with_controls;
+    bool sent;
+  };
+  const std::vector<Case> cases = {
+      {"uninstall, nothing installed", false, [](BootRoot&) {}, true, false},
+      {"uninstall, folder present", false, [](BootRoot& r) { fs::create_directories(r.where.support_dir); }, true,
+       true},
+      {"uninstall, unit present", false,
+       [](BootRoot& r) { r.tree.write("root/etc/systemd/system/net.tandrel.bootpelmora.service", ""); }, true, true},
+      {"install, missing script", true, [](BootRoot& r) { fs::remove(r.where.resources_dir / "applyboot.sh"); }, true,
+       false},
+      {"install, missing tool", true, [](BootRoot& r) { fs::remove(r.where.resources_dir / "pelmora"); }, true, false},
+      {"install, no settings window", true, [](BootRoot&) {}, false, false},
+      {"install", true, [](BootRoot&) {}, true, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    BootRoot root;
+    c.prepare(root);
+    auto wire = std::make_shared<test::FakeWire>();
+    Pelmora client(std::make_unique<test::FakeTransport>(wire));
+    LogCapture log;
+    client.applyBoot(c.install, c.with_controls ? std::optional(BootControls{}) : std::nullopt, root.where);
+    EXPECT_EQ(wire->requests.size(), c.sent ? 1u : 0u);
+    if (c.sent) {
+      EXPECT_EQ(*xpcString(wire->requests[0], "install"), c.install ? "install" : "uninstall");
+    }
+    EXPECT_TRUE(log.lines().empty());  // the empty reply is no answer: nothing logged
+  }
 }
 
 }  // namespace
