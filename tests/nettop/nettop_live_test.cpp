@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,6 +17,7 @@
 #include "common/child.h"
 #include "common/loopback_pair.h"
 #include "common/tool_process.h"
+#include "support/pidfd.h"
 #include "support/text.h"
 #include "support/unique_fd.h"
 
@@ -30,10 +30,9 @@ constexpr auto kPatience = std::chrono::seconds(20);
 
 // True once the process has exited (a pidfd turns readable), within the patience.
 bool exitsSoon(pid_t pid) {
-  UniqueFd fd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
-  if (!fd) return errno == ESRCH;
+  const UniqueFd fd = pidfdOpen(pid);
   pollfd p{fd.get(), POLLIN, 0};
-  return ::poll(&p, 1, static_cast<int>(std::chrono::milliseconds(kPatience).count())) == 1;
+  return !fd ? errno == ESRCH : ::poll(&p, 1, static_cast<int>(std::chrono::milliseconds(kPatience).count())) == 1;
 }
 
 // True once the tool holds a socket beyond the three descriptors it was started with: its netlink
@@ -76,9 +75,8 @@ class Nettop {
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
     Round round;
     std::string stamp;
-    while (std::chrono::steady_clock::now() < deadline) {
-      const auto nl = m_buffer.find('\n');
-      if (nl == std::string::npos) {
+    for (size_t nl; std::chrono::steady_clock::now() < deadline;) {
+      if ((nl = m_buffer.find('\n')) == std::string::npos) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
                                                                                 std::chrono::steady_clock::now());
         const std::string more = test::readUntil(m_read.get(), "\n", left);
@@ -92,12 +90,12 @@ class Nettop {
         if (done(round)) return round;  // the next round's first line stays in the buffer
         round.clear();
       }
+      if (fields.size() == 6) {
+        stamp = std::string(fields[0]);
+        const auto pid = parseInt64(fields[1].substr(fields[1].rfind('.') + 1)).value_or(0);
+        round[static_cast<int32_t>(pid)] = {parseUInt64(fields[4]).value_or(0), parseUInt64(fields[5]).value_or(0)};
+      }
       m_buffer.erase(0, nl + 1);
-      if (fields.size() != 6) continue;
-      stamp = std::string(fields[0]);
-      const auto pid = parseInt64(fields[1].substr(fields[1].rfind('.') + 1));
-      round[static_cast<int32_t>(pid.value_or(0))] = {parseUInt64(fields[4]).value_or(0),
-                                                       parseUInt64(fields[5]).value_or(0)};
     }
     return std::nullopt;
   }
@@ -110,7 +108,7 @@ class Nettop {
 
 using Pair = test::LoopbackPair;
 
-TEST(NettopLive, CountsPayloadOnlyIncludingWhatASocketMovedJustBeforeItClosed) {
+TEST(NettopLive, CountsPayloadIncludingWhatClosedSocketsMovedAndForgetsExitedProcesses) {
   Nettop nettop(200);
   const int32_t self = ::getpid();
   auto pair = std::make_unique<Pair>();
@@ -128,27 +126,17 @@ TEST(NettopLive, CountsPayloadOnlyIncludingWhatASocketMovedJustBeforeItClosed) {
   // Each side may also count the peer's FIN when it arrived before the socket was freed.
   EXPECT_GE(after->at(self).first, 1300u);
   EXPECT_LE(after->at(self).first, 1302u);
-}
 
-TEST(NettopLive, ForgetsAProcessThatExited) {
-  Pair own;  // keeps this process listed, so that every round prints a line
-  Nettop nettop(200);
-  int go[2];
-  ASSERT_EQ(::pipe(go), 0);
-  const pid_t child = ::fork();
-  if (child == 0) {
-    ::close(go[1]);
-    Pair pair;
-    Pair::move(pair.client.get(), pair.server.get(), 10);
-    char byte;
-    (void)::read(go[0], &byte, 1);
-    ::_exit(0);
-  }
-  ::close(go[0]);
+  // Another process's traffic, listed while it lives; this one stays listed with its totals.
+  std::optional<test::Child> talker(std::in_place, [] {
+    Pair own;
+    Pair::move(own.client.get(), own.server.get(), 10);
+    for (;;) ::pause();
+  });
+  const pid_t child = talker->pid();
   ASSERT_TRUE(nettop.until([&](const Round& r) { return r.count(child) && r.at(child).second == 10; }));
-  ::close(go[1]);
-  ASSERT_EQ(::waitpid(child, nullptr, 0), child);
-  ASSERT_TRUE(nettop.until([&](const Round& r) { return r.count(::getpid()) && !r.count(child); }));
+  talker.reset();
+  ASSERT_TRUE(nettop.until([&](const Round& r) { return r.count(self) && !r.count(child); }));
 }
 
 TEST(NettopLive, EndsWhenItsReaderGoesEvenWithNothingToPrint) {
