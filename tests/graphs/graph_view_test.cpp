@@ -277,60 +277,53 @@ TEST_F(GraphWidgetTest, EveryKindsLegendCaptionAndScale) {
   }
 }
 
-TEST_F(GraphWidgetTest, OneLegendPerClickUntilItClosesAndColoursAreSavedUnderTheClassKey) {
-  GraphViewCPU view;
-  view.resize(100, 50);
-  view.show();
-  click(view, Qt::LeftButton);
-  GraphPopover* first = view.popover();
-  ASSERT_NE(first, nullptr);
-  EXPECT_EQ(first->title(), "Legend");
-  click(view, Qt::LeftButton);
-  EXPECT_EQ(view.popover(), first);
-
-  // Its rows are the kinds table's; the wells hold the class's colours.
-  GraphLegend* legend = view.legend();
-  EXPECT_EQ(legend->color(0), toQColor(system_colors::green));
-  legend->colorChanged(legend->colorButton(1), QColor(1, 2, 3));
-  EXPECT_EQ(store->loadValue("cpu_colors"), (nlohmann::json{"#34C759FF", "#010203FF"}));
-
-  first->hide();  // the user clicked elsewhere
-  EXPECT_EQ(view.popover(), nullptr);
-  EXPECT_EQ(view.legend(), nullptr);
-  click(view, Qt::LeftButton);
-  ASSERT_NE(view.legend(), nullptr);
-  EXPECT_EQ(view.legend()->color(1), QColor(1, 2, 3));  // the next legend shows the saved colour
-  view.popover()->hide();
-}
-
-TEST_F(GraphWidgetTest, TheInterfaceAndVolumesPopoversLiveBesideTheLegend) {
+// The text of the interface or the volumes a right click opens, and the legend a click opens beside
+// it: one per click, each closing on its own. A colour chosen in the legend is saved under the
+// class's key and shown by the next legend.
+TEST_F(GraphWidgetTest, PopoversOpenOncePerClickAndCloseOnTheirOwn) {
+  GraphViewCPU cpu;
   GraphViewNet net;
   net.setDevice("lo");
   GraphViewIO disk;
-  struct Case {
+  const struct {
     GraphView* view;
-    std::function<GraphPopover*()> second;
+    std::function<GraphPopover*()> details;  // none for the processor
     const char* title;
-  } cases[] = {{&net, [&] { return net.detailsPopover(); }, "ifconfig"},
+  } cases[] = {{&cpu, nullptr, "processor"},
+               {&net, [&] { return net.detailsPopover(); }, "ifconfig"},
                {&disk, [&] { return disk.detailsPopover(); }, "Volumes"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.title);
     c.view->resize(100, 50);
     c.view->show();
-    click(*c.view, Qt::RightButton);
-    c.view->openLegend();
-    GraphPopover* second = c.second();
-    ASSERT_NE(second, nullptr);
-    EXPECT_EQ(second->title(), c.title);
-    EXPECT_FALSE(static_cast<TextDisplay*>(second->content())->toPlainText().isEmpty());
-    ASSERT_NE(c.view->popover(), nullptr);
-    EXPECT_NE(c.view->popover(), second);
-    second->hide();  // closing the text drops only the text
-    EXPECT_EQ(c.second(), nullptr);
-    EXPECT_NE(c.view->legend(), nullptr);
-    c.view->popover()->hide();
+    if (c.details) click(*c.view, Qt::RightButton);
+    click(*c.view, Qt::LeftButton);
+    GraphPopover* legend = c.view->popover();
+    ASSERT_NE(legend, nullptr);
+    EXPECT_EQ(legend->title(), "Legend");
+    click(*c.view, Qt::LeftButton);
+    EXPECT_EQ(c.view->popover(), legend);
+    c.view->legend()->colorChanged(c.view->legend()->colorButton(1), QColor(1, 2, 3));
+    if (c.details) {
+      GraphPopover* details = c.details();
+      ASSERT_NE(details, nullptr);
+      EXPECT_EQ(details->title(), c.title);
+      EXPECT_FALSE(static_cast<TextDisplay*>(details->content())->toPlainText().isEmpty());
+      EXPECT_NE(details, legend);
+      details->hide();  // closing the text drops only the text
+      EXPECT_EQ(c.details(), nullptr);
+      EXPECT_EQ(c.view->popover(), legend);
+      EXPECT_NE(c.view->legend(), nullptr);
+    }
+    legend->hide();  // the user clicked elsewhere
+    EXPECT_EQ(c.view->popover(), nullptr);
     EXPECT_EQ(c.view->legend(), nullptr);
+    click(*c.view, Qt::LeftButton);
+    ASSERT_NE(c.view->legend(), nullptr);
+    EXPECT_EQ(c.view->legend()->color(1), QColor(1, 2, 3));
+    c.view->popover()->hide();
   }
+  EXPECT_EQ(store->loadValue("cpu_colors"), (nlohmann::json{"#34C759FF", "#010203FF"}));
 }
 
 // The kinds above name at most four series; a fifth has no row, and a well not the legend's is -1.
