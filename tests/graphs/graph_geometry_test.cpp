@@ -78,24 +78,21 @@ TEST(GraphGeometry, GridLines) {
   }
 }
 
-TEST(GraphGeometry, VisibleColumnsAndTheSmallestDrawnView) {
+// How many columns, and how much time, a view of a width shows; the smallest view drawn at all.
+TEST(GraphGeometry, VisibleColumnsTheirSpanAndTheSmallestDrawnView) {
   const std::pair<double, size_t> widths[] = {{100, 51}, {101, 52}, {102, 52}, {0.5, 1}, {1, 2}, {3, 3}};
   for (auto [width, columns] : widths) EXPECT_EQ(visibleColumns(width), columns) << width;
+  const struct {
+    double width, interval_s;
+    const char* text;
+  } spans[] = {
+      {0, 1, "0 s"},      {1, 1, "0 s"},      {200, 1, "100 s"},    {238, 1, "119 s"}, {240, 1, "2 min"},
+      {900, 2, "15 min"}, {1000, 1, "8 min"}, {7198, 2, "120 min"}, {7200, 2, "2 h"},  {36000, 5, "25 h"},
+  };
+  for (const auto& c : spans) EXPECT_EQ(spanText(visibleSpan_s(c.width, c.interval_s)), c.text) << c.width;
   EXPECT_TRUE(drawsContent(1.0, 1.0));
   EXPECT_FALSE(drawsContent(0.99, 100));
   EXPECT_FALSE(drawsContent(100, 0.5));
-}
-
-TEST(GraphGeometry, TheSpanOfTimeAGraphShows) {
-  struct Case {
-    double width, interval_s;
-    const char* text;
-  };
-  const Case cases[] = {
-      {0, 1, "0 s"},     {1, 1, "0 s"},       {200, 1, "100 s"},   {238, 1, "119 s"}, {240, 1, "2 min"},
-      {900, 2, "15 min"}, {1000, 1, "8 min"}, {7198, 2, "120 min"}, {7200, 2, "2 h"},  {36000, 5, "25 h"},
-  };
-  for (const Case& c : cases) EXPECT_EQ(spanText(visibleSpan_s(c.width, c.interval_s)), c.text) << c.width;
 }
 
 }  // namespace
