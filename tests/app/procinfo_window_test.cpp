@@ -30,9 +30,6 @@
 namespace pelmora {
 namespace {
 
-using Pids = std::vector<int32_t>;
-using PidDepths = std::vector<std::pair<int32_t, int>>;
-
 // The window's user; tests run as root or as anyone, so the window is told who it is.
 constexpr uint32_t kMe = 1000;
 
@@ -48,6 +45,22 @@ const std::vector<Proc> kStandard = {{100, "Xorg", 0, 0.30},
                                      {200, "firefox", kMe, 0.80},
                                      {201, "bash", kMe, 0.05},
                                      {300, "postgres", kMe + 1, 0.10}};
+
+std::string cell(const ProcinfoWindow& w, int32_t pid, const std::string& column) {
+  const int row = w.model().rowOfPid(pid);
+  if (row < 0) return "<absent>";
+  return w.model().index(row, ProcessTableModel::columnOf(column)).data().toString().toStdString();
+}
+
+// The rows top to bottom, as "200 +211 100": a '+' for each level a name is indented (3 spaces).
+std::string shown(const ProcinfoWindow& w) {
+  std::string out;
+  for (const auto& row : w.model().rows()) {
+    const size_t indent = cell(w, row.info.pid, "process").find_first_not_of(' ');
+    out += (out.empty() ? "" : " ") + std::string(indent / 3, '+') + std::to_string(row.info.pid);
+  }
+  return out;
+}
 
 // A limiter over simulated processes (authorised; the tests of the controls set what they need)
 // and a window of kMe's on it.
@@ -84,25 +97,21 @@ class ProcinfoWindowTest : public ::testing::Test, public test::SimLimiter {
     helper.setAuthorised(authorised);
     RunLoop::main().runUntilIdle();  // "authchanged"
   }
-  std::optional<double> kept(const char* name, const char* power) {
+  std::optional<double> kept(const std::string& name, const char* power) {
     return limiter->procSettings().limitFor(name, power);
+  }
+  // For one process: the limit in force, the shares kept for AC and for the battery, its limit
+  // cell, and whether "Clear Limit" is enabled.
+  using Held = std::tuple<std::optional<double>, std::optional<double>, std::optional<double>, std::string, bool>;
+  Held held(int32_t pid) {
+    const std::string name = wire->procs[pid].name;
+    return {limiter->limitFor(pid), kept(name, "AC Power"), kept(name, "Battery Power"), cell(*w, pid, "limit"),
+            w->clearLimitButton()->isEnabled()};
   }
 
   std::map<int32_t, double> demand;
   std::unique_ptr<ProcinfoWindow> w;
 };
-
-Pids shownPids(const ProcinfoWindow& w) {
-  Pids pids;
-  for (const auto& row : w.model().rows()) pids.push_back(row.info.pid);
-  return pids;
-}
-
-std::string cell(const ProcinfoWindow& w, int32_t pid, const std::string& column) {
-  const int row = w.model().rowOfPid(pid);
-  if (row < 0) return "<absent>";
-  return w.model().index(row, ProcessTableModel::columnOf(column)).data().toString().toStdString();
-}
 
 // A click on a column's header, as the user makes it.
 void clickHeader(ProcinfoWindow& w, const std::string& column) {
@@ -118,33 +127,29 @@ void clickHeader(ProcinfoWindow& w, const std::string& column) {
 TEST_F(ProcinfoWindowTest, FirstOpenSortsByShareAndAFirstHeaderClickSortsNamesAToZAndNumbersLargestFirst) {
   open();
   EXPECT_EQ(w->processFilter(), processesView::all);
-  EXPECT_EQ(shownPids(*w), (Pids{200, 100, 300, 201}));
+  EXPECT_EQ(shown(*w), "200 100 300 201");
   EXPECT_EQ(w->table()->horizontalHeader()->sortIndicatorSection(), ProcessTableModel::columnOf("pctcpu"));
   EXPECT_EQ(w->table()->horizontalHeader()->sortIndicatorOrder(), Qt::DescendingOrder);
   EXPECT_EQ(cell(*w, 200, "pctcpu"), "80.0");
   EXPECT_FALSE(w->coverBox()->isHidden());
   EXPECT_EQ(ProcinfoWindow::shared(), w.get());
   w->show();
-  const struct {
-    const char* column;
-    bool ascending;
-    Pids pids;
-  } clicks[] = {
+  const std::tuple<const char*, bool, const char*> clicks[] = {
       // bash, firefox, postgres, Xorg
-      {"process", true, {201, 200, 300, 100}},
-      {"pid", false, {300, 201, 200, 100}},
+      {"process", true, "201 200 300 100"},
+      {"pid", false, "300 201 200 100"},
       // the second click turns the order
-      {"pid", true, {100, 200, 201, 300}},
-      {"pctcpu", false, {200, 100, 300, 201}},
-      {"user", true, {}},
+      {"pid", true, "100 200 201 300"},
+      {"pctcpu", false, "200 100 300 201"},
+      {"user", true, nullptr},
   };
-  for (const auto& c : clicks) {
-    SCOPED_TRACE(c.column);
-    clickHeader(*w, c.column);
-    EXPECT_EQ(w->sortKey(), c.column);
-    EXPECT_EQ(w->sortAscending(), c.ascending);
-    if (!c.pids.empty()) {
-      EXPECT_EQ(shownPids(*w), c.pids);
+  for (const auto& [column, ascending, rows] : clicks) {
+    SCOPED_TRACE(column);
+    clickHeader(*w, column);
+    EXPECT_EQ(w->sortKey(), column);
+    EXPECT_EQ(w->sortAscending(), ascending);
+    if (rows) {
+      EXPECT_EQ(shown(*w), rows);
     }
   }
   w->close();
@@ -156,7 +161,7 @@ TEST_F(ProcinfoWindowTest, SettingsAreReadAtOpenAndWrittenAtClose) {
   settings.saveBool("process_sort_ascending", true);
   open();
   EXPECT_EQ(w->processFilter(), processesView::mine);
-  EXPECT_EQ(shownPids(*w), (Pids{201, 200}));  // bash, firefox
+  EXPECT_EQ(shown(*w), "201 200");  // bash, firefox
   w->table()->horizontalHeader()->setSortIndicator(ProcessTableModel::columnOf("pid"), Qt::DescendingOrder);
   w->viewProcesses(processesView::other);
   w->show();
@@ -174,85 +179,56 @@ TEST_F(ProcinfoWindowTest, SettingsAreReadAtOpenAndWrittenAtClose) {
   EXPECT_EQ(w->processFilter(), processesView::all);
 }
 
-TEST_F(ProcinfoWindowTest, FiltersAndSearch) {
-  open().setApplicationPids([](const std::map<int32_t, procinfo>&) { return std::set<int32_t>{200, 999}; });
-  const struct {
-    processesView view;
-    const char* search;
-    int type;
-    Pids pids;
-    const char* title;
-  } cases[] = {
-      {processesView::all, "", 0, {200, 100, 300, 201}, "All Processes (4)"},
-      {processesView::mine, "", 0, {200, 201}, "My Processes (2)"},
-      {processesView::system, "", 0, {100}, "System Processes (1)"},
-      {processesView::other, "", 0, {300}, "Other User Processes (1)"},
-      {processesView::application, "", 0, {200}, "Applications (1)"},
-      {processesView::all, "FIRE", 0, {200}, "All Processes (1)"},
-      {processesView::all, "fire", 1, {100, 300, 201}, "All Processes (3)"},
-      {processesView::all, "", 1, {200, 100, 300, 201}, "All Processes (4)"},  // no search leaves all
-      {processesView::mine, "s", 0, {201}, "My Processes (1)"},
-      {processesView::all, "nothing", 0, {}, "All Processes (0)"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.title) + " / " + c.search);
-    w->setSearchType(c.type);
-    w->changeSearch(c.search);
-    w->viewProcesses(c.view);
-    EXPECT_EQ(shownPids(*w), c.pids);
-    EXPECT_EQ(w->headerTitle()->text().toStdString(), c.title);
-  }
-}
-
 QAction* treeItem(const ProcinfoWindow& w) {
   for (QAction* a : w.findChildren<QAction*>())
     if (a->text() == "Tree of Parents and Children") return a;
   return nullptr;
 }
 
-// The tree is switched from the header's view menu like the filters, works with them and the
-// search, indents children under their parents in the name column, and is remembered.
-TEST_F(ProcinfoWindowTest, TreeViewShowsChildrenUnderTheirParentsAndIsSwitchedLikeTheFilters) {
-  std::vector<Proc> procs = kStandard;
+// The filters, the search and the tree (switched from the header's view menu) work together; the
+// tree indents children under their parents, each level by share, and is remembered.
+TEST_F(ProcinfoWindowTest, FiltersSearchAndTheTreeOfParentsAndChildren) {
+  std::vector<Proc> procs = kStandard;  // children of init
   procs.insert(procs.end(), {{210, "Web Content", kMe, 0.20, 200},
                              {211, "Web Content", kMe, 0.40, 200},
                              {220, "yes", kMe, 0.90, 201},
                              {310, "postgres", kMe + 1, 0.01, 300}});
-  open(procs);
+  open(procs).setApplicationPids([](const std::map<int32_t, procinfo>&) { return std::set<int32_t>{200, 999}; });
   ASSERT_NE(treeItem(*w), nullptr);
-  const struct {
-    bool tree;
-    processesView view;
-    const char* search;
-    PidDepths rows;  // top to bottom
-  } cases[] = {
-      // flat, by share
-      {false, processesView::all, "", {{220, 0}, {200, 0}, {211, 0}, {100, 0}, {210, 0}, {300, 0}, {201, 0}, {310, 0}}},
-      // a tree: children under their parents, each level by share
-      {true, processesView::all, "", {{200, 0}, {211, 1}, {210, 1}, {100, 0}, {300, 0}, {310, 1}, {201, 0}, {220, 1}}},
-      // with a filter: a parent filtered out makes its child a root
-      {true, processesView::other, "", {{300, 0}, {310, 1}}},
-      {true, processesView::all, "web", {{211, 0}, {210, 0}}},
-      {true, processesView::mine, "", {{200, 0}, {211, 1}, {210, 1}, {201, 0}, {220, 1}}},
+  using View = processesView;
+  const std::tuple<bool, View, const char*, int, const char*, const char*> cases[] = {
+      // tree, filter, search, 0: name contains / 1: does not, rows, title
+      {false, View::all, "", 0, "220 200 211 100 210 300 201 310", "All Processes (8)"},
+      {false, View::mine, "", 0, "220 200 211 210 201", "My Processes (5)"},
+      {false, View::system, "", 0, "100", "System Processes (1)"},
+      {false, View::other, "", 0, "300 310", "Other User Processes (2)"},
+      {false, View::application, "", 0, "200", "Applications (1)"},
+      {false, View::all, "FIRE", 0, "200", "All Processes (1)"},
+      {false, View::all, "fire", 1, "220 211 100 210 300 201 310", "All Processes (7)"},
+      {false, View::all, "", 1, "220 200 211 100 210 300 201 310", "All Processes (8)"},  // no search leaves all
+      {false, View::mine, "s", 0, "220 201", "My Processes (2)"},
+      {false, View::all, "nothing", 0, "", "All Processes (0)"},
+      {true, View::all, "", 0, "200 +211 +210 100 300 +310 201 +220", "All Processes (8)"},
+      // a parent filtered out or not found makes its child a root
+      {true, View::other, "", 0, "300 +310", "Other User Processes (2)"},
+      {true, View::all, "web", 0, "211 210", "All Processes (2)"},
+      {true, View::mine, "", 0, "200 +211 +210 201 +220", "My Processes (5)"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(&c - cases);
-    if (treeItem(*w)->isChecked() != c.tree) treeItem(*w)->trigger();
-    w->changeSearch(c.search);
-    w->viewProcesses(c.view);
-    PidDepths rows;
-    for (const auto& row : w->model().rows()) rows.emplace_back(row.info.pid, row.depth);
-    EXPECT_EQ(rows, c.rows);
-    EXPECT_EQ(w->treeView(), c.tree);
-    for (const auto& [pid, depth] : c.rows)
-      EXPECT_EQ(cell(*w, pid, "process").find_first_not_of(' '), size_t(depth) * 3) << pid;
+  for (const auto& [tree, view, search, type, rows, title] : cases) {
+    SCOPED_TRACE(std::string(title) + " / " + search + (tree ? " / tree" : ""));
+    if (treeItem(*w)->isChecked() != tree) treeItem(*w)->trigger();
+    w->setSearchType(type);
+    w->changeSearch(search);
+    w->viewProcesses(view);
+    EXPECT_EQ(shown(*w), rows);
+    EXPECT_EQ(w->headerTitle()->text().toStdString(), title);
+    EXPECT_EQ(w->treeView(), tree);
   }
   // Closed with the tree on, opened again with it on.
   w->close();
   reopen();
   EXPECT_TRUE(w->treeView());
   EXPECT_TRUE(treeItem(*w)->isChecked());
-  EXPECT_EQ(w->model().rows()[1].depth, 1);
 }
 
 TEST_F(ProcinfoWindowTest, SelectionSurvivesRefreshesAndAVanishedProcessLeavesTheDetailArea) {
@@ -267,7 +243,7 @@ TEST_F(ProcinfoWindowTest, SelectionSurvivesRefreshesAndAVanishedProcessLeavesTh
   gone(201);
   const QPersistentModelIndex held = w->model().index(w->model().rowOfPid(300), 0);
   refresh();
-  EXPECT_EQ(shownPids(*w), (Pids{300, 200, 100, 400}));
+  EXPECT_EQ(shown(*w), "300 200 100 400");
   auto merge = w->model().lastMerge();
   EXPECT_EQ(std::tuple(merge.removed, merge.inserted, merge.reordered), std::tuple(1, 1, true));
   EXPECT_EQ(held.row(), 0);  // persistent indexes move with their process
@@ -290,38 +266,29 @@ TEST_F(ProcinfoWindowTest, SelectionSurvivesRefreshesAndAVanishedProcessLeavesTh
 }
 
 TEST_F(ProcinfoWindowTest, LimitControlLimitsClearsAndRemembersPerPowerSource) {
+  constexpr std::nullopt_t none = std::nullopt;
   open().selectPid(200);
   w->limitControl()->setValue(20);
-  EXPECT_EQ(limiter->limitFor(200), 0.2);
-  EXPECT_EQ(kept("firefox", "AC Power"), 0.2);
-  EXPECT_EQ(cell(*w, 200, "limit"), "20.0");
-  EXPECT_TRUE(w->clearLimitButton()->isEnabled());
-
+  EXPECT_EQ(held(200), Held(0.2, 0.2, none, "20.0", true));
   // The battery list is remembered without touching the limit in force, and can be taken back from
   // there, by the button or by "None", still without touching it.
   w->changePowerSource(1);
   EXPECT_EQ(w->limitControl()->value(), 0);
-  EXPECT_FALSE(w->clearLimitButton()->isEnabled());
+  EXPECT_EQ(held(200), Held(0.2, 0.2, none, "20.0", false));
   for (const bool by_button : {true, false}) {
     SCOPED_TRACE(by_button ? "button" : "None");
     w->limitControl()->setValue(40);
-    EXPECT_EQ(kept("firefox", "Battery Power"), 0.4);
-    ASSERT_TRUE(w->clearLimitButton()->isEnabled());
+    EXPECT_EQ(held(200), Held(0.2, 0.2, 0.4, "20.0", true));
     if (by_button)
       w->clearLimitButton()->click();
     else
       w->limitControl()->setValue(0);
-    EXPECT_FALSE(kept("firefox", "Battery Power"));
-    EXPECT_EQ(limiter->limitFor(200), 0.2);
-    EXPECT_FALSE(w->clearLimitButton()->isEnabled());
+    EXPECT_EQ(held(200), Held(0.2, 0.2, none, "20.0", false));
   }
   w->changePowerSource(0);
   EXPECT_EQ(w->limitControl()->value(), 20);
-
   w->limitControl()->setValue(0);  // "None"
-  EXPECT_FALSE(limiter->limitFor(200));
-  EXPECT_FALSE(kept("firefox", "AC Power"));
-  EXPECT_EQ(cell(*w, 200, "limit"), "");
+  EXPECT_EQ(held(200), Held(none, none, none, "", false));
 
   w->limitControl()->setValue(35);
   w->selectPid(201);
@@ -432,7 +399,7 @@ TEST_F(ProcinfoWindowTest, IncludeChildProcessesHoldsTheTreeAndTheRowsShowIt) {
   EXPECT_EQ(limiter->trees()[20], (std::set<int32_t>{20, 21, 22}));
   EXPECT_TRUE(limiter->procSettings().limitHoldsTree("make", "AC Power"));
   refresh();
-  EXPECT_EQ(cell(*w, 20, "limit"), "40.0 Σ");
+  EXPECT_EQ(held(20), Held(0.4, 0.4, std::nullopt, "40.0 Σ", true));
   EXPECT_EQ(cell(*w, 21, "limit"), "with 20");
   // A member: the group's limit, shown and not settable apart.
   w->selectPid(21);
@@ -444,8 +411,7 @@ TEST_F(ProcinfoWindowTest, IncludeChildProcessesHoldsTheTreeAndTheRowsShowIt) {
   // Unticked on the first process: the limit stays, on it alone.
   w->selectPid(20);
   include->click();
-  EXPECT_TRUE(limiter->trees().empty());
-  EXPECT_EQ(limiter->limitFor(20), 0.4);
+  EXPECT_EQ(held(20), Held(0.4, 0.4, std::nullopt, "40.0", true));
   EXPECT_FALSE(limiter->procSettings().limitHoldsTree("make", "AC Power"));
   EXPECT_EQ(cell(*w, 21, "limit"), "");
   // The battery's list remembers the choice without touching the limit in force.
@@ -453,8 +419,7 @@ TEST_F(ProcinfoWindowTest, IncludeChildProcessesHoldsTheTreeAndTheRowsShowIt) {
   w->limitControl()->setValue(25);
   include->click();
   EXPECT_TRUE(limiter->procSettings().limitHoldsTree("make", "Battery Power"));
-  EXPECT_EQ(kept("make", "Battery Power"), 0.25);
-  EXPECT_TRUE(limiter->trees().empty());
+  EXPECT_EQ(held(20), Held(0.4, 0.4, 0.25, "40.0", true));
   w->changePowerSource(0);
   EXPECT_FALSE(include->isChecked());
   w->changePowerSource(1);
