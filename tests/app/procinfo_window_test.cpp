@@ -265,10 +265,19 @@ TEST_F(ProcinfoWindowTest, SelectionSurvivesRefreshesAndAVanishedProcessLeavesTh
   EXPECT_FALSE(w->limitControl()->controlEnabled());
 }
 
-TEST_F(ProcinfoWindowTest, LimitControlLimitsClearsAndRemembersPerPowerSource) {
+// The limit cell of the frontmost process is in parentheses while frontmost limiting is off.
+TEST_F(ProcinfoWindowTest, LimitControlLimitsClearsAndRemembersPerPowerSourceAndTheCellMarksTheFrontmost) {
   constexpr std::nullopt_t none = std::nullopt;
+  PID::setFrontmostProvider([] { return std::optional<int32_t>(200); });
   open().selectPid(200);
   w->limitControl()->setValue(20);
+  EXPECT_EQ(held(200), Held(0.2, 0.2, none, "(20.0)", true));
+  settings.saveBool("LimitFrontmost", true);
+  w->rebuild();
+  EXPECT_EQ(cell(*w, 200, "limit"), "20.0");
+  settings.saveBool("LimitFrontmost", false);
+  PID::setFrontmostProvider([] { return std::optional<int32_t>(100); });
+  refresh();  // the limiter learns who is in front at its refresh
   EXPECT_EQ(held(200), Held(0.2, 0.2, none, "20.0", true));
   // The battery list is remembered without touching the limit in force, and can be taken back from
   // there, by the button or by "None", still without touching it.
@@ -307,20 +316,6 @@ TEST_F(ProcinfoWindowTest, LimitControlLimitsClearsAndRemembersPerPowerSource) {
   EXPECT_EQ(asked, 2);
   EXPECT_TRUE(limiter->limits().empty());
   EXPECT_GE(wire->count(SIGCONT), 2) << "every limited process was continued on the way out";
-}
-
-TEST_F(ProcinfoWindowTest, FrontmostLimitShownInParenthesesOnlyWhileFrontmostLimitingIsOff) {
-  PID::setFrontmostProvider([] { return std::optional<int32_t>(200); });
-  open().selectPid(200);
-  w->limitControl()->setValue(20);
-  EXPECT_EQ(cell(*w, 200, "limit"), "(20.0)");
-  settings.saveBool("LimitFrontmost", true);
-  w->rebuild();
-  EXPECT_EQ(cell(*w, 200, "limit"), "20.0");
-  settings.saveBool("LimitFrontmost", false);
-  PID::setFrontmostProvider([] { return std::optional<int32_t>(100); });
-  refresh();  // the limiter learns who is in front at its refresh
-  EXPECT_EQ(cell(*w, 200, "limit"), "20.0");
 }
 
 TEST_F(ProcinfoWindowTest, ControlsNeedOwnershipOrAuthorisationAndThePriorityIsKeptPerPowerSource) {
