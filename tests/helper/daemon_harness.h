@@ -64,6 +64,39 @@ inline UniqueFd rawConnect(const std::string& path) {
   return fd;
 }
 
+// Writes `bytes` on a fresh connection (then stops writing when `hang_up`): whether the daemon
+// closed it without a word. A daemon that kept it would hang the test, so the wait is bounded.
+inline bool closedWithoutReply(const std::string& socket, const std::vector<uint8_t>& bytes, bool hang_up = false) {
+  UniqueFd fd = rawConnect(socket);
+  timeval limit{30, 0};
+  if (!fd || ::setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) != 0) return false;
+  if (::write(fd.get(), bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) return false;
+  if (hang_up) ::shutdown(fd.get(), SHUT_WR);
+  char byte;
+  return ::read(fd.get(), &byte, 1) == 0;
+}
+
+// One request and what its reply must hold under `key`: that integer, or a text beginning with
+// that text ("" for any text).
+struct Expected {
+  const char* name;
+  XPCDict request;
+  const char* key;
+  XPCValue want;
+};
+
+// Sends every row over one connection: "" when each reply holds what its row wants, else a line
+// for each one that does not.
+inline std::string mismatches(const std::string& socket, const std::vector<Expected>& rows) {
+  SocketTransport transport(socket);
+  std::string out;
+  for (const Expected& row : rows) {
+    const std::string wrong = mismatch(transport.exchange(row.request).value_or(XPCDict{}), row.key, row.want);
+    if (!wrong.empty()) out += std::string(row.name) + ": " + wrong + "\n";
+  }
+  return out;
+}
+
 class HelperDaemonChild {
  public:
   // extra_args: more command-line options for the daemon.

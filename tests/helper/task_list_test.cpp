@@ -1,6 +1,6 @@
-// "tasklist", the batch a table refresh sends, against the real daemon over its socket: every
-// malformed field is refused before anything is read, and a batch answers each readable process
-// once with the owner's rule applied to its resource usage.
+// "tasklist", the batch a table refresh sends, against the real daemon over its socket: a batch
+// answers each readable process once with the owner's rule applied to its resource usage (its
+// malformed fields are rows of the daemon's refusals).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -16,46 +16,13 @@ namespace {
 
 using namespace pelmora::testing;
 
-XPCArray pidArray(std::initializer_list<int64_t> pids) { return XPCArray(pids.begin(), pids.end()); }
-
-TEST_F(HelperDaemonTest, TaskListRefusesEveryMalformedField) {
-  const auto sleeper = sleepingChild();
-  const int64_t pid = sleeper.pid();
-  const struct {
-    const char* name;
-    XPCValue pids;
-  } cases[] = {
-      {"missing", XPCValue()},
-      {"an integer", pid},
-      {"text", std::to_string(pid)},
-      {"data", XPCData{1, 2}},
-      {"an empty list", XPCArray{}},
-      {"one entry too many", XPCArray(kTaskListMaxPids + 1, XPCValue(pid))},
-      {"an entry as text", XPCArray{pid, XPCValue(std::to_string(pid))}},
-      {"an entry that is a list", XPCArray{pid, XPCArray{pid}}},
-      {"pid 0", pidArray({pid, 0})},
-      {"a negative pid", pidArray({-1, pid})},
-      {"a pid beyond 32 bits", pidArray({pid, int64_t{1} << 33})},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    XPCDict request{{"tasklist", "tasklist"}};
-    if (!c.pids.isNull()) request["pids"] = c.pids;
-    const XPCDict reply = ask(request);
-    EXPECT_EQ(xpcInt(reply, "result"), 1 + EINVAL);
-    ASSERT_TRUE(xpcString(reply, "error"));
-    EXPECT_NE(xpcString(reply, "error")->find("\"pids\""), std::string::npos) << *xpcString(reply, "error");
-    EXPECT_FALSE(xpcArray(reply, "taskallinfo"));
-  }
-}
-
 // The records of one batch: the readable processes only, each record its published size, and the
 // resource usage only where "rusage" would answer (the owner, or an authorised connection).
 TEST_F(HelperDaemonTest, TaskListAnswersEachReadableProcessWithTheOwnersRule) {
   const auto root_process = sleepingChild();
   const auto own_process = sleepingChild(65534);
   const int64_t root_pid = root_process.pid(), own_pid = own_process.pid();
-  const XPCArray asked = pidArray({own_pid, root_pid, 1, s_daemon->pid(), INT32_MAX});
+  const XPCArray asked{own_pid, root_pid, 1, int64_t{s_daemon->pid()}, INT32_MAX};
   struct Expect {
     int64_t pid;
     bool usage_for_nobody;
