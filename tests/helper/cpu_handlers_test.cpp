@@ -130,49 +130,39 @@ TEST_F(CpuHandlers, AFailingWriteRollsBackEveryChange) {
   }
 }
 
-TEST_F(CpuHandlers, BadArgumentsChangeNothing) {
-  const XPCDict cases[] = {
-      setCpuCount(0, 1, 0),  // would leave no CPU
-      setCpuCount(-1, 1, 0),
-      setCpuCount(4, 2, 0),
-      setCpuCount(4, 1, -1),
-      {{"setcpucount", ""}, {"count", "4"}, {"hyper", 1}, {"prefer_phys", 0}},
-      {{"setcpucount", ""}, {"count", 4}, {"hyper", 1}},
-      {{"setcpucount", ""}, {"count", XPCData{4}}, {"hyper", 1}, {"prefer_phys", 0}},
-  };
-  RequestHandler handler = handlerFor("cpu-2pkg-adjacent");
-  for (const XPCDict& request : cases) {
-    XPCDict reply = handler.handle(request, m_root);
-    ASSERT_TRUE(xpcString(reply, "setcpu"));
-    EXPECT_NE(*xpcString(reply, "setcpu"), "OK");
-    EXPECT_EQ(onlineFiles().size(), 8u);
-  }
-}
-
-TEST_F(CpuHandlers, IsRunningReadsTheOnlineFile) {
-  RequestHandler handler = handlerFor("cpu-nosmt-4c");
+// Every field is checked before anything is written; any user may ask whether a CPU runs.
+TEST_F(CpuHandlers, ArgumentsAreCheckedBeforeAnythingChanges) {
+  RequestHandler handler = handlerFor("cpu-smt-4c8t");
+  testing::writeText(cpuFile(3), "0\n");
+  const std::string wbt = readTrimmed(m_sys / "block/sda/queue/wbt_lat_usec");
+  auto isRunning = [](const XPCValue& cpu) { return testing::with({{"isrunning", ""}}, "cpu", cpu); };
+  auto throttle = [](const XPCValue& enable) { return XPCDict{{"throttle", ""}, {"enable", enable}}; };
   const struct {
-    XPCValue cpu;
-    std::optional<int64_t> answer;
+    XPCDict request;
+    const char* key;
+    XPCValue want;  // an integer, or the start of a text
   } cases[] = {
-      {0, 2},          // no online file: always running
-      {1, 2},
-      {2, 1},
-      {3, 1},
-      {4, std::nullopt},  // not present
-      {-1, std::nullopt},
-      {"1", std::nullopt},
-      {XPCValue(), std::nullopt},
+      {isRunning(0), "isrunning", 2},  // no online file: always running
+      {isRunning(1), "isrunning", 2},
+      {isRunning(3), "isrunning", 1},
+      {isRunning(8), "error", "no processor 8"},
+      {isRunning(-1), "error", "\"cpu\""},
+      {isRunning("1"), "error", "\"cpu\""},
+      {isRunning(XPCValue()), "error", "missing \"cpu\""},
+      {setCpuCount(0, 1, 0), "setcpu", "\"count\""},  // would leave no CPU
+      {setCpuCount(-1, 1, 0), "setcpu", "\"count\""},
+      {setCpuCount(4, 2, 0), "setcpu", "\"hyper\""},
+      {setCpuCount(4, 1, -1), "setcpu", "\"prefer_phys\""},
+      {{{"setcpucount", ""}, {"count", "4"}, {"hyper", 1}, {"prefer_phys", 0}}, "setcpu", "\"count\""},
+      {{{"setcpucount", ""}, {"count", XPCData{4}}, {"hyper", 1}, {"prefer_phys", 0}}, "setcpu", "\"count\""},
+      {{{"setcpucount", ""}, {"count", 4}, {"hyper", 1}}, "setcpu", "missing \"prefer_phys\""},
+      {throttle(2), "throttle", "\"enable\""},
+      {throttle(-1), "throttle", "\"enable\""},
+      {throttle("1"), "throttle", "\"enable\""},
   };
-  for (const auto& c : cases) {
-    XPCDict request{{"isrunning", ""}};
-    if (!c.cpu.isNull()) request["cpu"] = c.cpu;
-    XPCDict reply = handler.handle(request, m_user);
-    EXPECT_EQ(xpcInt(reply, "isrunning"), c.answer);
-    if (!c.answer) {
-      EXPECT_TRUE(xpcString(reply, "error"));
-    }
-  }
+  for (const auto& c : cases) EXPECT_EQ(testing::mismatch(handler.handle(c.request, m_root), c.key, c.want), "");
+  EXPECT_EQ(onlineFiles(), (std::set<int>{1, 2, 4, 5, 6, 7}));
+  EXPECT_EQ(readTrimmed(m_sys / "block/sda/queue/wbt_lat_usec"), wbt);
 }
 
 // Grants polkit's answer and counts how often it was asked.
@@ -231,10 +221,6 @@ TEST_F(CpuHandlers, ThrottleWritesEveryPhysicalDisk) {
     EXPECT_EQ(readTrimmed(m_sys / "block/sda/queue/wbt_lat_usec"), c.value);
     EXPECT_EQ(readTrimmed(m_sys / "block/nvme0n1/queue/wbt_lat_usec"), c.value);
     EXPECT_EQ(readTrimmed(m_sys / "block/loop0/queue/wbt_lat_usec"), "2000");  // virtual: untouched
-  }
-  for (const XPCValue& bad : {XPCValue(2), XPCValue(-1), XPCValue("1")}) {
-    XPCDict reply = handler.handle({{"throttle", ""}, {"enable", bad}}, m_root);
-    EXPECT_NE(*xpcString(reply, "throttle"), "OK");
   }
 }
 
