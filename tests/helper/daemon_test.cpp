@@ -178,26 +178,6 @@ TEST_F(HelperDaemonTest, RecordsCrossTheWireWhole) {
   }
 }
 
-TEST_F(HelperDaemonTest, ProcessesStoppedByALostClientRunAgain) {
-  for (const bool send_quit : {false, true}) {
-    SCOPED_TRACE(send_quit ? "client quits" : "client dies");
-    const auto sleeper = sleepingChild();
-    const pid_t target = sleeper.pid();
-    const pid_t client = ::fork();
-    if (client == 0) {
-      SocketTransport transport(s_daemon->socket());
-      auto reply = transport.exchange(signal(int64_t{target}, SIGSTOP));
-      if (!reply || xpcInt(*reply, "kill") != 0 || !eventually([&] { return procState(target) == 'T'; })) ::_exit(1);
-      if (send_quit) transport.sendOneWay({{"quit", ""}});
-      ::_exit(0);  // the connection goes with the process; nobody continues the target
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(client, &status, 0), client);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    EXPECT_TRUE(eventually([&] { return procState(target) == 'S'; })) << procState(target);
-  }
-}
-
 // A bad frame, or "quit", ends its own connection without a reply; the daemon serves on. The
 // decoder's own tests hold every malformed body; these are one of each way a stream goes wrong.
 TEST_F(HelperDaemonTest, BadFramesAndQuitCloseOnlyTheirConnection) {
