@@ -35,29 +35,18 @@ std::vector<std::string> noDaemon(const test::TempDir& dir) {
 
 // A parent and `children` busy children; all die with the test.
 struct BusyTree {
-  pid_t root = -1;
-  std::vector<pid_t> members;  // the root first
+  test::Child parent;
+  pid_t root = parent.pid();
+  std::vector<pid_t> members{root};  // the root first
 
-  explicit BusyTree(int children) {
-    int ready[2];
-    if (::pipe(ready) != 0) std::abort();
-    root = test::forkChild([&] {
-      for (int i = 0; i < children; ++i) {
-        const pid_t child = test::busyChild();
-        if (::write(ready[1], &child, sizeof child) != sizeof child) ::_exit(1);
-      }
-      for (;;) ::pause();
-    });
-    members.push_back(root);
-    for (int i = 0; i < children; ++i) {
-      pid_t child = -1;
-      if (::read(ready[0], &child, sizeof child) != sizeof child) std::abort();
-      members.push_back(child);
-    }
-    ::close(ready[0]);
-    ::close(ready[1]);
+  explicit BusyTree(size_t children)
+      : parent([children] {
+          for (size_t i = 0; i < children; ++i) test::busyChild();
+          for (;;) ::pause();
+        }) {
+    if (!test::eventually([&] { return test::childrenOf(root).size() == children; })) std::abort();
+    for (pid_t child : test::childrenOf(root)) members.push_back(child);
   }
-  ~BusyTree() { test::endChild(root); }  // its children die with it
   std::string states() const {
     std::string out;
     for (pid_t pid : members) out += test::procState(pid);

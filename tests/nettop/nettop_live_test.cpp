@@ -1,6 +1,5 @@
 // The real pelmora-nettop against real loopback sockets: what it counts, whom it forgets, and that
 // it never outlives whoever reads it.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
@@ -147,23 +146,17 @@ TEST(NettopLive, EndsWhenItsReaderGoesEvenWithNothingToPrint) {
 
   // Started by a process that is then killed outright, writing to a file rather than a pipe whose
   // closing it would notice: only the death signal can end it within the minute.
-  int report[2];
-  ASSERT_EQ(::pipe2(report, O_CLOEXEC), 0);
   pid_t nettop = -1;
   {
-    const test::Child parent([&] {
-      const pid_t pid = ::fork();
-      if (pid == 0) {  // the child's output already goes to /dev/null
+    const test::Child parent([] {
+      if (::fork() == 0) {  // its output already goes to /dev/null
         ::execl(kNettop.c_str(), kNettop.c_str(), "--interval-ms", "60000", nullptr);
         ::_exit(127);
       }
-      (void)::write(report[1], &pid, sizeof pid);
       for (;;) ::pause();
     });
-    ::close(report[1]);
-    ASSERT_EQ(::read(report[0], &nettop, sizeof nettop), static_cast<ssize_t>(sizeof nettop));
-    ::close(report[0]);
-    ASSERT_GT(nettop, 0);
+    ASSERT_TRUE(test::eventually([&] { return test::childrenOf(parent.pid()).size() == 1; }));
+    nettop = test::childrenOf(parent.pid()).at(0);
     ASSERT_TRUE(holdsASocket(nettop));
   }  // the parent is killed here
   const bool ended = exitsSoon(nettop);
