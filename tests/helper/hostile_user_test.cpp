@@ -5,6 +5,7 @@
 
 #include <sys/resource.h>
 
+#include <deque>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -58,24 +59,9 @@ TEST_F(HelperDaemonTest, SamplerChildrenAreBoundedPerConnectionUserAndDaemon) {
 TEST(HelperDaemonTimeouts, SilentAndStalledConnectionsAreClosedAndClientsReconnect) {
   HelperDaemonChild daemon({"--idle-timeout", "1"});
   ASSERT_TRUE(daemon.ready());
-  const struct {
-    const char* name;
-    std::vector<uint8_t> bytes;
-  } cases[] = {
-      {"silent", {}},
-      {"stalled inside a frame", {0x10, 0, 0, 0, 0xA1}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    UniqueFd fd = rawConnect(daemon.socket());
-    ASSERT_TRUE(fd);
-    timeval limit{30, 0};  // a daemon that kept the connection would otherwise hang the test
-    ::setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    if (!c.bytes.empty()) {
-      ASSERT_EQ(::write(fd.get(), c.bytes.data(), c.bytes.size()), static_cast<ssize_t>(c.bytes.size()));
-    }
-    char byte;
-    EXPECT_EQ(::read(fd.get(), &byte, 1), 0);
+  // Silent, and stalled inside a frame.
+  for (const std::vector<uint8_t>& bytes : {std::vector<uint8_t>{}, std::vector<uint8_t>{0x10, 0, 0, 0, 0xA1}}) {
+    EXPECT_TRUE(closedWithoutReply(daemon.socket(), bytes)) << bytes.size();
   }
   // A client whose idle connection was closed makes a new one for its next request.
   SocketTransport client(daemon.socket());
@@ -146,24 +132,18 @@ TEST_F(HelperDaemonTest, ReniceChecksEveryThreadItChanges) {
     return stat ? stat->nice : -100;
   };
   ASSERT_EQ(niceOf(worker), 19);
-  ASSERT_EQ(niceOf(process.pid()), 0);
+  auto renice = [&](int64_t priority) { return XPCDict{{"setpriority", ""}, {"pid", pid}, {"priority", priority}}; };
+  // Nice 0 changes nothing on the main thread but would lower the worker; raising every thread is
+  // the owner's right.
   const std::string socket = s_daemon->socket();
-  auto reniceAsOwner = [&](int64_t priority) {
-    return asNobody([&]() -> std::string {
-      auto r = SocketTransport(socket).exchange({{"setpriority", ""}, {"pid", pid}, {"priority", priority}});
-      const std::string* text = r ? xpcString(*r, "setpriority") : nullptr;
-      return text ? *text : "<no reply>";
-    });
-  };
-  // Nice 0 changes nothing on the main thread but would lower the worker.
-  const std::string refused = reniceAsOwner(0);
-  EXPECT_TRUE(startsWith(refused, "not authorised")) << refused;
-  EXPECT_EQ(niceOf(worker), 19);
-  // Raising every thread is the owner's right.
-  EXPECT_EQ(reniceAsOwner(19), "OK");
+  EXPECT_EQ(asNobody([&] {
+              return mismatches(socket, {{"nice 0", renice(0), "setpriority", "not authorised"},
+                                         {"nice 19", renice(19), "setpriority", "OK"}});
+            }),
+            "");
   EXPECT_EQ(niceOf(process.pid()), 19);
   // An authorised connection lowers them all.
-  EXPECT_EQ(*xpcString(ask({{"setpriority", ""}, {"pid", pid}, {"priority", 5}}), "setpriority"), "OK");
+  EXPECT_EQ(mismatch(ask(renice(5)), "setpriority", "OK"), "");
   EXPECT_EQ(niceOf(process.pid()), 5);
   EXPECT_EQ(niceOf(worker), 5);
 }
@@ -191,14 +171,10 @@ struct PausedChild {
 };
 
 TEST(ChildRegistryTest, CapsReplacementAndEndOfConnection) {
+  constexpr size_t kPerUser = ChildRegistry::kMaxChildrenPerUser;
   ChildRegistry registry;
-  std::vector<Connection> users;
-  for (uid_t uid : {1000u, 1001u, 1002u, 1003u}) {
-    for (size_t i = 0; i < ChildRegistry::kMaxChildrenPerUser + 1; ++i) users.emplace_back(CallerIdentity{uid, 0, 0});
-  }
-  auto connection = [&](size_t user, size_t index) -> Connection& {
-    return users[user * (ChildRegistry::kMaxChildrenPerUser + 1) + index];
-  };
+  std::deque<Connection> connections;  // their addresses stay put
+  auto fresh = [&](uid_t uid) -> Connection& { return connections.emplace_back(CallerIdentity{uid, 0, 0}); };
   std::vector<std::unique_ptr<PausedChild>> children;
   auto start = [&](Connection& owner, ChildKind kind) {
     std::string refusal;
@@ -209,33 +185,33 @@ TEST(ChildRegistryTest, CapsReplacementAndEndOfConnection) {
     return std::string();
   };
   // One user: kMaxChildrenPerUser children, then refused.
-  for (size_t i = 0; i < ChildRegistry::kMaxChildrenPerUser; ++i) EXPECT_EQ(start(connection(0, i), ChildKind::kPowerMetrics), "");
-  EXPECT_NE(start(connection(0, ChildRegistry::kMaxChildrenPerUser), ChildKind::kPowerMetrics), "");
+  for (size_t i = 0; i < kPerUser; ++i) EXPECT_EQ(start(fresh(1000), ChildKind::kPowerMetrics), "");
+  EXPECT_NE(start(fresh(1000), ChildKind::kPowerMetrics), "");
   // A new request of the same connection and kind replaces its child, which is killed.
-  EXPECT_EQ(start(connection(0, 0), ChildKind::kPowerMetrics), "");
+  EXPECT_EQ(start(connections[0], ChildKind::kPowerMetrics), "");
   EXPECT_EQ(children[0]->reap(true), SIGKILL);
-  // Users together: kMaxChildren.
-  for (size_t user = 1; registry.liveCount() < ChildRegistry::kMaxChildren; ++user) {
-    ASSERT_LT(user, 4u);
-    for (size_t i = 0; i < ChildRegistry::kMaxChildrenPerUser && registry.liveCount() < ChildRegistry::kMaxChildren; ++i) {
-      EXPECT_EQ(start(connection(user, i), ChildKind::kNettop), "");
+  // Users together: kMaxChildren; the first of them is connection 5, child 5.
+  for (uid_t uid = 1001; registry.liveCount() < ChildRegistry::kMaxChildren; ++uid) {
+    for (size_t i = 0; i < kPerUser && registry.liveCount() < ChildRegistry::kMaxChildren; ++i) {
+      EXPECT_EQ(start(fresh(uid), ChildKind::kNettop), "");
     }
   }
-  EXPECT_NE(start(connection(3, 4), ChildKind::kNettop), "");
+  Connection& late = fresh(1999);
+  EXPECT_NE(start(late, ChildKind::kNettop), "");
   // A child that exits by itself frees its place; a closed connection ends its long-running children.
   children[1]->reap(false);
-  EXPECT_EQ(start(connection(3, 4), ChildKind::kNettop), "");
-  registry.endAll(connection(1, 0));
+  EXPECT_EQ(start(late, ChildKind::kNettop), "");
+  registry.endAll(connections[5]);
   EXPECT_EQ(children[5]->reap(true), SIGKILL);
   // A closed connection's sampler is left to finish its measurement.
-  registry.endAll(connection(0, 2));
+  registry.endAll(connections[2]);
   EXPECT_EQ(children[2]->reap(false), 0);
-  // A slot given up without a child frees its place too.
+  // A slot given up without a child frees its place too (the last one, taken by another connection).
   {
     std::string refusal;
-    EXPECT_TRUE(registry.reserve(connection(3, 3), ChildKind::kPowerMetrics, &refusal));
+    EXPECT_TRUE(registry.reserve(late, ChildKind::kPowerMetrics, &refusal));
   }
-  EXPECT_EQ(start(connection(3, 3), ChildKind::kPowerMetrics), "");
+  EXPECT_EQ(start(fresh(1999), ChildKind::kPowerMetrics), "");
   for (auto& child : children) child->reap(false);
   EXPECT_EQ(registry.liveCount(), 0u);
 }
