@@ -11,16 +11,6 @@
 namespace pelmora {
 namespace {
 
-TEST(SocketOwners, LinkTextsAndLabels) {
-  EXPECT_EQ(socketInode("socket:[12345]"), 12345u);
-  for (const char* other : {"pipe:[12345]", "socket:[]", "socket:[12x]", "/dev/null", "socket:[1", "anon_inode:[eventfd]"})
-    EXPECT_EQ(socketInode(other), std::nullopt) << other;
-  EXPECT_EQ(labelName("Web Content"), "Web Content");
-  EXPECT_EQ(labelName("a,b\nc\r"), "a_b_c_");
-  EXPECT_EQ(labelName(""), "?");
-  EXPECT_EQ(searchOrder({1, 5, 9, 300, 42}, {300, 5, 7}), (std::vector<int32_t>{5, 300, 42, 9, 1}));
-}
-
 class ProcTree {
  public:
   // A process with descriptors linking to `targets`, an exe link (empty: none) and a comm file.
@@ -43,6 +33,10 @@ TEST(SocketOwners, FindsHoldersLikelyFirstAndStopsAtWhatItWasAskedFor) {
   tree.process(200, "/usr/lib/firefox/firefox (deleted)", "firefox", {"socket:[12]", "socket:[13]", "pipe:[5]"});
   tree.process(300, "", "kworker/0:1", {});
   tree.process(400, "", "Web, Content", {"socket:[14]"});
+  // Link texts that only look like sockets (read as one past "socket:[", "pipe:[12345]" would be
+  // 345); a name that is not fit for a label as it is.
+  tree.process(500, "/usr/bin/a,b\nc\r", "x", {"pipe:[12345]", "socket:[16x]", "socket:[10", "socket:[17]"});
+  tree.process(600, "", "", {"anon_inode:[18]", "socket:[19]"});
   std::filesystem::create_directories(tree.root().proc("self"));
   const SocketOwnerFinder finder(tree.root());
   struct Case {
@@ -56,6 +50,10 @@ TEST(SocketOwners, FindsHoldersLikelyFirstAndStopsAtWhatItWasAskedFor) {
       {{12}, {}, {{12, {200, "firefox"}}}},
       {{12}, {100}, {{12, {100, "curl"}}}},
       {{14, 99}, {}, {{14, {400, "Web_ Content"}}}},  // no exe link: comm, made fit for a label
+      // Processes searched first in ascending order; a likely one that is not there is passed over.
+      {{12}, {200, 100, 7}, {{12, {100, "curl"}}}},
+      {{1, 16, 17, 18, 345, 12345}, {}, {{17, {500, "a_b_c_"}}}},
+      {{19}, {}, {{19, {600, "?"}}}},
       {{}, {100}, {}},
   };
   for (const auto& c : cases) {
