@@ -16,91 +16,66 @@ ProcessRow rowOf(int32_t pid, const std::string& name, uint32_t uid = 1000) {
   return row;
 }
 
-// Every column's ascending comparator on a pair (smaller, larger) that differs only in that column.
-TEST(ProcessColumns, EveryComparatorOrdersAscending) {
-  struct Case {
-    const char* column;
-    void (*smaller)(ProcessRow&);
-    void (*larger)(ProcessRow&);
-  };
-  const Case cases[] = {
-      {"process", [](ProcessRow& r) { r.info.name = "Alpha"; }, [](ProcessRow& r) { r.info.name = "beta"; }},
+// Each column on a pair of rows that differ only in it (`set` with false, then true): the first sorts
+// before the second, and the second's cell reads `text` (nullptr: a further pair for the order only).
+TEST(ProcessColumns, EveryColumnOrdersAscendingAndShowsItsText) {
+  constexpr uint64_t kStart = 1'000'000'000'000ULL;
+  // 1 h 2 min 3 s after the start.
+  const CellContext ctx{false, kStart + 3723ULL * 1'000'000'000ULL + 999'000'000ULL};
+  using R = ProcessRow;
+  const std::tuple<const char*, void (*)(R&, bool), const char*> cases[] = {
+      {"process", [](R& r, bool b) { r.info.name = b ? "firefox" : "Alpha"; }, "firefox"},
       // Case does not decide the order of names ("bash" before "Xvfb"), only a tie of letters.
-      {"process", [](ProcessRow& r) { r.info.name = "bash"; }, [](ProcessRow& r) { r.info.name = "Xvfb"; }},
-      {"process", [](ProcessRow& r) { r.info.name = "Xvfb"; }, [](ProcessRow& r) { r.info.name = "xvfb"; }},
-      {"user", [](ProcessRow& r) { r.info.user = "alice"; }, [](ProcessRow& r) { r.info.user = "Bob"; }},
-      {"pid", [](ProcessRow& r) { r.info.pid = 9; }, [](ProcessRow& r) { r.info.pid = 10; }},
-      {"kind", [](ProcessRow& r) { r.info.kind = "aarch64"; }, [](ProcessRow& r) { r.info.kind = "x86_64"; }},
+      {"process", [](R& r, bool b) { r.info.name = b ? "Xvfb" : "bash"; }, nullptr},
+      {"process", [](R& r, bool b) { r.info.name = b ? "xvfb" : "Xvfb"; }, nullptr},
+      {"user", [](R& r, bool b) { r.info.user = b ? "Bob" : "alice"; }, "Bob"},
+      {"user", [](R& r, bool b) { r.info.user = b ? "root" : "alice"; }, nullptr},
+      {"pid", [](R& r, bool b) { r.info.pid = b ? 4242 : 9; }, "4242"},
+      {"kind", [](R& r, bool b) { r.info.kind = b ? "x86_64" : "aarch64"; }, "x86_64"},
       // Later start first: the more recent start (shorter elapsed) sorts first.
-      {"elapsed", [](ProcessRow& r) { r.info.startTime = 2000; }, [](ProcessRow& r) { r.info.startTime = 1000; }},
-      {"pctcpu", [](ProcessRow& r) { r.info.pctCPU = 0.25; }, [](ProcessRow& r) { r.info.pctCPU = 1.5; }},
-      {"wakeups", [](ProcessRow& r) { r.info.idleWakeupsPerSec = 1; }, [](ProcessRow& r) { r.info.idleWakeupsPerSec = 2; }},
-      {"energy", [](ProcessRow& r) { r.info.energyImpact = 0.1; }, [](ProcessRow& r) { r.info.energyImpact = 9; }},
-      {"user", [](ProcessRow& r) { r.info.user = "alice"; }, [](ProcessRow& r) { r.info.user = "root"; }},
-      {"uid", [](ProcessRow& r) { r.info.uid = 999; }, [](ProcessRow& r) { r.info.uid = 1000; }},
-      {"sleep", [](ProcessRow& r) { r.info.preventSleep = false; }, [](ProcessRow& r) { r.info.preventSleep = true; }},
+      {"elapsed", [](R& r, bool b) { r.info.startTime = b ? kStart : kStart + 1000; }, "01:02:03"},
+      {"pctcpu", [](R& r, bool b) { r.info.pctCPU = b ? 0.456 : 0.25; }, "45.6"},
+      {"wakeups", [](R& r, bool b) { r.info.idleWakeupsPerSec = b ? 12.34 : 1; }, "12.3"},
+      {"energy", [](R& r, bool b) { r.info.energyImpact = b ? 3.05 : 0.1; }, "3.0"},
+      {"uid", [](R& r, bool b) { r.info.uid = b ? 1000 : 999; }, "1000"},
+      {"sleep", [](R& r, bool b) { r.info.preventSleep = b; }, "Yes"},
       // No limit counts as -1, below any share, even zero.
-      {"limit", [](ProcessRow& r) { r.limit.reset(); }, [](ProcessRow& r) { r.limit = 0.0; }},
-      {"limit", [](ProcessRow& r) { r.limit = 0.2; }, [](ProcessRow& r) { r.limit = 0.5; }},
-      {"nice", [](ProcessRow& r) { r.nice = -5; }, [](ProcessRow& r) { r.nice = 3; }},
-      {"threads", [](ProcessRow& r) { r.info.threads = 2; }, [](ProcessRow& r) { r.info.threads = 40; }},
-      {"readpersec", [](ProcessRow& r) { r.info.readPerSec.value = 10; }, [](ProcessRow& r) { r.info.readPerSec.value = 11; }},
-      {"writepersec", [](ProcessRow& r) { r.info.writePerSec.value = 0; }, [](ProcessRow& r) { r.info.writePerSec.value = 1; }},
-      {"netread", [](ProcessRow& r) { r.info.netReadPerSec = 5; }, [](ProcessRow& r) { r.info.netReadPerSec = 50; }},
-      {"netwrite", [](ProcessRow& r) { r.info.netWritePerSec = 5; }, [](ProcessRow& r) { r.info.netWritePerSec = 6; }},
-      {"memresident", [](ProcessRow& r) { r.info.memRes = 4096; }, [](ProcessRow& r) { r.info.memRes = 8192; }},
-      {"memvirtual", [](ProcessRow& r) { r.info.memVirtual = 1 << 20; }, [](ProcessRow& r) { r.info.memVirtual = 1 << 30; }},
+      {"limit", [](R& r, bool b) { r.limit = b ? std::optional(0.0) : std::nullopt; }, "0.0"},
+      {"limit", [](R& r, bool b) { r.limit = b ? 0.25 : 0.2; }, "25.0"},
+      {"nice", [](R& r, bool b) { r.nice = b ? 5 : -5; }, "5"},
+      {"threads", [](R& r, bool b) { r.info.threads = b ? 17 : 2; }, "17"},
+      {"readpersec", [](R& r, bool b) { r.info.readPerSec.value = b ? 12345.6 : 10; }, "12.1 KiB/s"},
+      {"writepersec", [](R& r, bool b) { r.info.writePerSec.value = b ? 0.4 : 0; }, "0 B/s"},
+      {"netread", [](R& r, bool b) { r.info.netReadPerSec = b ? 8000 : 5; }, "8.0 kbit/s"},
+      {"netwrite", [](R& r, bool b) { r.info.netWritePerSec = b ? 1500 : 5; }, "1.5 kbit/s"},
+      {"memresident", [](R& r, bool b) { r.info.memRes = b ? 3 * 1048576 + 524288 : 4096; }, "3.5 MiB"},
+      {"memvirtual", [](R& r, bool b) { r.info.memVirtual = b ? 1 << 30 : 1 << 20; }, "1.0 GiB"},
       // A kernel thread reads as "[name]", which sorts after a path.
-      {"command", [](ProcessRow& r) { r.info.command = "/usr/bin/a"; }, [](ProcessRow& r) { r.info.command = ""; }},
-      {"command", [](ProcessRow& r) { r.info.command = "bash -l"; }, [](ProcessRow& r) { r.info.command = "Xvfb :1"; }},
+      {"command", [](R& r, bool b) { r.info.command = b ? "" : "/usr/bin/a"; }, "[same]"},
+      {"command", [](R& r, bool b) { r.info.command = b ? "Xvfb :1" : "bash -l"; }, nullptr},
   };
   std::set<std::string> covered;
-  for (const auto& c : cases) {
+  for (const auto& [column, set, text] : cases) {
+    SCOPED_TRACE(column);
     ProcessRow a = rowOf(1, "same"), b = rowOf(1, "same");
-    c.smaller(a);
-    c.larger(b);
-    EXPECT_LT(compareRows(c.column, a, b), 0) << c.column;
-    EXPECT_GT(compareRows(c.column, b, a), 0) << c.column;
-    EXPECT_EQ(compareRows(c.column, a, a), 0) << c.column;
-    covered.insert(c.column);
+    set(a, false);
+    set(b, true);
+    EXPECT_LT(compareRows(column, a, b), 0);
+    EXPECT_GT(compareRows(column, b, a), 0);
+    EXPECT_EQ(compareRows(column, a, a), 0);
+    if (text) {
+      EXPECT_EQ(cellText(column, b, ctx), text);
+    }
+    covered.insert(column);
   }
   EXPECT_EQ(covered.size(), processColumnIds().size());
   EXPECT_EQ(compareRows("nosuchcolumn", rowOf(1, "a"), rowOf(2, "b")), 0);
-}
-
-TEST(ProcessColumns, CellTexts) {
-  ProcessRow r = rowOf(4242, "firefox");
-  r.info.kind = "x86_64";
-  r.info.user = "alice";
-  r.info.startTime = 1'000'000'000'000ULL;
-  r.info.pctCPU = 0.456;
-  r.info.idleWakeupsPerSec = 12.34;
-  r.info.energyImpact = 3.05;
-  r.info.preventSleep = true;
-  r.info.threads = 17;
-  r.info.readPerSec.value = 12345.6;
-  r.info.writePerSec.value = 0.4;
-  r.info.netReadPerSec = 8000;
-  r.info.netWritePerSec = 1500;
-  r.info.memRes = 3 * 1048576 + 524288;
-  r.info.memVirtual = 1073741824;
-  r.nice = 5;
-  r.limit = 0.25;
-  // 1 h 2 min 3 s after the start.
-  const CellContext ctx{false, r.info.startTime + 3723ULL * 1'000'000'000ULL + 999'000'000ULL};
-  const std::pair<const char*, const char*> cases[] = {
-      {"process", "firefox"}, {"pid", "4242"},        {"kind", "x86_64"},        {"elapsed", "01:02:03"},
-      {"pctcpu", "45.6"},     {"wakeups", "12.3"},    {"energy", "3.0"},         {"user", "alice"},
-      {"uid", "1000"},        {"sleep", "Yes"},       {"limit", "25.0"},         {"nice", "5"},
-      {"threads", "17"},      {"readpersec", "12.1 KiB/s"}, {"writepersec", "0 B/s"}, {"netread", "8.0 kbit/s"},
-      {"netwrite", "1.5 kbit/s"}, {"memresident", "3.5 MiB"}, {"memvirtual", "1.0 GiB"}, {"bogus", ""},
-      {"command", "[firefox]"},
-  };
-  for (const auto& [column, text] : cases) EXPECT_EQ(cellText(column, r, ctx), text) << column;
-  r.info.preventSleep = false;
-  EXPECT_EQ(cellText("sleep", r, ctx), "No");
+  EXPECT_EQ(cellText("nosuchcolumn", rowOf(1, "a"), ctx), "");
+  EXPECT_EQ(cellText("sleep", rowOf(1, "a"), ctx), "No");
   // A start in the future (clock step) shows zero, not a wrapped huge time.
-  EXPECT_EQ(cellText("elapsed", r, CellContext{false, 5}), "00:00:00");
+  ProcessRow future = rowOf(1, "a");
+  future.info.startTime = kStart;
+  EXPECT_EQ(cellText("elapsed", future, CellContext{false, 5}), "00:00:00");
   EXPECT_EQ(elapsedText(123ULL * 3600 * 1'000'000'000ULL), "123:00:00");
 }
 
