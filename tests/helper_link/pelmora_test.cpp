@@ -137,7 +137,6 @@ TEST(PelmoraReplies, EachOperationSendsItsRequestAndReadsItsReply) {
   };
   const XPCDict info = {{"logical_cpu_max", 16}, {"physical_cpu_max", 8}, {"logical_cpu", 12}, {"physical_cpu", 6}};
   const size_t task_size = sizeof(proc_taskinfo);
-  const std::string task_size_text = std::to_string(task_size);
 
   struct Case {
     const char* name;
