@@ -16,12 +16,16 @@ namespace fs = std::filesystem;
 
 class CpuHandlers : public ::testing::Test {
  protected:
-  RequestHandler handlerFor(const std::string& fixture, bool privileged = true) {
+  RequestHandler handlerFor(const std::string& fixture) {
     m_sys = m_dir->copyFixture(fixture);
     HelperOptions options;
     options.root = SysRoot("/proc", m_sys.string());
-    options.privileged = privileged;
     return RequestHandler(options);
+  }
+  // The four counts "requestcpuinfo" answers.
+  XPCDict counts(RequestHandler& handler) {
+    const XPCDict reply = handler.handle({{"requestcpuinfo", ""}}, m_root);
+    return xpcDict(reply, "cpuinfo") ? *xpcDict(reply, "cpuinfo") : XPCDict{};
   }
   fs::path cpuFile(int cpu, const char* leaf = "online") const {
     return m_sys / "devices/system/cpu" / ("cpu" + std::to_string(cpu)) / leaf;
@@ -74,19 +78,14 @@ TEST_F(CpuHandlers, SetCpuCountWritesTheChosenOnlineFiles) {
       ASSERT_EQ(*xpcString(handler.handle(setCpuCount(8, 0, 0), m_root), "setcpu"), "OK");
       ASSERT_EQ(smtControl(), "off");
     }
-    XPCDict reply = handler.handle(setCpuCount(c.count, c.hyper, c.prefer), m_root);
-    ASSERT_TRUE(xpcString(reply, "setcpu"));
-    EXPECT_EQ(*xpcString(reply, "setcpu"), "OK");
-    EXPECT_FALSE(xpcHas(reply, "setcpucount"));
+    EXPECT_EQ(handler.handle(setCpuCount(c.count, c.hyper, c.prefer), m_root), (XPCDict{{"setcpu", "OK"}}));
     EXPECT_EQ(onlineFiles(), c.online);
     if (*c.smt) {
       EXPECT_EQ(smtControl(), c.smt);
     }
-    const XPCDict info = handler.handle({{"requestcpuinfo", ""}}, m_root);
-    const XPCDict* counts = xpcDict(info, "cpuinfo");
-    ASSERT_TRUE(counts);
-    EXPECT_EQ(xpcInt(*counts, "logical_cpu"), c.logical_online);
-    EXPECT_EQ(xpcInt(*counts, "physical_cpu"), c.physical_online);
+    const XPCDict now = counts(handler);
+    EXPECT_EQ(xpcInt(now, "logical_cpu"), c.logical_online);
+    EXPECT_EQ(xpcInt(now, "physical_cpu"), c.physical_online);
   }
 }
 
@@ -95,13 +94,8 @@ TEST_F(CpuHandlers, OfflineCpusKeepTheTopologySeenWhileOnline) {
   ASSERT_EQ(*xpcString(handler.handle(setCpuCount(2, 1, 0), m_root), "setcpu"), "OK");
   // The kernel drops topology/ of an offline CPU; the handler has seen it already.
   for (int cpu = 2; cpu < 8; ++cpu) fs::remove_all(cpuFile(cpu, "topology"));
-  const XPCDict info = handler.handle({{"requestcpuinfo", ""}}, m_root);
-  const XPCDict* counts = xpcDict(info, "cpuinfo");
-  ASSERT_TRUE(counts);
-  EXPECT_EQ(xpcInt(*counts, "logical_cpu_max"), 8);
-  EXPECT_EQ(xpcInt(*counts, "physical_cpu_max"), 4);
-  EXPECT_EQ(xpcInt(*counts, "logical_cpu"), 2);
-  EXPECT_EQ(xpcInt(*counts, "physical_cpu"), 1);
+  EXPECT_EQ(counts(handler),
+            (XPCDict{{"logical_cpu_max", 8}, {"physical_cpu_max", 4}, {"logical_cpu", 2}, {"physical_cpu", 1}}));
 }
 
 TEST_F(CpuHandlers, AFailingWriteRollsBackEveryChange) {
@@ -160,7 +154,7 @@ TEST_F(CpuHandlers, ArgumentsAreCheckedBeforeAnythingChanges) {
       {throttle(-1), "throttle", "\"enable\""},
       {throttle("1"), "throttle", "\"enable\""},
   };
-  for (const auto& c : cases) EXPECT_EQ(testing::mismatch(handler.handle(c.request, m_root), c.key, c.want), "");
+  for (const auto& c : cases) EXPECT_EQ(testing::mismatch(handler.handle(c.request, m_user), c.key, c.want), "");
   EXPECT_EQ(onlineFiles(), (std::set<int>{1, 2, 4, 5, 6, 7}));
   EXPECT_EQ(readTrimmed(m_sys / "block/sda/queue/wbt_lat_usec"), wbt);
 }
@@ -216,8 +210,7 @@ TEST_F(CpuHandlers, ThrottleWritesEveryPhysicalDisk) {
     const char* value;
   } cases[] = {{0, "0"}, {1, "-1"}};
   for (const auto& c : cases) {
-    XPCDict reply = handler.handle({{"throttle", ""}, {"enable", c.enable}}, m_root);
-    EXPECT_EQ(*xpcString(reply, "throttle"), "OK");
+    EXPECT_EQ(handler.handle({{"throttle", ""}, {"enable", c.enable}}, m_root), (XPCDict{{"throttle", "OK"}}));
     EXPECT_EQ(readTrimmed(m_sys / "block/sda/queue/wbt_lat_usec"), c.value);
     EXPECT_EQ(readTrimmed(m_sys / "block/nvme0n1/queue/wbt_lat_usec"), c.value);
     EXPECT_EQ(readTrimmed(m_sys / "block/loop0/queue/wbt_lat_usec"), "2000");  // virtual: untouched
