@@ -1,20 +1,17 @@
 // The process table over the real /proc, served in-process, with the real pelmora-nettop: a child
 // that reads and writes a file and moves bytes over a loopback TCP pair shows disk and network
 // rates on the second refresh.
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <thread>
 #include <vector>
 
+#include "common/child.h"
 #include "common/eventually.h"
+#include "common/loopback_pair.h"
 #include "common/sim_helper.h"
 #include "helper_link/in_process_transport.h"
 #include "helper_link/pelmora.h"
@@ -46,45 +43,18 @@ using test::eventually;
   }
 }
 
-struct TcpPair {
-  int tx = -1, rx = -1;
-  TcpPair() {
-    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof addr;
-    if (::bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || ::listen(listener, 1) != 0 ||
-        ::getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
-      std::abort();
-    tx = ::socket(AF_INET, SOCK_STREAM, 0);
-    if (::connect(tx, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) std::abort();
-    rx = ::accept(listener, nullptr, nullptr);
-    ::close(listener);
-  }
-  ~TcpPair() {
-    ::close(tx);
-    ::close(rx);
-  }
-};
-
 TEST(LiveTable, ChildShowsDiskAndNetworkRatesOnTheSecondRefresh) {
   test::SimRoot dir;
   const std::string file = (dir.dir() / "churn.bin").string();
   std::vector<char> buffer(1 << 20, 'p');
-  pid_t child;
-  {
-    TcpPair pair;
-    child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) churn(file.c_str(), pair.tx, pair.rx, buffer.data(), buffer.size());
-  }
+  const test::LoopbackPair pair;
+  const test::Child churning(
+      [&] { churn(file.c_str(), pair.client.get(), pair.server.get(), buffer.data(), buffer.size()); });
+  const pid_t child = churning.pid();
   Pelmora helper(std::make_unique<InProcessTransport>());
   DefaultSettings settings(dir.settingsFile());
-  CPULimiter::Options options;
-  options.nettop_path = std::string(PELMORA_BINARY_DIR) + "/src/nettop/pelmora-nettop";
-  options.journal_dir = dir.journalDir();
-  CPULimiter limiter(helper, SysRoot::current(), settings, options);
+  CPULimiter limiter(helper, SysRoot::current(), settings,
+                     {std::string(PELMORA_BINARY_DIR) + "/src/nettop/pelmora-nettop", dir.journalDir()});
   ASSERT_TRUE(limiter.start());
   EXPECT_TRUE(limiter.nettopRunning());
 
@@ -141,8 +111,6 @@ TEST(LiveTable, ChildShowsDiskAndNetworkRatesOnTheSecondRefresh) {
   EXPECT_TRUE(limiter.nettopRunning());
   limiter.removeTableClient();
   limiter.stop();
-  ::kill(child, SIGKILL);
-  ::waitpid(child, nullptr, 0);
 }
 
 }  // namespace

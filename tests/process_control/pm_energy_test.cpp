@@ -1,6 +1,6 @@
 // The energy-impact weights: which table is used, and the formula.
 #include "process_control/pm_energy.h"
-#include "common/sim_helper.h"
+#include "common/temp_dir.h"
 
 #include <gtest/gtest.h>
 
@@ -9,17 +9,12 @@
 namespace pelmora {
 namespace {
 
-void write(const std::filesystem::path& file, const std::string& text) {
-  std::filesystem::create_directories(file.parent_path());
-  std::ofstream(file) << text;
-}
-
 TEST(PMEnergy, BoardTableElseTheProgramsOwnElseNothing) {
-  test::SimRoot dir;
-  const auto boards = dir.dir() / "boards";
-  const auto fallback = dir.dir() / "pmenergy.json";
-  write(fallback, R"({"energy_constants": {"kcpu_time": 2.0}})");
-  write(boards / "X570 AORUS.json", R"({"energy_constants": {"kcpu_time": 3.0}})");
+  const test::TempDir dir;
+  const SysRoot root((dir / "proc").string(), (dir / "sys").string());
+  const auto boards = dir / "boards";
+  const auto fallback = dir.write("pmenergy.json", R"({"energy_constants": {"kcpu_time": 2.0}})");
+  dir.write("boards/X570 AORUS.json", R"({"energy_constants": {"kcpu_time": 3.0}})");
   struct Case {
     const char* what;
     const char* board_name;  // /sys/class/dmi/id/board_name, or null
@@ -35,16 +30,16 @@ TEST(PMEnergy, BoardTableElseTheProgramsOwnElseNothing) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    std::filesystem::remove_all(dir.dir() / "sys");
-    if (c.board_name) write(dir.dir() / "sys/class/dmi/id/board_name", c.board_name);
-    if (c.dt_model) write(dir.dir() / "sys/firmware/devicetree/base/model", std::string(c.dt_model) + '\0');
-    EXPECT_EQ(PMEnergy::boardName(dir.root()), c.expected_board);
-    EXPECT_EQ(PMEnergy(dir.root(), boards, fallback).coefficient("kcpu_time"), c.kcpu);
+    std::filesystem::remove_all(dir / "sys");
+    if (c.board_name) dir.write("sys/class/dmi/id/board_name", c.board_name);
+    if (c.dt_model) dir.write("sys/firmware/devicetree/base/model", std::string(c.dt_model) + '\0');
+    EXPECT_EQ(PMEnergy::boardName(root), c.expected_board);
+    EXPECT_EQ(PMEnergy(root, boards, fallback).coefficient("kcpu_time"), c.kcpu);
   }
   // No file at all, or a file without "energy_constants": every weight is 0.
-  EXPECT_TRUE(PMEnergy(dir.root(), boards, dir.dir() / "missing.json").constants().empty());
-  write(fallback, R"({"other": {"kcpu_time": 2.0}})");
-  EXPECT_TRUE(PMEnergy(dir.root(), boards, fallback).constants().empty());
+  EXPECT_TRUE(PMEnergy(root, boards, dir / "missing.json").constants().empty());
+  dir.write("pmenergy.json", R"({"other": {"kcpu_time": 2.0}})");
+  EXPECT_TRUE(PMEnergy(root, boards, fallback).constants().empty());
 }
 
 TEST(PMEnergy, TheShippedTableHasTheFourWeights) {
@@ -57,11 +52,10 @@ TEST(PMEnergy, TheShippedTableHasTheFourWeights) {
 }
 
 TEST(PMEnergy, ImpactIsTheWeightedSumTimesAHundred) {
-  test::SimRoot dir;
-  const auto file = dir.dir() / "e.json";
-  write(file, R"({"energy_constants": {"kcpu_time": 1.5, "kcpu_wakeups": 0.01,
+  const test::TempDir dir;
+  const auto file = dir.write("e.json", R"({"energy_constants": {"kcpu_time": 1.5, "kcpu_wakeups": 0.01,
                   "kdiskio_bytesread": 0.001, "kdiskio_byteswritten": "heavy"}})");
-  const PMEnergy energy(dir.root(), dir.dir() / "none", file);
+  const PMEnergy energy(SysRoot((dir / "proc").string(), (dir / "sys").string()), dir / "none", file);
   EXPECT_EQ(energy.coefficient("kdiskio_byteswritten"), 0.0);  // not a number
   procinfo p;
   p.pid = 42;

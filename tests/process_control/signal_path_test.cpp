@@ -50,15 +50,8 @@ TEST(SignalPath, LaterStopsAndContinuesSkipTheChecksOnlyWhereTheyCannotChange) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    // Ended by hand: once reaped, its pid may name someone else's process.
-    struct Busy {
-      pid_t pid = test::busyChild();
-      bool reaped = false;
-      ~Busy() {
-        if (!reaped) test::endChild(pid);
-      }
-    } child;
-    const pid_t pid = child.pid;
+    test::Child child = test::Child::busy();
+    const pid_t pid = child.pid();
     ASSERT_GT(pid, 0);
     // The handler reads the process from a copy of its /proc files, owned by the caller.
     const test::TempDir dir;
@@ -87,8 +80,7 @@ TEST(SignalPath, LaterStopsAndContinuesSkipTheChecksOnlyWhereTheyCannotChange) {
     EXPECT_EQ(kill(handler, caller, pid, SIGCONT), 0);  // a redundant continue, as after "continue all"
     EXPECT_TRUE(eventually([&] { return procState(pid) != 'T'; }));
     // Gone and reaped: its pid may name another process by now, which the kept pidfd never reaches.
-    test::endChild(pid);
-    child.reaped = true;
+    { const test::Child ending = std::move(child); }  // once reaped, ending it again could hit another process
     EXPECT_EQ(kill(handler, caller, pid, SIGSTOP), ESRCH);
     EXPECT_EQ(kill(handler, caller, pid, SIGCONT), ESRCH);
   }
