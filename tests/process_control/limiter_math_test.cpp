@@ -59,65 +59,35 @@ TEST(LimiterStep, StateTable) {
   }
 }
 
-TEST(Adjuster, ProportionalLaw) {
+// The adjuster over a 500 ms interval at a 0.5 target (30 ms ticks): the proportional law moves the
+// budget by the error times 30 000 us; the PID law by u = kp e + ki I + kd d, its integral I learning
+// only from intervals in which the process was held, both clamped to the processor count.
+TEST(Adjuster, ProportionalAndPIDLaws) {
+  const AdjusterSettings p{}, pid{true, 0.5, 0.25, 0.0125, 30};
   struct Case {
     const char* what;
-    double share;
-    int64_t used_us;  // over the 500 ms interval
-    double quantum_before;
-    double quantum_after;
-  };
-  const Case cases[] = {
-      {"on target: unchanged", 0.5, 250'000, 15000, 15000},
-      {"0.2 above a 0.5 target loses 0.2 x 30 000", 0.5, 350'000, 15000, 9000},
-      {"0.2 below gains the same", 0.5, 150'000, 15000, 21000},
-      {"never above twice the nominal quantum", 0.5, 0, 25000, 30000},
-      {"never below 0", 0.1, 500'000, 1000, 0},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    pidInfo r = limited(c.share);
-    r.creditQuantum = c.quantum_before;
-    r.totalCPU = 2'000'000 + c.used_us;
-    adjustInfo info;
-    info.cpu = 2'000'000;
-    info.sumOffset = 0.3;  // carried untouched in proportional mode
-    info.prevOffset = 0.1;
-    info.update = at(0);
-    const auto step = adjusterStep(r, info, AdjusterSettings{}, 4, at(500'000));
-    ASSERT_TRUE(step);
-    EXPECT_NEAR(step->creditQuantum, c.quantum_after, 1e-6);
-    EXPECT_EQ(step->info.prevOffset, 0.1);
-    EXPECT_EQ(step->info.sumOffset, c.quantum_after == 0 ? 0.0 : 0.3);
-    EXPECT_EQ(step->info.cpu, r.totalCPU);
-    EXPECT_EQ(step->info.update, at(500'000));
-  }
-  adjustInfo fresh = freshAdjustInfo(limited(0.5), at(500'000));
-  EXPECT_FALSE(adjusterStep(limited(0.5), fresh, AdjusterSettings{}, 4, at(500'000)));  // no time passed
-}
-
-TEST(Adjuster, PIDLaw) {
-  const AdjusterSettings pid{true, 0.5, 0.25, 0.0125, 30};
-  struct Case {
-    const char* what;
+    const AdjusterSettings& law;
     int64_t used_us, stopped_us;
-    double cpus, sum_before, prev_before;
-    double sum_after, u;
+    double cpus, quantum_before, sum_before, prev_before;
+    double quantum_after, sum_after, prev_after;
   };
-  // dt = 0.5 s, target 0.5.
   const Case cases[] = {
-      // e = 0.2; held stopped, so the integral learns: 0.1 + 0.5 x 0.2 = 0.2; d = (0.2 - 0.1) / 0.5.
-      {"stopped interval", 350'000, 1000, 4, 0.1, 0.1, 0.2, 0.5 * 0.2 + 0.25 * 0.2 + 0.0125 * 0.2},
-      // Never stopped: the integral stays.
-      {"not stopped", 350'000, 0, 4, 0.1, 0.1, 0.1, 0.5 * 0.2 + 0.25 * 0.1 + 0.0125 * 0.2},
-      // Integral clamped to N.
-      {"integral clamp", 350'000, 1000, 1, 0.95, 0.2, 1.0, 0.5 * 0.2 + 0.25 * 1.0},
-      // No processor count: integral and derivative clamp to 0, P still acts.
-      {"no processor count", 350'000, 1000, 0, 0.5, -3, 0.0, 0.5 * 0.2},
+      // Proportional: the integral and the last error are carried untouched.
+      {"on target: unchanged", p, 250'000, 0, 4, 15000, 0.3, 0.1, 15000, 0.3, 0.1},
+      {"0.2 above loses 0.2 x 30 000", p, 350'000, 0, 4, 15000, 0.3, 0.1, 9000, 0.3, 0.1},
+      {"0.2 below gains the same", p, 150'000, 0, 4, 15000, 0.3, 0.1, 21000, 0.3, 0.1},
+      {"never above twice the nominal quantum", p, 0, 0, 4, 25000, 0.3, 0.1, 30000, 0.3, 0.1},
+      {"never below 0, which resets the integral", p, 500'000, 0, 4, 1000, 0.3, 0.1, 0, 0, 0.1},
+      // e = 0.2. Held: I = 0.1 + 0.5 x 0.2; d = (0.2 - 0.1) / 0.5; u = 0.1 + 0.05 + 0.0025.
+      {"PID, a held interval", pid, 350'000, 1000, 4, 15000, 0.1, 0.1, 10425, 0.2, 0.2},
+      {"PID, never stopped: I stays", pid, 350'000, 0, 4, 15000, 0.1, 0.1, 11175, 0.1, 0.2},
+      {"PID, I clamped to N = 1; d = 0", pid, 350'000, 1000, 1, 15000, 0.95, 0.2, 4500, 1.0, 0.2},
+      {"PID, no processor count: I and d clamp to 0", pid, 350'000, 1000, 0, 15000, 0.5, -3, 12000, 0.0, 0.2},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     pidInfo r = limited(0.5);
+    r.creditQuantum = c.quantum_before;
     r.totalCPU = 1'000'000 + c.used_us;
     r.totalTimeStopped = 5000 + c.stopped_us;
     adjustInfo info;
@@ -126,11 +96,14 @@ TEST(Adjuster, PIDLaw) {
     info.sumOffset = c.sum_before;
     info.prevOffset = c.prev_before;
     info.update = at(0);
-    const auto step = adjusterStep(r, info, pid, c.cpus, at(500'000));
+    const auto step = adjusterStep(r, info, c.law, c.cpus, at(500'000));
     ASSERT_TRUE(step);
+    EXPECT_NEAR(step->creditQuantum, c.quantum_after, 1e-6);
     EXPECT_NEAR(step->info.sumOffset, c.sum_after, 1e-12);
-    EXPECT_NEAR(step->info.prevOffset, 0.2, 1e-12);
-    EXPECT_NEAR(step->creditQuantum, 15000 - c.u * 30000, 1e-6);
+    EXPECT_NEAR(step->info.prevOffset, c.prev_after, 1e-12);
+    EXPECT_EQ(step->info.cpu, r.totalCPU);
+    EXPECT_EQ(step->info.stopped, r.totalTimeStopped);
+    EXPECT_EQ(step->info.update, at(500'000));
   }
 }
 
