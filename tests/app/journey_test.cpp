@@ -18,7 +18,6 @@
 #include <cstdio>
 #include <functional>
 #include <memory>
-#include <sstream>
 
 #include "app/app_rig.h"
 #include "app/dock.h"
@@ -68,30 +67,21 @@ void answerDialog(const std::function<void()>& open, std::function<void(D*)> set
   ASSERT_TRUE(*answered);
 }
 
-// The four processors of the scratch tree busy for a quarter of each tick, so every CPU graph shows
-// a band well above its floor.
-class ScratchTicks {
- public:
-  ScratchTicks(AppRig& rig) : m_rig(rig) {}
-  void tick(int times) {
-    for (int i = 0; i < times; ++i) {
-      ++m_k;
-      std::ostringstream stat;
-      stat << "cpu  0 0 0 0 0 0 0 0 0 0\n";
-      for (int cpu = 0; cpu < 4; ++cpu)
-        stat << "cpu" << cpu << " " << 20 * m_k << " 0 " << 10 * m_k << " " << 90 * m_k << " 0 0 0 0 0 0\n";
-      m_rig.scratch.write("proc/stat", stat.str());
-      m_clock.advance_us(6'000'000);  // past any update interval of the graphs and the icon
-      m_rig.sampler->tick();
-      RunLoop::main().runUntilIdle();
-    }
+// Samples of the scratch tree's four processors, each busy for a quarter of the time, so that every
+// CPU graph shows a band well above its floor; each one past any update interval of the graphs and
+// the icon.
+void tick(AppRig& rig, FakeClock& clock, int64_t& k, int times) {
+  for (int i = 0; i < times; ++i, ++k) {
+    std::string stat = "cpu  0 0 0 0 0 0 0 0 0 0\n";
+    for (int cpu = 0; cpu < 4; ++cpu)
+      stat += "cpu" + std::to_string(cpu) + " " + std::to_string(20 * k) + " 0 " + std::to_string(10 * k) + " " +
+              std::to_string(90 * k) + " 0 0 0 0 0 0\n";
+    rig.scratch.write("proc/stat", stat);
+    clock.advance_us(6'000'000);
+    rig.sampler->tick();
+    RunLoop::main().runUntilIdle();
   }
-
- private:
-  AppRig& m_rig;
-  FakeClock m_clock;
-  int64_t m_k = 0;
-};
+}
 
 // Pixels of the chosen magenta, plain or as the fill's lighter tint; the default series colours
 // (green, red) have no such pixel.
@@ -116,11 +106,12 @@ TEST(Journey, LegendColourAndLabelFontThroughTheirDialogs) {
   keys::kDockDisplay.save(rig.rig.store, static_cast<int>(Dock::Display::CPU));
   keys::kAppPelmora.save(rig.rig.store, false);  // not the first launch: no About box
   rig.app->finishLaunching();
-  ScratchTicks ticks(rig);
+  FakeClock clock;
+  int64_t k = 1;
   menuItem(*rig.app, "Statistics")->trigger();
   SystemStatsWindow* stats = SystemStatsWindow::instance();
   ASSERT_NE(stats, nullptr);
-  ticks.tick(3);
+  tick(rig, clock, k, 3);
   GraphViewCPU* total = stats->totalCpuView();
   EXPECT_EQ(magentaPixels(total->grab().toImage()), 0);
 
@@ -130,7 +121,7 @@ TEST(Journey, LegendColourAndLabelFontThroughTheirDialogs) {
   answerDialog<QColorDialog>([&] { QTest::mouseClick(total->legend()->colorButton(0), Qt::LeftButton); },
                              [](QColorDialog* dialog) { dialog->setCurrentColor(QColor(255, 0, 255)); });
   app_test::deleteLater();  // the popup's deferred delete runs, as it would in the event loop
-  ticks.tick(1);
+  tick(rig, clock, k, 1);
   EXPECT_GT(magentaPixels(total->grab().toImage()), 0) << "the window draws the new colour";
 
   QFont chosen = stats->labelFont();
@@ -148,7 +139,7 @@ TEST(Journey, LegendColourAndLabelFontThroughTheirDialogs) {
   rig.restart();
   ASSERT_EQ(rig.app->dock()->displayType(), Dock::Display::CPU);
   EXPECT_EQ(GraphPalette::colors(GraphClass::cpu)[0], (GraphColor{255, 0, 255, 255}));
-  ticks.tick(3);
+  tick(rig, clock, k, 3);
   EXPECT_GT(magentaPixels(rig.app->dock()->icon().pixmap(Dock::kTileSize_px).toImage()), 0)
       << "the live icon draws the saved colour after a restart";
 }
@@ -197,13 +188,15 @@ uint64_t cpuTicks(pid_t pid) {
   return stat ? stat->utime_ticks + stat->stime_ticks : 0;
 }
 
-// Pumps both event queues of the GUI thread (Qt's and the main queue) for the given time.
-void pump(std::chrono::milliseconds time) {
+// Pumps both event queues of the GUI thread (Qt's and the main queue) for the given time, or until
+// `done` holds (a bound, never a measurement); whether it held.
+bool pump(std::chrono::milliseconds time, const std::function<bool()>& done = nullptr) {
   const auto until = std::chrono::steady_clock::now() + time;
-  while (std::chrono::steady_clock::now() < until) {
+  while (std::chrono::steady_clock::now() < until && !(done && done())) {
     QCoreApplication::processEvents();
     RunLoop::main().runFor(std::chrono::milliseconds(5));
   }
+  return done && done();
 }
 
 struct Watched {
@@ -250,7 +243,7 @@ TEST(Journey, LockButtonWaitsForThePasswordWhileTheGuiAnswersAndTheLimitedChildK
     menuItem(app, "Processes")->trigger();
     ProcinfoWindow* processes = ProcinfoWindow::shared();
     ASSERT_NE(processes, nullptr);
-    for (int i = 0; i < 400 && processes->model().rowOfPid(child.pid()) < 0; ++i) pump(std::chrono::milliseconds(25));
+    pump(std::chrono::seconds(10), [&] { return processes->model().rowOfPid(child.pid()) >= 0; });
     processes->selectPid(child.pid());
     ASSERT_TRUE(processes->limitControl()->controlEnabled());
     // Low enough that the child needs holding back however busy the machine is with other work.
@@ -259,15 +252,14 @@ TEST(Journey, LockButtonWaitsForThePasswordWhileTheGuiAnswersAndTheLimitedChildK
     const Watched before = watch(child.pid(), counts, std::chrono::milliseconds(3000));
     EXPECT_GT(before.cycles, 0) << "the limiter holds the child back";
     // The table reports the time the child was held stopped.
-    auto waiting = [&] { return limiter.rowFor(child.pid()).value_or(procinfo{}).pctWaiting; };
-    for (int i = 0; i < 2400 && waiting() <= 0.0; ++i) pump(std::chrono::milliseconds(25));
-    EXPECT_GT(waiting(), 0.0);
+    EXPECT_TRUE(pump(std::chrono::seconds(60),
+                     [&] { return limiter.rowFor(child.pid()).value_or(procinfo{}).pctWaiting > 0.0; }));
 
     PelmoraWindow* settings_window = app.window();
     QTest::mouseClick(settings_window->m_auth, Qt::LeftButton);
     // The click returned before the password was given: the GUI thread is free while the request
     // waits for it.
-    for (int i = 0; i < 500 && daemon.waiting() == 0; ++i) pump(std::chrono::milliseconds(10));
+    pump(std::chrono::seconds(5), [&] { return daemon.waiting() > 0; });
     ASSERT_EQ(daemon.waiting(), 1);
     EXPECT_EQ(settings_window->m_auth->text(), QStringLiteral("Waiting for authentication…"));
     EXPECT_FALSE(settings_window->m_auth->isEnabled());
@@ -280,9 +272,8 @@ TEST(Journey, LockButtonWaitsForThePasswordWhileTheGuiAnswersAndTheLimitedChildK
         before.share * 100.0, during.share * 100.0, before.cycles, during.cycles);
 
     daemon.givePassword();
-    for (int i = 0; i < 200 && !helper.authorised(); ++i) pump(std::chrono::milliseconds(10));
+    EXPECT_TRUE(pump(std::chrono::seconds(10), [&] { return helper.authorised(); }));
     pump(std::chrono::milliseconds(20));
-    EXPECT_TRUE(helper.authorised());
     EXPECT_TRUE(settings_window->m_throttle->isEnabled());
     EXPECT_EQ(settings_window->m_auth->text(), QStringLiteral("Click the lock to prevent changes"));
     processes->clearLimit();
