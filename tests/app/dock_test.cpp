@@ -129,7 +129,6 @@ TEST_F(DockTest, SavedKindRestoredAtTheNextStart) {
     }
     EXPECT_EQ(sampler->clientCount(), 0u) << "a destroyed Dock is no client";
     DefaultSettings reread(scratch.store().file());
-    EXPECT_EQ(reread.loadInt("DOCK_display", -1), raw);
     Dock restarted(*sampler, reread);
     EXPECT_EQ(restarted.displayType(), static_cast<Kind>(raw));
     EXPECT_EQ(restarted.attached(), raw != 0);
