@@ -1,5 +1,5 @@
-// The daemon-or-in-process routing: where each request goes, what is logged, and that a request
-// the daemon lost is never served a second time in-process.
+// The daemon-or-in-process routing: where each request goes, what is logged, that a request the
+// daemon lost is never served a second time in-process, and the mode a client reports.
 #include "helper_link/fallback_transport.h"
 
 #include <gtest/gtest.h>
@@ -12,17 +12,6 @@ namespace pelmora {
 namespace {
 
 using Lines = std::vector<std::string>;
-
-struct Routing {
-  std::shared_ptr<test::FakeWire> daemon = std::make_shared<test::FakeWire>();
-  std::shared_ptr<test::FakeWire> local = std::make_shared<test::FakeWire>();
-  bool daemon_up = false;
-  std::unique_ptr<FallbackTransport> make() {
-    return std::make_unique<FallbackTransport>(std::make_unique<test::FakeTransport>(daemon),
-                                               [this] { return daemon_up; },
-                                               std::make_unique<test::FakeTransport>(local));
-  }
-};
 
 const XPCDict kPing = {{"requestcpuinfo", ""}};
 
@@ -44,40 +33,29 @@ TEST(FallbackTransport, RoutesByWhetherTheDaemonAnswersAndLogsEachChangeOnce) {
       {true, true, {}},
       {false, false, {FallbackTransport::kInProcessLine}},
   };
-  Routing routing;
-  auto transport = routing.make();
+  auto daemon = std::make_shared<test::FakeWire>(), local = std::make_shared<test::FakeWire>();
+  bool daemon_up = false;
+  auto owned = std::make_unique<FallbackTransport>(
+      std::make_unique<test::FakeTransport>(daemon), [&] { return daemon_up; },
+      std::make_unique<test::FakeTransport>(local));
+  FallbackTransport* transport = owned.get();
+  Pelmora client(std::move(owned));  // which reports the mode of its transport
   size_t to_daemon = 0, to_local = 0;
   for (size_t i = 0; i < steps.size(); ++i) {
-    routing.daemon_up = steps[i].daemon_up;
-    routing.daemon->answer = [&](const XPCDict&) {
-      return steps[i].reply_lost ? std::nullopt : std::optional(XPCDict{});
-    };
+    daemon_up = steps[i].daemon_up;
+    daemon->answer = [&](const XPCDict&) { return steps[i].reply_lost ? std::nullopt : std::optional(XPCDict{}); };
     LogCapture log;
     EXPECT_EQ(transport->exchange(kPing).has_value(), !steps[i].reply_lost) << "step " << i;
     transport->sendOneWay({{"quit", ""}});
     (steps[i].to_daemon ? to_daemon : to_local) += 1;
-    EXPECT_EQ(routing.daemon->requests.size(), to_daemon) << "step " << i;
-    EXPECT_EQ(routing.local->requests.size(), to_local) << "step " << i;
-    EXPECT_EQ(routing.daemon->one_way.size(), to_daemon) << "step " << i;
-    EXPECT_EQ(routing.local->one_way.size(), to_local) << "step " << i;
+    EXPECT_EQ(daemon->requests.size(), to_daemon) << "step " << i;
+    EXPECT_EQ(local->requests.size(), to_local) << "step " << i;
+    EXPECT_EQ(daemon->one_way.size(), to_daemon) << "step " << i;
+    EXPECT_EQ(local->one_way.size(), to_local) << "step " << i;
     EXPECT_EQ(log.lines(), steps[i].log) << "step " << i;
     EXPECT_EQ(transport->viaDaemon(), steps[i].to_daemon) << "step " << i;
+    EXPECT_EQ(client.viaDaemon(), steps[i].to_daemon) << "step " << i;
   }
-}
-
-TEST(FallbackTransport, PelmoraReportsTheModeAndGetsInProcessAnswers) {
-  Routing routing;
-  routing.local->answer = [](const XPCDict&) { return XPCDict{{"setcpu", "the privileged helper is not running"}}; };
-  Pelmora client(routing.make());
-  LogCapture log;
-  EXPECT_FALSE(client.viaDaemon());
-  EXPECT_FALSE(client.setCpuCount(1, true, false));
-  EXPECT_EQ(log.lines(), (Lines{FallbackTransport::kInProcessLine,
-                                "setcpucount response: the privileged helper is not running."}));
-  routing.daemon_up = true;
-  routing.daemon->answer = [](const XPCDict&) { return XPCDict{{"setcpu", "OK"}}; };
-  EXPECT_TRUE(client.setCpuCount(1, true, false));
-  EXPECT_TRUE(client.viaDaemon());
 }
 
 using ms = std::chrono::milliseconds;
