@@ -8,8 +8,6 @@
 
 #include "common/sim_limiter.h"
 #include "process_control/cpu_limiter.h"
-#include "process_control/power_monitor.h"
-#include "process_control/proc_settings.h"
 #include "support/broadcast.h"
 #include "support/logger.h"
 #include "support/main_queue.h"
@@ -199,29 +197,6 @@ TEST(Refresh, CountersGoingBackAndUnreadableProcesses) {
       EXPECT_EQ(std::count(lines.begin(), lines.end(), c.line), 1);
     }
   }
-}
-
-TEST(Refresh, NewProcessGetsItsSavedLimitAndPriority) {
-  test::SimLimiter t;
-  auto& limiter = *t.limiter;
-  limiter.procSettings().setLimit("encoder", kACPowerName, 0.25);
-  limiter.procSettings().setPriority("encoder", kACPowerName, 7);
-  limiter.procSettings().setLimit("other", kBatteryPowerName, 0.5);
-  const uint32_t me = ::getuid();
-  t.add(20, {.name = "encoder", .uid = me});
-  t.add(21, {.name = "other", .uid = me});
-  // Another user's program of the same name: the saved lists are the user's own business.
-  t.add(22, {.name = "encoder", .uid = me + 1});
-  limiter.refresh();
-  const auto limits = limiter.limits();
-  ASSERT_EQ(limits.size(), 1u);  // not 21, saved for battery only, nor 22
-  EXPECT_DOUBLE_EQ(limits.at(20).cpuLimit, 0.25);
-  EXPECT_DOUBLE_EQ(limits.at(20).creditQuantum, 7500.0);
-  EXPECT_EQ(t.wire->priorities, (std::vector<std::pair<int32_t, int64_t>>{{20, 7}}));
-  // Only at the first sighting.
-  t.clock.advance_us(1'000'000);
-  limiter.refresh();
-  EXPECT_EQ(t.wire->priorities.size(), 1u);
 }
 
 TEST(Refresh, TimerRefreshesAtItsIntervalAndKeepsTheFastPeriodWhileLimiting) {

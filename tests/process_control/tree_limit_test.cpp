@@ -53,12 +53,7 @@ TEST(TallyGroup, ChargesWhatEachMemberUsedAndNewbornsFromBirth) {
       {"members that ran", {{1, 100}, {2, 50}}, {{1, 130}, {2, 70}}, {}, 50, {}},
       {"a child forked during the hold: all its time", {{1, 100}}, {{1, 110}, {2, 25}}, {2}, 35, {}},
       {"an adopted older process: none of its past", {{1, 100}}, {{1, 110}, {2, 9000}}, {}, 10, {}},
-      {"a member that exited, unreadable or unlisted",
-       {{1, 100}, {2, 5}, {3, 7}},
-       {{1, 100}, {2, std::nullopt}},
-       {},
-       0,
-       {2, 3}},
+      {"exited: unreadable or unlisted", {{1, 100}, {2, 5}, {3, 7}}, {{1, 100}, {2, std::nullopt}}, {}, 0, {2, 3}},
       {"a counter that went backwards starts afresh", {{1, 100}}, {{1, 40}}, {}, 40, {}},
       {"a newborn that is already gone is no member", {{1, 100}}, {{1, 100}, {2, std::nullopt}}, {2}, 0, {}},
   };
@@ -223,6 +218,9 @@ TEST(TreeLimit, EveryWayOutContinuesEveryMember) {
   }
 }
 
+// Saved lists apply at a process's first sighting only, to this user's processes and for the current
+// source: the limit, with its children when saved so (older files have no tree flag), and the
+// priority, which a held tree gives every member.
 TEST(TreeLimit, RememberedByNameWithItsChildrenAndOldSettingsStillLoad) {
   struct Case {
     const char* what;
@@ -239,14 +237,22 @@ TEST(TreeLimit, RememberedByNameWithItsChildrenAndOldSettingsStillLoad) {
     SCOPED_TRACE(c.what);
     TreeRig r;
     r.limiter.reset();
-    r.settings.saveDict("limited", {{"AC Power", {{"make", 0.3}}}});
+    r.settings.saveDict("limited", {{"AC Power", {{"make", 0.3}}}, {"Battery Power", {{"other", 0.5}}}});
+    r.settings.saveDict("reniced", {{"AC Power", {{"make", 7}}}});
     if (!c.limited_tree.is_null()) r.settings.saveDict("limited_tree", c.limited_tree);
+    r.SimLimiter::add(300, test::SimProcess{.name = "make", .uid = ::getuid() + 1});  // another user's
     r.make();
     r.limiter->refresh();
+    r.clock.advance_us(1'000'000);
+    r.limiter->refresh();
     EXPECT_EQ(r.limiter->limitFor(100), 0.3);
+    EXPECT_DOUBLE_EQ(r.limiter->limits().at(100).creditQuantum, 9000.0);
     EXPECT_EQ(r.limiter->trees().count(100), c.expect_tree ? 1u : 0u);
-    // The members, named otherwise, are not limited apart.
+    // Not the members, named otherwise, nor "other", saved for battery only, nor 300.
     EXPECT_EQ(r.limiter->limits().size(), 1u);
+    std::vector<std::pair<int32_t, int64_t>> reniced = {{100, 7}};
+    if (c.expect_tree) reniced.insert(reniced.end(), {{101, 7}, {102, 7}, {103, 7}});
+    EXPECT_EQ(r.wire->priorities, reniced);
   }
 }
 
