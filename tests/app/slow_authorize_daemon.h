@@ -4,9 +4,10 @@
 // into the password dialog would), or until a minute has passed; the daemon then grants it.
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <filesystem>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -18,31 +19,15 @@
 
 namespace pelmora::app_test {
 
-class PasswordPrompt : public Authorizer {
- public:
+struct PasswordPrompt : Authorizer {
   std::string authorize(const CallerIdentity&) override { return "OK"; }
-  void wait() {
-    std::unique_lock lock(m_mutex);
-    ++m_waiting;
-    m_answer.wait_for(lock, std::chrono::minutes(1), [this] { return m_password_given; });
-    --m_waiting;
+  void give() {
+    std::call_once(given, [this] { password.set_value(); });
   }
-  // "authorize" requests that are waiting for the password now.
-  int waiting() {
-    std::lock_guard lock(m_mutex);
-    return m_waiting;
-  }
-  void givePassword() {
-    std::lock_guard lock(m_mutex);
-    m_password_given = true;
-    m_answer.notify_all();
-  }
-
- private:
-  std::mutex m_mutex;
-  std::condition_variable m_answer;
-  bool m_password_given = false;
-  int m_waiting = 0;
+  std::promise<void> password;
+  std::shared_future<void> typed = password.get_future().share();
+  std::once_flag given;
+  std::atomic<int> waiting{0};  // "authorize" requests waiting for the password now
 };
 
 class HeldAuthorizeTransport : public XPCTransport {
@@ -50,7 +35,11 @@ class HeldAuthorizeTransport : public XPCTransport {
   HeldAuthorizeTransport(const std::string& path, std::shared_ptr<PasswordPrompt> prompt)
       : m_real(path, kAuthorizeTimeout_ms), m_prompt(std::move(prompt)) {}
   std::optional<XPCDict> exchange(const XPCDict& request) override {
-    if (xpcHas(request, "authorize")) m_prompt->wait();
+    if (xpcHas(request, "authorize")) {
+      ++m_prompt->waiting;
+      m_prompt->typed.wait_for(std::chrono::minutes(1));
+      --m_prompt->waiting;
+    }
     return m_real.exchange(request);
   }
   void sendOneWay(const XPCDict& message) override { m_real.sendOneWay(message); }
@@ -86,8 +75,8 @@ class SlowAuthorizeDaemon {
   std::unique_ptr<XPCTransport> authorizeTransport() {
     return std::make_unique<HeldAuthorizeTransport>(m_path, m_prompt);
   }
-  int waiting() { return m_prompt->waiting(); }
-  void givePassword() { m_prompt->givePassword(); }
+  int waiting() const { return m_prompt->waiting; }
+  void givePassword() { m_prompt->give(); }
 
  private:
   const std::string m_path;
