@@ -6,10 +6,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 
+#include "common/eventually.h"
 #include "common/temp_dir.h"
 #include "process_control/proc_settings.h"
 #include "sampling/battery_collector.h"
@@ -26,12 +26,9 @@ namespace {
 
 // Counts "pelmora.powersource" deliveries on the main run loop for the life of the object.
 struct BroadcastCounter {
-  explicit BroadcastCounter(bool quit_on_delivery = false) {
+  BroadcastCounter() {
     RunLoop::main().runUntilIdle();  // nothing from an earlier test may count here
-    AddListener(kPowerSourceBroadcast, "test counter", [this, quit_on_delivery](const std::string&) {
-      ++count;
-      if (quit_on_delivery) RunLoop::main().quit();
-    });
+    AddListener(kPowerSourceBroadcast, "test counter", [this](const std::string&) { ++count; });
   }
   ~BroadcastCounter() { RemoveListener(kPowerSourceBroadcast, "test counter"); }
   int deliveredSoFar() {
@@ -164,11 +161,11 @@ TEST_F(PowerTree, AChangeIsAnnouncedExactlyOnce) {
 
 TEST_F(PowerTree, ThePollNoticesAnUnpluggedCharger) {
   PowerMonitor monitor(root(), {.use_device_monitor = false, .poll_interval_us = 10'000});
-  BroadcastCounter counter(/*quit_on_delivery=*/true);
+  BroadcastCounter counter;
   monitor.startMonitoring();
   EXPECT_TRUE(monitor.monitoring());
   plug(false);
-  RunLoop::main().runFor(std::chrono::seconds(20));  // returns at the first delivery
+  EXPECT_TRUE(test::runUntil([&] { return counter.count > 0; }));
   monitor.stopMonitoring();
   EXPECT_EQ(counter.deliveredSoFar(), 1);
   EXPECT_EQ(monitor.powerSource(), PowerSource::battery);
