@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -87,9 +88,15 @@ inline char procState(pid_t pid) {
   return close != std::string::npos && close + 2 < stat.size() ? stat[close + 2] : '?';
 }
 
+// In a forked child that is still root: back to nice 0 whatever the runner's nice, so that what
+// counts as raising or lowering a child's priority does not depend on how the tests were started
+// (a runner at nice 19 makes every child 19, and then no renice raises it).
+inline void startAtNiceZero() { ::setpriority(PRIO_PROCESS, 0, 0); }
+
 // A child that sleeps until it is ended, as `uid` unless that is 0; returned once it sleeps.
 inline Child sleepingChild(uid_t uid = 0) {
   Child child([uid] {
+    startAtNiceZero();
     if (uid != 0 && (::setgid(uid) != 0 || ::setuid(uid) != 0)) ::_exit(1);
     for (;;) ::pause();
   });

@@ -102,6 +102,7 @@ test::Child twoNiceThreads(pid_t* worker) {
   int fds[2];
   if (::pipe(fds) != 0) std::abort();
   test::Child process([fds] {
+    test::startAtNiceZero();
     if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(1);
     std::thread([fd = fds[1]] {
       const pid_t tid = static_cast<pid_t>(::gettid());
@@ -126,7 +127,7 @@ TEST_F(HelperDaemonTest, ReniceChecksEveryThreadItChanges) {
         SysRoot::readFile("/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/stat").value_or(""));
     return stat ? stat->nice : -100;
   };
-  ASSERT_EQ(niceOf(worker), 19);
+  ASSERT_EQ(std::pair(niceOf(pid), niceOf(worker)), std::pair(int64_t{0}, int64_t{19}));
   auto renice = [&](int64_t priority) { return XPCDict{{"setpriority", ""}, {"pid", pid}, {"priority", priority}}; };
   // Nice 0 changes nothing on the main thread but would lower the worker; raising every thread is
   // the owner's right.
