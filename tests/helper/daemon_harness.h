@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <thread>
@@ -120,7 +121,9 @@ class HelperDaemonChild {
       ::execv(binary.c_str(), argv.data());
       ::_exit(127);
     }
-    m_ready = eventually([this] { return SocketTransport(m_socket).connected(); });
+    // Answered, not just connected: the kernel queues connections once the socket listens, before
+    // the daemon has made the rest of its descriptors, which a count taken then would miss.
+    m_ready = eventually([this] { return SocketTransport(m_socket).exchange({{"requestcpuinfo", ""}}).has_value(); });
   }
   ~HelperDaemonChild() {
     ::kill(m_pid, SIGTERM);
@@ -133,7 +136,15 @@ class HelperDaemonChild {
   // What the daemon wrote to stderr so far.
   std::string log() const { return SysRoot::readFile(m_log.string()).value_or(""); }
   // Open descriptors of the daemon.
-  size_t openFds() const { return SysRoot::listDir("/proc/" + std::to_string(m_pid) + "/fd").size(); }
+  size_t openFds() const { return SysRoot::listDir(fdDir()).size(); }
+  // Each open descriptor and what it points at, one a line: for a failure message.
+  std::string fdTargets() const {
+    std::string out;
+    std::error_code error;
+    for (const std::string& fd : SysRoot::listDir(fdDir()))
+      out += fd + " -> " + std::filesystem::read_symlink(fdDir() + "/" + fd, error).string() + "\n";
+    return out;
+  }
   // Processes the daemon started that are still alive (zombies not counted), as the kernel lists them.
   size_t liveChildren() const {
     size_t count = 0;
@@ -142,6 +153,7 @@ class HelperDaemonChild {
   }
 
  private:
+  std::string fdDir() const { return "/proc/" + std::to_string(m_pid) + "/fd"; }
   TempDir m_dir;
   std::filesystem::path m_sys;
   std::filesystem::path m_log;

@@ -92,8 +92,8 @@ TEST_F(HelperDaemonTest, AFloodOfConnectionsWritesFewLogLinesAndLeavesNoDescript
   const auto windows = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start).count() / 10 + 2;
   EXPECT_LE(lines() - before, static_cast<size_t>(windows * 21));
   // At most as many as before: a connection of an earlier test may still have been closing then.
-  EXPECT_TRUE(eventually([&] { return s_daemon->openFds() <= fds_before; }))
-      << s_daemon->openFds() << " vs " << fds_before;
+  EXPECT_TRUE(eventually([&] { return s_daemon->openFds() <= fds_before; })) << fds_before << " before, now:\n"
+                                                                             << s_daemon->fdTargets();
 }
 
 // A process of uid 65534 whose main thread runs at nice 0 and whose second thread set itself to 19;
