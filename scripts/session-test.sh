@@ -242,11 +242,14 @@ proc_ticks() { awk '{ sub(/^.*\) /, ""); print $12 + $13 }' "/proc/$1/stat"; }
 
 # held_and_free PID SECONDS: "HELD FREE", PID's share and that of an unheld busy loop of the same user
 # over the same seconds. On a machine busy with other work a busy loop gets less than a whole
-# processor, and a held one can reach its limit only where an unheld one would.
+# processor, and a held one can reach its limit only where an unheld one would. The counting starts
+# two seconds on: a hold just begun first pays back what the loop ran before it, and the unheld loop
+# is new competition that the limiter takes a few duty cycles to make up for.
 held_and_free() {
   local free hz t0 f0 t1 f1
   free=$(start_busy "$(stat -c %U "/proc/$1")" pm-unheld)
   hz=$(getconf CLK_TCK)
+  sleep 2
   t0=$(proc_ticks "$1"); f0=$(proc_ticks "$free"); sleep "$2"; t1=$(proc_ticks "$1"); f1=$(proc_ticks "$free")
   kill -KILL "$free"
   awk -v d=$((t1 - t0)) -v f=$((f1 - f0)) -v hz="$hz" -v s="$2" \
