@@ -3,18 +3,23 @@
 #include <QApplication>
 #include <QCheckBox>
 #include <QComboBox>
-#include <QRadioButton>
-#include <QSpinBox>
 #include <QImage>
 #include <QLabel>
 #include <QLocale>
 #include <QMenu>
 #include <QMouseEvent>
+#include <QPainterPath>
 #include <QPushButton>
+#include <QRadioButton>
+#include <QSpinBox>
+#include <QThreadPool>
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
+#include <random>
 #include <tuple>
 
 #include "common/temp_dir.h"
@@ -26,6 +31,17 @@
 #include "graphs/views/text_display.h"
 #include "support/default_settings.h"
 #include "support/settings_keys.h"
+
+// Tasks handed to Qt's global thread pool, counted where Qt starts them: this definition takes the
+// place of QtCore's for the whole test program (the program's own symbols are bound first) and
+// passes every call on to it.
+std::atomic<int> g_pool_tasks{0};
+void QThreadPool::start(std::function<void()> functionToRun, int priority) {
+  using Start = void (*)(QThreadPool*, std::function<void()>*, int);
+  static const auto qt_start = reinterpret_cast<Start>(dlsym(RTLD_NEXT, "_ZN11QThreadPool5startESt8functionIFvvEEi"));
+  ++g_pool_tasks;
+  qt_start(this, &functionToRun, priority);
+}
 
 namespace fs = std::filesystem;
 using namespace pelmora;
@@ -188,14 +204,14 @@ TEST_F(GraphWidgetTest, GridsAreDrawnUnderTheSeriesOnlyWhenSwitchedOn) {
   EXPECT_EQ(greyPixels(), 0);
 }
 
-// A view of one kind, labelled "L" in a window's size; fed known samples unless `fed` is false.
+// A view of one kind, labelled "L" in the size given; fed known samples unless the size is empty.
 template <typename View, typename... Inputs>
-std::function<std::unique_ptr<GraphView>(bool)> viewOf(Inputs... inputs) {
-  return [=](bool fed) -> std::unique_ptr<GraphView> {
+std::function<std::unique_ptr<GraphView>(QSize)> viewOf(Inputs... inputs) {
+  return [=](QSize size) -> std::unique_ptr<GraphView> {
     auto view = std::make_unique<View>();
-    view->resize(300, 100);
+    view->resize(size);
     view->setLabel("L");
-    if (fed) view->update(inputs...);
+    if (!size.isEmpty()) view->update(inputs...);
     return view;
   };
 }
@@ -207,7 +223,7 @@ TEST_F(GraphWidgetTest, EveryKindsLegendCaptionAndScale) {
   const std::vector<ioStats> io{{0, 0, 0, 0}, {1536, 512, 1500, 500}, {3072, 2048, 2000, 1500}};
   const struct {
     const char* kind;
-    std::function<std::unique_ptr<GraphView>(bool)> make;
+    std::function<std::unique_ptr<GraphView>(QSize)> make;
     const char* legend;  // the title, then one row per series, joined by "|"
     const char* before;  // nullptr: not checked
     const char* after;
@@ -254,9 +270,9 @@ TEST_F(GraphWidgetTest, EveryKindsLegendCaptionAndScale) {
     SCOPED_TRACE(k.kind);
     GraphSwitches::current().show_current = true;
     if (k.before) {
-      EXPECT_EQ(k.make(false)->labelText().toStdString(), k.before);
+      EXPECT_EQ(k.make({})->labelText().toStdString(), k.before);
     }
-    auto view = k.make(true);
+    auto view = k.make({300, 100});
     EXPECT_EQ(view->labelText().toStdString(), k.after);
     const QString axis = view->axisText();
     EXPECT_EQ(axis.section("\ttop: ", 1).toStdString(), k.top) << axis.toStdString();
@@ -274,6 +290,106 @@ TEST_F(GraphWidgetTest, EveryKindsLegendCaptionAndScale) {
     EXPECT_EQ(view->labelText().toStdString(), k.dock ? k.dock : k.after);
     GraphSwitches::current().show_current = false;
     EXPECT_EQ(view->labelText(), "L");
+  }
+}
+
+// The pieces the area under a series is filled in, against the whole outline filled at once: the
+// same pixels, and none of the pieces reaches Qt's thread pool.
+TEST_F(GraphWidgetTest, TheAreaUnderASeriesIsFilledInPiecesWithTheSamePixelsAndNoPoolTask) {
+  std::mt19937 random(27);
+  auto noise = [&](double from, double to) { return std::uniform_real_distribution<double>(from, to)(random); };
+  const struct {
+    const char* shape;
+    size_t entries;
+    std::function<double(size_t)> value;
+  } shapes[] = {
+      {"an idle processor", 400, [&](size_t) { return noise(0.0, 0.05); }},
+      {"noise over the whole height", 400, [&](size_t) { return noise(0.0, 1.0); }},
+      {"rare spikes", 400, [&](size_t i) { return i % 9 == 0 ? noise(0.8, 1.0) : noise(0.0, 0.03); }},
+      {"a flat half", 400, [](size_t) { return 0.5; }},
+      {"over the top", 400, [&](size_t) { return noise(0.9, 1.4); }},
+      {"a short history", 12, [&](size_t) { return noise(0.3, 0.9); }},
+      {"one entry", 1, [](size_t) { return 0.7; }},
+  };
+  const QSize sizes[] = {{300, 100}, {641, 240}, {97, 400}, {22, 22}};
+  const QColor fill = toQColor(adjustColourAndAlpha(system_colors::green, 0.4));
+  int whole_tasks = 0;
+  for (const auto& shape : shapes) {
+    for (const auto& size : sizes) {
+      SCOPED_TRACE(std::string(shape.shape) + " in " + std::to_string(size.width()) + "x" +
+                   std::to_string(size.height()));
+      std::vector<double> values;
+      for (size_t i = 0; i < shape.entries; ++i) values.push_back(shape.value(i));
+      const SeriesPath path = plotSeries(size.width(), size.height(), values.size(),
+                                         [&](size_t i) { return values[i]; });
+      auto painted = [&](const std::function<void(QPainter&)>& draw, int& tasks) {
+        QImage image(size, QImage::Format_ARGB32_Premultiplied);
+        image.fill(Qt::white);
+        QPainter painter(&image);
+        painter.setRenderHint(QPainter::Antialiasing, true);
+        const int before = g_pool_tasks;
+        draw(painter);
+        tasks = g_pool_tasks - before;
+        return image;
+      };
+      int piece_tasks = 0, outline_tasks = 0;
+      const QImage pieces = painted([&](QPainter& p) { GraphView::fillUnder(p, path, size.height(), fill); },
+                                    piece_tasks);
+      const QImage whole = painted(
+          [&](QPainter& p) {
+            QPainterPath outline;
+            outline.moveTo(path.fill[0].x, size.height() - path.fill[0].y);
+            for (const GraphPoint& point : path.fill) outline.lineTo(point.x, size.height() - point.y);
+            p.fillPath(outline, fill);
+          },
+          outline_tasks);
+      EXPECT_EQ(piece_tasks, 0);
+      whole_tasks += outline_tasks;
+      int differing = 0;
+      for (int y = 0; y < size.height(); ++y)
+        for (int x = 0; x < size.width(); ++x) differing += pieces.pixel(x, y) != whole.pixel(x, y);
+      EXPECT_EQ(differing, 0);
+    }
+  }
+  EXPECT_GT(whole_tasks, 0);  // the counter sees the pool the whole outlines reach
+}
+
+// Every kind repainted with a busy history, in windows and in the tray: no pool task.
+TEST_F(GraphWidgetTest, NoKindsRepaintReachesThePool) {
+  GraphSwitches::current().fill_graph = true;
+  GraphSwitches::current().show_scale_grid = GraphSwitches::current().show_time_grid = true;
+  std::mt19937 random(5);
+  auto noise = [&](int64_t top) { return std::uniform_int_distribution<int64_t>(0, top)(random); };
+  std::vector<cpu_sample_t> cpu{{}};
+  std::vector<netStats> net{{}};
+  std::vector<memoryStats> memory;
+  std::vector<loadAverage> load;
+  for (int i = 0; i < 400; ++i) {
+    const auto& c = cpu.back();
+    const int64_t user = noise(60), system = noise(40);
+    cpu.push_back({c.totalSystemTime + system, c.totalUserTime + user, c.totalIdleTime + 100 - user - system, 2000});
+    net.push_back({net.back().bytes_in + (i % 7 ? noise(2000) : noise(900000)), net.back().bytes_out + noise(5000)});
+    memory.push_back({noise(100), 300 + noise(50), 200 + noise(50), 100});
+    load.push_back({double(noise(400)) / 100, 2, 1});
+  }
+  const struct {
+    const char* kind;
+    std::function<std::unique_ptr<GraphView>(QSize)> make;
+  } kinds[] = {
+      {"processor", viewOf<GraphViewCPU>(cpu, true)},
+      {"network", viewOf<GraphViewNet>(net)},
+      {"memory", viewOf<GraphViewMEM>(memory, int64_t{800})},
+      {"load", viewOf<GraphViewLoad>(load)},
+  };
+  for (const auto& k : kinds) {
+    for (const QSize size : {QSize(300, 100), QSize(640, 320), QSize(22, 22)}) {
+      SCOPED_TRACE(std::string(k.kind) + " " + std::to_string(size.width()));
+      auto view = k.make(size);
+      view->setShowsCaption(size.width() > 22);
+      const int before = g_pool_tasks;
+      const QImage image = view->grab().toImage();
+      EXPECT_EQ(g_pool_tasks - before, 0);
+    }
   }
 }
 

@@ -6,8 +6,10 @@
 #include <QPainterPath>
 
 #include <algorithm>
+#include <cmath>
 
 #include "graphs/value_formatter.h"
+#include "graphs/views/fill_piece.h"
 #include "graphs/views/graph_legend.h"
 #include "graphs/views/graph_popover.h"
 #include "graphs/views/text_display.h"
@@ -24,6 +26,14 @@ constexpr double kLabelPointSize = 10.0;
 constexpr double kLabelInset = 2.0;
 constexpr int kMinWidth_px = 60;
 const QColor kGridGray(142, 142, 147);
+
+QPainterPath outlineOf(const std::vector<GraphPoint>& points, double h, bool close) {
+  QPainterPath p;
+  p.moveTo(points.front().x, h - points.front().y);
+  for (size_t k = 1; k < points.size(); ++k) p.lineTo(points[k].x, h - points[k].y);
+  if (close) p.closeSubpath();
+  return p;
+}
 
 }  // namespace
 
@@ -135,16 +145,39 @@ void GraphView::plot(QPainter& painter, size_t series, size_t count, bool may_fi
   const GraphColor color = series < colors.size() ? colors[series] : system_colors::gray;
   const double h = plotHeight();
   const SeriesPath path = plotSeries(width(), h, count, value);
-  auto toPath = [h](const std::vector<GraphPoint>& points, bool close) {
-    QPainterPath p;
-    p.moveTo(points.front().x, h - points.front().y);
-    for (size_t k = 1; k < points.size(); ++k) p.lineTo(points[k].x, h - points[k].y);
-    if (close) p.closeSubpath();
-    return p;
-  };
-  painter.strokePath(toPath(path.stroke, false), QPen(toQColor(color), 1.0));
+  painter.strokePath(outlineOf(path.stroke, h, false), QPen(toQColor(color), 1.0));
   if (may_fill && GraphSwitches::current().fill_graph)
-    painter.fillPath(toPath(path.fill, true), toQColor(adjustColourAndAlpha(color, fill_factor)));
+    fillUnder(painter, path, h, toQColor(adjustColourAndAlpha(color, fill_factor)));
+}
+
+// At once where the outline is not the one the pieces are cut from, and under a clip (the live icon's
+// rounded frame): the pieces' bound counts spans before a clip path splits them, and a frame's
+// anti-aliased corners split one span into many.
+void GraphView::fillUnder(QPainter& painter, const SeriesPath& path, double h, const QColor& color) {
+  if (painter.hasClipping()) return painter.fillPath(outlineOf(path.fill, h, true), color);
+  std::vector<GraphPoint> top;
+  for (size_t k = 1; k < path.stroke.size(); ++k) top.push_back({path.stroke[k].x, h - path.stroke[k].y});
+  const bool cut = !top.empty() && h == std::floor(h) && path.fill.size() == path.stroke.size() + 2 &&
+                   path.stroke.front() == GraphPoint{top.front().x, 0.0} && path.fill.back() == path.stroke.front() &&
+                   path.fill[path.fill.size() - 2] == GraphPoint{top.back().x - 1.0, 0.0};
+  const auto pieces = cut ? fillPieces(top, static_cast<int>(h)) : std::vector<FillPiece>{};
+  if (pieces.empty()) return painter.fillPath(outlineOf(path.fill, h, true), color);
+  for (const FillPiece& piece : pieces) {
+    const QRect clip(piece.clip.x, piece.clip.y, piece.clip.width, piece.clip.height);
+    if (piece.solid) {
+      painter.fillRect(clip, color);
+      continue;
+    }
+    QPainterPath slab;
+    slab.moveTo(top[piece.first].x, h);
+    for (size_t k = piece.first; k <= piece.last; ++k) slab.lineTo(top[k].x, top[k].y);
+    slab.lineTo(top[piece.last].x - (piece.last + 1 == top.size() ? 1.0 : 0.0), h);
+    slab.closeSubpath();
+    painter.save();
+    painter.setClipRect(clip, Qt::IntersectClip);
+    painter.fillPath(slab, color);
+    painter.restore();
+  }
 }
 
 void GraphView::drawLabel(QPainter& painter) {

@@ -81,6 +81,9 @@ class GraphView : public QWidget {
   // A number in the user's locale, and a value scaled to a unit prefix.
   static QString number(double value, int decimals);
   static QString formatted(double value, int base, int decimals, const QString& unit);
+  // The area under a series as plotSeries outlines it in data `plot_height` pixels tall, filled in
+  // pieces that keep Qt's raster painter off its thread pool (fill_piece.h).
+  static void fillUnder(QPainter& painter, const SeriesPath& path, double plot_height, const QColor& color);
 
  protected:
   virtual void updateLegend() {}
