@@ -4,7 +4,8 @@
 // statistics and process windows open, beside `top -b -d 5` and `top -b -d 1` over the same time.
 // Wake-ups are the voluntary and nonvoluntary context switches of every thread of the process and
 // of its children. Each program is measured after a settling time, so its start-up is not counted.
-//   bench_app_footprint [--seconds N] [--extra M] [--settle S]
+// --app measures another build of the application (an older one, to compare in the same session).
+//   bench_app_footprint [--seconds N] [--extra M] [--settle S] [--app PATH]
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -147,11 +148,14 @@ std::vector<pid_t> sleepers(int count) {
 int main(int argc, char** argv) {
   double seconds = 30, settle = 5;
   int extra = 1000;
+  std::string app = PELMORA_APP_BINARY;
   for (int i = 1; i + 1 < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--seconds") seconds = parseDouble(argv[++i]).value_or(seconds);
     else if (arg == "--settle") settle = parseDouble(argv[++i]).value_or(settle);
     else if (arg == "--extra") extra = static_cast<int>(parseInt64(argv[++i]).value_or(extra));
+    else if (arg == "--app")
+      app = argv[++i];
   }
   const auto extra_pids = sleepers(extra);
   const auto home = std::filesystem::temp_directory_path() / ("pelmora-footprint-" + std::to_string(getpid()));
@@ -163,7 +167,6 @@ int main(int argc, char** argv) {
     std::vector<std::string> args;
     int app_mode;  // -1: not the application; 0: first launch; 1: windows open
   };
-  const std::string app = PELMORA_APP_BINARY;
   const Subject subjects[] = {
       {"pelmora-app, first launch", {app}, 0},
       {"pelmora-app, statistics + process windows", {app}, 1},
