@@ -293,8 +293,9 @@ TEST_F(GraphWidgetTest, EveryKindsLegendCaptionAndScale) {
   }
 }
 
-// The pieces the area under a series is filled in, against the whole outline filled at once: the
-// same pixels, and none of the pieces reaches Qt's thread pool.
+// The pieces the area under a series is filled in, against the whole outline filled at once, on
+// the white of a view and in the live icon's rounded frame: the same pixels, and none of the pieces
+// reaches Qt's thread pool.
 TEST_F(GraphWidgetTest, TheAreaUnderASeriesIsFilledInPiecesWithTheSamePixelsAndNoPoolTask) {
   std::mt19937 random(27);
   auto noise = [&](double from, double to) { return std::uniform_real_distribution<double>(from, to)(random); };
@@ -311,13 +312,17 @@ TEST_F(GraphWidgetTest, TheAreaUnderASeriesIsFilledInPiecesWithTheSamePixelsAndN
       {"a short history", 12, [&](size_t) { return noise(0.3, 0.9); }},
       {"one entry", 1, [](size_t) { return 0.7; }},
   };
-  const QSize sizes[] = {{300, 100}, {641, 240}, {97, 400}, {22, 22}};
+  const struct {
+    QSize size;
+    bool framed;  // clipped to the live icon's rounded frame
+  } sizes[] = {{{300, 100}, false}, {{641, 240}, false}, {{97, 400}, false},
+               {{22, 22}, false},   {{128, 128}, true},  {{300, 180}, true}};
   const QColor fill = toQColor(adjustColourAndAlpha(system_colors::green, 0.4));
   int whole_tasks = 0;
   for (const auto& shape : shapes) {
-    for (const auto& size : sizes) {
+    for (const auto& [size, framed] : sizes) {
       SCOPED_TRACE(std::string(shape.shape) + " in " + std::to_string(size.width()) + "x" +
-                   std::to_string(size.height()));
+                   std::to_string(size.height()) + (framed ? " framed" : ""));
       std::vector<double> values;
       for (size_t i = 0; i < shape.entries; ++i) values.push_back(shape.value(i));
       const SeriesPath path = plotSeries(size.width(), size.height(), values.size(),
@@ -327,14 +332,20 @@ TEST_F(GraphWidgetTest, TheAreaUnderASeriesIsFilledInPiecesWithTheSamePixelsAndN
         image.fill(Qt::white);
         QPainter painter(&image);
         painter.setRenderHint(QPainter::Antialiasing, true);
+        QPainterPath frame;
+        frame.addRoundedRect(QRectF(image.rect()), GraphView::kCornerRadius, GraphView::kCornerRadius);
+        if (framed) painter.setClipPath(frame);
         const int before = g_pool_tasks;
         draw(painter);
         tasks = g_pool_tasks - before;
         return image;
       };
       int piece_tasks = 0, outline_tasks = 0;
-      const QImage pieces = painted([&](QPainter& p) { GraphView::fillUnder(p, path, size.height(), fill); },
-                                    piece_tasks);
+      const QImage pieces = painted(
+          [&](QPainter& p) {
+            GraphView::fillUnder(p, path, size.height(), fill, framed ? std::optional(QRect({}, size)) : std::nullopt);
+          },
+          piece_tasks);
       const QImage whole = painted(
           [&](QPainter& p) {
             QPainterPath outline;
@@ -354,7 +365,7 @@ TEST_F(GraphWidgetTest, TheAreaUnderASeriesIsFilledInPiecesWithTheSamePixelsAndN
   EXPECT_GT(whole_tasks, 0);  // the counter sees the pool the whole outlines reach
 }
 
-// Every kind repainted with a busy history, in windows and in the tray: no pool task.
+// Every kind repainted with a busy history, in windows, in the tray and as the live icon: no pool task.
 TEST_F(GraphWidgetTest, NoKindsRepaintReachesThePool) {
   GraphSwitches::current().fill_graph = true;
   GraphSwitches::current().show_scale_grid = GraphSwitches::current().show_time_grid = true;
@@ -382,10 +393,11 @@ TEST_F(GraphWidgetTest, NoKindsRepaintReachesThePool) {
       {"load", viewOf<GraphViewLoad>(load)},
   };
   for (const auto& k : kinds) {
-    for (const QSize size : {QSize(300, 100), QSize(640, 320), QSize(22, 22)}) {
+    for (const QSize size : {QSize(300, 100), QSize(640, 320), QSize(22, 22), QSize(128, 128)}) {
       SCOPED_TRACE(std::string(k.kind) + " " + std::to_string(size.width()));
       auto view = k.make(size);
-      view->setShowsCaption(size.width() > 22);
+      view->setShowsCaption(size.width() != 22);
+      view->setDisplayDock(size.width() == 128);
       const int before = g_pool_tasks;
       const QImage image = view->grab().toImage();
       EXPECT_EQ(g_pool_tasks - before, 0);

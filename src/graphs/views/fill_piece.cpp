@@ -107,7 +107,40 @@ void pushRows(std::vector<FillPiece>& out, FillPiece piece, int from, int bottom
   }
 }
 
+PixelRect intersected(const PixelRect& a, const PixelRect& b) {
+  const int x = std::max(a.x, b.x), y = std::max(a.y, b.y);
+  const int right = std::min(a.x + a.width, b.x + b.width), bottom = std::min(a.y + a.height, b.y + b.height);
+  return {x, y, std::max(0, right - x), std::max(0, bottom - y)};
+}
+
 }  // namespace
+
+std::vector<FramedPart> framedParts(const PixelRect& piece, const PixelRect& frame, int corner_px) {
+  const int c = std::clamp(corner_px, 0, std::min(frame.width, frame.height) / 2);
+  const int right = frame.x + frame.width, bottom = frame.y + frame.height;
+  const PixelRect plain[] = {{frame.x, frame.y + c, frame.width, frame.height - 2 * c},
+                             {frame.x + c, frame.y, frame.width - 2 * c, c},
+                             {frame.x + c, bottom - c, frame.width - 2 * c, c}};
+  const PixelRect corners[] = {{frame.x, frame.y, c, c},
+                               {right - c, frame.y, c, c},
+                               {frame.x, bottom - c, c, c},
+                               {right - c, bottom - c, c, c}};
+  std::vector<FramedPart> parts;
+  for (const PixelRect& area : plain) {
+    const PixelRect part = intersected(piece, area);
+    if (part.width > 0 && part.height > 0) parts.push_back({part, false});
+  }
+  for (const PixelRect& area : corners) {
+    const PixelRect part = intersected(piece, area);
+    if (part.width <= 0 || part.height <= 0) continue;
+    // The corner's whole width, each pixel one span at most: a piece's outline covers no column
+    // outside its own, and Qt takes a clip path cut to one span per row, all alike, for a rectangle
+    // and drops its partial cover.
+    const int rows = std::max(1, kMaxSpansPerFill / area.width), end = part.y + part.height;
+    for (int y = part.y; y < end; y += rows) parts.push_back({{area.x, y, area.width, std::min(rows, end - y)}, true});
+  }
+  return parts;
+}
 
 std::vector<FillPiece> fillPieces(const std::vector<GraphPoint>& top, int bottom_px) {
   if (!cuttable(top, bottom_px)) return {};

@@ -39,6 +39,18 @@ struct FillPiece {
   bool operator==(const FillPiece&) const = default;
 };
 
+// A piece's rectangle inside a frame with rounded corners that clips the painter (the live icon):
+// outside the corners' squares the frame covers every pixel wholly, so those parts need no clip path
+// and keep the piece's bound; inside them a clip path splits spans, so the parts there are kept to
+// fewer pixels than the bound. A corner's part spans the corner's width (the piece's outline limits
+// the columns), only its rows are the piece's.
+struct FramedPart {
+  PixelRect rect;
+  bool in_corner = false;
+  bool operator==(const FramedPart&) const = default;
+};
+std::vector<FramedPart> framedParts(const PixelRect& piece, const PixelRect& frame, int corner_px);
+
 // `top`: the series' points in device pixels from the right, on whole and falling x. The area lies
 // under them down to `bottom_px`, with a vertical right edge and a slanted left one down to
 // (top.back().x - 1, bottom_px). Empty when the points allow no exact cut (off whole pixels, or

@@ -21,7 +21,6 @@ namespace {
 
 DefaultSettings* g_store = nullptr;
 
-constexpr double kCornerRadius = 10.0;
 constexpr double kLabelPointSize = 10.0;
 constexpr double kLabelInset = 2.0;
 constexpr int kMinWidth_px = 60;
@@ -99,12 +98,19 @@ QColor GraphView::textColor() const {
   return palette().color(QPalette::Text);
 }
 
+// The frame, not the bounds: in the live icon the view sits at the origin, where both agree.
+QRect GraphView::frameRect() const { return isWindow() ? rect() : geometry(); }
+
+QPainterPath GraphView::roundedFrame(const QRect& frame) {
+  QPainterPath rounded;
+  rounded.addRoundedRect(QRectF(frame), kCornerRadius, kCornerRadius);
+  return rounded;
+}
+
 void GraphView::paintEvent(QPaintEvent* event) {
   QPainter painter(this);
   painter.save();
-  // The frame, not the bounds: in the live icon the view sits at the origin, where both agree.
-  QPainterPath rounded;
-  rounded.addRoundedRect(isWindow() ? QRectF(rect()) : QRectF(geometry()), kCornerRadius, kCornerRadius);
+  const QPainterPath rounded = roundedFrame(frameRect());
   if (m_display_dock) {
     painter.setRenderHint(QPainter::Antialiasing, true);
     painter.setClipPath(rounded);
@@ -147,36 +153,52 @@ void GraphView::plot(QPainter& painter, size_t series, size_t count, bool may_fi
   const SeriesPath path = plotSeries(width(), h, count, value);
   painter.strokePath(outlineOf(path.stroke, h, false), QPen(toQColor(color), 1.0));
   if (may_fill && GraphSwitches::current().fill_graph)
-    fillUnder(painter, path, h, toQColor(adjustColourAndAlpha(color, fill_factor)));
+    fillUnder(painter, path, h, toQColor(adjustColourAndAlpha(color, fill_factor)),
+              m_display_dock ? std::optional<QRect>(frameRect()) : std::nullopt);
 }
 
-// At once where the outline is not the one the pieces are cut from, and under a clip (the live icon's
-// rounded frame): the pieces' bound counts spans before a clip path splits them, and a frame's
-// anti-aliased corners split one span into many.
-void GraphView::fillUnder(QPainter& painter, const SeriesPath& path, double h, const QColor& color) {
-  if (painter.hasClipping()) return painter.fillPath(outlineOf(path.fill, h, true), color);
+// At once where the outline is not the one the pieces are cut from, and under a clip other than the
+// frame's: the pieces' bound counts spans before a clip path splits them.
+void GraphView::fillUnder(QPainter& painter, const SeriesPath& path, double h, const QColor& color,
+                          std::optional<QRect> frame) {
+  const auto whole = [&] { painter.fillPath(outlineOf(path.fill, h, true), color); };
+  if (painter.hasClipping() && !frame) return whole();
   std::vector<GraphPoint> top;
   for (size_t k = 1; k < path.stroke.size(); ++k) top.push_back({path.stroke[k].x, h - path.stroke[k].y});
   const bool cut = !top.empty() && h == std::floor(h) && path.fill.size() == path.stroke.size() + 2 &&
                    path.stroke.front() == GraphPoint{top.front().x, 0.0} && path.fill.back() == path.stroke.front() &&
                    path.fill[path.fill.size() - 2] == GraphPoint{top.back().x - 1.0, 0.0};
   const auto pieces = cut ? fillPieces(top, static_cast<int>(h)) : std::vector<FillPiece>{};
-  if (pieces.empty()) return painter.fillPath(outlineOf(path.fill, h, true), color);
+  if (pieces.empty()) return whole();
+  const auto toQRect = [](const PixelRect& r) { return QRect(r.x, r.y, r.width, r.height); };
   for (const FillPiece& piece : pieces) {
-    const QRect clip(piece.clip.x, piece.clip.y, piece.clip.width, piece.clip.height);
+    QPainterPath outline;
     if (piece.solid) {
-      painter.fillRect(clip, color);
-      continue;
+      outline.addPolygon(QPolygonF(QRectF(toQRect(piece.clip))));
+    } else {
+      outline.moveTo(top[piece.first].x, h);
+      for (size_t k = piece.first; k <= piece.last; ++k) outline.lineTo(top[k].x, top[k].y);
+      outline.lineTo(top[piece.last].x - (piece.last + 1 == top.size() ? 1.0 : 0.0), h);
     }
-    QPainterPath slab;
-    slab.moveTo(top[piece.first].x, h);
-    for (size_t k = piece.first; k <= piece.last; ++k) slab.lineTo(top[k].x, top[k].y);
-    slab.lineTo(top[piece.last].x - (piece.last + 1 == top.size() ? 1.0 : 0.0), h);
-    slab.closeSubpath();
-    painter.save();
-    painter.setClipRect(clip, Qt::IntersectClip);
-    painter.fillPath(slab, color);
-    painter.restore();
+    outline.closeSubpath();
+    const auto parts = frame ? framedParts(piece.clip, {frame->x(), frame->y(), frame->width(), frame->height()},
+                                           static_cast<int>(kCornerRadius))
+                             : std::vector<FramedPart>{{piece.clip, false}};
+    for (const FramedPart& part : parts) {
+      const QRect clip = toQRect(part.rect);
+      painter.save();
+      // Off the frame's corners the frame covers every pixel: the rectangle alone clips there. In a
+      // corner the frame's outline clips as well, cut to the rectangle.
+      painter.setClipRect(clip, Qt::ReplaceClip);
+      if (part.in_corner) painter.setClipPath(roundedFrame(*frame), Qt::IntersectClip);
+      // Qt 6.4 fills a rectangle through a clip path without the path's partial cover at the
+      // corners: there the rectangle is filled as an outline.
+      if (piece.solid && !part.in_corner)
+        painter.fillRect(clip, color);
+      else
+        painter.fillPath(outline, color);
+      painter.restore();
+    }
   }
 }
 

@@ -20,6 +20,7 @@
 #include "graphs/views/graph_kind.h"
 
 class QPainter;
+class QPainterPath;
 
 namespace pelmora {
 
@@ -82,8 +83,12 @@ class GraphView : public QWidget {
   static QString number(double value, int decimals);
   static QString formatted(double value, int base, int decimals, const QString& unit);
   // The area under a series as plotSeries outlines it in data `plot_height` pixels tall, filled in
-  // pieces that keep Qt's raster painter off its thread pool (fill_piece.h).
-  static void fillUnder(QPainter& painter, const SeriesPath& path, double plot_height, const QColor& color);
+  // pieces that keep Qt's raster painter off its thread pool (fill_piece.h). `frame`: the rectangle
+  // whose rounded outline (the live icon's) clips the painter.
+  static void fillUnder(QPainter& painter, const SeriesPath& path, double plot_height, const QColor& color,
+                        std::optional<QRect> frame = std::nullopt);
+  // The rounded frame of the live icon, corners of this radius.
+  static constexpr double kCornerRadius = 10.0;
 
  protected:
   virtual void updateLegend() {}
@@ -106,6 +111,8 @@ class GraphView : public QWidget {
   void showEvent(QShowEvent* event) override;
 
  private:
+  QRect frameRect() const;
+  static QPainterPath roundedFrame(const QRect& frame);
   void drawGrid(QPainter& painter);
   void drawLabel(QPainter& painter);
   void drawAxis(QPainter& painter);
