@@ -8,7 +8,7 @@
 //   bench_app_footprint [--seconds N] [--extra M] [--settle S] [--app PATH]
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -65,6 +65,13 @@ void treeUsage(pid_t pid, std::map<pid_t, Usage>& out) {
   }
 }
 
+// What this bench starts dies with it: a run cut short must not leave an application with open
+// windows, or a thousand sleepers, behind to disturb the next measurement.
+void dieWithParent(pid_t parent) {
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (::getppid() != parent) ::_exit(0);
+}
+
 pid_t spawn(std::vector<std::string> args, const std::vector<std::string>& env) {
   std::vector<std::string> env_s;
   for (char** e = environ; e && *e; ++e) env_s.emplace_back(*e);
@@ -74,13 +81,16 @@ pid_t spawn(std::vector<std::string> args, const std::vector<std::string>& env) 
   argv.push_back(nullptr);
   for (auto& e : env_s) envp.push_back(e.data());
   envp.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-  pid_t pid = -1;
-  if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) != 0) pid = -1;
-  posix_spawn_file_actions_destroy(&actions);
+  const pid_t parent = ::getpid();
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    dieWithParent(parent);
+    const int null = ::open("/dev/null", O_WRONLY);
+    ::dup2(null, STDOUT_FILENO);
+    ::dup2(null, STDERR_FILENO);
+    ::execvpe(argv[0], argv.data(), envp.data());
+    ::_exit(127);
+  }
   return pid;
 }
 
@@ -132,10 +142,12 @@ std::vector<std::string> appHome(const std::filesystem::path& dir, bool windows_
 }
 
 std::vector<pid_t> sleepers(int count) {
+  const pid_t parent = ::getpid();
   std::vector<pid_t> pids;
   for (int i = 0; i < count; ++i) {
     const pid_t pid = ::fork();
     if (pid == 0) {
+      dieWithParent(parent);
       for (;;) ::pause();
     }
     if (pid > 0) pids.push_back(pid);
