@@ -158,4 +158,15 @@ std::vector<FillPiece> fillPieces(const std::vector<GraphPoint>& top, int bottom
   return pieces;
 }
 
+std::vector<GraphPoint> cuttableTop(const SeriesPath& path, double plot_height) {
+  const double h = plot_height;
+  std::vector<GraphPoint> top;
+  for (size_t k = 1; k < path.stroke.size(); ++k) top.push_back({path.stroke[k].x, h - path.stroke[k].y});
+  const bool closed_down = !top.empty() && h == std::floor(h) && path.fill.size() == path.stroke.size() + 2 &&
+                           path.stroke.front() == GraphPoint{top.front().x, 0.0} &&
+                           path.fill.back() == path.stroke.front() &&
+                           path.fill[path.fill.size() - 2] == GraphPoint{top.back().x - 1.0, 0.0};
+  return closed_down ? top : std::vector<GraphPoint>{};
+}
+
 }  // namespace pelmora

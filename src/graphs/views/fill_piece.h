@@ -57,4 +57,9 @@ std::vector<FramedPart> framedParts(const PixelRect& piece, const PixelRect& fra
 // below the bottom): the caller fills the outline at once.
 std::vector<FillPiece> fillPieces(const std::vector<GraphPoint>& top, int bottom_px);
 
+// The top points fillPieces takes, in device pixels (y downwards), from a series plotSeries outlined
+// in data `plot_height` pixels tall (y upwards); empty when the area is not the shape the pieces are
+// cut from (a height off whole pixels, a fill that is not the stroke closed down to the axis).
+std::vector<GraphPoint> cuttableTop(const SeriesPath& path, double plot_height);
+
 }  // namespace pelmora

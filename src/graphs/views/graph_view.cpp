@@ -6,7 +6,6 @@
 #include <QPainterPath>
 
 #include <algorithm>
-#include <cmath>
 
 #include "graphs/value_formatter.h"
 #include "graphs/views/fill_piece.h"
@@ -25,6 +24,8 @@ constexpr double kLabelPointSize = 10.0;
 constexpr double kLabelInset = 2.0;
 constexpr int kMinWidth_px = 60;
 const QColor kGridGray(142, 142, 147);
+
+QRect toQRect(const PixelRect& r) { return QRect(r.x, r.y, r.width, r.height); }
 
 QPainterPath outlineOf(const std::vector<GraphPoint>& points, double h, bool close) {
   QPainterPath p;
@@ -163,43 +164,47 @@ void GraphView::fillUnder(QPainter& painter, const SeriesPath& path, double h, c
                           std::optional<QRect> frame) {
   const auto whole = [&] { painter.fillPath(outlineOf(path.fill, h, true), color); };
   if (painter.hasClipping() && !frame) return whole();
-  std::vector<GraphPoint> top;
-  for (size_t k = 1; k < path.stroke.size(); ++k) top.push_back({path.stroke[k].x, h - path.stroke[k].y});
-  const bool cut = !top.empty() && h == std::floor(h) && path.fill.size() == path.stroke.size() + 2 &&
-                   path.stroke.front() == GraphPoint{top.front().x, 0.0} && path.fill.back() == path.stroke.front() &&
-                   path.fill[path.fill.size() - 2] == GraphPoint{top.back().x - 1.0, 0.0};
-  const auto pieces = cut ? fillPieces(top, static_cast<int>(h)) : std::vector<FillPiece>{};
+  const std::vector<GraphPoint> top = cuttableTop(path, h);
+  const auto pieces = top.empty() ? std::vector<FillPiece>{} : fillPieces(top, static_cast<int>(h));
   if (pieces.empty()) return whole();
-  const auto toQRect = [](const PixelRect& r) { return QRect(r.x, r.y, r.width, r.height); };
   for (const FillPiece& piece : pieces) {
-    QPainterPath outline;
-    if (piece.solid) {
-      outline.addPolygon(QPolygonF(QRectF(toQRect(piece.clip))));
-    } else {
-      outline.moveTo(top[piece.first].x, h);
-      for (size_t k = piece.first; k <= piece.last; ++k) outline.lineTo(top[k].x, top[k].y);
-      outline.lineTo(top[piece.last].x - (piece.last + 1 == top.size() ? 1.0 : 0.0), h);
-    }
-    outline.closeSubpath();
+    const QPainterPath outline = pieceOutline(piece, top, h);
     const auto parts = frame ? framedParts(piece.clip, {frame->x(), frame->y(), frame->width(), frame->height()},
                                            static_cast<int>(kCornerRadius))
                              : std::vector<FramedPart>{{piece.clip, false}};
-    for (const FramedPart& part : parts) {
-      const QRect clip = toQRect(part.rect);
-      painter.save();
-      // Off the frame's corners the frame covers every pixel: the rectangle alone clips there. In a
-      // corner the frame's outline clips as well, cut to the rectangle.
-      painter.setClipRect(clip, Qt::ReplaceClip);
-      if (part.in_corner) painter.setClipPath(roundedFrame(*frame), Qt::IntersectClip);
-      // Qt 6.4 fills a rectangle through a clip path without the path's partial cover at the
-      // corners: there the rectangle is filled as an outline.
-      if (piece.solid && !part.in_corner)
-        painter.fillRect(clip, color);
-      else
-        painter.fillPath(outline, color);
-      painter.restore();
-    }
+    for (const FramedPart& part : parts) fillPart(painter, outline, piece.solid, part, frame, color);
   }
+}
+
+// The piece's slab under its top points, or its rectangle when it lies wholly inside the area.
+QPainterPath GraphView::pieceOutline(const FillPiece& piece, const std::vector<GraphPoint>& top, double h) {
+  QPainterPath outline;
+  if (piece.solid) {
+    outline.addPolygon(QPolygonF(QRectF(toQRect(piece.clip))));
+  } else {
+    outline.moveTo(top[piece.first].x, h);
+    for (size_t k = piece.first; k <= piece.last; ++k) outline.lineTo(top[k].x, top[k].y);
+    outline.lineTo(top[piece.last].x - (piece.last + 1 == top.size() ? 1.0 : 0.0), h);
+  }
+  outline.closeSubpath();
+  return outline;
+}
+
+void GraphView::fillPart(QPainter& painter, const QPainterPath& outline, bool solid, const FramedPart& part,
+                         std::optional<QRect> frame, const QColor& color) {
+  const QRect clip = toQRect(part.rect);
+  painter.save();
+  // Off the frame's corners the frame covers every pixel: the rectangle alone clips there. In a
+  // corner the frame's outline clips as well, cut to the rectangle.
+  painter.setClipRect(clip, Qt::ReplaceClip);
+  if (part.in_corner) painter.setClipPath(roundedFrame(*frame), Qt::IntersectClip);
+  // Qt 6.4 fills a rectangle through a clip path without the path's partial cover at the corners:
+  // there the rectangle is filled as an outline.
+  if (solid && !part.in_corner)
+    painter.fillRect(clip, color);
+  else
+    painter.fillPath(outline, color);
+  painter.restore();
 }
 
 void GraphView::drawLabel(QPainter& painter) {

@@ -25,6 +25,8 @@ class QPainterPath;
 namespace pelmora {
 
 class DefaultSettings;
+struct FillPiece;
+struct FramedPart;
 class GraphLegend;
 class GraphPopover;
 
@@ -113,6 +115,10 @@ class GraphView : public QWidget {
  private:
   QRect frameRect() const;
   static QPainterPath roundedFrame(const QRect& frame);
+  // fillUnder's steps: one piece's outline, and one part of it filled under its clip.
+  static QPainterPath pieceOutline(const FillPiece& piece, const std::vector<GraphPoint>& top, double h);
+  static void fillPart(QPainter& painter, const QPainterPath& outline, bool solid, const FramedPart& part,
+                       std::optional<QRect> frame, const QColor& color);
   void drawGrid(QPainter& painter);
   void drawLabel(QPainter& painter);
   void drawAxis(QPainter& painter);
