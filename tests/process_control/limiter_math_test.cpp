@@ -83,6 +83,8 @@ TEST(Adjuster, ProportionalAndPIDLaws) {
       {"PID, never stopped: I stays", pid, 350'000, 0, 4, 15000, 0.1, 0.1, 11175, 0.1, 0.2},
       {"PID, I clamped to N = 1; d = 0", pid, 350'000, 1000, 1, 15000, 0.95, 0.2, 4500, 1.0, 0.2},
       {"PID, no processor count: I and d clamp to 0", pid, 350'000, 1000, 0, 15000, 0.5, -3, 12000, 0.0, 0.2},
+      // d = (0.2 + 3) / 0.5 = 6.4, clamped to N / 0.5 s = 2: u = 0.1 + 0.05 + 0.025.
+      {"PID, d clamped to N per second", pid, 350'000, 1000, 1, 15000, 0.1, -3, 9750, 0.2, 0.2},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
