@@ -193,9 +193,13 @@ std::string FrequencySampler::measure(int64_t interval_ms) const {
 // --- the child ---------------------------------------------------------------------------------
 
 // Runs in the forked child of a threaded process: it touches no lock another thread could have held
-// at the fork (no logging); glibc's malloc and stdio are reset for the child by fork itself.
+// at the fork (no logging); glibc's malloc and stdio are reset for the child by fork itself. An
+// allocator that is not (AddressSanitizer's) can leave the child waiting for ever on a lock held at
+// the fork, and so could a hung driver read: the alarm ends the child a few seconds after its
+// measurement is due, so its reader sees end of file and no stuck child outlives us.
 void FrequencySampler::runChild(int output_fd, int64_t interval_ms) const {
   resetSignals();
+  ::alarm(static_cast<unsigned>(interval_ms / 1000 + kChildGrace_s));
   closeAllExcept(output_fd);
   writeAll(output_fd, measure(interval_ms));
   ::_exit(0);

@@ -73,6 +73,8 @@ class FrequencySampler {
  public:
   static constexpr int64_t kMinInterval_ms = 1;
   static constexpr int64_t kMaxInterval_ms = 10000;
+  // How long after its interval a child that has not finished is ended (SIGALRM).
+  static constexpr int64_t kChildGrace_s = 5;
 
   explicit FrequencySampler(SysRoot root, std::shared_ptr<MsrReader> msr = MsrReader::device());
 

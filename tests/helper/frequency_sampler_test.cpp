@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <poll.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -117,6 +119,27 @@ TEST(FrequencySampler, EachProcessorTakesTheBestSourceItHas) {
     FrequencySampler sampler(fixtureRoot(c.machine), std::make_shared<FakeMsr>(c.msr));
     EXPECT_EQ(sampler.measure(1), c.lines) << c.what;
   }
+}
+
+// A register read that never returns, as a hung driver would, or a lock that another thread held
+// at the fork and that the child can never take.
+class HungMsr : public MsrReader {
+ public:
+  std::optional<uint64_t> read(int, uint32_t) override {
+    for (;;) ::pause();
+  }
+};
+
+TEST(FrequencySampler, AStuckChildIsEndedAndItsReaderSeesTheEnd) {
+  const FrequencySampler sampler(fixtureRoot("freq-intel"), std::make_shared<HungMsr>());
+  const FrequencySampler::Started started = sampler.start(1);
+  ASSERT_GT(started.pid, 0) << started.error_text;
+  // A bound far beyond the child's deadline: a child left stuck keeps the pipe open for ever.
+  pollfd p{started.output.get(), POLLIN, 0};
+  char byte;
+  const bool end_of_file = ::poll(&p, 1, 30'000) == 1 && ::read(started.output.get(), &byte, 1) == 0;
+  if (!end_of_file) ::kill(started.pid, SIGKILL);
+  EXPECT_TRUE(end_of_file);
 }
 
 // --- over the wire, from the real daemon -----------------------------------------------------------
